@@ -1,0 +1,111 @@
+// The node configuration: what one TOML file says about a node.
+//
+// The file is found through SNANODE_CONFIG (default: ./snanode.toml when it
+// exists, else the built-in defaults).  Without a file the node still works on
+// one host: one local LU (alias LOCAL, name APPN.LOCAL) that is also reachable
+// as a partner under both names, and the mode #INTER.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace snanode::config {
+
+struct LocalLu {
+  std::string alias;    // up to 8 characters, what APPCLLU names
+  std::string lu_name;  // NETID.LUNAME
+  bool is_default = false;
+};
+
+struct PartnerLu {
+  std::string alias;    // up to 8 characters
+  std::string lu_name;  // NETID.LUNAME
+  std::string host;     // empty: this host
+};
+
+struct Mode {
+  std::string name;                  // up to 8 characters, upper case
+  uint32_t session_limit = 64;       // conversations at once per partner
+  uint32_t send_buffer_size = 4096;  // buffered data is sent past this size
+};
+
+struct SideInfo {
+  std::string sym_dest_name;  // up to 8 characters
+  std::string partner_lu;     // alias or NETID.LUNAME
+  std::string mode;
+  std::string tp_name;
+  uint32_t tp_name_type = 0;   // 0 application, 1 SNA service (tp_name is 8 hex digits)
+  uint32_t security_type = 1;  // 0 none, 1 same, 2 program, 5 program strong
+  std::string user_id;
+  std::string password;
+  std::string local_lu_alias;  // empty: none
+};
+
+struct InvokableTp {
+  std::string tp_name;
+  std::string program;
+  std::vector<std::string> arguments;
+  std::string local_lu_alias;         // empty: the default local LU
+  bool accept_basic = true;           // conversation types accepted
+  bool accept_mapped = true;
+  bool accept_sync_none = true;       // sync levels accepted
+  bool accept_sync_confirm = true;
+  bool security_required = false;     // allocations must carry a verified user
+  uint32_t queue_timeout_ms = 10000;  // an attach waits this long for the TP
+  uint32_t max_instances = 0;         // 0: no limit
+};
+
+struct User {
+  std::string user_id;
+  std::string password;  // empty with use_pam: verified by PAM
+};
+
+struct NodeConfig {
+  std::filesystem::path source;  // the file read, empty for defaults
+  std::string node_name = "SNANODE";
+  std::string network_id = "APPN";
+  std::vector<LocalLu> local_lus;
+  std::vector<PartnerLu> partner_lus;
+  std::vector<Mode> modes;
+  std::vector<SideInfo> side_info;
+  std::vector<InvokableTp> tps;
+  std::vector<User> users;
+  bool use_pam = false;
+  std::string pam_service = "snanode";
+  uint32_t attach_timeout_ms = 10000;  // attaches for non-invokable TP names
+  std::string socket_path;             // daemon socket; empty: default
+  std::string log_dir;                 // empty: default
+  bool trace = false;                  // API trace on
+  std::string trace_file;              // empty: default
+  std::vector<uint8_t> trace_flags;    // explicit flag bytes, if given
+};
+
+// A configuration file that cannot be used.  what() reads
+// "FILE:LINE:COLUMN: problem" and names one problem.
+class ConfigError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The built-in defaults (see above).
+NodeConfig default_config();
+
+// Parses and validates a file; throws ConfigError.
+NodeConfig load_config(const std::filesystem::path &file);
+
+// Parses and validates TOML text; `name` is used in messages.
+NodeConfig parse_config(const std::string &text, const std::string &name);
+
+// The configuration of this process, loaded once from SNANODE_CONFIG (or the
+// defaults).  Throws ConfigError when the named file cannot be used.
+const NodeConfig &current_config();
+
+// Drops the loaded configuration so the next current_config() reads again
+// (tests change SNANODE_CONFIG between cases).
+void reload_config();
+
+}  // namespace snanode::config
