@@ -25,10 +25,11 @@ uint16_t length_before(const uint8_t (&field)[N], unsigned char blank) {
 
 // Ends the current context when no conversation uses it any more: a program
 // that accepts again has finished with the context of its last conversation.
-void end_current_context_if_unused() {
-  if (SCC_has_current_context() && SCC_cccbs_using_tpid(pGCB->CurrentContext) == 0) {
-    SCC_context_ended(pGCB->CurrentContext, 1);
-  }
+// True when it was ended.
+bool end_current_context_if_unused() {
+  if (!SCC_has_current_context() || SCC_cccbs_using_tpid(pGCB->CurrentContext) != 0) return false;
+  SCC_context_ended(pGCB->CurrentContext, 1);
+  return true;
 }
 
 // Defines the process TP name at the node once per process, unless the
@@ -193,8 +194,9 @@ void cmaccp(unsigned char *conversation_id, CM_RETURN_CODE *return_code) {
   frame.set(SCC_inbound_get_cccb(&cccb, conversation_id));
   const bool made = *return_code == CM_OK;
   if (made) {
-    end_current_context_if_unused();
-    std::memset(pGCB->CurrentContext, 0, sizeof pGCB->CurrentContext);
+    if (end_current_context_if_unused()) {
+      std::memset(pGCB->CurrentContext, 0, sizeof pGCB->CurrentContext);
+    }
     // Always blocking: the new record has the default processing mode.
     frame.set(
         SCC_inbound_issue_verb(cccb, kVerbCMACCP, cmaccp_cb, true, conversation_id, return_code));

@@ -214,7 +214,9 @@ TEST_F(ConversationState, StateRulesOfEveryCall) {
       if (call.name == "CMALLC") {
         // A refused allocate still starts a TP and ends it again: two verbs
         // outside the conversation's own area.
-        if (state != S::kReset) EXPECT_EQ(snt_submitted_count(), submitted_before + 2) << what;
+        if (state != S::kReset) {
+          EXPECT_EQ(snt_submitted_count(), submitted_before + 2) << what;
+        }
       } else {
         EXPECT_EQ(snt_submitted_count(), submitted_before) << what;
       }
@@ -225,7 +227,9 @@ TEST_F(ConversationState, StateRulesOfEveryCall) {
       if (state == S::kReset) {
         const bool logs = call.name != "CMECS";
         ASSERT_EQ(snt_problem_count(), logs ? 1u : 0u) << what;
-        if (logs) EXPECT_EQ(problem(0).probe, call.unknown_id_probe) << what;
+        if (logs) {
+          EXPECT_EQ(problem(0).probe, call.unknown_id_probe) << what;
+        }
       }
       if (call.name == "CMECS" && rc == CM_OK) {
         EXPECT_EQ(out_parms().state,

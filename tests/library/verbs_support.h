@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "internal.h"
+#include "trace_verbs.h"
 #include "snanode/snanode_test.h"
 
 extern "C" uint16_t fInitCPIC;
@@ -124,7 +125,9 @@ inline void expect_record(const Vcb &vcb, const std::vector<Field> &fields,
     }
   }
   for (size_t i = 0; i < vcb.size(); ++i) {
-    if (!listed[i]) EXPECT_EQ(vcb[i], 0) << what << ": unlisted byte " << i;
+    if (!listed[i]) {
+      EXPECT_EQ(vcb[i], 0) << what << ": unlisted byte " << i;
+    }
   }
 }
 
