@@ -245,12 +245,7 @@ TEST_F(AcceptVerbs, NonBlockingAcceptIncomingCompletesThroughWait) {
   cmacci(id.data(), &rc);
   ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
   ASSERT_EQ(snt_complete_pending(0), 1);
-  ConvId done{};
-  CM_RETURN_CODE conversation_rc = -1;
-  cmwait(done.data(), &conversation_rc, &rc);
-  EXPECT_EQ(rc, CM_OK);
-  EXPECT_EQ(done, id);
-  EXPECT_EQ(conversation_rc, CM_OK);
+  expect_completion(id, CM_OK);
   EXPECT_EQ(cccb_of(id)->ulAppcConvId, 0x99u);
   const unsigned char none[8] = {};
   EXPECT_EQ(std::memcmp(pGCB->CurrentContext, none, 8), 0)

@@ -213,32 +213,29 @@ TEST_F(AllocateVerb, FailuresThatEndTheTpOrTheConversation) {
   }
 }
 
-TEST_F(AllocateVerb, NonBlockingAllocateCompletesThroughWait) {
-  ConvId id{};
+// A non-blocking allocate the node answers later.
+CCCB *allocate_in_progress(ConvId &id) {
   CCCB *cccb = ready_to_allocate(id, false, CM_SECURITY_NONE);
   cccb->usProcessingMode = 1;
   push(script(NAP_B_ALLOCATE, AP_OK, 0, 1));
   EXPECT_EQ(allocate(id), CM_OPERATION_INCOMPLETE);
+  return cccb;
+}
+
+TEST_F(AllocateVerb, NonBlockingAllocateCompletesThroughWait) {
+  ConvId id{};
+  CCCB *cccb = allocate_in_progress(id);
   EXPECT_EQ(snt_submitted_with_routine(0), 0) << "the TP start is synchronous";
   EXPECT_EQ(snt_submitted_with_routine(1), 1);
   EXPECT_EQ(cccb->ulAppcConvId, 0u);
   ASSERT_EQ(snt_complete_pending(0), 1);
   EXPECT_NE(cccb->ulAppcConvId, 0u);
-  ConvId done{};
-  CM_RETURN_CODE conversation_rc = -1;
-  CM_RETURN_CODE rc = -1;
-  cmwait(done.data(), &conversation_rc, &rc);
-  EXPECT_EQ(rc, CM_OK);
-  EXPECT_EQ(done, id);
-  EXPECT_EQ(conversation_rc, CM_OK);
+  expect_completion(id, CM_OK);
 }
 
 TEST_F(AllocateVerb, CancelPendingWhenAllocateSucceedsCancelsAtTheNode) {
   ConvId id{};
-  CCCB *cccb = ready_to_allocate(id, false, CM_SECURITY_NONE);
-  cccb->usProcessingMode = 1;
-  push(script(NAP_B_ALLOCATE, AP_OK, 0, 1));
-  ASSERT_EQ(allocate(id), CM_OPERATION_INCOMPLETE);
+  CCCB *cccb = allocate_in_progress(id);
   cccb->fCancelPending = 1;  // as CMCANC leaves it while the ALLOCATE is out
   ASSERT_EQ(snt_complete_pending(0), 1);
   ASSERT_EQ(snt_submitted_count(), 3u);

@@ -8,18 +8,6 @@ namespace {
 
 class VerbCompletion : public VerbsTest {};
 
-struct Waited {
-  ConvId id{};
-  CM_RETURN_CODE conversation_rc = -1;
-  CM_RETURN_CODE rc = -1;
-};
-
-Waited wait_one() {
-  Waited w;
-  cmwait(w.id.data(), &w.conversation_rc, &w.rc);
-  return w;
-}
-
 // Every verb call plus deallocate, each run non-blocking.
 std::vector<Call> all_submitting_calls() {
   std::vector<Call> calls = verb_calls();
@@ -55,12 +43,9 @@ TEST_F(VerbCompletion, NonBlockingVerbCompletesThroughOneWait) {
       EXPECT_EQ(pGCB->NumVerbsWaiting, 1u) << what;
       ASSERT_EQ(cccb_of(id), cccb) << what << ": kept until collected";
 
-      const Waited w = wait_one();
-      EXPECT_EQ(w.rc, CM_OK) << what;
-      EXPECT_EQ(w.id, id) << what;
-      const CM_RETURN_CODE expected =
-          primary == AP_DEALLOC_NORMAL ? CM_DEALLOCATED_NORMAL : CM_PROGRAM_ERROR_NO_TRUNC;
-      EXPECT_EQ(w.conversation_rc, expected) << what;
+      expect_completion(
+          id, primary == AP_DEALLOC_NORMAL ? CM_DEALLOCATED_NORMAL : CM_PROGRAM_ERROR_NO_TRUNC,
+          what);
       EXPECT_EQ(cccb_of(id) == nullptr, primary == AP_DEALLOC_NORMAL) << what;
       EXPECT_EQ(wait_one().rc, CM_PROGRAM_STATE_CHECK) << what << ": one completion only";
     }

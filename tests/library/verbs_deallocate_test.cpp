@@ -125,13 +125,7 @@ TEST_F(DeallocateVerb, NonBlockingKeepsTheIdUntilCollected) {
   EXPECT_EQ(deallocate(id), CM_OPERATION_INCOMPLETE);
   ASSERT_EQ(snt_complete_pending(0), 1);
   EXPECT_NE(cccb_of(id), nullptr) << "kept until CMWAIT reports it";
-  ConvId done{};
-  CM_RETURN_CODE conversation_rc = -1;
-  CM_RETURN_CODE rc = -1;
-  cmwait(done.data(), &conversation_rc, &rc);
-  EXPECT_EQ(rc, CM_OK);
-  EXPECT_EQ(done, id);
-  EXPECT_EQ(conversation_rc, CM_OK);
+  expect_completion(id, CM_OK);
   EXPECT_EQ(cccb_of(id), nullptr);
 }
 

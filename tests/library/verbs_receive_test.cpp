@@ -163,13 +163,7 @@ TEST_F(ReceiveVerbs, NonBlockingReceiveWritesOutputsAtCompletion) {
   EXPECT_EQ(r.length, 0);
   EXPECT_EQ(snt_submitted_with_routine(0), 1);
   ASSERT_EQ(snt_complete_pending(0), 1);
-  ConvId done{};
-  CM_RETURN_CODE conversation_rc = -1;
-  CM_RETURN_CODE rc = -1;
-  cmwait(done.data(), &conversation_rc, &rc);
-  EXPECT_EQ(rc, CM_OK);
-  EXPECT_EQ(done, id);
-  EXPECT_EQ(conversation_rc, CM_OK);
+  expect_completion(id, CM_OK);
   EXPECT_EQ(r.length, 12);
   EXPECT_EQ(r.data, CM_COMPLETE_DATA_RECEIVED);
   EXPECT_EQ(r.status, CM_CONFIRM_SEND_RECEIVED);

@@ -202,6 +202,16 @@ void capture_log_data(void *vcb, void *context) {
   copy->assign(verb.log_data_pointer, verb.log_data_pointer + verb.log_data_length);
 }
 
+// Sends `data` on `id`; the data must outlive a non-blocking call.
+CM_RETURN_CODE send(ConvId &id, unsigned char *data, CM_INT32 length, CM_INT32 *rts = nullptr) {
+  static CM_INT32 rts_out = -1;
+  static CM_INT32 send_length = 0;
+  send_length = length;
+  CM_RETURN_CODE rc = -1;
+  cmsend(id.data(), data, &send_length, rts != nullptr ? rts : &rts_out, &rc);
+  return rc;
+}
+
 CCCB *abend_with_log_data(ConvId &id, uint16_t processing_mode) {
   CCCB *cccb = active_conversation(id, CM_BASIC_CONVERSATION, processing_mode);
   cccb->ulSendType = CM_SEND_AND_DEALLOCATE;
@@ -219,10 +229,8 @@ TEST_F(SendVerbs, SendAndDeallocateAbendWithLogDataSendsDataThenDeallocate) {
   std::vector<uint8_t> sent_log_data;
   push(script(NAP_DEALLOCATE, AP_OK, 0, 0, capture_log_data, &sent_log_data));
   static unsigned char data[3] = {'a', 'b', 'c'};
-  CM_INT32 length = 3;
   CM_INT32 rts = -1;
-  CM_RETURN_CODE rc = -1;
-  cmsend(id.data(), data, &length, &rts, &rc);
+  const CM_RETURN_CODE rc = send(id, data, 3, &rts);
 
   EXPECT_EQ(rc, CM_OK);
   ASSERT_EQ(snt_submitted_count(), 2u);
@@ -250,10 +258,8 @@ TEST_F(SendVerbs, FailedFollowOnDeallocateIsReportedAndStillEnds) {
   abend_with_log_data(id, 0);
   push(script(NAP_DEALLOCATE, AP_STATE_CHECK));
   static unsigned char data[1] = {};
-  CM_INT32 length = 1;
   CM_INT32 rts = -1;
-  CM_RETURN_CODE rc = -1;
-  cmsend(id.data(), data, &length, &rts, &rc);
+  const CM_RETURN_CODE rc = send(id, data, 1, &rts);
   EXPECT_EQ(rc, CM_PROGRAM_STATE_CHECK);
   EXPECT_EQ(cccb_of(id), nullptr);
   EXPECT_EQ(snt_assert_count(), 0u);
@@ -264,10 +270,8 @@ TEST_F(SendVerbs, FailedDataKeepsConversationAndDropsLogDataCopy) {
   CCCB *cccb = abend_with_log_data(id, 0);
   push(script(NAP_SEND_DATA, AP_STATE_CHECK));
   static unsigned char data[1] = {};
-  CM_INT32 length = 1;
   CM_INT32 rts = -1;
-  CM_RETURN_CODE rc = -1;
-  cmsend(id.data(), data, &length, &rts, &rc);
+  const CM_RETURN_CODE rc = send(id, data, 1, &rts);
   EXPECT_EQ(rc, CM_PROGRAM_STATE_CHECK);
   EXPECT_EQ(snt_submitted_count(), 1u);
   ASSERT_EQ(cccb_of(id), cccb);
@@ -283,10 +287,8 @@ TEST_F(SendVerbs, NonBlockingFollowOnReportsOneCompletion) {
   push(script(NAP_SEND_DATA, AP_OK, 0, 1));
   push(script(NAP_DEALLOCATE, AP_OK, 0, 1));
   static unsigned char data[1] = {};
-  CM_INT32 length = 1;
   CM_INT32 rts = -1;
-  CM_RETURN_CODE rc = -1;
-  cmsend(id.data(), data, &length, &rts, &rc);
+  const CM_RETURN_CODE rc = send(id, data, 1, &rts);
   ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
 
   ASSERT_EQ(snt_complete_pending(0), 1);  // the data: the DEALLOCATE follows
@@ -297,15 +299,9 @@ TEST_F(SendVerbs, NonBlockingFollowOnReportsOneCompletion) {
   EXPECT_EQ(snt_submitted_with_routine(1), 1);
 
   ASSERT_EQ(snt_complete_pending(0), 1);
-  ConvId done{};
-  CM_RETURN_CODE conversation_rc = -1;
-  cmwait(done.data(), &conversation_rc, &rc);
-  EXPECT_EQ(rc, CM_OK);
-  EXPECT_EQ(done, id);
-  EXPECT_EQ(conversation_rc, CM_OK);
+  expect_completion(id, CM_OK);
   EXPECT_EQ(cccb_of(id), nullptr);
-  cmwait(done.data(), &conversation_rc, &rc);
-  EXPECT_EQ(rc, CM_PROGRAM_STATE_CHECK) << "exactly one completion";
+  EXPECT_EQ(wait_one().rc, CM_PROGRAM_STATE_CHECK) << "exactly one completion";
 }
 
 TEST_F(SendVerbs, RequestToSendComesFromTheNodeEvenOnFailure) {

@@ -181,6 +181,28 @@ inline std::string assertion(uint32_t n) {
   return std::string(file) + ": " + expression;
 }
 
+// One completion collected with CMWAIT.
+struct Waited {
+  ConvId id{};
+  CM_RETURN_CODE conversation_rc = -1;
+  CM_RETURN_CODE rc = -1;
+};
+
+inline Waited wait_one() {
+  Waited w;
+  cmwait(w.id.data(), &w.conversation_rc, &w.rc);
+  return w;
+}
+
+// CMWAIT reports `id` with `conversation_rc`.
+inline void expect_completion(const ConvId &id, CM_RETURN_CODE conversation_rc,
+                              const std::string &what = "") {
+  const Waited w = wait_one();
+  EXPECT_EQ(w.rc, CM_OK) << what;
+  EXPECT_EQ(w.id, id) << what;
+  EXPECT_EQ(w.conversation_rc, conversation_rc) << what;
+}
+
 inline void suppress_audit_records() {
   ptrc[SNANODE_TRACE_NO_AUDIT_BYTE] |= SNANODE_TRACE_NO_AUDIT_BIT;
 }
