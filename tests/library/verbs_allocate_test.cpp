@@ -49,8 +49,7 @@ TEST_F(AllocateVerb, RecordsFollowSideInformation) {
   };
   for (const Row row : {Row{false, CM_SECURITY_SAME}, Row{true, CM_SECURITY_PROGRAM},
                         Row{false, CM_SECURITY_NONE}}) {
-    snt_reset();
-    snt_script_verbs(1);
+    restart_node();
     ConvId id{};
     CCCB *cccb = ready_to_allocate(id, row.qualified, row.security);
     const std::string what = std::string(row.qualified ? "qualified" : "alias") + ", security " +
@@ -139,8 +138,7 @@ TEST_F(AllocateVerb, CurrentContextOfTheSameLuIsReused) {
 TEST_F(AllocateVerb, RefusedCallEndsItsTpAndLeavesTheRecordAlone) {
   // Already allocated (25), and busy with a non-blocking verb (37).
   for (bool busy : {false, true}) {
-    snt_reset();
-    snt_script_verbs(1);
+    restart_node();
     ConvId id{};
     CCCB *cccb = active_conversation(id, CM_MAPPED_CONVERSATION, busy ? 1 : 0);
     if (busy) {
@@ -195,8 +193,7 @@ TEST_F(AllocateVerb, FailuresThatEndTheTpOrTheConversation) {
       {AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_RETRY, CM_ALLOCATE_FAILURE_RETRY, false, true},
   };
   for (const Row &row : rows) {
-    snt_reset();
-    snt_script_verbs(1);
+    restart_node();
     ConvId id{};
     CCCB *cccb = ready_to_allocate(id, false, CM_SECURITY_NONE);
     push(script(NAP_B_ALLOCATE, row.primary, row.secondary));

@@ -20,8 +20,7 @@ TEST_F(VerbCompletion, NonBlockingVerbCompletesThroughOneWait) {
     // A non-ending failure keeps the conversation; an ending one frees it once
     // the completion is collected.
     for (uint16_t primary : {AP_PROG_ERROR_NO_TRUNC, AP_DEALLOC_NORMAL}) {
-      snt_reset();
-      snt_script_verbs(1);
+      restart_node();
       ConvId id{};
       CCCB *cccb = active_conversation(id, CM_BASIC_CONVERSATION, 1);
       const std::string what = call.name + " primary " + std::to_string(primary);

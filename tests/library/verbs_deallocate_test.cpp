@@ -41,10 +41,11 @@ TEST_F(DeallocateVerb, RecordFollowsDeallocateAndConversationType) {
     cccb->pLogData = library_block(20);
     cccb->usLogDataLength = 20;
     const void *log_data = cccb->pLogData;
+    const uint32_t before = snt_submitted_count();
     EXPECT_EQ(deallocate(id), CM_OK);
     std::vector<Field> body{{25, u8(row.dealloc_type)}};
     if (row.log_data) body = body + std::vector<Field>{{26, u16(20)}, {32, ptr(log_data)}};
-    expect_record(last_submitted(),
+    expect_record(submitted(before),
                   header(NAP_DEALLOCATE, static_cast<uint8_t>(row.conversation_type)) + body,
                   "deallocate type " + std::to_string(row.deallocate_type) + " conversation " +
                       std::to_string(row.conversation_type));

@@ -81,8 +81,7 @@ TEST_F(ReceiveVerbs, WhatReceivedIsSplitIntoDataAndStatus) {
   };
   static unsigned char buffer[50];
   for (const Row &row : rows) {
-    snt_reset();
-    snt_script_verbs(1);
+    restart_node();
     ConvId id{};
     CCCB *cccb = active_conversation(id);
     ReceiveAnswer answer{row.what, 42, 1};
@@ -122,8 +121,7 @@ TEST_F(ReceiveVerbs, RequestedLengthAboveLimitIsRefused) {
   const std::vector<std::pair<CM_INT32, bool>> cases = {
       {0, true}, {32767, true}, {32768, false}, {-1, false}};
   for (const auto &[length, accepted] : cases) {
-    snt_reset();
-    snt_script_verbs(1);
+    restart_node();
     ConvId id{};
     active_conversation(id);
     const Received r = receive(id, buffer, length);
@@ -189,12 +187,13 @@ TEST_F(ReceiveVerbs, TestRequestToSendAnswersFromThePrimaryCode) {
     push(script(NAP_TEST_RTS, row.primary));
     CM_INT32 rts = -1;
     CM_RETURN_CODE rc = -1;
+    const uint32_t before = snt_submitted_count();
     cmtrts(id.data(), &rts, &rc);
     EXPECT_EQ(rc, row.rc) << row.primary;
     EXPECT_EQ(rts, row.rts) << row.primary;
     EXPECT_EQ(cccb_of(id) == nullptr, row.ends) << row.primary;
-    EXPECT_EQ(snt_submitted_with_routine(snt_submitted_count() - 1), 0);
-    expect_record(last_submitted(), header(NAP_TEST_RTS, 0), "test rts");
+    EXPECT_EQ(snt_submitted_with_routine(before), 0);
+    expect_record(submitted(before), header(NAP_TEST_RTS, 0), "test rts");
     EXPECT_EQ(pGCB->NumVerbsWaiting, 0u);
     EXPECT_EQ(pGCB->NumVerbsOutstanding, 0u);
   }

@@ -172,8 +172,7 @@ TEST_F(SendVerbs, SendLengthAboveLimitIsRefused) {
       {0, true}, {1, true}, {32767, true}, {32768, false}, {65535, false}, {-1, false}};
   static unsigned char buffer[1] = {};
   for (const auto &[length, accepted] : cases) {
-    snt_reset();
-    snt_script_verbs(1);
+    restart_node();
     ConvId id{};
     active_conversation(id);
     CM_INT32 send_length = length;
@@ -233,7 +232,9 @@ TEST_F(SendVerbs, SendAndDeallocateAbendWithLogDataSendsDataThenDeallocate) {
   const CM_RETURN_CODE rc = send(id, data, 3, &rts);
 
   EXPECT_EQ(rc, CM_OK);
-  ASSERT_EQ(snt_submitted_count(), 2u);
+  // Then the TP ends with its last conversation.
+  ASSERT_EQ(snt_submitted_count(), 3u);
+  EXPECT_EQ(snt_submitted_opcode(2), NAP_TP_ENDED);
   expect_record(
       submitted(0),
       header(NAP_SEND_DATA, 0) + std::vector<Field>{{26, u16(3)}, {32, ptr(data)}, {40, u8(0)}},
@@ -379,8 +380,7 @@ TEST_F(SendVerbs, SendErrorClearsBothConfirmationFlags) {
 TEST_F(SendVerbs, EndingResultFreesConversationInBlockingMode) {
   for (const Call &call : verb_calls()) {
     for (uint16_t primary : {AP_DEALLOC_NORMAL, AP_CONV_FAILURE_RETRY, AP_STATE_CHECK}) {
-      snt_reset();
-      snt_script_verbs(1);
+      restart_node();
       ConvId id{};
       active_conversation(id);
       push(script(0, primary));

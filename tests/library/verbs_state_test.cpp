@@ -28,8 +28,7 @@ TEST_F(ConversationState, NodeStatesAreTranslated) {
       {10, -1},
   };
   for (const auto &[node_state, expected] : rows) {
-    snt_reset();
-    snt_script_verbs(1);
+    restart_node();
     ConvId id{};
     // Non-blocking conversations get their state synchronously too.
     active_conversation(id, CM_BASIC_CONVERSATION, 1);
@@ -192,8 +191,7 @@ TEST_F(ConversationState, StateRulesOfEveryCall) {
 
   for (const auto &[call, expected_by_state] : table) {
     for (S state : states) {
-      snt_reset();
-      snt_script_verbs(1);
+      restart_node();
       ConvId id{};
       enter(state, id);
       const std::string what = call.name + " in " + name_of(state);

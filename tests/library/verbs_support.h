@@ -33,6 +33,24 @@ class VerbsTest : public ::testing::Test {
   }
 };
 
+// Starts a loop iteration afresh: lets the node finish what is pending, drops
+// every conversation (without ending TPs at the node) and clears the node's
+// scripts and records.
+inline void restart_node() {
+  while (snt_pending_count() > 0) snt_complete_pending(0);
+  if (fInitCPIC != 0) {
+    void *pointer = nullptr;
+    for (uint32_t h = vtm_get_next_used(pGCB->CCCBTable, 0, &pointer); h != NB_NULL_HANDLE;
+         h = vtm_get_next_used(pGCB->CCCBTable, h, &pointer)) {
+      auto *cccb = static_cast<CCCB *>(pointer);
+      std::memset(cccb->TpId, 0, sizeof cccb->TpId);
+      SCC_free_cccb(cccb);
+    }
+  }
+  snt_reset();
+  snt_script_verbs(1);
+}
+
 // The library's own record of a conversation, or null when the ID is unknown.
 inline CCCB *cccb_of(const ConvId &id) {
   CCCB *cccb = nullptr;
