@@ -9,8 +9,6 @@
 
 #include "call_frame.h"
 
-extern "C" uint16_t fInitCPIC;
-
 namespace {
 
 inline constexpr uint32_t kMaxTpNameLength = 64;

@@ -84,32 +84,5 @@ TEST_F(VerbCompletion, UncollectedCompletionIsDroppedByTheNextVerb) {
   EXPECT_EQ(snt_assert_count(), 0u);
 }
 
-TEST_F(VerbCompletion, CompletionsAreTracedUnderTheCallsVerb) {
-  // Each submission records the call's trace verb so a later completion
-  // reports under the right name.
-  const std::vector<std::pair<std::string, uint16_t>> expected = {
-      {"CMSEND", kVerbCMSEND}, {"CMFLUS", kVerbCMFLUS}, {"CMPTR", kVerbCMPTR},
-      {"CMCFM", kVerbCMCFM},   {"CMCFMD", kVerbCMCFMD}, {"CMSERR", kVerbCMSERR},
-      {"CMRTS", kVerbCMRTS},   {"CMRCV", kVerbCMRCV},   {"CMDEAL", kVerbCMDEAL}};
-  const std::vector<Call> calls = all_submitting_calls();
-  ASSERT_EQ(calls.size(), expected.size());
-  for (size_t i = 0; i < calls.size(); ++i) {
-    ConvId id{};
-    CCCB *cccb = active_conversation(id, CM_BASIC_CONVERSATION, 1);
-    push(script(0, AP_OK, 0, 1));
-    ASSERT_EQ(calls[i].run(id), CM_OPERATION_INCOMPLETE);
-    EXPECT_EQ(calls[i].name, expected[i].first);
-    EXPECT_EQ(cccb->usTraceVerb, expected[i].second) << calls[i].name;
-    EXPECT_EQ(cccb->pTraceConvId, cccb->ConvIdCopy) << calls[i].name;
-    EXPECT_EQ(std::memcmp(cccb->ConvIdCopy, id.data(), 8), 0) << calls[i].name;
-    // Only the calls with a request-to-send out-parameter (and CMRCV) fill
-    // out-parameter slots.
-    const bool has_rts =
-        calls[i].name == "CMSEND" || calls[i].name == "CMCFM" || calls[i].name == "CMSERR";
-    EXPECT_EQ(cccb->pOutParm[0] != nullptr, has_rts || calls[i].name == "CMRCV") << calls[i].name;
-    EXPECT_EQ(cccb->pOutParm[4] != nullptr, calls[i].name == "CMRCV") << calls[i].name;
-  }
-}
-
 }  // namespace
 }  // namespace verbs_test

@@ -11,13 +11,15 @@
 #include <string>
 #include <vector>
 
+#include "core_support.h"
 #include "internal.h"
 #include "trace_verbs.h"
 #include "snanode/snanode_test.h"
 
-extern "C" uint16_t fInitCPIC;
-
 namespace verbs_test {
+
+using core_test::Locked;
+using core_test::problem;
 
 using Vcb = std::array<uint8_t, NAP_VCB_SIZE>;
 using ConvId = std::array<unsigned char, 8>;
@@ -28,6 +30,8 @@ inline constexpr unsigned char kTpId[8] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0
 class VerbsTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    unsetenv("APPCLLU");
+    unsetenv("APPCTPN");
     snt_reset();
     snt_script_verbs(1);
   }
@@ -39,6 +43,7 @@ class VerbsTest : public ::testing::Test {
 inline void restart_node() {
   while (snt_pending_count() > 0) snt_complete_pending(0);
   if (fInitCPIC != 0) {
+    Locked lock;
     void *pointer = nullptr;
     for (uint32_t h = vtm_get_next_used(pGCB->CCCBTable, 0, &pointer); h != NB_NULL_HANDLE;
          h = vtm_get_next_used(pGCB->CCCBTable, h, &pointer)) {
@@ -53,6 +58,7 @@ inline void restart_node() {
 
 // The library's own record of a conversation, or null when the ID is unknown.
 inline CCCB *cccb_of(const ConvId &id) {
+  Locked lock;
   CCCB *cccb = nullptr;
   GCB *gcb = pGCB;
   SCC_find_cccb(id.data(), &cccb, &gcb);
@@ -61,6 +67,7 @@ inline CCCB *cccb_of(const ConvId &id) {
 
 // A conversation in Initialize state, as CMINIT leaves it.
 inline CCCB *initialized_conversation(ConvId &id) {
+  Locked lock;
   if (fInitCPIC == 0) SCC_init();
   CCCB *cccb = nullptr;
   EXPECT_EQ(SCC_cccb_init(id.data(), &cccb), 1);
@@ -178,12 +185,6 @@ inline void fill_byte(void *vcb, void *context) {
 }
 inline void *byte_at(size_t offset, uint8_t value) {
   return reinterpret_cast<void *>((offset << 8) | value);
-}
-
-inline SNT_RECORD problem(uint32_t n) {
-  SNT_RECORD record{};
-  EXPECT_NE(snt_problem(n, &record), 0) << "no problem record " << n;
-  return record;
 }
 
 inline SNT_RECORD audit(uint32_t n) {
