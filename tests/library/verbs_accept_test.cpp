@@ -171,6 +171,14 @@ TEST_F(AcceptVerbs, CompletionCopiesTheIncomingConversation) {
   EXPECT_EQ(std::memcmp(audit(0).bytes[0], id.data(), 8), 0);
 }
 
+TEST_F(AcceptVerbs, AuditRecordCanBeSuppressed) {
+  suppress_audit_records();
+  ConvId id{};
+  ASSERT_EQ(accept_conversation(id), CM_OK);
+  EXPECT_EQ(snt_audit_count(), 0u);
+  EXPECT_NE(cccb_of(id), nullptr);
+}
+
 TEST_F(AcceptVerbs, UserIdMakesTheIncomingTpCurrent) {
   for (bool with_user : {false, true}) {
     const unsigned char previous[8] = {1, 1, 1, 1, 1, 1, 1, 1};
