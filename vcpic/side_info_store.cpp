@@ -163,14 +163,14 @@ void SCD_read_nof_response(const NOF_SIDE_INFO_DATA *record, SCD_ENTRY *entry) {
   SCD_SLOT *slot = allocate_slot();
   if (slot == nullptr || !register_slot(slot, 87)) return;
   slot->usInUse = 1;
-  slot->Entry = *entry;
+  std::memcpy(&slot->Entry, entry, sizeof slot->Entry);
 }
 
 CM_RETURN_CODE SCD_lookup(SCD_ENTRY *entry) {
   SCD_SLOT *slot = nullptr;
   if (SCD_match_sym_dest_name(entry->sym_dest_name, &slot)) {
     if (!slot->usInUse) return CM_PROGRAM_PARAMETER_CHECK;
-    *entry = slot->Entry;
+    std::memcpy(entry, &slot->Entry, sizeof *entry);
     return CM_OK;
   }
   NOF_SIDE_INFO_DATA record{};
@@ -194,7 +194,7 @@ CM_RETURN_CODE SCD_set(const SCD_ENTRY *entry) {
     if (!register_slot(slot, 6)) return CM_PRODUCT_SPECIFIC_ERROR;
   }
   slot->usInUse = 1;
-  slot->Entry = *entry;
+  std::memcpy(&slot->Entry, entry, sizeof slot->Entry);
   return CM_OK;
 }
 

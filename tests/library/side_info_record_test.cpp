@@ -6,6 +6,11 @@ using namespace side_info_test;
 
 namespace {
 
+std::vector<unsigned char> with_byte(std::vector<unsigned char> v, size_t at, unsigned char b) {
+  v[at] = b;
+  return v;
+}
+
 class NodeRecord : public ScriptedNode {
  protected:
   SCD_ENTRY convert(const NodeEntry &node) {
@@ -27,8 +32,9 @@ TEST_F(NodeRecord, PartnerLuNames) {
       // The period is stored as X'4B' between the converted halves; the
       // blanks after the name are converted too.
       {"NET1.LU1", 1, 4, 8, ebcdic_field("NET1.LU1", 17)},
-      // The last period decides.
-      {"NET.A.B", 1, 5, 7, ebcdic_field("NET.A.B", 17)},
+      // The last period decides; an earlier one is outside table A and
+      // becomes X'00'.
+      {"NET.A.B", 1, 5, 7, with_byte(ebcdic_field("NET.A.B", 17), 3, 0x00)},
       {"N.LONGLUNAMEXYZ12", 1, 1, 17, ebcdic_field("N.LONGLUNAMEXYZ12", 17)},
       // An alias is kept as given, in ASCII.
       {"LUALIAS", 0, 0, 7, bytes(reinterpret_cast<const unsigned char *>("LUALIAS          "), 17)},

@@ -90,7 +90,9 @@ TEST_F(SideInfoStore, ThreeStatesTimesThreeOperations) {
     if (c.op == Op::kLookup && c.rc == CM_OK) {
       EXPECT_EQ(e.usModeNameLen, c.from == State::kAbsent ? 6 : 1) << "wrong entry returned";
     }
-    if (c.rc != CM_OK) EXPECT_EQ(std::memcmp(&e, &given, sizeof e), 0) << "entry written";
+    if (c.rc != CM_OK) {
+      EXPECT_EQ(std::memcmp(&e, &given, sizeof e), 0) << "entry written";
+    }
     EXPECT_EQ(probe_state(name), c.to);
     if (c.to == State::kDefined && c.op == Op::kSet) {
       SCD_ENTRY now = named(name);
