@@ -368,4 +368,26 @@ TEST_F(DispatcherTest, EventFdCallLetsQueuedRoutinesFinish) {
   EXPECT_TRUE(eventually([&] { return poll(&readable, 1, 0) == 0; }));  // nothing queued
 }
 
+TEST_F(DispatcherTest, ResetDropsScriptsEndsPendingVerbsAndStopsScripting) {
+  const SNT_VERB_SCRIPT later = script(NAP_FLUSH, AP_OK, 0, 1);
+  const SNT_VERB_SCRIPT unused = script(NAP_CONFIRM, AP_STATE_CHECK, 0);
+  snt_push_verb_script(&later);
+  snt_push_verb_script(&unused);
+  Vcb flush(NAP_FLUSH);
+  ASSERT_EQ(appc_c_async_version(2, flush.bytes, record_routine, 3), AP_ASYNC_IN_PROGRESS);
+
+  snt_reset();
+  EXPECT_EQ(snt_pending_count(), 0u);
+  ASSERT_TRUE(eventually([] { return runs() == 1; }));  // not left hanging
+  EXPECT_EQ(run(0).primary, AP_COMM_SUBSYSTEM_ABENDED);
+
+  Vcb off(NAP_CONFIRM);
+  appc_c_version(2, off.bytes);
+  EXPECT_EQ(off.hdr()->primary_rc, AP_COMM_SUBSYSTEM_NOT_LOADED);  // scripting is off again
+  snt_script_verbs(1);
+  Vcb confirm(NAP_CONFIRM);
+  appc_c_version(2, confirm.bytes);
+  EXPECT_EQ(confirm.hdr()->primary_rc, AP_OK);  // the CONFIRM script went with the reset
+}
+
 }  // namespace
