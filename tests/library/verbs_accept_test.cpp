@@ -182,7 +182,7 @@ TEST_F(AcceptVerbs, AuditRecordCanBeSuppressed) {
 TEST_F(AcceptVerbs, UserIdMakesTheIncomingTpCurrent) {
   for (bool with_user : {false, true}) {
     const unsigned char previous[8] = {1, 1, 1, 1, 1, 1, 1, 1};
-    if (fInitCPIC == 0) SCC_init();
+    start_library();
     std::memcpy(pGCB->CurrentContext, previous, 8);
     Incoming in = incoming_for(kDefaultTpName, 19, with_user);
     push(script(NAP_RECEIVE_ALLOCATE_CPIC, AP_OK, 0, 0, answer_allocation, &in));
@@ -261,7 +261,7 @@ TEST_F(AcceptVerbs, NonBlockingAcceptIncomingCompletesThroughWait) {
 }
 
 TEST_F(AcceptVerbs, NoNameAtAllMeansNoAccept) {
-  if (fInitCPIC == 0) SCC_init();
+  start_library();
   push(script(NAP_DEFINE_LOCAL_TP, AP_PARAMETER_CHECK, AP_BAD_FIELD));
   ConvId id{};
   EXPECT_EQ(accept_conversation(id), CM_PROGRAM_STATE_CHECK);

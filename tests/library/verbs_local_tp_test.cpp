@@ -72,7 +72,7 @@ TEST_F(LocalTpNames, DefinitionBlockCarriesTheConvertedName) {
 }
 
 TEST_F(LocalTpNames, NameIsDefinedOnceAndReleasedOnce) {
-  if (fInitCPIC == 0) SCC_init();
+  start_library();
   const uint32_t blocks = snt_blocks_in_use(kMemKept);
   ASSERT_EQ(specify("TPA"), CM_OK);
   ASSERT_EQ(specify("TPA"), CM_OK);
@@ -119,7 +119,7 @@ TEST_F(LocalTpNames, NodeRefusals) {
 }
 
 TEST_F(LocalTpNames, NoRecordWithoutMemoryOrTableRoom) {
-  if (fInitCPIC == 0) SCC_init();
+  start_library();
   snt_fail_allocations(1);
   EXPECT_EQ(specify("TPA"), CM_PRODUCT_SPECIFIC_ERROR);
   snt_fail_table_inserts(1);

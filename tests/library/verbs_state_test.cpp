@@ -113,7 +113,7 @@ const char *name_of(LibraryState s) {
 void enter(LibraryState state, ConvId &id) {
   switch (state) {
     case LibraryState::kReset:
-      if (fInitCPIC == 0) SCC_init();
+      start_library();
       id = ConvId{0x55, 0x66, 0x77, 0x01};
       break;
     case LibraryState::kInitialize:

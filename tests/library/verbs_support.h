@@ -65,14 +65,20 @@ inline CCCB *cccb_of(const ConvId &id) {
   return cccb;
 }
 
-// A conversation in Initialize state, as CMINIT leaves it.
-inline CCCB *initialized_conversation(ConvId &id) {
+// Starts the library as the first creating call would.
+inline void start_library() {
   Locked lock;
   if (fInitCPIC == 0) SCC_init();
-  CCCB *cccb = nullptr;
-  EXPECT_EQ(SCC_cccb_init(id.data(), &cccb), 1);
-  cccb->fInitializeState = 1;
-  return cccb;
+}
+
+// A conversation in Initialize state, made by CMINIT with a blank symbolic
+// destination name (default characteristics, no side-information lookup).
+inline CCCB *initialized_conversation(ConvId &id) {
+  unsigned char blank_name[8] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
+  CM_RETURN_CODE rc = -1;
+  cminit(id.data(), blank_name, &rc);
+  EXPECT_EQ(rc, CM_OK);
+  return cccb_of(id);
 }
 
 // A conversation the node knows (as after a successful allocate).
