@@ -24,6 +24,20 @@ function(symbols out)
   set(${out} ${names} PARENT_SCOPE)
 endfunction()
 
+# The names of the "<type> <name>" entries whose type is one of `types`.
+function(names_of_types out types)
+  set(names)
+  foreach(entry IN LISTS ARGN)
+    if(entry MATCHES "^([A-Za-z]) (.*)$")
+      string(FIND "${types}" "${CMAKE_MATCH_1}" at)
+      if(at GREATER -1)
+        list(APPEND names ${CMAKE_MATCH_2})
+      endif()
+    endif()
+  endforeach()
+  set(${out} ${names} PARENT_SCOPE)
+endfunction()
+
 # Names in the global section of the version script.
 file(READ ${MAP} map_text)
 string(REGEX REPLACE "/\\*[^*]*\\*/" "" map_text "${map_text}")
@@ -47,25 +61,13 @@ if(node_count LESS 30)
   message(FATAL_ERROR "only ${node_count} node names found in ${NODE_HEADER}")
 endif()
 
-# What the library's objects define (global text, data, bss, read-only).
+# What the library's objects define (global text, data, bss, read-only), what
+# the shared library exports, and what it imports.
 symbols(archive_symbols --defined-only -g ${ARCHIVE})
-set(defined)
-foreach(entry IN LISTS archive_symbols)
-  if(entry MATCHES "^[TDBRVW] (.*)$")
-    list(APPEND defined ${CMAKE_MATCH_1})
-  endif()
-endforeach()
-
-symbols(dynamic -D ${LIBRARY})
-set(exported)
-set(imported)
-foreach(entry IN LISTS dynamic)
-  if(entry MATCHES "^[TDBRVWiu] (.*)$")
-    list(APPEND exported ${CMAKE_MATCH_1})
-  elseif(entry MATCHES "^[Uw] (.*)$")
-    list(APPEND imported ${CMAKE_MATCH_1})
-  endif()
-endforeach()
+symbols(dynamic_symbols -D ${LIBRARY})
+names_of_types(defined "TDBRVW" ${archive_symbols})
+names_of_types(exported "TDBRVWiu" ${dynamic_symbols})
+names_of_types(imported "Uw" ${dynamic_symbols})
 
 set(errors)
 foreach(name IN LISTS map_names)
