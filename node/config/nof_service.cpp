@@ -71,10 +71,18 @@ const SideInfo *find_entry(const NodeConfig &config, const uint8_t *key) {
   return nullptr;
 }
 
-void open_verb(NOF_OPEN &open) {
+// The configuration, or null when it cannot be used: such a node serves no
+// one, and an exception must not cross the C interface.
+const NodeConfig *usable_config() {
   try {
-    current_config();  // a node with an unusable configuration does not serve
+    return &current_config();
   } catch (const ConfigError &) {
+    return nullptr;
+  }
+}
+
+void open_verb(NOF_OPEN &open) {
+  if (usable_config() == nullptr) {
     open.primary_rc = AP_COMM_SUBSYSTEM_NOT_LOADED;
     return;
   }
@@ -90,7 +98,12 @@ void query_verb(uint32_t target, NOF_QUERY_SIDE_INFO &query) {
     query.secondary_rc = AP_BAD_FIELD;
     return;
   }
-  const SideInfo *entry = find_entry(current_config(), query.sym_dest_name);
+  const NodeConfig *config = usable_config();
+  if (config == nullptr) {
+    query.primary_rc = AP_COMM_SUBSYSTEM_NOT_LOADED;
+    return;
+  }
+  const SideInfo *entry = find_entry(*config, query.sym_dest_name);
   if (entry == nullptr) {
     query.primary_rc = AP_STATE_CHECK;
     query.secondary_rc = AP_NO_SIDE_INFO_ENTRY;
