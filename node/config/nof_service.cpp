@@ -5,6 +5,11 @@
 // local LU alias the entry does not name is sent as eight zero bytes, which
 // the library reads as "none" (blanks would name an LU called "        ").
 // User ID and password are sent only where the security type uses them.
+//
+// The constant fields of the verb blocks (the format bytes, the number of
+// entries, the list option) are not interpreted: the library only ever asks
+// for the one entry whose name equals the key, and that is what a query
+// answers.
 #include <algorithm>
 #include <cstring>
 #include <mutex>
