@@ -33,14 +33,16 @@ struct Invocation {
 };
 
 Invocation with_value(SetValueFn fn, CM_INT32 value) {
-  return {.value_fn = fn, .value = value};
+  return {.value_fn = fn, .value = value, .name_fn = nullptr, .text = {}, .length = 0};
 }
 Invocation with_name(SetNameFn fn, std::string text) {
   const auto length = static_cast<CM_INT32>(text.size());
-  return {.name_fn = fn, .text = std::move(text), .length = length};
+  return {
+      .value_fn = nullptr, .value = 0, .name_fn = fn, .text = std::move(text), .length = length};
 }
 Invocation with_name(SetNameFn fn, std::string text, CM_INT32 length) {
-  return {.name_fn = fn, .text = std::move(text), .length = length};
+  return {
+      .value_fn = nullptr, .value = 0, .name_fn = fn, .text = std::move(text), .length = length};
 }
 
 using Adjust = std::function<void(Conversation &)>;
