@@ -4,30 +4,8 @@
 
 namespace {
 
-using NameFn = void (*)(unsigned char *, unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
+using NameFn = TextCall;
 using ValueFn = void (*)(unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
-
-CM_RETURN_CODE set_name(NameFn fn, Conversation &c, const std::string &text) {
-  std::string argument = text;
-  auto length = static_cast<CM_INT32>(text.size());
-  CM_RETURN_CODE rc = -1;
-  fn(c.id_ptr(), reinterpret_cast<unsigned char *>(argument.data()), &length, &rc);
-  return rc;
-}
-
-// What an extract call of a name handed back; the buffer starts filled with
-// '~' so bytes the call did not write can be told apart.
-struct Extracted {
-  CM_RETURN_CODE rc = -1;
-  std::string name = std::string(80, '~');
-  CM_INT32 length = -7;
-};
-
-Extracted extract_name(NameFn fn, unsigned char *id) {
-  Extracted out;
-  fn(id, reinterpret_cast<unsigned char *>(out.name.data()), &out.length, &out.rc);
-  return out;
-}
 
 TEST_F(CharacteristicsTest, NamesComeBackAsTheConversionTablesAllow) {
   struct Row {
@@ -57,11 +35,11 @@ TEST_F(CharacteristicsTest, NamesComeBackAsTheConversionTablesAllow) {
   for (const Row &row : rows) {
     SCOPED_TRACE(row.what);
     Conversation c = make();
-    ASSERT_EQ(CM_OK, set_name(row.set, c, row.stored));
-    const Extracted out = extract_name(row.extract, c.id_ptr());
+    ASSERT_EQ(CM_OK, set_text(row.set, c, row.stored));
+    const Extracted out = extract_text(row.extract, c.id_ptr());
     EXPECT_EQ(CM_OK, out.rc);
     EXPECT_EQ(row.length, out.length);
-    EXPECT_EQ(row.expected + std::string(80 - row.expected.size(), '~'), out.name);
+    EXPECT_EQ(row.expected + std::string(80 - row.expected.size(), '~'), out.text);
   }
 }
 
@@ -91,14 +69,14 @@ TEST_F(CharacteristicsTest, ValuesComeBackAsSet) {
 
 TEST_F(CharacteristicsTest, LocalLuNameIsEightBytesAndATerminator) {
   Conversation c = make();
-  Extracted unset = extract_name(cmelln, c.id_ptr());
+  Extracted unset = extract_text(cmelln, c.id_ptr());
   EXPECT_EQ(CM_PROGRAM_STATE_CHECK, unset.rc);
-  EXPECT_EQ(std::string(9, '\0') + std::string(71, '~'), unset.name);
+  EXPECT_EQ(std::string(9, '\0') + std::string(71, '~'), unset.text);
 
-  ASSERT_EQ(CM_OK, set_name(cmslln, c, "lu1"));
-  Extracted set = extract_name(CMELLN, c.id_ptr());
+  ASSERT_EQ(CM_OK, set_text(cmslln, c, "lu1"));
+  Extracted set = extract_text(CMELLN, c.id_ptr());
   EXPECT_EQ(CM_OK, set.rc);
-  EXPECT_EQ(std::string("lu1     ") + '\0' + std::string(71, '~'), set.name);
+  EXPECT_EQ(std::string("lu1     ") + '\0' + std::string(71, '~'), set.text);
 }
 
 // Before an incoming conversation is accepted nothing can be read from it;
@@ -123,9 +101,9 @@ TEST_F(CharacteristicsTest, ExtractCallsRefuseOnlyAConversationAwaitingAccept) {
          cmesl(id, &v, &rc);
          return rc;
        }},
-      {"cmemn", [](unsigned char *id) { return extract_name(cmemn, id).rc; }},
-      {"cmepln", [](unsigned char *id) { return extract_name(cmepln, id).rc; }},
-      {"cmetpn", [](unsigned char *id) { return extract_name(cmetpn, id).rc; }},
+      {"cmemn", [](unsigned char *id) { return extract_text(cmemn, id).rc; }},
+      {"cmepln", [](unsigned char *id) { return extract_text(cmepln, id).rc; }},
+      {"cmetpn", [](unsigned char *id) { return extract_text(cmetpn, id).rc; }},
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.what);
@@ -140,14 +118,14 @@ TEST_F(CharacteristicsTest, ExtractCallsRefuseOnlyAConversationAwaitingAccept) {
   // The local LU name is refused there too, before its own "not set" check.
   Conversation incoming = make(Stage::kIncoming);
   std::memcpy(incoming.cccb->LocalLUName, "LU1     ", 8);
-  EXPECT_EQ(CM_PROGRAM_STATE_CHECK, extract_name(cmelln, incoming.id_ptr()).rc);
+  EXPECT_EQ(CM_PROGRAM_STATE_CHECK, extract_text(cmelln, incoming.id_ptr()).rc);
 }
 
 TEST_F(CharacteristicsTest, ExtractFailuresLeaveTheOutParametersAlone) {
   Conversation incoming = make(Stage::kIncoming);
-  const Extracted refused = extract_name(cmemn, incoming.id_ptr());
+  const Extracted refused = extract_text(cmemn, incoming.id_ptr());
   EXPECT_EQ(-7, refused.length);
-  EXPECT_EQ(std::string(80, '~'), refused.name);
+  EXPECT_EQ(std::string(80, '~'), refused.text);
 
   CM_INT32 type = -7;
   CM_RETURN_CODE rc = -1;
@@ -158,19 +136,19 @@ TEST_F(CharacteristicsTest, ExtractFailuresLeaveTheOutParametersAlone) {
 
 TEST_F(CharacteristicsTest, PartnerTpNameIsRefusedWhileAVerbIsOutstanding) {
   Conversation c = make();
-  ASSERT_EQ(CM_OK, set_name(cmstpn, c, "TP1"));
+  ASSERT_EQ(CM_OK, set_text(cmstpn, c, "TP1"));
   c.cccb->ulAppcConvId = 0x51;  // allocated, with a verb in progress
   c.cccb->usVerbsOutstanding = 1;
-  EXPECT_EQ(CM_OPERATION_NOT_ACCEPTED, extract_name(cmetpn, c.id_ptr()).rc);
+  EXPECT_EQ(CM_OPERATION_NOT_ACCEPTED, extract_text(cmetpn, c.id_ptr()).rc);
   // The other extract calls still answer.
-  EXPECT_EQ(CM_OK, extract_name(cmemn, c.id_ptr()).rc);
+  EXPECT_EQ(CM_OK, extract_text(cmemn, c.id_ptr()).rc);
   // Busy is checked before the state rule.
   Conversation incoming = make(Stage::kIncoming);
   incoming.cccb->usVerbsOutstanding = 1;
-  EXPECT_EQ(CM_OPERATION_NOT_ACCEPTED, extract_name(cmetpn, incoming.id_ptr()).rc);
+  EXPECT_EQ(CM_OPERATION_NOT_ACCEPTED, extract_text(cmetpn, incoming.id_ptr()).rc);
 
   c.cccb->usVerbsOutstanding = 0;
-  const Extracted out = extract_name(cmetpn, c.id_ptr());
+  const Extracted out = extract_text(cmetpn, c.id_ptr());
   EXPECT_EQ(CM_OK, out.rc);
   EXPECT_EQ(3, out.length);
 }

@@ -60,6 +60,36 @@ class CharacteristicsTest : public ::testing::Test {
   }
 };
 
+using TextCall = void (*)(unsigned char *, unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
+
+// Makes a call that takes a text and its length (a name, log data, a user ID
+// or password) on `c`; returns its return code.
+inline CM_RETURN_CODE set_text(TextCall fn, Conversation &c, const std::string &text,
+                               CM_INT32 length) {
+  std::string argument = text;
+  CM_RETURN_CODE rc = -1;
+  fn(c.id_ptr(), reinterpret_cast<unsigned char *>(argument.data()), &length, &rc);
+  return rc;
+}
+inline CM_RETURN_CODE set_text(TextCall fn, Conversation &c, const std::string &text) {
+  return set_text(fn, c, text, static_cast<CM_INT32>(text.size()));
+}
+
+// What a call that extracts a text handed back.  The buffer starts filled
+// with '~' and the length with -7, so what the call did not write shows.
+struct Extracted {
+  CM_RETURN_CODE rc = -1;
+  std::string text;
+  CM_INT32 length = -7;
+};
+
+inline Extracted extract_text(TextCall fn, unsigned char *id, size_t buffer_size = 80) {
+  Extracted out;
+  out.text.assign(buffer_size, '~');
+  fn(id, reinterpret_cast<unsigned char *>(out.text.data()), &out.length, &out.rc);
+  return out;
+}
+
 inline std::vector<unsigned char> bytes_of(const std::string &text) {
   return std::vector<unsigned char>(text.begin(), text.end());
 }

@@ -7,10 +7,7 @@ namespace {
 constexpr uint32_t kKeptClass = 0x302;
 
 CM_RETURN_CODE set_log(Conversation &c, const std::string &text, CM_INT32 length) {
-  std::string argument = text;
-  CM_RETURN_CODE rc = -1;
-  cmsld(c.id_ptr(), reinterpret_cast<unsigned char *>(argument.data()), &length, &rc);
-  return rc;
+  return set_text(cmsld, c, text, length);
 }
 
 Conversation basic_conversation() {

@@ -6,23 +6,12 @@
 namespace {
 
 using TypeFn = void (*)(unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
-using TextFn = void (*)(unsigned char *, unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
+using TextFn = TextCall;
 
 CM_RETURN_CODE set_type(TypeFn fn, Conversation &c, CM_INT32 type) {
   CM_RETURN_CODE rc = -1;
   fn(c.id_ptr(), &type, &rc);
   return rc;
-}
-
-CM_RETURN_CODE set_text(TextFn fn, Conversation &c, const std::string &text, CM_INT32 length) {
-  std::string argument = text;
-  CM_RETURN_CODE rc = -1;
-  fn(c.id_ptr(), reinterpret_cast<unsigned char *>(argument.data()), &length, &rc);
-  return rc;
-}
-
-CM_RETURN_CODE set_text(TextFn fn, Conversation &c, const std::string &text) {
-  return set_text(fn, c, text, static_cast<CM_INT32>(text.size()));
 }
 
 TEST_F(CharacteristicsTest, SecurityValuesAreSetTypeFirstThenUserIdThenPassword) {
@@ -125,16 +114,8 @@ TEST_F(CharacteristicsTest, UserIdAndPasswordAreStoredInEbcdicPaddedWithBlanks) 
   EXPECT_EQ(1u, c.cccb->SideInfo.usUserIDLen);
 }
 
-struct UserIdOut {
-  CM_RETURN_CODE rc = -1;
-  std::string bytes = std::string(12, '~');
-  CM_INT32 length = -7;
-};
-
-UserIdOut extract_user_id(TextFn fn, unsigned char *id) {
-  UserIdOut out;
-  fn(id, reinterpret_cast<unsigned char *>(out.bytes.data()), &out.length, &out.rc);
-  return out;
+Extracted extract_user_id(TextFn fn, unsigned char *id) {
+  return extract_text(fn, id, 12);
 }
 
 TEST_F(CharacteristicsTest, UserIdExtractionWritesAtMostTheCallsMaximum) {
@@ -156,10 +137,10 @@ TEST_F(CharacteristicsTest, UserIdExtractionWritesAtMostTheCallsMaximum) {
     SCOPED_TRACE(row.what);
     Conversation c = make();
     ASSERT_EQ(CM_OK, set_text(cmscsu, c, row.user_id));
-    const UserIdOut out = extract_user_id(row.extract, c.id_ptr());
+    const Extracted out = extract_user_id(row.extract, c.id_ptr());
     EXPECT_EQ(CM_OK, out.rc);
     EXPECT_EQ(static_cast<CM_INT32>(row.user_id.size()), out.length);
-    EXPECT_EQ(row.expected_bytes, out.bytes);
+    EXPECT_EQ(row.expected_bytes, out.text);
   }
 }
 
@@ -178,15 +159,15 @@ TEST_F(CharacteristicsTest, SecurityExtractionFollowsTheConversationsStage) {
       EXPECT_EQ(CM_SECURITY_PROGRAM_STRONG, type);
     }
     for (TextFn fn : {xcecsu, cmecsu, cmesui}) {
-      const UserIdOut out = extract_user_id(fn, c.id_ptr());
+      const Extracted out = extract_user_id(fn, c.id_ptr());
       if (stage == Stage::kIncoming) {
         EXPECT_EQ(CM_PROGRAM_STATE_CHECK, out.rc);
         EXPECT_EQ(-7, out.length);
-        EXPECT_EQ(std::string(12, '~'), out.bytes);
+        EXPECT_EQ(std::string(12, '~'), out.text);
       } else {
         EXPECT_EQ(CM_OK, out.rc);
         EXPECT_EQ(1, out.length);  // the default user ID: one EBCDIC blank
-        EXPECT_EQ(" " + std::string(11, '~'), out.bytes);
+        EXPECT_EQ(" " + std::string(11, '~'), out.text);
       }
     }
   }
@@ -197,10 +178,10 @@ TEST_F(CharacteristicsTest, UserIdSurvivesAChangeOfType) {
   ASSERT_EQ(CM_OK, set_type(xcscst, c, CM_SECURITY_PROGRAM));
   ASSERT_EQ(CM_OK, set_text(xcscsu, c, "KEEPME"));
   ASSERT_EQ(CM_OK, set_type(xcscst, c, CM_SECURITY_NONE));
-  const UserIdOut out = extract_user_id(cmesui, c.id_ptr());
+  const Extracted out = extract_user_id(cmesui, c.id_ptr());
   EXPECT_EQ(CM_OK, out.rc);
   EXPECT_EQ(6, out.length);
-  EXPECT_EQ("KEEPME~~~~~~", out.bytes);
+  EXPECT_EQ("KEEPME~~~~~~", out.text);
 }
 
 TEST_F(CharacteristicsTest, SecurityCallsReportAnUnknownConversationWithTheirProbe) {
