@@ -7,6 +7,17 @@ namespace {
 using NameFn = TextCall;
 using ValueFn = void (*)(unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
 
+struct ExtractedValue {
+  CM_RETURN_CODE rc = -1;
+  CM_INT32 value = -7;
+};
+
+ExtractedValue extract_value(ValueFn fn, unsigned char *id) {
+  ExtractedValue out;
+  fn(id, &out.value, &out.rc);
+  return out;
+}
+
 TEST_F(CharacteristicsTest, NamesComeBackAsTheConversionTablesAllow) {
   struct Row {
     const char *what;
@@ -59,11 +70,9 @@ TEST_F(CharacteristicsTest, ValuesComeBackAsSet) {
   };
   for (const Row &row : {Row{cmect, CM_BASIC_CONVERSATION}, Row{CMECT, CM_BASIC_CONVERSATION},
                          Row{cmesl, CM_CONFIRM}, Row{CMESL, CM_CONFIRM}}) {
-    CM_INT32 out = -1;
-    rc = -1;
-    row.fn(c.id_ptr(), &out, &rc);
-    EXPECT_EQ(CM_OK, rc);
-    EXPECT_EQ(row.expected, out);
+    const ExtractedValue out = extract_value(row.fn, c.id_ptr());
+    EXPECT_EQ(CM_OK, out.rc);
+    EXPECT_EQ(row.expected, out.value);
   }
 }
 
@@ -87,20 +96,8 @@ TEST_F(CharacteristicsTest, ExtractCallsRefuseOnlyAConversationAwaitingAccept) {
     std::function<CM_RETURN_CODE(unsigned char *)> call;
   };
   const Row rows[] = {
-      {"cmect",
-       [](unsigned char *id) {
-         CM_INT32 v;
-         CM_RETURN_CODE rc = -1;
-         cmect(id, &v, &rc);
-         return rc;
-       }},
-      {"cmesl",
-       [](unsigned char *id) {
-         CM_INT32 v;
-         CM_RETURN_CODE rc = -1;
-         cmesl(id, &v, &rc);
-         return rc;
-       }},
+      {"cmect", [](unsigned char *id) { return extract_value(cmect, id).rc; }},
+      {"cmesl", [](unsigned char *id) { return extract_value(cmesl, id).rc; }},
       {"cmemn", [](unsigned char *id) { return extract_text(cmemn, id).rc; }},
       {"cmepln", [](unsigned char *id) { return extract_text(cmepln, id).rc; }},
       {"cmetpn", [](unsigned char *id) { return extract_text(cmetpn, id).rc; }},
@@ -127,11 +124,9 @@ TEST_F(CharacteristicsTest, ExtractFailuresLeaveTheOutParametersAlone) {
   EXPECT_EQ(-7, refused.length);
   EXPECT_EQ(std::string(80, '~'), refused.text);
 
-  CM_INT32 type = -7;
-  CM_RETURN_CODE rc = -1;
-  cmect(incoming.id_ptr(), &type, &rc);
-  EXPECT_EQ(CM_PROGRAM_STATE_CHECK, rc);
-  EXPECT_EQ(-7, type);
+  const ExtractedValue type = extract_value(cmect, incoming.id_ptr());
+  EXPECT_EQ(CM_PROGRAM_STATE_CHECK, type.rc);
+  EXPECT_EQ(-7, type.value);
 }
 
 TEST_F(CharacteristicsTest, PartnerTpNameIsRefusedWhileAVerbIsOutstanding) {
@@ -154,29 +149,16 @@ TEST_F(CharacteristicsTest, PartnerTpNameIsRefusedWhileAVerbIsOutstanding) {
 }
 
 TEST_F(CharacteristicsTest, ExtractCallsReportAnUnknownConversationWithTheirProbe) {
-  struct Row {
-    std::function<void(unsigned char *, CM_RETURN_CODE *)> call;
-    uint32_t probe;
-  };
   unsigned char name[80];
   CM_INT32 value = 0;
-  const Row rows[] = {
+  expect_each_reports_unknown({
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { cmect(id, &value, rc); }, 8},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { CMEMN(id, name, &value, rc); }, 9},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { cmepln(id, name, &value, rc); }, 10},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { CMESL(id, &value, rc); }, 11},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { cmetpn(id, name, &value, rc); }, 33},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { CMELLN(id, name, &value, rc); }, 90},
-  };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.probe);
-    snt_reset();
-    auto id = unknown_id();
-    CM_RETURN_CODE rc = -1;
-    row.call(id.data(), &rc);
-    EXPECT_EQ(CM_PROGRAM_PARAMETER_CHECK, rc);
-    expect_unknown_reported(id, row.probe);
-  }
+  });
 }
 
 // No SetUp start-up is needed: the maximum buffer size is a constant.

@@ -58,6 +58,27 @@ class CharacteristicsTest : public ::testing::Test {
     EXPECT_EQ(8u, record.args[0]);
     EXPECT_EQ(0, std::memcmp(record.bytes[0], id.data(), 8));
   }
+
+  // A call made with a conversation ID, and the probe it must report an
+  // unknown ID with.
+  struct ProbeRow {
+    std::function<void(unsigned char *, CM_RETURN_CODE *)> call;
+    uint32_t probe;
+  };
+
+  // Each call, given an unknown ID, returns 24 and writes exactly one
+  // problem record with its own probe.
+  static void expect_each_reports_unknown(const std::vector<ProbeRow> &rows) {
+    for (const ProbeRow &row : rows) {
+      SCOPED_TRACE(testing::Message() << "probe " << row.probe);
+      snt_reset();
+      auto id = unknown_id();
+      CM_RETURN_CODE rc = -1;
+      row.call(id.data(), &rc);
+      EXPECT_EQ(CM_PROGRAM_PARAMETER_CHECK, rc);
+      expect_unknown_reported(id, row.probe);
+    }
+  }
 };
 
 using TextCall = void (*)(unsigned char *, unsigned char *, CM_INT32 *, CM_RETURN_CODE *);

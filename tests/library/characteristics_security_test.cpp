@@ -185,14 +185,10 @@ TEST_F(CharacteristicsTest, UserIdSurvivesAChangeOfType) {
 }
 
 TEST_F(CharacteristicsTest, SecurityCallsReportAnUnknownConversationWithTheirProbe) {
-  struct Row {
-    std::function<void(unsigned char *, CM_RETURN_CODE *)> call;
-    uint32_t probe;
-  };
   unsigned char text[12] = "ABC";
   CM_INT32 value = 1;
   CM_INT32 length = 3;
-  const Row rows[] = {
+  expect_each_reports_unknown({
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { xcscst(id, &value, rc); }, 37},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { CMSCST(id, &value, rc); }, 37},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { XCSCSU(id, text, &length, rc); }, 38},
@@ -204,16 +200,7 @@ TEST_F(CharacteristicsTest, SecurityCallsReportAnUnknownConversationWithTheirPro
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { xcecsu(id, text, &length, rc); }, 35},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { CMECSU(id, text, &length, rc); }, 35},
       {[&](unsigned char *id, CM_RETURN_CODE *rc) { cmesui(id, text, &length, rc); }, 35},
-  };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.probe);
-    snt_reset();
-    auto id = unknown_id();
-    CM_RETURN_CODE rc = -1;
-    row.call(id.data(), &rc);
-    EXPECT_EQ(CM_PROGRAM_PARAMETER_CHECK, rc);
-    expect_unknown_reported(id, row.probe);
-  }
+  });
 }
 
 }  // namespace
