@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -28,19 +29,34 @@ struct Conversation {
 class CharacteristicsTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // The local LU name must start unset whatever the environment says.
+    unsetenv("APPCLLU");
     snt_reset();
     snt_script_verbs(1);
     SCC_init();
   }
 
  public:
-  // A new conversation in `stage`.
+  // A new conversation in `stage`: from CMINIT without side information, as
+  // an application makes one, or, for an incoming conversation, straight from
+  // the control-block routine as the accept path makes it before the accept
+  // completes.  Allocation is marked by giving it a node conversation id.
   static Conversation make(Stage stage = Stage::kInitialize) {
     Conversation conversation;
-    EXPECT_EQ(1, SCC_cccb_init(conversation.id.data(), &conversation.cccb));
-    if (conversation.cccb == nullptr) return conversation;
-    conversation.cccb->fInitializeState = stage == Stage::kIncoming ? 0 : 1;
-    conversation.cccb->ulAppcConvId = stage == Stage::kAllocated ? 0x51 : 0;
+    if (stage == Stage::kIncoming) {
+      EXPECT_EQ(1, SCC_cccb_init(conversation.id.data(), &conversation.cccb));
+      if (conversation.cccb != nullptr) conversation.cccb->fInitializeState = 0;
+      return conversation;
+    }
+    unsigned char no_side_information[8] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
+    CM_RETURN_CODE rc = -1;
+    cminit(conversation.id.data(), no_side_information, &rc);
+    EXPECT_EQ(CM_OK, rc);
+    GCB *gcb = pGCB;
+    SCC_find_cccb(conversation.id.data(), &conversation.cccb, &gcb);
+    if (conversation.cccb != nullptr && stage == Stage::kAllocated) {
+      conversation.cccb->ulAppcConvId = 0x51;
+    }
     return conversation;
   }
 
