@@ -108,7 +108,9 @@ void genscsp(const CallFrame &frame, const unsigned char *conversation_id,
 }
 
 // Reports the whole stored length even when `maximum` cuts the bytes written,
-// so a caller of the 8-byte call can tell that the user ID is longer.
+// so a caller of the 8-byte call can tell that the user ID is longer.  Unlike
+// the set routines it takes no minimum: a stored user ID is never shorter
+// than one byte, so there is nothing for a minimum to refuse.
 void genecsu(const CallFrame &frame, const unsigned char *conversation_id, unsigned char *user_id,
              CM_INT32 *length, CM_INT32 maximum) {
   extract_from(frame, conversation_id, kProbeReadUserId, [&](const CCCB &c) {
