@@ -64,8 +64,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run> &runs) override {
     ConsoleReporter::ReportRuns(runs);
+    // Single runs, or the mean when repetitions are aggregated.
     for (const Run &run : runs) {
-      if (!run.error_occurred) times_[run.benchmark_name()] = run.GetAdjustedCPUTime();
+      if (run.error_occurred) continue;
+      if (!run.aggregate_name.empty() && run.aggregate_name != "mean") continue;
+      times_[run.run_name.function_name] = run.GetAdjustedCPUTime();
     }
   }
   void Finalize() override {
@@ -73,7 +76,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
     const auto baseline = times_.find("BM_FrameUntraced");
     if (baseline == times_.end() || baseline->second <= 0) return;
     for (const auto &[name, time] : times_) {
-      std::printf("ratio %-20s / BM_FrameUntraced = %.3f\n", name.c_str(), time / baseline->second);
+      std::printf("ratio (CPU time) %-20s / BM_FrameUntraced = %.3f\n", name.c_str(),
+                  time / baseline->second);
     }
   }
 
