@@ -13,40 +13,15 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
+#include "core/ebcdic_text.h"
 #include "snanode/snanode.h"
 
 namespace {
-
-// Printable characters of EBCDIC code page 037, as ASCII.
-constexpr std::array<char, 256> make_ebcdic_table() {
-  std::array<char, 256> table{};
-  for (char &c : table) c = '.';
-  auto range = [&table](int first, const char *text) {
-    for (int i = 0; text[i] != '\0'; ++i) table[first + i] = text[i];
-  };
-  range(0x40, " ");
-  range(0x4B, ".<(+|&");
-  range(0x5A, "!$*);");
-  range(0x60, "-/");
-  range(0x6B, ",%_>?");
-  range(0x79, "`:#@'=\"");
-  range(0x81, "abcdefghi");
-  range(0x91, "jklmnopqr");
-  range(0xA1, "~stuvwxyz");
-  range(0xC0, "{ABCDEFGHI");
-  range(0xD0, "}JKLMNOPQR");
-  range(0xE0, "\\");
-  range(0xE2, "STUVWXYZ");
-  range(0xF0, "0123456789");
-  return table;
-}
-constexpr std::array<char, 256> kEbcdic = make_ebcdic_table();
 
 char ascii_char(unsigned char byte) {
   return byte >= 0x20 && byte < 0x7F ? char(byte) : '.';
@@ -101,7 +76,8 @@ size_t format_dump_line(char *out, size_t size, uint32_t offset, const unsigned 
   for (size_t i = 0; i < 16; ++i) out[n++] = i < count ? ascii_char(bytes[i]) : ' ';
   std::memcpy(out + n, "|  |", 4);
   n += 4;
-  for (size_t i = 0; i < 16; ++i) out[n++] = i < count ? kEbcdic[bytes[i]] : ' ';
+  for (size_t i = 0; i < 16; ++i)
+    out[n++] = i < count ? snanode::ebcdic_to_printable(bytes[i]) : ' ';
   out[n++] = '|';
   return n;
 }

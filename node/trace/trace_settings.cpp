@@ -2,11 +2,10 @@
 // configuration file's settings join them.
 #include "trace/trace_settings.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
-#include <string>
-#include <strings.h>
+#include <cstring>
+
+#include "core/log_files.h"
 
 namespace snanode::trace {
 
@@ -17,39 +16,26 @@ const char *environment(const char *name) {
   return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-bool is_true(const char *value) {
-  return value != nullptr && (std::string(value) == "1" || strcasecmp(value, "yes") == 0 ||
-                              strcasecmp(value, "true") == 0 || strcasecmp(value, "on") == 0);
-}
-
-// The configuration file's trace settings (trace, trace_file, log_dir and
-// explicit flag bytes of NodeConfig).  This is the hook for the
-// configuration module: once it is part of every process, it fills the
-// settings here.  The environment is applied after it and wins.
+// The configuration file's trace settings (trace and trace_file of
+// NodeConfig; its log_dir reaches log_directory() through the node core).
+// This is the hook for the configuration module: once it is part of every
+// process, it fills the settings here.  The environment is applied after it
+// and wins.
 TraceSettings configured_settings() {
   return {};
 }
 
 }  // namespace
 
-std::filesystem::path log_directory() {
-  if (const char *dir = environment("SNANODE_LOG_DIR")) return dir;
-  if (const char *state = environment("XDG_STATE_HOME")) {
-    return std::filesystem::path(state) / "snanode";
-  }
-  if (const char *home = environment("HOME")) {
-    return std::filesystem::path(home) / ".local" / "state" / "snanode";
-  }
-  return "/tmp/snanode-" + std::to_string(getuid());
-}
-
 TraceSettings resolve_trace_settings() {
   TraceSettings settings = configured_settings();
-  if (is_true(environment("SNANODE_TRACE"))) settings.api_trace = true;
+  // The same rule the node applies to its trace flags when it loads.
+  const char *trace = environment("SNANODE_TRACE");
+  if (trace != nullptr && std::strcmp(trace, "1") == 0) settings.api_trace = true;
   if (const char *file = environment("SNANODE_TRACE_FILE")) {
     settings.file = file;
   } else if (settings.file.empty()) {
-    settings.file = log_directory() / "api.trc";
+    settings.file = std::filesystem::path(log_directory()) / "api.trc";
   }
   return settings;
 }

@@ -11,14 +11,9 @@ struct TraceSettings {
   std::filesystem::path file;  // the trace file
 };
 
-// The directory of the node's logs: SNANODE_LOG_DIR, else
-// $XDG_STATE_HOME/snanode, else $HOME/.local/state/snanode, else
-// /tmp/snanode-<uid>.
-std::filesystem::path log_directory();
-
-// The settings of this process.  SNANODE_TRACE turns the API trace on (1,
-// yes, true or on); SNANODE_TRACE_FILE names the file, by default
-// <log directory>/api.trc.
+// The settings of this process.  SNANODE_TRACE=1 turns the API trace on;
+// SNANODE_TRACE_FILE names the file, by default api.trc in the node's log
+// directory.
 TraceSettings resolve_trace_settings();
 
 }  // namespace snanode::trace
