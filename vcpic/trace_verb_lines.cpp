@@ -1,7 +1,9 @@
 // The lines of every verb's request and response records.
 #include "trace_verb_lines.h"
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 
 #include "trace_names.h"
 #include "trace_verbs.h"
@@ -69,8 +71,17 @@ constexpr TraceItem kNameSetResponse[] = {kChars, cccb_dump(What)};
 
 constexpr TraceItem kRequestToSendA1[] = {value(V::kRequestToSend, S::kA1)};
 
-constexpr TraceItem kAccpResponse[] = {
-    kIdA1,
+// Joins item lists into one.
+template <size_t... Sizes>
+constexpr auto join(const TraceItem (&...parts)[Sizes]) {
+  std::array<TraceItem, (Sizes + ...)> out{};
+  size_t n = 0;
+  ((std::copy(std::begin(parts), std::end(parts), out.begin() + n), n += Sizes), ...);
+  return out;
+}
+
+// Every characteristic of a new conversation, shown by CMACCP and CMINIT.
+constexpr TraceItem kAllCharacteristics[] = {
     kChars,
     value(V::kConversationType),
     value(V::kDeallocateType),
@@ -82,9 +93,10 @@ constexpr TraceItem kAccpResponse[] = {
     value(V::kSendType),
     value(V::kSecurityType),
     kLogData,
-    cccb_dump(N::kPartnerLu),
-    cccb_dump(N::kMode),
 };
+constexpr TraceItem kIdA1Only[] = {kIdA1};
+constexpr TraceItem kAccpNames[] = {cccb_dump(N::kPartnerLu), cccb_dump(N::kMode)};
+constexpr auto kAccpResponse = join(kIdA1Only, kAllCharacteristics, kAccpNames);
 constexpr TraceItem kAllcRequest[] = {
     kId4,
     kChars,
@@ -99,24 +111,9 @@ constexpr TraceItem kAllcRequest[] = {
 constexpr TraceItem kCfmRequest[] = {kId4, kChars, value(V::kSyncLevel)};
 constexpr TraceItem kDealRequest[] = {kId4, kChars, value(V::kDeallocateType), kLogData};
 constexpr TraceItem kInitRequest[] = {sym_dest(S::kArg4)};
-constexpr TraceItem kInitResponse[] = {
-    kIdA1,
-    kChars,
-    value(V::kConversationType),
-    value(V::kDeallocateType),
-    value(V::kErrorDirection),
-    value(V::kSyncLevel),
-    value(V::kFill),
-    value(V::kPrepareToReceiveType),
-    value(V::kReceiveType),
-    value(V::kSendType),
-    value(V::kSecurityType),
-    kLogData,
-    sym_dest(S::kCccb),
-    cccb_dump(N::kPartnerLu),
-    cccb_dump(N::kMode),
-    cccb_dump(N::kPartnerTp),
-};
+constexpr TraceItem kInitNames[] = {sym_dest(S::kCccb), cccb_dump(N::kPartnerLu),
+                                    cccb_dump(N::kMode), cccb_dump(N::kPartnerTp)};
+constexpr auto kInitResponse = join(kIdA1Only, kAllCharacteristics, kInitNames);
 constexpr TraceItem kPtrRequest[] = {kId4, kChars, value(V::kPrepareToReceiveType)};
 constexpr TraceItem kRcvRequest[] = {
     kId4,
@@ -151,7 +148,6 @@ constexpr TraceItem kSsiRequest[] = {side_info(S::kA1), length(L::kEntry, S::kA2
 constexpr TraceItem kTermRequest[] = {value(V::kEndType, S::kArg4)};
 constexpr TraceItem kSpmRequest[] = {kId4, value(V::kProcessingMode, S::kA1), kChars};
 constexpr TraceItem kSpmResponse[] = {kChars, value(V::kProcessingMode)};
-constexpr TraceItem kIdA1Only[] = {kIdA1};
 constexpr TraceItem kWaitResponse[] = {kIdA1, {TraceOp::kAsyncResult, 0, S::kA2, S::kCccb}};
 constexpr TraceItem kLocalTpRequest[] = {dump(N::kLocalTp, S::kArg4, S::kA1),
                                          length(L::kTpName, S::kA1)};

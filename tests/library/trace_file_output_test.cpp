@@ -11,16 +11,12 @@
 
 #include "call_frame.h"
 
+#include "support/read_lines.h"
+
 namespace {
 
 namespace fs = std::filesystem;
-
-std::vector<std::string> read_lines(const fs::path &file) {
-  std::ifstream in(file);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
+using test_support::read_lines;
 
 class TraceFileOutput : public ::testing::Test {
  protected:

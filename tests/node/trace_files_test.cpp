@@ -20,11 +20,14 @@
 #include "core/log_files.h"
 #include "trace/trace_settings.h"
 
+#include "support/read_lines.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 using snanode::log_directory;
 using snanode::trace::resolve_trace_settings;
+using test_support::read_lines;
 
 class TraceFiles : public ::testing::Test {
  protected:
@@ -40,13 +43,6 @@ class TraceFiles : public ::testing::Test {
     }
   }
   void TearDown() override { fs::remove_all(dir_); }
-
-  static std::vector<std::string> read_lines(const fs::path &file) {
-    std::ifstream in(file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-  }
 
   // Opens `file` as the trace file and returns its handle under the lock.
   int32_t lock_trace_file(const fs::path &file) {
