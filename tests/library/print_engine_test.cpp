@@ -96,10 +96,6 @@ TEST_F(PrintEngine, StringsAndCharacters) {
 }
 
 TEST_F(PrintEngine, LongOrAlternateOnCharacterOrStringAssertsAfterOutput) {
-  struct Case {
-    const char *format;
-    const char *expected;
-  };
   EXPECT_EQ(t_format("%Lc|", 'A'), "A|");
   EXPECT_EQ(t_format("%#c|", 'B'), "B|");
   EXPECT_EQ(t_format("%Ls|", "xy"), "xy|");
