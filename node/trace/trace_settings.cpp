@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "config/node_config.h"
 #include "core/log_files.h"
 
 namespace snanode::trace {
@@ -18,11 +19,18 @@ const char *environment(const char *name) {
 
 // The configuration file's trace settings (trace and trace_file of
 // NodeConfig; its log_dir reaches log_directory() through the node core).
-// This is the hook for the configuration module: once it is part of every
-// process, it fills the settings here.  The environment is applied after it
-// and wins.
+// The configuration file's settings; the environment is applied after them
+// and wins.  A file the node cannot use contributes nothing here: the node
+// reports it when the process connects.
 TraceSettings configured_settings() {
-  return {};
+  TraceSettings settings;
+  try {
+    const config::NodeConfig &config = config::current_config();
+    settings.api_trace = config.trace;
+    settings.file = config.trace_file;
+  } catch (const config::ConfigError &) {
+  }
+  return settings;
 }
 
 }  // namespace
@@ -31,7 +39,7 @@ TraceSettings resolve_trace_settings() {
   TraceSettings settings = configured_settings();
   // The same rule the node applies to its trace flags when it loads.
   const char *trace = environment("SNANODE_TRACE");
-  if (trace != nullptr && std::strcmp(trace, "1") == 0) settings.api_trace = true;
+  if (trace != nullptr) settings.api_trace = std::strcmp(trace, "1") == 0;
   if (const char *file = environment("SNANODE_TRACE_FILE")) {
     settings.file = file;
   } else if (settings.file.empty()) {

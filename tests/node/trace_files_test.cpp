@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "snanode/snanode.h"
+#include "config/node_config.h"
 #include "core/log_files.h"
 #include "trace/trace_settings.h"
 
@@ -95,6 +96,7 @@ TEST_F(TraceFiles, TraceVariableSetsOnlyTheApiBit) {
       unsetenv("SNANODE_TRACE");
     }
     setenv("SNANODE_TRACE_FILE", (dir_ / "api.trc").c_str(), 1);
+    snanode::config::reload_config();  // the environment is read when the configuration loads
     unsigned char flags[SNANODE_TRACE_FLAG_BYTES] = {};
     flags[16] = 0x02;
     sepuapi_init(flags);
