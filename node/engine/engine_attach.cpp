@@ -110,7 +110,7 @@ void Engine::establish(NAP_ALLOCATE &vcb, const AllocateRequest &request) {
   setup.id = 0;  // given when a TP accepts it
   setup.starts_in_send = false;
   auto partner = std::make_unique<Conversation>(setup, std::move(link.second), host);
-  convs_[own->id()] = ConvEntry{std::move(own), request.tp, request.session};
+  convs_[id] = ConvEntry{std::move(own), request.tp, request.session};
   vcb.hdr.conv_id = id;
   put_result(vcb.hdr, AP_OK);
   attach(request.info, std::move(partner), request.security_valid);
