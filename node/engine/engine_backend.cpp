@@ -16,25 +16,31 @@ namespace {
 class EngineBackend : public VerbBackend {
  public:
   bool start(void *vcb, VerbTicket *ticket) override { return engine().start(vcb, ticket); }
-  void end_path() override { engine().end_path(); }
+  void end_path() override {
+    // A process that never submitted a verb has no engine to end.
+    if (instance_ != nullptr) instance_->end_path();
+  }
 
  private:
-  static engine::Engine &engine() {
-    static engine::Engine *const instance = new engine::Engine(
-        config::NodeConfig{},
-        engine::EngineHooks{
-            [](void *token) { complete_verb(static_cast<VerbTicket *>(token)); },
-            [](const std::function<void()> &work) {
-              ProcessLockGuard lock;
-              work();
-            },
-            [](uint32_t conv_id, const std::vector<uint8_t> &log_data) {
-              nba_pd_print_problem(engine::kPartnerLogDataProblem, conv_id, "ba",
-                                   static_cast<uint32_t>(log_data.size()), log_data.data());
-            },
-        });
-    return *instance;
+  engine::Engine &engine() {
+    if (instance_ == nullptr)
+      instance_ = new engine::Engine(
+          config::NodeConfig{},
+          engine::EngineHooks{
+              [](void *token) { complete_verb(static_cast<VerbTicket *>(token)); },
+              [](const std::function<void()> &work) {
+                ProcessLockGuard lock;
+                work();
+              },
+              [](uint32_t conv_id, const std::vector<uint8_t> &log_data) {
+                nba_pd_print_problem(engine::kPartnerLogDataProblem, conv_id, "ba",
+                                     static_cast<uint32_t>(log_data.size()), log_data.data());
+              },
+          });
+    return *instance_;
   }
+
+  engine::Engine *instance_ = nullptr;  // guarded by the process lock
 };
 
 }  // namespace
