@@ -147,6 +147,19 @@ TEST(EngineConversation, ReturnStatusBringsTheStatusWithTheLastData) {
   }
 }
 
+TEST(EngineConversation, AWaitingReceiveGetsDataAndStatusSentTogether) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped());
+  std::vector<uint8_t> buffer(100);
+  auto wait = EngineHarness::receive_vcb(b, buffer, true, 1, 1);
+  ASSERT_FALSE(h.submit(&wait));
+  ASSERT_EQ(h.send(a, "turn", AP_SEND_PTR_FLUSH), AP_OK);
+  ASSERT_TRUE(h.completed(&wait));
+  EXPECT_EQ(wait.what_received, AP_WR_DATA_COMPLETE | AP_WR_SEND);
+  EXPECT_EQ(EngineHarness::result_of(wait, buffer).data, "turn");
+  EXPECT_EQ(h.state(b), AP_STATE_SEND_PENDING);
+}
+
 TEST(EngineConversation, SendPendingAllowsSendingAndSendErrorByDirection) {
   for (uint8_t direction : {0, 1}) {
     EngineHarness h;
