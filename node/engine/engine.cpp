@@ -108,16 +108,7 @@ void Engine::tp_ended(NAP_TP_ENDED_VCB &vcb) {
   for (auto &[conv_id, entry] : convs_) {
     if (entry.tp == id) entry.conv->abort(AP_CANCELLED);
   }
-  for (auto it = allocates_.begin(); it != allocates_.end();) {
-    if (it->request.tp != id) {
-      ++it;
-      continue;
-    }
-    put_result(it->vcb->hdr, AP_CANCELLED);
-    void *token = it->token;
-    it = allocates_.erase(it);
-    hooks_.complete(token);
-  }
+  cancel_allocates(id);
   put_result(vcb, AP_OK);
 }
 
@@ -231,17 +222,20 @@ void Engine::cancel(NAP_HDR &hdr) {
     accepts_.erase(it);
     hooks_.complete(token);
   } else if (tp != 0) {
-    // An allocation of this TP still waiting for a session.
-    for (auto it = allocates_.begin(); it != allocates_.end();) {
-      if (it->request.tp != tp) {
-        ++it;
-        continue;
-      }
-      put_result(it->vcb->hdr, AP_CANCELLED);
-      void *token = it->token;
-      it = allocates_.erase(it);
-      hooks_.complete(token);
+    cancel_allocates(tp);  // an allocation of this TP still waiting for a session
+  }
+}
+
+void Engine::cancel_allocates(TpId tp) {
+  for (auto it = allocates_.begin(); it != allocates_.end();) {
+    if (it->request.tp != tp) {
+      ++it;
+      continue;
     }
+    put_result(it->vcb->hdr, AP_CANCELLED);
+    void *token = it->token;
+    it = allocates_.erase(it);
+    hooks_.complete(token);
   }
 }
 
