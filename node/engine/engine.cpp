@@ -159,10 +159,9 @@ bool Engine::conversation_verb(void *vcb, void *token) {
     put_result(hdr, AP_STATE_CHECK);
     return true;
   }
-  if ((hdr.opext == NAP_OPEXT_MAPPED) != conv.mapped()) {
-    put_result(hdr, AP_PARAMETER_CHECK, AP_BAD_FIELD);
-    return true;
-  }
+  // The conversation's own type decides how a verb is carried out; opext is
+  // not checked, since the library sends the DEALLOCATE that follows an
+  // abending SEND_DATA as basic whatever the conversation's type.
   switch (hdr.opcode) {
     case NAP_SEND_DATA:
       return conv.send_data(*static_cast<NAP_SEND_DATA_VCB *>(vcb), token);

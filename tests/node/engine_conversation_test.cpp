@@ -488,7 +488,7 @@ TEST(EngineConversation, ConfirmNeedsSyncLevelConfirm) {
   EXPECT_EQ(h.receive(b, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);  // nothing went out
 }
 
-TEST(EngineConversation, UnknownConversationOrTpAndWrongConversationType) {
+TEST(EngineConversation, UnknownConversationOrTpAndTheConversationsOwnType) {
   EngineHarness h;
   auto [a, b] = h.connect(mapped());
   Conv unknown = a;
@@ -499,9 +499,13 @@ TEST(EngineConversation, UnknownConversationOrTpAndWrongConversationType) {
   auto flush = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_FLUSH, wrong_tp);
   h.submit(&flush);
   EXPECT_EQ(flush.hdr.secondary_rc, AP_BAD_TP_ID);
+  // A DEALLOCATE marked basic on a mapped conversation still ends it as mapped
+  // (no log data goes with it).
   Conv as_basic = a;
   as_basic.mapped = false;
-  EXPECT_EQ(h.simple(NAP_FLUSH, as_basic), AP_PARAMETER_CHECK);
+  EXPECT_EQ(h.deallocate(as_basic, AP_DEALLOC_ABEND_LOG, "dropped"), AP_OK);
+  EXPECT_EQ(h.receive(b).rc, AP_DEALLOC_ABEND_PROG);
+  EXPECT_TRUE(h.logged.empty());
 }
 
 }  // namespace
