@@ -63,23 +63,25 @@ TEST(EngineAttach, PartnerByQualifiedNameAndUnknownPartnerOrMode) {
   ASSERT_TRUE(h.submit(&vcb));
   EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
 
-  AllocateOptions unknown_partner;
+  AllocateOptions unknown_partner, unknown_mode;
   unknown_partner.partner = "NOWHERE";
-  vcb = h.allocate_vcb(tp, unknown_partner);
-  ASSERT_TRUE(h.submit(&vcb));
-  EXPECT_EQ(vcb.hdr.primary_rc, AP_PARAMETER_CHECK);
-  EXPECT_EQ(vcb.hdr.secondary_rc, AP_UNKNOWN_PARTNER_LU);
-
-  AllocateOptions unknown_mode;
   unknown_mode.mode = "NOMODE";
-  vcb = h.allocate_vcb(tp, unknown_mode);
-  ASSERT_TRUE(h.submit(&vcb));
-  EXPECT_EQ(vcb.hdr.secondary_rc, AP_BAD_MODE_NAME);
-
-  std::array<uint8_t, 8> no_tp{};
-  vcb = h.allocate_vcb(no_tp, AllocateOptions{});
-  ASSERT_TRUE(h.submit(&vcb));
-  EXPECT_EQ(vcb.hdr.secondary_rc, AP_BAD_TP_ID);
+  const std::array<uint8_t, 8> no_tp{};
+  struct Case {
+    const char *label;
+    std::array<uint8_t, 8> tp;
+    AllocateOptions options;
+    uint32_t secondary;
+  };
+  for (const Case &c : {Case{"partner", tp, unknown_partner, AP_UNKNOWN_PARTNER_LU},
+                        Case{"mode", tp, unknown_mode, AP_BAD_MODE_NAME},
+                        Case{"tp", no_tp, AllocateOptions{}, AP_BAD_TP_ID}}) {
+    SCOPED_TRACE(c.label);
+    vcb = h.allocate_vcb(c.tp, c.options);
+    ASSERT_TRUE(h.submit(&vcb));
+    EXPECT_EQ(vcb.hdr.primary_rc, AP_PARAMETER_CHECK);
+    EXPECT_EQ(vcb.hdr.secondary_rc, c.secondary);
+  }
 }
 
 TEST(EngineAttach, TpNameNobodyServesFailsOnTheNextVerbThatSends) {
