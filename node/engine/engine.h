@@ -1,0 +1,154 @@
+// The LU 6.2 conversation engine: every APPC verb a TP submits ends here.
+//
+// The engine keeps the node's TPs, its conversations (one Conversation object
+// per side, joined by a Link), the local TP names TPs accept under, attaches
+// waiting for a TP to accept them, accepts waiting for an attach, and
+// allocations waiting for a free session.  All its methods run under the
+// node's lock; verbs that have to wait are completed later through the hooks,
+// still under that lock.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "config/node_config.h"
+#include "engine/conversation.h"
+#include "engine/deadline_timer.h"
+#include "engine/directory.h"
+#include "snanode/verbs.h"
+
+namespace snanode::engine {
+
+// Problem-log code of log data received from a partner (basic conversations).
+inline constexpr uint32_t kPartnerLogDataProblem = 0x10040001;
+
+struct EngineHooks {
+  // A verb that waited has completed; called with the lock held.
+  std::function<void(void *token)> complete;
+  // Runs `work` with the node's lock held (the timer thread needs it).
+  std::function<void(const std::function<void()> &work)> run_locked;
+  // Writes log data a partner sent to the problem log.
+  std::function<void(uint32_t conv_id, const std::vector<uint8_t> &log_data)> log_data;
+};
+
+class Engine : private ConversationHost {
+ public:
+  Engine(const config::NodeConfig &config, EngineHooks hooks);
+  ~Engine() override;
+  Engine(const Engine &) = delete;
+  Engine &operator=(const Engine &) = delete;
+
+  // Carries out one verb.  True: completed, results in `vcb`.  False: the
+  // verb waits and hooks.complete(token) follows exactly once.
+  bool start(void *vcb, void *token);
+
+  // The process is leaving the node: every waiting verb completes with a
+  // conversation failure and all state is dropped.
+  void end_path();
+
+ private:
+  using TpId = uint64_t;
+  using Clock = DeadlineTimer::Clock;
+
+  struct Tp {
+    std::string lu_alias;
+    std::string lu_name;
+    std::optional<std::string> verified_user;
+  };
+  struct ConvEntry {
+    std::unique_ptr<Conversation> conv;
+    TpId tp = 0;
+    std::string session;  // partner LU and mode of the session it holds; empty: none
+  };
+  // What an attach tells the accepting TP.
+  struct AttachInfo {
+    std::string tp_name;
+    bool mapped = true;
+    uint8_t sync_level = 0;
+    std::optional<std::string> user;
+    std::string mode;
+    std::string partner_lu_name;  // the allocating side's LU
+    std::string local_lu_alias;   // the LU the attach arrives at
+  };
+  struct PendingAttach {
+    AttachInfo info;
+    std::unique_ptr<Conversation> half;
+    Clock::time_point deadline;
+  };
+  struct WaitingAccept {
+    NAP_RECEIVE_ALLOCATE *vcb;
+    void *token;
+    std::vector<std::string> names;
+  };
+  struct AllocateRequest {
+    TpId tp = 0;
+    std::string session;
+    uint32_t send_buffer_size = 0;
+    AttachInfo info;
+    bool security_valid = true;
+  };
+  struct WaitingAllocate {
+    NAP_ALLOCATE *vcb;
+    void *token;
+    AllocateRequest request;
+  };
+
+  // ConversationHost
+  void verb_completed(void *vcb, void *token) override;
+  void partner_log_data(uint32_t conv_id, const std::vector<uint8_t> &log_data) override;
+
+  // TPs and local TP names.
+  void start_tp(NAP_START_TP_VCB &vcb);
+  void tp_ended(NAP_TP_ENDED_VCB &vcb);
+  void define_local_tp(NAP_LOCAL_TP_VCB &vcb);
+  void delete_local_tp(NAP_LOCAL_TP_VCB &vcb);
+  Tp *find_tp(const uint8_t *tp_id);
+
+  // Allocation and attach (engine_attach.cpp).
+  bool allocate(NAP_ALLOCATE &vcb, void *token);
+  void establish(NAP_ALLOCATE &vcb, const AllocateRequest &request);
+  void attach(AttachInfo info, std::unique_ptr<Conversation> half, bool security_valid);
+  bool receive_allocate(NAP_RECEIVE_ALLOCATE &vcb, void *token);
+  void deliver_attach(PendingAttach attach, NAP_RECEIVE_ALLOCATE &vcb);
+  bool serves(const std::string &tp_name) const;
+  const config::InvokableTp *invokable(const std::string &tp_name) const;
+  void expire_attaches();
+  void grant_sessions();
+
+  // Conversation verbs and cancel.
+  bool conversation_verb(void *vcb, void *token);
+  void cancel(NAP_HDR &hdr);
+  // Allocations of `tp` still waiting for a session end with 0x2100.
+  void cancel_allocates(TpId tp);
+  // Drops conversations that have ended and frees their sessions.
+  void reap();
+  uint32_t next_conv_id();
+
+  config::NodeConfig config_;
+  Directory directory_;
+  EngineHooks hooks_;
+  TpId next_tp_ = 1;
+  uint32_t next_conv_ = 1;
+  std::unordered_map<TpId, Tp> tps_;
+  std::map<uint32_t, ConvEntry> convs_;
+  std::deque<uint32_t> recently_ended_;  // GET_STATE still answers Reset for these
+  std::unordered_set<uint32_t> recently_ended_set_;
+  std::map<std::string, int> local_tp_names_;
+  std::map<std::string, uint32_t> sessions_in_use_;
+  std::list<PendingAttach> attaches_;
+  std::list<WaitingAccept> accepts_;
+  std::list<WaitingAllocate> allocates_;
+  DeadlineTimer timer_;  // last: stopped before the state it looks at goes
+};
+
+}  // namespace snanode::engine

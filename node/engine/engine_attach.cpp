@@ -1,0 +1,240 @@
+// Allocation, sessions and attach: how a conversation gets its second side.
+//
+// ALLOCATE completes as soon as a session is free; both sides of the
+// conversation are made at once and joined by a link, so the allocating TP
+// can send straight away.  The attached side then waits, with whatever the
+// allocating TP sent, for a RECEIVE_ALLOCATE that lists its TP name.  Checks
+// the partner makes at attach (TP name, conversation type, sync level,
+// security) and a queue time-out refuse the attach: the allocating side learns
+// it, as an allocation error, on its next verb that sends or waits.
+#include <algorithm>
+#include <cstring>
+
+#include "engine/ebcdic.h"
+#include "engine/engine.h"
+#include "engine/link.h"
+#include "engine/security.h"
+
+namespace snanode::engine {
+namespace {
+
+constexpr uint8_t kReturnImmediately = 1;
+constexpr uint8_t kHighestSyncLevel = 1;  // confirm; sync point is not offered
+constexpr size_t kTpNameSize = 64;
+
+void put_result(NAP_HDR &hdr, uint16_t primary, uint32_t secondary = 0) {
+  hdr.primary_rc = primary;
+  hdr.secondary_rc = secondary;
+}
+
+bool is_blank(const uint8_t *field, size_t size) {
+  return std::all_of(field, field + size, [](uint8_t b) { return b == 0 || b == ' '; });
+}
+
+}  // namespace
+
+bool Engine::allocate(NAP_ALLOCATE &vcb, void *token) {
+  NAP_HDR &hdr = vcb.hdr;
+  put_result(hdr, AP_OK);
+  TpId tp_id;
+  std::memcpy(&tp_id, hdr.tp_id, sizeof tp_id);
+  Tp *tp = find_tp(hdr.tp_id);
+  if (tp == nullptr) {
+    put_result(hdr, AP_PARAMETER_CHECK, AP_BAD_TP_ID);
+    return true;
+  }
+  const std::string partner_name =
+      is_blank(vcb.partner_lu_name, sizeof vcb.partner_lu_name)
+          ? ascii_name(vcb.partner_lu_alias, sizeof vcb.partner_lu_alias)
+          : ebcdic_name(vcb.partner_lu_name, sizeof vcb.partner_lu_name);
+  const auto partner = directory_.partner(partner_name);
+  if (!partner) {
+    put_result(hdr, AP_PARAMETER_CHECK, AP_UNKNOWN_PARTNER_LU);
+    return true;
+  }
+  const config::Mode *mode = directory_.mode(ebcdic_name(vcb.mode_name, sizeof vcb.mode_name));
+  if (mode == nullptr) {
+    put_result(hdr, AP_PARAMETER_CHECK, AP_BAD_MODE_NAME);
+    return true;
+  }
+  if (!partner->host.empty()) {
+    // Partners on other hosts are reached through the node daemon only.
+    put_result(hdr, AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_NO_RETRY);
+    return true;
+  }
+
+  SecurityRequest security;
+  security.type = vcb.security_type;
+  security.user_id = ebcdic_name(vcb.user_id, sizeof vcb.user_id);
+  security.password = ebcdic_name(vcb.password, sizeof vcb.password);
+  security.allocator_user = tp->verified_user;
+  const SecurityOutcome outcome = check_security(security, config_.users);
+
+  AllocateRequest request;
+  request.tp = tp_id;
+  request.session = partner->lu_name + "/" + mode->name;
+  request.send_buffer_size = mode->send_buffer_size;
+  request.security_valid = outcome.valid;
+  request.info.tp_name = ebcdic_name(vcb.tp_name, sizeof vcb.tp_name);
+  request.info.mapped = hdr.opext == NAP_OPEXT_MAPPED;
+  request.info.sync_level = vcb.sync_level;
+  request.info.user = outcome.user;
+  request.info.mode = mode->name;
+  request.info.partner_lu_name = tp->lu_name;
+  request.info.local_lu_alias = partner->local_lu_alias;
+
+  if (sessions_in_use_[request.session] >= mode->session_limit) {
+    if (vcb.return_control == kReturnImmediately) {
+      put_result(hdr, AP_UNSUCCESSFUL);
+      return true;
+    }
+    allocates_.push_back({&vcb, token, std::move(request)});
+    return false;
+  }
+  establish(vcb, request);
+  return true;
+}
+
+void Engine::establish(NAP_ALLOCATE &vcb, const AllocateRequest &request) {
+  ++sessions_in_use_[request.session];
+  LinkPair link = make_in_memory_link();
+  const uint32_t id = next_conv_id();
+  ConversationSetup setup;
+  setup.id = id;
+  setup.mapped = request.info.mapped;
+  setup.sync_level = request.info.sync_level;
+  setup.send_buffer_size = request.send_buffer_size;
+  setup.starts_in_send = true;
+  ConversationHost &host = *this;
+  auto own = std::make_unique<Conversation>(setup, std::move(link.first), host);
+  setup.id = 0;  // given when a TP accepts it
+  setup.starts_in_send = false;
+  auto partner = std::make_unique<Conversation>(setup, std::move(link.second), host);
+  convs_[id] = ConvEntry{std::move(own), request.tp, request.session};
+  vcb.hdr.conv_id = id;
+  put_result(vcb.hdr, AP_OK);
+  attach(request.info, std::move(partner), request.security_valid);
+}
+
+bool Engine::serves(const std::string &tp_name) const {
+  if (local_tp_names_.count(tp_name) != 0 || invokable(tp_name) != nullptr) return true;
+  return std::any_of(accepts_.begin(), accepts_.end(), [&](const WaitingAccept &accept) {
+    return std::find(accept.names.begin(), accept.names.end(), tp_name) != accept.names.end();
+  });
+}
+
+const config::InvokableTp *Engine::invokable(const std::string &tp_name) const {
+  for (const auto &tp : config_.tps) {
+    if (tp.tp_name == tp_name) return &tp;
+  }
+  return nullptr;
+}
+
+void Engine::attach(AttachInfo info, std::unique_ptr<Conversation> half, bool security_valid) {
+  const config::InvokableTp *tp = invokable(info.tp_name);
+  uint32_t refusal = 0;
+  if (!serves(info.tp_name)) {
+    refusal = AP_TP_NAME_NOT_RECOGNIZED;
+  } else if (tp != nullptr && !(info.mapped ? tp->accept_mapped : tp->accept_basic)) {
+    refusal = AP_CONV_TYPE_MISMATCH;
+  } else if (info.sync_level > kHighestSyncLevel ||
+             (tp != nullptr &&
+              !(info.sync_level == 0 ? tp->accept_sync_none : tp->accept_sync_confirm))) {
+    refusal = AP_SYNC_LEVEL_NOT_SUPPORTED;
+  } else if (!security_valid || (tp != nullptr && tp->security_required && !info.user)) {
+    refusal = AP_SECURITY_NOT_VALID;
+  }
+  if (refusal != 0) {
+    half->refuse_attach(refusal);
+    return;
+  }
+  for (auto it = accepts_.begin(); it != accepts_.end(); ++it) {
+    if (std::find(it->names.begin(), it->names.end(), info.tp_name) == it->names.end()) continue;
+    WaitingAccept accept = *it;
+    accepts_.erase(it);
+    deliver_attach(PendingAttach{std::move(info), std::move(half), {}}, *accept.vcb);
+    hooks_.complete(accept.token);
+    return;
+  }
+  const uint32_t timeout_ms = tp != nullptr ? tp->queue_timeout_ms : config_.attach_timeout_ms;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  attaches_.push_back(PendingAttach{std::move(info), std::move(half), deadline});
+  timer_.schedule(deadline);
+}
+
+bool Engine::receive_allocate(NAP_RECEIVE_ALLOCATE &vcb, void *token) {
+  vcb.primary_rc = AP_OK;
+  vcb.secondary_rc = 0;
+  if (vcb.tp_name_count == 0 || vcb.tp_name_list == nullptr) {
+    vcb.primary_rc = AP_PARAMETER_CHECK;
+    vcb.secondary_rc = AP_BAD_FIELD;
+    return true;
+  }
+  std::vector<std::string> names;
+  for (uint32_t i = 0; i < vcb.tp_name_count; ++i) {
+    names.push_back(ebcdic_name(vcb.tp_name_list + i * kTpNameSize, kTpNameSize));
+  }
+  // The attach that has waited longest for any of the names is taken first.
+  for (auto it = attaches_.begin(); it != attaches_.end(); ++it) {
+    if (std::find(names.begin(), names.end(), it->info.tp_name) == names.end()) continue;
+    PendingAttach attach = std::move(*it);
+    attaches_.erase(it);
+    deliver_attach(std::move(attach), vcb);
+    return true;
+  }
+  accepts_.push_back({&vcb, token, std::move(names)});
+  return false;
+}
+
+void Engine::deliver_attach(PendingAttach attach, NAP_RECEIVE_ALLOCATE &vcb) {
+  const AttachInfo &info = attach.info;
+  const config::LocalLu *lu = directory_.local_lu(info.local_lu_alias);
+  if (lu == nullptr) lu = &directory_.default_local_lu();
+  const TpId tp_id = next_tp_++;
+  tps_[tp_id] = Tp{lu->alias, lu->lu_name, info.user};
+
+  const uint32_t conv_id = next_conv_id();
+  attach.half->set_id(conv_id);
+  convs_[conv_id] = ConvEntry{std::move(attach.half), tp_id, ""};
+
+  put_ebcdic_name(info.tp_name, vcb.rcv_tp_name, sizeof vcb.rcv_tp_name);
+  std::memcpy(vcb.tp_id, &tp_id, sizeof tp_id);
+  vcb.conv_id = conv_id;
+  vcb.rcv_sync_level = info.sync_level;
+  vcb.rcv_conv_type = info.mapped ? 1 : 0;
+  put_ebcdic_name(info.user.value_or(""), vcb.rcv_user_id, sizeof vcb.rcv_user_id);
+  put_ascii_name(lu->alias, vcb.rcv_lu_alias, sizeof vcb.rcv_lu_alias);
+  put_ebcdic_name(info.mode, vcb.rcv_mode_name, sizeof vcb.rcv_mode_name);
+  put_ebcdic_name(info.partner_lu_name, vcb.rcv_partner_lu_name, sizeof vcb.rcv_partner_lu_name);
+  vcb.primary_rc = AP_OK;
+  vcb.secondary_rc = 0;
+}
+
+void Engine::expire_attaches() {
+  const auto now = Clock::now();
+  for (auto it = attaches_.begin(); it != attaches_.end();) {
+    if (it->deadline > now) {
+      ++it;
+      continue;
+    }
+    it->half->refuse_attach(AP_TP_NOT_AVAILABLE_RETRY);
+    it = attaches_.erase(it);
+  }
+  reap();
+}
+
+void Engine::grant_sessions() {
+  for (auto it = allocates_.begin(); it != allocates_.end();) {
+    const config::Mode *mode = directory_.mode(it->request.info.mode);
+    if (mode == nullptr || sessions_in_use_[it->request.session] >= mode->session_limit) {
+      ++it;
+      continue;
+    }
+    WaitingAllocate waiting = std::move(*it);
+    it = allocates_.erase(it);
+    establish(*waiting.vcb, waiting.request);
+    hooks_.complete(waiting.token);
+  }
+}
+
+}  // namespace snanode::engine

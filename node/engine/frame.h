@@ -1,0 +1,57 @@
+// What one half of a conversation tells the other.
+//
+// The two halves of a conversation never share state: everything passes as
+// frames over a Link, in order.  In embedded mode the link hands the Frame
+// object to the peer; across processes it is encoded as
+//
+//   u32 length of the rest (big-endian) | u8 type | u8 flags | u32 code (big-endian) | payload
+//
+// so both ends agree on the bytes whatever their host order.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace snanode::engine {
+
+enum class FrameType : uint8_t {
+  kData = 1,             // conversation data; mapped: one whole record per frame
+  kChangeDirection = 2,  // the sender now receives; the peer may send
+  kConfirm = 3,          // flags: ConfirmKind; the sender waits for kConfirmed or an error
+  kConfirmed = 4,
+  kSendError = 5,   // flags: SendErrorKind; payload: log data
+  kDeallocate = 6,  // flags: DeallocKind; payload: log data
+  kRequestToSend = 7,
+  kAttachFailed = 8,  // code: the allocation error's secondary return code
+};
+
+// DATA flag: a control frame (turn, confirm, error, deallocation) follows at
+// once.  The receiver holds its waiting verb until that frame is in, so data
+// and the status sent with it are received together.
+inline constexpr uint8_t kDataMoreFollows = 1;
+
+enum class ConfirmKind : uint8_t { kPlain = 0, kChangeDirection = 1, kDeallocate = 2 };
+enum class SendErrorKind : uint8_t { kNoTruncation = 0, kTruncation = 1, kPurging = 2 };
+enum class DeallocKind : uint8_t { kNormal = 0, kAbend = 1 };
+
+struct Frame {
+  FrameType type = FrameType::kData;
+  uint8_t flags = 0;
+  uint32_t code = 0;
+  std::vector<uint8_t> payload;
+};
+
+inline constexpr size_t kFrameHeaderSize = 10;          // length, type, flags, code
+inline constexpr uint32_t kMaxFramePayload = 1u << 20;  // larger frames are refused
+
+// Appends the encoded frame to `out`.
+void encode_frame(const Frame &frame, std::vector<uint8_t> &out);
+
+// Decodes one frame from the front of `in`.  Returns nothing when `in` does
+// not yet hold a whole frame; sets `consumed` to the bytes used otherwise.
+// Throws std::invalid_argument for bytes that cannot be a frame.
+std::optional<Frame> decode_frame(const uint8_t *in, size_t size, size_t &consumed);
+
+}  // namespace snanode::engine

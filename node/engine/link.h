@@ -1,0 +1,42 @@
+// The path between the two halves of one conversation.
+//
+// A half sends frames through its Link and receives them through the
+// FrameSink it attached.  Frames arrive in the order they were sent.  When the
+// far end goes away without a word (its process died, its socket broke), the
+// sink hears link_lost() once; a half that ends properly detaches first, so its
+// peer only hears the frames it sent.
+#pragma once
+
+#include <memory>
+
+#include "engine/frame.h"
+
+namespace snanode::engine {
+
+class FrameSink {
+ public:
+  virtual ~FrameSink() = default;
+  virtual void on_frame(Frame &&frame) = 0;
+  virtual void link_lost() = 0;
+};
+
+class Link {
+ public:
+  virtual ~Link() = default;
+  // Delivers to the peer; frames to a peer that has gone are dropped.
+  virtual void send(Frame &&frame) = 0;
+  // Sets (or, with nullptr, clears) where this end's inbound frames go.
+  virtual void attach(FrameSink *sink) = 0;
+  // This end is going away: the peer hears link_lost() unless `quietly`.
+  virtual void close(bool quietly) = 0;
+};
+
+// Two connected in-memory ends: a frame sent on one is handed to the other's
+// sink at once, on the sender's thread, under the caller's lock.
+struct LinkPair {
+  std::unique_ptr<Link> first;
+  std::unique_ptr<Link> second;
+};
+LinkPair make_in_memory_link();
+
+}  // namespace snanode::engine

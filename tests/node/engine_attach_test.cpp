@@ -1,0 +1,344 @@
+// Allocation and attach: TP names, queueing, security, conversation type and
+// sync level checks, sessions, cancel and the end of a TP.
+#include "node/engine_harness.h"
+
+namespace engine_test {
+namespace {
+
+using snanode::engine::ebcdic_name;
+
+config::InvokableTp invokable(const std::string &name) {
+  config::InvokableTp tp;
+  tp.tp_name = name;
+  tp.program = "/bin/true";
+  return tp;
+}
+
+// The allocation error a refused attach leaves for the allocating side's
+// next verb that sends.
+std::pair<uint16_t, uint32_t> error_on_flush(EngineHarness &h, const Conv &a) {
+  auto flush = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_FLUSH, a);
+  EXPECT_TRUE(h.submit(&flush));
+  return {flush.hdr.primary_rc, flush.hdr.secondary_rc};
+}
+
+// A fresh TP allocates with `o` while an accept for the same name waits.
+Conv allocate_to_waiting_accept(EngineHarness &h, EngineHarness::Accept &accept,
+                                const AllocateOptions &o) {
+  auto tp = h.start_tp();
+  EngineHarness::prepare_accept(accept, {o.tp_name});
+  EXPECT_FALSE(h.submit(&accept.vcb));
+  return h.allocate(tp, o);
+}
+
+TEST(EngineAttach, AcceptReceivesTheAllocationsCharacteristics) {
+  EngineHarness h;
+  auto tp = h.start_tp();
+  EngineHarness::Accept accept;
+  EngineHarness::prepare_accept(accept, {"OTHER", "SERVER"});
+  ASSERT_FALSE(h.submit(&accept.vcb));
+  AllocateOptions o;
+  o.mapped = false;
+  o.sync_level = 1;
+  Conv a = h.allocate(tp, o);
+  ASSERT_TRUE(h.completed(&accept.vcb));
+  EXPECT_EQ(accept.vcb.primary_rc, AP_OK);
+  EXPECT_EQ(ebcdic_name(accept.vcb.rcv_tp_name, 64), "SERVER");
+  EXPECT_EQ(accept.vcb.rcv_conv_type, 0);
+  EXPECT_EQ(accept.vcb.rcv_sync_level, 1);
+  EXPECT_EQ(ebcdic_name(accept.vcb.rcv_mode_name, 8), "#INTER");
+  EXPECT_EQ(ebcdic_name(accept.vcb.rcv_partner_lu_name, 17), "APPN.LOCAL");
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(accept.vcb.rcv_lu_alias), 8), "LOCAL   ");
+  EXPECT_EQ(accept.vcb.rcv_user_id[0], 0x40);  // no user
+  EXPECT_NE(accept.vcb.conv_id, a.id);
+  EXPECT_NE(std::memcmp(accept.vcb.tp_id, tp.data(), 8), 0);  // a TP of its own
+}
+
+TEST(EngineAttach, PartnerByQualifiedNameAndUnknownPartnerOrMode) {
+  EngineHarness h;
+  auto tp = h.start_tp();
+  NAP_ALLOCATE vcb = h.allocate_vcb(tp, AllocateOptions{});
+  std::memset(vcb.partner_lu_alias, 0, 8);
+  snanode::engine::put_ebcdic_name("APPN.LOCAL", vcb.partner_lu_name, 17);
+  ASSERT_TRUE(h.submit(&vcb));
+  EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
+
+  AllocateOptions unknown_partner, unknown_mode;
+  unknown_partner.partner = "NOWHERE";
+  unknown_mode.mode = "NOMODE";
+  const std::array<uint8_t, 8> no_tp{};
+  struct Case {
+    const char *label;
+    std::array<uint8_t, 8> tp;
+    AllocateOptions options;
+    uint32_t secondary;
+  };
+  for (const Case &c : {Case{"partner", tp, unknown_partner, AP_UNKNOWN_PARTNER_LU},
+                        Case{"mode", tp, unknown_mode, AP_BAD_MODE_NAME},
+                        Case{"tp", no_tp, AllocateOptions{}, AP_BAD_TP_ID}}) {
+    SCOPED_TRACE(c.label);
+    vcb = h.allocate_vcb(c.tp, c.options);
+    ASSERT_TRUE(h.submit(&vcb));
+    EXPECT_EQ(vcb.hdr.primary_rc, AP_PARAMETER_CHECK);
+    EXPECT_EQ(vcb.hdr.secondary_rc, c.secondary);
+  }
+}
+
+TEST(EngineAttach, TpNameNobodyServesFailsOnTheNextVerbThatSends) {
+  EngineHarness h;
+  auto tp = h.start_tp();
+  AllocateOptions o;
+  o.tp_name = "NOBODY";
+  Conv a = h.allocate(tp, o);
+  EXPECT_EQ(h.send(a, "buffered only"), AP_OK);  // nothing has gone to the partner yet
+  auto [primary, secondary] = error_on_flush(h, a);
+  EXPECT_EQ(primary, AP_ALLOCATION_ERROR);
+  EXPECT_EQ(secondary, AP_TP_NAME_NOT_RECOGNIZED);
+  EXPECT_EQ(h.simple(NAP_FLUSH, a), AP_PARAMETER_CHECK);  // the conversation is gone
+}
+
+TEST(EngineAttach, QueuedAttachIsTakenByALaterAcceptWithItsData) {
+  EngineHarness h;
+  ASSERT_EQ(h.local_tp(NAP_DEFINE_LOCAL_TP, "LATER"), AP_OK);
+  auto tp = h.start_tp();
+  AllocateOptions o;
+  o.tp_name = "LATER";
+  Conv a = h.allocate(tp, o);
+  ASSERT_EQ(h.send(a, "early", AP_SEND_FLUSH), AP_OK);
+  EngineHarness::Accept accept;
+  EngineHarness::prepare_accept(accept, {"LATER"});
+  ASSERT_TRUE(h.submit(&accept.vcb));  // waiting already: taken at once
+  EXPECT_EQ(h.receive(EngineHarness::accepted(accept)).data, "early");
+  ASSERT_EQ(h.local_tp(NAP_DELETE_LOCAL_TP, "LATER"), AP_OK);
+  EXPECT_EQ(h.local_tp(NAP_DELETE_LOCAL_TP, "LATER"), AP_PARAMETER_CHECK);
+}
+
+TEST(EngineAttach, QueuedAttachTimesOutAndTheWaitingVerbLearnsIt) {
+  config::NodeConfig cfg;
+  cfg.attach_timeout_ms = 50;
+  EngineHarness h(cfg);
+  ASSERT_EQ(h.local_tp(NAP_DEFINE_LOCAL_TP, "SLOW"), AP_OK);
+  auto tp = h.start_tp();
+  AllocateOptions o;
+  o.tp_name = "SLOW";
+  Conv a = h.allocate(tp, o);
+  std::vector<uint8_t> buffer(10);
+  auto wait = EngineHarness::receive_vcb(a, buffer, true);
+  ASSERT_FALSE(h.submit(&wait));
+  ASSERT_TRUE(h.wait_completed(&wait, std::chrono::seconds(10)));
+  EXPECT_EQ(wait.hdr.primary_rc, AP_ALLOCATION_ERROR);
+  EXPECT_EQ(wait.hdr.secondary_rc, AP_TP_NOT_AVAILABLE_RETRY);
+}
+
+TEST(EngineAttach, ConversationTypeAndSyncLevelMustSuitTheTp) {
+  config::NodeConfig cfg;
+  auto mapped_only = invokable("MAPONLY");
+  mapped_only.accept_basic = false;
+  auto no_confirm = invokable("NOCONF");
+  no_confirm.accept_sync_confirm = false;
+  cfg.tps = {mapped_only, no_confirm, invokable("ANY")};
+  struct Case {
+    std::string tp_name;
+    bool mapped;
+    uint8_t sync;
+    uint32_t refusal;  // 0: accepted
+  };
+  const Case cases[] = {
+      {"MAPONLY", false, 0, AP_CONV_TYPE_MISMATCH},     {"MAPONLY", true, 0, 0},
+      {"NOCONF", true, 1, AP_SYNC_LEVEL_NOT_SUPPORTED}, {"NOCONF", true, 0, 0},
+      {"ANY", true, 2, AP_SYNC_LEVEL_NOT_SUPPORTED},    {"ANY", false, 1, 0},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.tp_name + " sync " + std::to_string(c.sync));
+    EngineHarness h(cfg);
+    AllocateOptions o;
+    o.tp_name = c.tp_name;
+    o.mapped = c.mapped;
+    o.sync_level = c.sync;
+    EngineHarness::Accept accept;
+    Conv a = allocate_to_waiting_accept(h, accept, o);
+    EXPECT_EQ(h.completed(&accept.vcb), c.refusal == 0);
+    auto [primary, secondary] = error_on_flush(h, a);
+    EXPECT_EQ(primary, c.refusal == 0 ? AP_OK : AP_ALLOCATION_ERROR);
+    EXPECT_EQ(secondary, c.refusal);
+  }
+}
+
+TEST(EngineAttach, ConversationSecurity) {
+  config::NodeConfig cfg;
+  cfg.users = {{"ALICE", "SECRET"}, {"PAMUSER", ""}};
+  auto secure = invokable("SECURE");
+  secure.security_required = true;
+  cfg.tps = {secure, invokable("OPEN")};
+  struct Case {
+    const char *label;
+    std::string tp_name;
+    uint8_t security;
+    std::string user, password;
+    bool valid;
+    std::string user_seen;
+  };
+  const Case cases[] = {
+      {"program", "SECURE", 2, "ALICE", "SECRET", true, "ALICE"},
+      {"program strong", "SECURE", 5, "ALICE", "SECRET", true, "ALICE"},
+      {"wrong password", "OPEN", 2, "ALICE", "WRONG", false, ""},
+      {"unknown user", "OPEN", 2, "BOB", "SECRET", false, ""},
+      {"no password to check", "OPEN", 2, "PAMUSER", "", false, ""},
+      {"none to a secure TP", "SECURE", 0, "", "", false, ""},
+      {"same from an unverified TP", "SECURE", 1, "ALICE", "", false, ""},
+      {"same from an unverified TP, open TP", "OPEN", 1, "ALICE", "", true, ""},
+      {"unknown security type", "OPEN", 3, "", "", false, ""},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.label);
+    EngineHarness h(cfg);
+    AllocateOptions o;
+    o.tp_name = c.tp_name;
+    o.security = c.security;
+    o.user = c.user;
+    o.password = c.password;
+    EngineHarness::Accept accept;
+    Conv a = allocate_to_waiting_accept(h, accept, o);
+    ASSERT_EQ(h.completed(&accept.vcb), c.valid);
+    if (c.valid) {
+      EXPECT_EQ(ebcdic_name(accept.vcb.rcv_user_id, 10), c.user_seen);
+    } else {
+      auto [primary, secondary] = error_on_flush(h, a);
+      EXPECT_EQ(primary, AP_ALLOCATION_ERROR);
+      EXPECT_EQ(secondary, AP_SECURITY_NOT_VALID);
+    }
+  }
+}
+
+TEST(EngineAttach, SameSecurityFromAVerifiedTpPassesItsUserOn) {
+  config::NodeConfig cfg;
+  cfg.users = {{"ALICE", "SECRET"}};
+  auto secure = invokable("SECURE");
+  secure.security_required = true;
+  cfg.tps = {secure, invokable("MIDDLE")};
+  EngineHarness h(cfg);
+  auto tp = h.start_tp();
+  EngineHarness::Accept middle;
+  EngineHarness::prepare_accept(middle, {"MIDDLE"});
+  h.submit(&middle.vcb);
+  AllocateOptions o;
+  o.tp_name = "MIDDLE";
+  o.security = 2;
+  o.user = "ALICE";
+  o.password = "SECRET";
+  h.allocate(tp, o);
+  ASSERT_TRUE(h.completed(&middle.vcb));
+  // The attached TP allocates on with SAME under its own (verified) TP.
+  std::array<uint8_t, 8> middle_tp;
+  std::memcpy(middle_tp.data(), middle.vcb.tp_id, 8);
+  EngineHarness::Accept last;
+  EngineHarness::prepare_accept(last, {"SECURE"});
+  h.submit(&last.vcb);
+  AllocateOptions same;
+  same.tp_name = "SECURE";
+  same.security = 1;
+  h.allocate(middle_tp, same);
+  ASSERT_TRUE(h.completed(&last.vcb));
+  EXPECT_EQ(ebcdic_name(last.vcb.rcv_user_id, 10), "ALICE");
+}
+
+TEST(EngineAttach, SessionLimitRefusesImmediateAndQueuesTheRest) {
+  config::NodeConfig cfg;
+  cfg.modes.push_back({"#INTER", 1, 4096});
+  EngineHarness h(cfg);
+  auto [a, b] = h.connect();
+  auto tp = h.start_tp();
+  AllocateOptions immediate;
+  immediate.return_control = 1;
+  NAP_ALLOCATE refused = h.allocate_vcb(tp, immediate);
+  ASSERT_TRUE(h.submit(&refused));
+  EXPECT_EQ(refused.hdr.primary_rc, AP_UNSUCCESSFUL);
+
+  NAP_ALLOCATE queued = h.allocate_vcb(tp, AllocateOptions{});
+  ASSERT_FALSE(h.submit(&queued));
+  EXPECT_EQ(h.send(a, "x", AP_SEND_FLUSH), AP_OK);
+  EXPECT_FALSE(h.completed(&queued));
+  // The session is free once the allocating side has ended the conversation.
+  EXPECT_EQ(h.deallocate(a, AP_DEALLOC_FLUSH), AP_OK);
+  ASSERT_TRUE(h.completed(&queued));
+  EXPECT_EQ(h.receive(b).data, "x");
+  EXPECT_EQ(queued.hdr.primary_rc, AP_OK);
+  EXPECT_NE(queued.hdr.conv_id, 0u);
+}
+
+TEST(EngineAttach, CancelEndsWaitingVerbsAndThePartnerSeesAnAbend) {
+  EngineHarness h;
+  auto [a, b] = h.connect();
+  std::vector<uint8_t> buffer(10);
+  auto wait = EngineHarness::receive_vcb(b, buffer, true);
+  ASSERT_FALSE(h.submit(&wait));
+  auto cancel = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_CANCEL, b);
+  ASSERT_TRUE(h.submit(&cancel));
+  EXPECT_EQ(cancel.hdr.primary_rc, AP_OK);
+  ASSERT_TRUE(h.completed(&wait));
+  EXPECT_EQ(wait.hdr.primary_rc, AP_CANCELLED);
+  EXPECT_EQ(h.send(a, "x", AP_SEND_FLUSH), AP_DEALLOC_ABEND_PROG);
+
+  // An accept still waiting is named by the library's own handle.
+  EngineHarness::Accept accept;
+  EngineHarness::prepare_accept(accept, {"SERVER"}, 4242);
+  ASSERT_FALSE(h.submit(&accept.vcb));
+  NAP_HDR cancel_accept{};
+  cancel_accept.opcode = NAP_CANCEL;
+  cancel_accept.conv_id = 4242;
+  ASSERT_TRUE(h.submit(&cancel_accept));
+  ASSERT_TRUE(h.completed(&accept.vcb));
+  EXPECT_EQ(accept.vcb.primary_rc, AP_CANCELLED);
+}
+
+TEST(EngineAttach, TpEndedEndsItsConversations) {
+  EngineHarness h;
+  auto [a, b] = h.connect();
+  auto confirm_free = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_FLUSH, a);
+  NAP_TP_ENDED_VCB ended{};
+  ended.opcode = NAP_TP_ENDED;
+  std::memcpy(ended.tp_id, b.tp.data(), 8);
+  std::vector<uint8_t> buffer(10);
+  auto wait = EngineHarness::receive_vcb(b, buffer, true);
+  ASSERT_FALSE(h.submit(&wait));
+  ASSERT_TRUE(h.submit(&ended));
+  EXPECT_EQ(ended.primary_rc, AP_OK);
+  EXPECT_EQ(wait.hdr.primary_rc, AP_CANCELLED);
+  ASSERT_TRUE(h.submit(&confirm_free));
+  EXPECT_EQ(confirm_free.hdr.primary_rc, AP_DEALLOC_ABEND_PROG);
+  ASSERT_TRUE(h.submit(&ended));
+  EXPECT_EQ(ended.primary_rc, AP_PARAMETER_CHECK);
+  EXPECT_EQ(ended.secondary_rc, AP_BAD_TP_ID);
+}
+
+TEST(EngineAttach, EndOfPathCompletesEveryWaitingVerb) {
+  EngineHarness h;
+  auto [a, b] = h.connect();
+  std::vector<uint8_t> buffer(10);
+  auto wait = EngineHarness::receive_vcb(b, buffer, true);
+  ASSERT_FALSE(h.submit(&wait));
+  EngineHarness::Accept accept;
+  EngineHarness::prepare_accept(accept, {"ELSE"});
+  ASSERT_FALSE(h.submit(&accept.vcb));
+  h.end_path();
+  ASSERT_TRUE(h.completed(&wait));
+  ASSERT_TRUE(h.completed(&accept.vcb));
+  EXPECT_EQ(wait.hdr.primary_rc, AP_CONV_FAILURE_NO_RETRY);
+  EXPECT_EQ(accept.vcb.primary_rc, AP_CONV_FAILURE_NO_RETRY);
+  EXPECT_EQ(h.simple(NAP_FLUSH, a), AP_PARAMETER_CHECK);
+}
+
+TEST(EngineAttach, GetStateAfterTheEndIsReset) {
+  EngineHarness h;
+  auto [a, b] = h.connect();
+  ASSERT_EQ(h.deallocate(a, AP_DEALLOC_FLUSH), AP_OK);
+  auto state = EngineHarness::verb<NAP_GET_STATE_VCB>(NAP_GET_STATE, a);
+  state.conv_state = 0xFF;
+  ASSERT_TRUE(h.submit(&state));
+  EXPECT_EQ(state.hdr.primary_rc, AP_OK);
+  EXPECT_EQ(state.conv_state, AP_STATE_RESET);
+  EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);  // until it has read the deallocation
+}
+
+}  // namespace
+}  // namespace engine_test

@@ -1,0 +1,573 @@
+// The conversation state machine seen from both sides: data, turns,
+// confirmation, errors, deallocation, request-to-send and state checks.
+#include "node/engine_harness.h"
+
+namespace engine_test {
+namespace {
+
+using Options = AllocateOptions;
+
+Options basic(uint8_t sync = 0) {
+  Options o;
+  o.mapped = false;
+  o.sync_level = sync;
+  return o;
+}
+Options mapped(uint8_t sync = 0) {
+  Options o;
+  o.sync_level = sync;
+  return o;
+}
+
+TEST(EngineConversation, PingPongOnBothConversationTypes) {
+  for (bool is_mapped : {true, false}) {
+    SCOPED_TRACE(is_mapped ? "mapped" : "basic");
+    EngineHarness h;
+    auto [a, b] = h.connect(is_mapped ? mapped() : basic());
+    EXPECT_EQ(h.state(a), AP_STATE_SEND);
+    EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);
+    const std::string ping = is_mapped ? "ping" : record("ping");
+    const std::string pong = is_mapped ? "pong!" : record("pong!");
+    for (int round = 0; round < 3; ++round) {
+      // The receive-and-wait in Send state hands the turn over first.
+      std::vector<uint8_t> buffer(100);
+      auto wait = EngineHarness::receive_vcb(a, buffer, true);
+      ASSERT_EQ(h.send(a, ping), AP_OK);
+      EXPECT_FALSE(h.submit(&wait));
+      Received got = h.receive(b);
+      EXPECT_EQ(got.rc, AP_OK);
+      EXPECT_EQ(got.data, ping);
+      EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+      got = h.receive(b);
+      EXPECT_EQ(got.what, AP_WR_SEND);
+      EXPECT_EQ(h.state(b), AP_STATE_SEND);
+      ASSERT_EQ(h.send(b, pong, AP_SEND_PTR_FLUSH), AP_OK);
+      ASSERT_TRUE(h.completed(&wait));
+      EXPECT_EQ(EngineHarness::result_of(wait, buffer).data, pong);
+      EXPECT_EQ(h.receive(a).what, AP_WR_SEND);
+    }
+    EXPECT_EQ(h.deallocate(a, AP_DEALLOC_FLUSH), AP_OK);
+    EXPECT_EQ(h.receive(b).rc, AP_DEALLOC_NORMAL);
+  }
+}
+
+TEST(EngineConversation, BufferedDataStaysUntilFlushedOrPastTheModeBufferSize) {
+  config::NodeConfig cfg;
+  cfg.modes.push_back({"#INTER", 8, 10});
+  EngineHarness h(cfg);
+  auto [a, b] = h.connect(mapped());
+  ASSERT_EQ(h.send(a, "1234"), AP_OK);
+  EXPECT_EQ(h.receive(b, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);  // still buffered
+  ASSERT_EQ(h.send(a, "567890"), AP_OK);                          // 10 bytes: sent
+  EXPECT_EQ(h.receive(b, 100, 1, 0, false).data, "1234");
+  EXPECT_EQ(h.receive(b, 100, 1, 0, false).data, "567890");
+  ASSERT_EQ(h.send(a, "x"), AP_OK);
+  EXPECT_EQ(h.receive(b, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);
+  EXPECT_EQ(h.simple(NAP_FLUSH, a), AP_OK);
+  EXPECT_EQ(h.receive(b, 100, 1, 0, false).data, "x");
+}
+
+TEST(EngineConversation, EverySendDataTypeLeavesBothSidesInTheRightState) {
+  struct Case {
+    uint8_t type;
+    uint8_t sync;
+    uint16_t partner_what;  // what the partner receives after the data (return_status 0)
+    uint16_t partner_rc;
+    uint8_t sender_state;  // after the partner's reply to a confirmation
+  };
+  const Case cases[] = {
+      {AP_SEND_FLUSH, 0, 0, AP_UNSUCCESSFUL, AP_STATE_SEND},
+      {AP_SEND_CONFIRM, 1, AP_WR_CONFIRM, AP_OK, AP_STATE_SEND},
+      {AP_SEND_PTR_FLUSH, 1, AP_WR_SEND, AP_OK, AP_STATE_RECEIVE},
+      {AP_SEND_PTR_SYNC_LEVEL, 0, AP_WR_SEND, AP_OK, AP_STATE_RECEIVE},
+      {AP_SEND_PTR_SYNC_LEVEL, 1, AP_WR_CONFIRM_SEND, AP_OK, AP_STATE_RECEIVE},
+      {AP_SEND_DEALLOC_FLUSH, 1, 0, AP_DEALLOC_NORMAL, AP_STATE_RESET},
+      {AP_SEND_DEALLOC_SYNC_LEVEL, 0, 0, AP_DEALLOC_NORMAL, AP_STATE_RESET},
+      {AP_SEND_DEALLOC_SYNC_LEVEL, 1, AP_WR_CONFIRM_DEALLOCATE, AP_OK, AP_STATE_RESET},
+      {AP_SEND_DEALLOC_ABEND, 0, 0, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET},
+  };
+  for (bool is_mapped : {true, false}) {
+    for (const Case &c : cases) {
+      SCOPED_TRACE(testing::Message() << (is_mapped ? "mapped" : "basic") << " type " << int(c.type)
+                                      << " sync " << int(c.sync));
+      EngineHarness h;
+      auto [a, b] = h.connect(is_mapped ? mapped(c.sync) : basic(c.sync));
+      const std::string data = is_mapped ? "payload" : record("payload");
+      auto vcb = EngineHarness::send_vcb(a, data, c.type);
+      const bool waits = h.submit(&vcb) == false;
+      const bool asks_confirm = c.partner_what >= AP_WR_CONFIRM && c.partner_what <= 4;
+      EXPECT_EQ(waits, asks_confirm);
+      Received got = h.receive(b);
+      EXPECT_EQ(got.rc, AP_OK);
+      EXPECT_EQ(got.data, data);
+      got = h.receive(b, 100, 1, 0, /*wait=*/false);
+      EXPECT_EQ(got.rc, c.partner_rc);
+      EXPECT_EQ(got.what, c.partner_what);
+      if (waits) {
+        EXPECT_FALSE(h.completed(&vcb));
+        EXPECT_EQ(h.simple(NAP_CONFIRMED, b), AP_OK);
+        ASSERT_TRUE(h.completed(&vcb));
+        EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
+      } else {
+        EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
+      }
+      if (c.sender_state == AP_STATE_RESET) {
+        auto state = EngineHarness::verb<NAP_GET_STATE_VCB>(NAP_GET_STATE, a);
+        h.submit(&state);
+        EXPECT_EQ(state.conv_state, AP_STATE_RESET);
+      } else {
+        EXPECT_EQ(h.state(a), c.sender_state);
+      }
+    }
+  }
+}
+
+TEST(EngineConversation, ReturnStatusBringsTheStatusWithTheLastData) {
+  struct Case {
+    uint8_t type;
+    uint16_t what;
+    uint8_t state;
+  };
+  for (const Case &c :
+       {Case{AP_SEND_PTR_FLUSH, AP_WR_DATA_COMPLETE | AP_WR_SEND, AP_STATE_SEND_PENDING},
+        Case{AP_SEND_CONFIRM, AP_WR_DATA_COMPLETE | AP_WR_CONFIRM, AP_STATE_CONFIRM},
+        Case{AP_SEND_PTR_SYNC_LEVEL, AP_WR_DATA_COMPLETE | AP_WR_CONFIRM_SEND,
+             AP_STATE_CONFIRM_SEND},
+        Case{AP_SEND_DEALLOC_SYNC_LEVEL, AP_WR_DATA_COMPLETE | AP_WR_CONFIRM_DEALLOCATE,
+             AP_STATE_CONFIRM_DEALLOCATE}}) {
+    SCOPED_TRACE(int(c.type));
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped(1));
+    auto vcb = EngineHarness::send_vcb(a, "last", c.type);
+    h.submit(&vcb);
+    Received got = h.receive(b, 100, 1, 1);
+    EXPECT_EQ(got.data, "last");
+    EXPECT_EQ(got.what, c.what);
+    EXPECT_EQ(h.state(b), c.state);
+  }
+}
+
+TEST(EngineConversation, AWaitingReceiveGetsDataAndStatusSentTogether) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped());
+  std::vector<uint8_t> buffer(100);
+  auto wait = EngineHarness::receive_vcb(b, buffer, true, 1, 1);
+  ASSERT_FALSE(h.submit(&wait));
+  ASSERT_EQ(h.send(a, "turn", AP_SEND_PTR_FLUSH), AP_OK);
+  ASSERT_TRUE(h.completed(&wait));
+  EXPECT_EQ(wait.what_received, AP_WR_DATA_COMPLETE | AP_WR_SEND);
+  EXPECT_EQ(EngineHarness::result_of(wait, buffer).data, "turn");
+  EXPECT_EQ(h.state(b), AP_STATE_SEND_PENDING);
+}
+
+TEST(EngineConversation, SendPendingAllowsSendingAndSendErrorByDirection) {
+  for (uint8_t direction : {0, 1}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped());
+    ASSERT_EQ(h.send(a, "data", AP_SEND_PTR_FLUSH), AP_OK);
+    ASSERT_EQ(h.receive(b, 100, 1, 1).what, AP_WR_DATA_COMPLETE | AP_WR_SEND);
+    ASSERT_EQ(h.state(b), AP_STATE_SEND_PENDING);
+    EXPECT_EQ(h.send_error(b, direction), AP_OK);
+    EXPECT_EQ(h.state(b), AP_STATE_SEND);
+    EXPECT_EQ(h.receive(a, 100, 1, 0, false).rc,
+              direction == 1 ? AP_PROG_ERROR_NO_TRUNC : AP_PROG_ERROR_PURGING);
+    EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);
+  }
+}
+
+TEST(EngineConversation, ConfirmAnsweredOrRefusedBySendError) {
+  for (bool refuse : {false, true}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(basic(1));
+    ASSERT_EQ(h.send(a, record("abc")), AP_OK);
+    auto confirm = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_CONFIRM, a);
+    ASSERT_FALSE(h.submit(&confirm));
+    EXPECT_EQ(h.receive(b).data, record("abc"));
+    EXPECT_EQ(h.receive(b).what, AP_WR_CONFIRM);
+    EXPECT_EQ(h.state(b), AP_STATE_CONFIRM);
+    if (refuse) {
+      EXPECT_EQ(h.send_error(b, 0, "bad data"), AP_OK);
+      ASSERT_TRUE(h.completed(&confirm));
+      EXPECT_EQ(confirm.hdr.primary_rc, AP_PROG_ERROR_PURGING);
+      EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);
+      EXPECT_EQ(h.state(b), AP_STATE_SEND);
+      ASSERT_EQ(h.logged.size(), 1u);
+      EXPECT_EQ(h.logged[0], "bad data");
+    } else {
+      EXPECT_EQ(h.simple(NAP_CONFIRMED, b), AP_OK);
+      ASSERT_TRUE(h.completed(&confirm));
+      EXPECT_EQ(confirm.hdr.primary_rc, AP_OK);
+      EXPECT_EQ(h.state(a), AP_STATE_SEND);
+      EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);
+    }
+  }
+}
+
+TEST(EngineConversation, PrepareToReceiveFlushesOrConfirmsBySyncLevel) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped(1));
+  ASSERT_EQ(h.send(a, "x"), AP_OK);
+  EXPECT_EQ(h.prepare_to_receive(a, 1), AP_OK);  // flush: no confirmation
+  EXPECT_EQ(h.receive(b).data, "x");
+  EXPECT_EQ(h.receive(b).what, AP_WR_SEND);
+  ASSERT_EQ(h.send(b, "y"), AP_OK);
+  auto ptr = EngineHarness::verb<NAP_PREPARE_TO_RECEIVE_VCB>(NAP_PREPARE_TO_RECEIVE, b);
+  ptr.ptr_type = 0;  // sync level confirm: waits for the answer
+  ASSERT_FALSE(h.submit(&ptr));
+  EXPECT_EQ(h.receive(a, 100, 1, 1).what, AP_WR_DATA_COMPLETE | AP_WR_CONFIRM_SEND);
+  EXPECT_EQ(h.simple(NAP_CONFIRMED, a), AP_OK);
+  ASSERT_TRUE(h.completed(&ptr));
+  EXPECT_EQ(h.state(a), AP_STATE_SEND);
+  EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);
+}
+
+TEST(EngineConversation, SendErrorInSendStateReachesTheReceiverWithoutOrWithTruncation) {
+  struct Case {
+    bool is_mapped;
+    std::string sent;  // buffered before the error
+    uint16_t partner_rc;
+    std::string partner_data;  // what the partner receives before the error
+  };
+  const Case cases[] = {
+      {true, "whole", AP_PROG_ERROR_NO_TRUNC, "whole"},
+      {false, record("done"), AP_PROG_ERROR_NO_TRUNC, record("done")},
+      // A logical record of 100 bytes stopped after 10: cut away.
+      {false, record("done") + std::string("\x00\x64", 2) + "12345678", AP_PROG_ERROR_TRUNC,
+       record("done")},
+  };
+  for (const Case &c : cases) {
+    EngineHarness h;
+    auto [a, b] = h.connect(c.is_mapped ? mapped() : basic());
+    ASSERT_EQ(h.send(a, c.sent), AP_OK);
+    EXPECT_EQ(h.send_error(a, 0, "log!"), AP_OK);
+    EXPECT_EQ(h.state(a), AP_STATE_SEND);
+    EXPECT_EQ(h.receive(b).data, c.partner_data);
+    Received got = h.receive(b);
+    EXPECT_EQ(got.rc, c.partner_rc);
+    EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);
+    // Log data is a basic conversation's only.
+    EXPECT_EQ(h.logged.size(), c.is_mapped ? 0u : 1u);
+    // The sender goes on with a fresh record.
+    ASSERT_EQ(h.send(a, c.is_mapped ? "next" : record("next"), AP_SEND_FLUSH), AP_OK);
+    EXPECT_EQ(h.receive(b).data, c.is_mapped ? "next" : record("next"));
+  }
+}
+
+TEST(EngineConversation, SendErrorInReceivePurgesWhatArrivedAndTurnsTheConversation) {
+  for (bool is_mapped : {true, false}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(is_mapped ? mapped() : basic());
+    const std::string data = is_mapped ? "one" : record("one");
+    ASSERT_EQ(h.send(a, data, AP_SEND_FLUSH), AP_OK);
+    ASSERT_EQ(h.send(a, data, AP_SEND_FLUSH), AP_OK);
+    EXPECT_EQ(h.send_error(b), AP_OK);
+    EXPECT_EQ(h.state(b), AP_STATE_SEND);
+    // The sender learns on its next verb, and its buffer goes too.
+    ASSERT_EQ(h.send(a, data), AP_OK);
+    EXPECT_EQ(h.send(a, data, AP_SEND_FLUSH), AP_PROG_ERROR_PURGING);
+    EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);
+    EXPECT_EQ(h.receive(a, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);
+    ASSERT_EQ(h.send(b, is_mapped ? "reply" : record("reply"), AP_SEND_FLUSH), AP_OK);
+    EXPECT_EQ(h.receive(a).data, is_mapped ? "reply" : record("reply"));
+  }
+}
+
+TEST(EngineConversation, DeallocateConfirmAcceptedOrRefused) {
+  for (bool refuse : {false, true}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped(1));
+    auto dealloc = EngineHarness::deallocate_vcb(a, AP_DEALLOC_SYNC_LEVEL, "");
+    ASSERT_FALSE(h.submit(&dealloc));
+    EXPECT_EQ(h.receive(b).what, AP_WR_CONFIRM_DEALLOCATE);
+    if (refuse) {
+      EXPECT_EQ(h.send_error(b), AP_OK);
+      ASSERT_TRUE(h.completed(&dealloc));
+      EXPECT_EQ(dealloc.hdr.primary_rc, AP_PROG_ERROR_PURGING);
+      EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);  // the conversation goes on
+    } else {
+      EXPECT_EQ(h.simple(NAP_CONFIRMED, b), AP_OK);
+      ASSERT_TRUE(h.completed(&dealloc));
+      EXPECT_EQ(dealloc.hdr.primary_rc, AP_OK);
+      EXPECT_EQ(h.simple(NAP_FLUSH, b), AP_PARAMETER_CHECK);  // gone on both sides
+    }
+  }
+}
+
+TEST(EngineConversation, AbendSendsBufferedDataFirstAndLogDataOnlyOnBasic) {
+  for (bool is_mapped : {true, false}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(is_mapped ? mapped() : basic());
+    const std::string data = is_mapped ? "before" : record("before");
+    ASSERT_EQ(h.send(a, data), AP_OK);
+    EXPECT_EQ(
+        h.deallocate(a, is_mapped ? AP_DEALLOC_ABEND_MAPPED : AP_DEALLOC_ABEND_LOG, "why it ended"),
+        AP_OK);
+    EXPECT_EQ(h.receive(b).data, data);
+    EXPECT_EQ(h.receive(b).rc, AP_DEALLOC_ABEND_PROG);
+    if (is_mapped) {
+      EXPECT_TRUE(h.logged.empty());
+    } else {
+      ASSERT_EQ(h.logged.size(), 1u);
+      EXPECT_EQ(h.logged[0], "why it ended");
+    }
+  }
+}
+
+TEST(EngineConversation, AbendFromReceiveReachesAWaitingPartnerAndPurges) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped(1));
+  ASSERT_EQ(h.send(a, "unread"), AP_OK);
+  auto confirm = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_CONFIRM, a);
+  ASSERT_FALSE(h.submit(&confirm));
+  EXPECT_EQ(h.deallocate(b, AP_DEALLOC_ABEND_MAPPED), AP_OK);
+  ASSERT_TRUE(h.completed(&confirm));
+  EXPECT_EQ(confirm.hdr.primary_rc, AP_DEALLOC_ABEND_PROG);
+}
+
+TEST(EngineConversation, RequestToSendIsReportedOnce) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped());
+  EXPECT_EQ(h.simple(NAP_TEST_RTS, a), AP_UNSUCCESSFUL);
+  EXPECT_EQ(h.simple(NAP_REQUEST_TO_SEND, b), AP_OK);
+  auto send = EngineHarness::send_vcb(a, "x", AP_SEND_BUFFER);
+  ASSERT_TRUE(h.submit(&send));
+  EXPECT_EQ(send.rts_received, 1);
+  EXPECT_EQ(h.simple(NAP_TEST_RTS, a), AP_UNSUCCESSFUL);
+  EXPECT_EQ(h.simple(NAP_REQUEST_TO_SEND, b), AP_OK);
+  EXPECT_EQ(h.simple(NAP_TEST_RTS, a), AP_OK);
+  EXPECT_EQ(h.simple(NAP_TEST_RTS, a), AP_UNSUCCESSFUL);
+}
+
+TEST(EngineConversation, ReceiveImmediateNeverWaits) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped());
+  Received got = h.receive(b, 100, 1, 0, false);
+  EXPECT_EQ(got.rc, AP_UNSUCCESSFUL);
+  EXPECT_EQ(got.what, 0);
+  EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);
+  // In Send state it is a state check rather than a turn of the conversation.
+  EXPECT_EQ(h.receive(a, 100, 1, 0, false).rc, AP_STATE_CHECK);
+  EXPECT_EQ(h.state(a), AP_STATE_SEND);
+}
+
+TEST(EngineConversation, MappedRecordsAreCutToTheBufferAndContinued) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped());
+  ASSERT_EQ(h.send(a, "abcdefghij"), AP_OK);
+  ASSERT_EQ(h.send(a, "", AP_SEND_FLUSH), AP_OK);
+  Received got = h.receive(b, 4);
+  EXPECT_EQ(got.data, "abcd");
+  EXPECT_EQ(got.what, AP_WR_DATA_INCOMPLETE);
+  got = h.receive(b, 4);
+  EXPECT_EQ(got.data, "efgh");
+  got = h.receive(b, 4);
+  EXPECT_EQ(got.data, "ij");
+  EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+  got = h.receive(b, 4);  // the empty record is a record too
+  EXPECT_EQ(got.data, "");
+  EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+}
+
+TEST(EngineConversation, BasicRecordsSplitAcrossSendsReceivedByRecordOrByBuffer) {
+  const std::string r1 = record("first record");
+  const std::string r2 = record("second");
+  const std::string stream = r1 + r2;
+  for (uint8_t fill : {1, 0}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(basic());
+    // Sent in pieces that cut through an LL and through the data.
+    ASSERT_EQ(h.send(a, stream.substr(0, 1), AP_SEND_FLUSH), AP_OK);
+    EXPECT_EQ(h.receive(b, 100, fill, 0, false).rc, fill == 1 ? AP_UNSUCCESSFUL : AP_OK);
+    ASSERT_EQ(h.send(a, stream.substr(1, 9), AP_SEND_FLUSH), AP_OK);
+    ASSERT_EQ(h.send(a, stream.substr(10), AP_SEND_FLUSH), AP_OK);
+    if (fill == 1) {
+      Received got = h.receive(b, 5);
+      EXPECT_EQ(got.data, r1.substr(0, 5));
+      EXPECT_EQ(got.what, AP_WR_DATA_INCOMPLETE);
+      got = h.receive(b, 100);
+      EXPECT_EQ(got.data, r1.substr(5));
+      EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+      got = h.receive(b, 100);
+      EXPECT_EQ(got.data, r2);
+      EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+    } else {
+      std::string all = stream.substr(0, 1);
+      Received got = h.receive(b, 7, fill);
+      EXPECT_EQ(got.what, AP_WR_DATA);
+      EXPECT_EQ(got.data.size(), 7u);
+      all += got.data;
+      all += h.receive(b, 100, fill).data;
+      EXPECT_EQ(all, stream);
+    }
+  }
+}
+
+TEST(EngineConversation, InvalidLengthFieldsAreRefusedAndNothingIsSent) {
+  for (const char *ll : {"\x00\x00", "\x00\x01", "\x80\x00", "\x80\x01"}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(basic());
+    const std::string bad = record("ok") + std::string(ll, 2) + "zz";
+    EXPECT_EQ(h.send(a, bad, AP_SEND_FLUSH), AP_PARAMETER_CHECK);
+    EXPECT_EQ(h.last_secondary, AP_BAD_FIELD);
+    EXPECT_EQ(h.receive(b, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);
+    EXPECT_EQ(h.send(a, record("ok"), AP_SEND_FLUSH), AP_OK);
+    EXPECT_EQ(h.receive(b).data, record("ok"));
+  }
+}
+
+TEST(EngineConversation, IncompleteRecordBlocksTurnsButNotFlush) {
+  EngineHarness h;
+  auto [a, b] = h.connect(basic(1));
+  const std::string head = std::string("\x00\x0A", 2) + "abc";  // 10-byte record, 5 given
+  ASSERT_EQ(h.send(a, head, AP_SEND_FLUSH), AP_OK);
+  EXPECT_EQ(h.prepare_to_receive(a, 1), AP_STATE_CHECK);
+  EXPECT_EQ(h.deallocate(a, AP_DEALLOC_FLUSH), AP_STATE_CHECK);
+  EXPECT_EQ(h.simple(NAP_CONFIRM, a), AP_STATE_CHECK);
+  EXPECT_EQ(h.send(a, "defgh", AP_SEND_PTR_FLUSH), AP_OK);
+  EXPECT_EQ(h.receive(b).data, head + "defgh");
+}
+
+TEST(EngineConversation, VerbsInStatesThatDoNotAllowThemAreStateChecks) {
+  // (state reached, verb) pairs LU 6.2 refuses.
+  enum class At { kSend, kReceive, kConfirm };
+  struct Case {
+    At at;
+    uint16_t opcode;
+  };
+  const Case cases[] = {
+      {At::kSend, NAP_CONFIRMED},
+      {At::kSend, NAP_REQUEST_TO_SEND},
+      {At::kReceive, NAP_SEND_DATA},
+      {At::kReceive, NAP_FLUSH},
+      {At::kReceive, NAP_CONFIRM},
+      {At::kReceive, NAP_CONFIRMED},
+      {At::kReceive, NAP_PREPARE_TO_RECEIVE},
+      {At::kReceive, NAP_DEALLOCATE},
+      {At::kConfirm, NAP_SEND_DATA},
+      {At::kConfirm, NAP_RECEIVE_AND_WAIT},
+      {At::kConfirm, NAP_FLUSH},
+      {At::kConfirm, NAP_DEALLOCATE},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(testing::Message() << "at " << int(c.at) << " opcode " << c.opcode);
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped(1));
+    Conv subject = a;
+    if (c.at == At::kReceive) subject = b;
+    NAP_CONFIRM_VCB pending{};
+    if (c.at == At::kConfirm) {
+      pending = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_CONFIRM, a);
+      ASSERT_FALSE(h.submit(&pending));
+      ASSERT_EQ(h.receive(b).what, AP_WR_CONFIRM);
+      subject = b;
+    }
+    const uint8_t before = h.state(subject);
+    std::vector<uint8_t> buffer(10);
+    NAP_RECEIVE_VCB vcb = EngineHarness::receive_vcb(subject, buffer, true);
+    vcb.hdr.opcode = c.opcode;
+    if (c.opcode == NAP_DEALLOCATE) {
+      reinterpret_cast<NAP_DEALLOCATE_VCB &>(vcb).dealloc_type = AP_DEALLOC_FLUSH;
+    } else if (c.opcode == NAP_SEND_DATA) {
+      vcb = NAP_RECEIVE_VCB{};
+      auto send = EngineHarness::send_vcb(subject, "x", AP_SEND_FLUSH);
+      std::memcpy(&vcb, &send, sizeof send);
+    } else if (c.opcode == NAP_PREPARE_TO_RECEIVE) {
+      reinterpret_cast<NAP_PREPARE_TO_RECEIVE_VCB &>(vcb).ptr_type = 1;
+    }
+    EXPECT_TRUE(h.submit(&vcb));
+    EXPECT_EQ(vcb.hdr.primary_rc, AP_STATE_CHECK);
+    EXPECT_EQ(h.state(subject), before);
+  }
+}
+
+TEST(EngineConversation, ConfirmNeedsSyncLevelConfirm) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped(0));
+  EXPECT_EQ(h.simple(NAP_CONFIRM, a), AP_STATE_CHECK);
+  EXPECT_EQ(h.send(a, "x", AP_SEND_CONFIRM), AP_STATE_CHECK);
+  EXPECT_EQ(h.receive(b, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);  // nothing went out
+}
+
+TEST(EngineConversation, UnknownConversationOrTpAndTheConversationsOwnType) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped());
+  Conv unknown = a;
+  unknown.id = 999999;
+  EXPECT_EQ(h.simple(NAP_FLUSH, unknown), AP_PARAMETER_CHECK);
+  Conv wrong_tp = a;
+  wrong_tp.tp = b.tp;
+  auto flush = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_FLUSH, wrong_tp);
+  h.submit(&flush);
+  EXPECT_EQ(flush.hdr.secondary_rc, AP_BAD_TP_ID);
+  // A DEALLOCATE marked basic on a mapped conversation still ends it as mapped
+  // (no log data goes with it).
+  Conv as_basic = a;
+  as_basic.mapped = false;
+  EXPECT_EQ(h.deallocate(as_basic, AP_DEALLOC_ABEND_LOG, "dropped"), AP_OK);
+  EXPECT_EQ(h.receive(b).rc, AP_DEALLOC_ABEND_PROG);
+  EXPECT_TRUE(h.logged.empty());
+}
+
+}  // namespace
+}  // namespace engine_test
+
+namespace engine_test {
+namespace {
+
+using snanode::engine::Conversation;
+using snanode::engine::ConversationSetup;
+
+struct CountingHost : snanode::engine::ConversationHost {
+  int completed = 0;
+  void verb_completed(void *, void *) override { ++completed; }
+  void partner_log_data(uint32_t, const std::vector<uint8_t> &) override {}
+};
+
+TEST(EngineConversation, APartnerThatVanishesFailsTheWaitingVerbAndTheNextOne) {
+  CountingHost host;
+  auto link = snanode::engine::make_in_memory_link();
+  ConversationSetup setup;
+  setup.id = 1;
+  Conversation a(setup, std::move(link.first), host);
+  setup.starts_in_send = false;
+  auto b = std::make_unique<Conversation>(setup, std::move(link.second), host);
+
+  std::vector<uint8_t> buffer(10);
+  Conv side{{}, 1, true};
+  auto wait = EngineHarness::receive_vcb(side, buffer, true);
+  ASSERT_FALSE(a.receive(wait, true, &wait));  // turns to b, then waits
+  b.reset();                                   // b's process is gone
+  EXPECT_EQ(host.completed, 1);
+  EXPECT_EQ(wait.hdr.primary_rc, AP_CONV_FAILURE_NO_RETRY);
+  EXPECT_EQ(a.state(), snanode::engine::ConvState::kReset);
+}
+
+TEST(EngineConversation, TruncationDropsTheRestOfAPartlyReceivedRecord) {
+  EngineHarness h;
+  auto [a, b] = h.connect(basic());
+  const std::string head = std::string("\x00\x14", 2) + "12345678";  // 20-byte record, 10 sent
+  ASSERT_EQ(h.send(a, head, AP_SEND_FLUSH), AP_OK);
+  Received got = h.receive(b, 4);
+  EXPECT_EQ(got.what, AP_WR_DATA_INCOMPLETE);
+  EXPECT_EQ(h.send_error(a), AP_OK);
+  EXPECT_EQ(h.receive(b, 100).rc, AP_PROG_ERROR_TRUNC);
+  // The next record is read from its own LL, not from the dropped one's.
+  ASSERT_EQ(h.send(a, record("fresh"), AP_SEND_FLUSH), AP_OK);
+  got = h.receive(b, 100);
+  EXPECT_EQ(got.data, record("fresh"));
+  EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+}
+
+TEST(EngineConversation, SendErrorAfterThePartnerHasGoneReportsItsEnding) {
+  for (bool abend : {false, true}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped());
+    ASSERT_EQ(h.send(a, "unread"), AP_OK);
+    ASSERT_EQ(h.deallocate(a, abend ? AP_DEALLOC_ABEND_MAPPED : AP_DEALLOC_FLUSH), AP_OK);
+    EXPECT_EQ(h.send_error(b), abend ? AP_DEALLOC_ABEND_PROG : AP_DEALLOC_NORMAL);
+    EXPECT_EQ(h.simple(NAP_FLUSH, b), AP_PARAMETER_CHECK);  // over
+  }
+}
+
+}  // namespace
+}  // namespace engine_test
