@@ -326,14 +326,14 @@ TEST_F(DispatcherTest, SubmittedVerbsAreLoggedAsSubmitted) {
   EXPECT_EQ(snt_submitted_count(), 0u);
 }
 
-TEST_F(DispatcherTest, WithoutScriptingOrEngineTheNodeIsNotReachable) {
+TEST_F(DispatcherTest, WithoutScriptingTheEngineAnswersAndOtherVersionsAreRefused) {
   snt_script_verbs(0);
+  // The engine knows no conversation 0: it answers at once, and nothing is
+  // logged as submitted to the scripted node.
   Vcb flush(NAP_FLUSH);
   EXPECT_EQ(appc_c_async_version(2, flush.bytes, record_routine, 1), AP_ASYNC_COMPLETED);
-  EXPECT_EQ(flush.hdr()->primary_rc, AP_COMM_SUBSYSTEM_NOT_LOADED);
-  Vcb state(NAP_GET_STATE);
-  appc_c_version(2, state.bytes);
-  EXPECT_EQ(state.hdr()->primary_rc, AP_COMM_SUBSYSTEM_NOT_LOADED);
+  EXPECT_EQ(flush.hdr()->primary_rc, AP_PARAMETER_CHECK);
+  EXPECT_EQ(flush.hdr()->secondary_rc, AP_BAD_CONV_ID);
   EXPECT_EQ(snt_submitted_count(), 0u);
 
   snt_script_verbs(1);
@@ -383,7 +383,8 @@ TEST_F(DispatcherTest, ResetDropsScriptsEndsPendingVerbsAndStopsScripting) {
 
   Vcb off(NAP_CONFIRM);
   appc_c_version(2, off.bytes);
-  EXPECT_EQ(off.hdr()->primary_rc, AP_COMM_SUBSYSTEM_NOT_LOADED);  // scripting is off again
+  EXPECT_EQ(off.hdr()->primary_rc, AP_PARAMETER_CHECK);  // scripting is off: the engine answers
+  EXPECT_EQ(snt_submitted_count(), 0u);
   snt_script_verbs(1);
   Vcb confirm(NAP_CONFIRM);
   appc_c_version(2, confirm.bytes);
