@@ -34,13 +34,13 @@ struct aping_options {
   int quiet;
 };
 
-static double aping_now_ms(void) {
+static inline double aping_now_ms(void) {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return ts.tv_sec * 1000.0 + ts.tv_nsec / 1e6;
 }
 
-static int aping_failed(const char *call, CM_RETURN_CODE rc) {
+static inline int aping_failed(const char *call, CM_RETURN_CODE rc) {
   fprintf(stderr, "aping: %s failed with return code %ld\n", call, (long)rc);
   return 1;
 }
@@ -48,8 +48,8 @@ static int aping_failed(const char *call, CM_RETURN_CODE rc) {
 /* Sets a name characteristic through one of the CMSxx calls taking
  * (id, name, length, rc). */
 typedef void (*aping_name_call)(unsigned char *, unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
-static int aping_set_name(unsigned char *conv_id, aping_name_call call, const char *what,
-                          const char *value) {
+static inline int aping_set_name(unsigned char *conv_id, aping_name_call call, const char *what,
+                                 const char *value) {
   CM_INT32 length = (CM_INT32)strlen(value);
   CM_RETURN_CODE rc;
   call(conv_id, (unsigned char *)value, &length, &rc);
@@ -58,8 +58,8 @@ static int aping_set_name(unsigned char *conv_id, aping_name_call call, const ch
 
 /* Receives until the partner turns the conversation over; returns the number
  * of records received, or -1 after reporting an error. */
-static long aping_receive_batch(unsigned char *conv_id, unsigned char *buffer, CM_INT32 max,
-                                CM_INT32 *last_length) {
+static inline long aping_receive_batch(unsigned char *conv_id, unsigned char *buffer, CM_INT32 max,
+                                       CM_INT32 *last_length) {
   long records = 0;
   for (;;) {
     CM_DATA_RECEIVED_TYPE data;
@@ -78,8 +78,8 @@ static long aping_receive_batch(unsigned char *conv_id, unsigned char *buffer, C
 }
 
 /* Sends `count` copies of the record, the last one with prepare-to-receive. */
-static int aping_send_batch(unsigned char *conv_id, unsigned char *record, CM_INT32 length,
-                            long count) {
+static inline int aping_send_batch(unsigned char *conv_id, unsigned char *record, CM_INT32 length,
+                                   long count) {
   long i;
   for (i = 0; i < count; ++i) {
     CM_SEND_TYPE type = i + 1 == count ? CM_SEND_AND_PREP_TO_RECEIVE : CM_BUFFER_DATA;
@@ -93,7 +93,7 @@ static int aping_send_batch(unsigned char *conv_id, unsigned char *record, CM_IN
   return 0;
 }
 
-static int aping_client(const struct aping_options *o) {
+static inline int aping_client(const struct aping_options *o) {
   unsigned char conv_id[8];
   unsigned char sym_dest[9] = "        ";
   unsigned char *buffer;
@@ -180,7 +180,7 @@ static int aping_client(const struct aping_options *o) {
 }
 
 /* Serves one APING conversation; returns 0 when the client ended it normally. */
-static int aping_serve_one(void) {
+static inline int aping_serve_one(void) {
   unsigned char conv_id[8];
   unsigned char *buffer = malloc(APING_MAX_RECORD + 4);
   CM_RETURN_CODE rc;
@@ -216,7 +216,7 @@ static int aping_serve_one(void) {
 }
 
 /* Makes APINGD a name this process accepts conversations under. */
-static int aping_register_server(void) {
+static inline int aping_register_server(void) {
   CM_INT32 length = (CM_INT32)strlen(APING_TP_NAME);
   CM_RETURN_CODE rc;
   cmsltp((unsigned char *)APING_TP_NAME, &length, &rc);
