@@ -32,7 +32,7 @@ class Rewrite {
   Rewrite &operator=(const Rewrite &) = delete;
 
   size_t length() const { return length_; }
-  // Appends one character; false (and the specification dropped) when it
+  // Appends one character; false (and the conversion specification dropped) when it
   // does not fit.
   bool put(char c) {
     if (length_ >= LP64CONV_BUFFER_SIZE - 1) {
@@ -73,7 +73,7 @@ const char *rewrite_specification(const char *format, Rewrite &out) {
       if (!out.put(c)) return nullptr;
       continue;
     }
-    // A conversion letter ends the specification as it stands; any other
+    // A conversion letter ends the conversion specification as it stands; any other
     // character after an `l` means the caller wanted a number.
     if (!is_conversion(c) && had_l && !out.put('d')) return nullptr;
     if (!out.put(c)) return nullptr;

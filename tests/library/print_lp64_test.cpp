@@ -61,7 +61,7 @@ TEST(Lp64Conv, CutsOrdinaryTextAt248) {
 
 TEST(Lp64Conv, SpecificationsThatWouldOverrunAreDroppedWhole) {
   const std::string head240(240, 'a');
-  // 13 flags end the specification in the last byte before the terminator.
+  // 13 flags end the conversion specification in the last byte before the terminator.
   EXPECT_EQ(rewrite(head240 + "%" + std::string(13, '-') + "d"),
             head240 + "%" + std::string(13, '-') + "d");
   // One more would need byte 256: the whole specification goes.
