@@ -18,10 +18,9 @@ constexpr uint32_t kProbeCMELLN = 90;
 // The length a TP name is extracted with: up to its first EBCDIC blank.  The
 // name's length is not kept, so a name with an embedded blank comes back cut.
 uint16_t significant_tp_name_length(const SCD_ENTRY &side) {
-  const void *blank = std::memchr(side.TP_name, kEbcdicBlank, sizeof(side.TP_name));
-  return blank == nullptr
-             ? static_cast<uint16_t>(sizeof(side.TP_name))
-             : static_cast<uint16_t>(static_cast<const unsigned char *>(blank) - side.TP_name);
+  uint16_t length = 0;
+  while (length < sizeof(side.TP_name) && side.TP_name[length] != kEbcdicBlank) ++length;
+  return length;
 }
 
 // The partner LU name as the application set it: a qualified name converted
