@@ -282,6 +282,14 @@ TEST_F(SendVerbs, FailedDataKeepsConversationAndDropsLogDataCopy) {
   EXPECT_EQ(snt_assert_count(), 0u);
 }
 
+// A follow-on log-data copy on a conversation whose send type no longer asks
+// for the follow-on.
+void copy_without_send_and_deallocate(CCCB &cccb, unsigned char *&) {
+  cccb.ulSendType = CM_BUFFER_DATA;
+  cccb.DeallcLogData = library_log_data({1, 2});
+  cccb.usDeallcLogDataLength = 2;
+}
+
 // Inconsistent follow-on fields are reported under the source unit of the
 // routine that meets them: Send_Data's own, or Deallocate's for its
 // completion.
@@ -303,19 +311,9 @@ TEST_F(SendVerbs, FollowOnInconsistencyNamesTheRoutineThatFindsIt) {
       {"follow-on on a mapped conversation",
        [](CCCB &cccb, unsigned char *&) { cccb.ulConversationType = CM_MAPPED_CONVERSATION; }, 0,
        false, "vcpic/cpiccal3: cccb_ptr->ulConversationType == CM_BASIC_CONVERSATION"},
-      {"failed data with a copy but no send-and-deallocate",
-       [](CCCB &cccb, unsigned char *&) {
-         cccb.ulSendType = CM_BUFFER_DATA;
-         cccb.DeallcLogData = library_log_data({1, 2});
-         cccb.usDeallcLogDataLength = 2;
-       },
+      {"failed data with a copy but no send-and-deallocate", copy_without_send_and_deallocate,
        NAP_SEND_DATA, false, "vcpic/cpiccal3: cccb_ptr->ulSendType == CM_SEND_AND_DEALLOCATE"},
-      {"failed deallocate with a copy but no send-and-deallocate",
-       [](CCCB &cccb, unsigned char *&) {
-         cccb.ulSendType = CM_BUFFER_DATA;
-         cccb.DeallcLogData = library_log_data({1, 2});
-         cccb.usDeallcLogDataLength = 2;
-       },
+      {"failed deallocate with a copy but no send-and-deallocate", copy_without_send_and_deallocate,
        NAP_DEALLOCATE, true, "vcpic/cpiccal1: cccb_ptr->ulSendType == CM_SEND_AND_DEALLOCATE"},
   };
   for (const Row &row : rows) {
