@@ -92,16 +92,18 @@ TEST_F(VerbCompletion, DroppedCompletionCheckNamesTheSubmittingCall) {
   std::vector<Call> calls = all_submitting_calls();
   calls.push_back(state_call());
   calls.push_back(allocate_call());
+  calls.push_back(accept_incoming_call());
   const std::map<std::string, std::string> unit_of = {
       {"CMSEND", "vcpic/cpiccal3"}, {"CMFLUS", "vcpic/cpiccal2"}, {"CMPTR", "vcpic/cpiccal3"},
       {"CMCFM", "vcpic/cpiccal1"},  {"CMCFMD", "vcpic/cpiccal1"}, {"CMSERR", "vcpic/cpiccal3"},
       {"CMRTS", "vcpic/cpiccal3"},  {"CMRCV", "vcpic/cpiccal3"},  {"CMDEAL", "vcpic/cpiccal1"},
-      {"CMECS", "vcpic/cpiccal2"},  {"CMALLC", "vcpic/cpiccal1"}};
+      {"CMECS", "vcpic/cpiccal2"},  {"CMALLC", "vcpic/cpiccal1"}, {"CMACCI", "vcpic/cpiccal1"}};
   for (const Call &call : calls) {
     restart_node();
     ConvId id{};
-    CCCB *cccb = call.name == "CMALLC" ? initialized_conversation(id)
-                                       : active_conversation(id, CM_BASIC_CONVERSATION);
+    CCCB *cccb = call.name == "CMALLC"   ? initialized_conversation(id)
+                 : call.name == "CMACCI" ? incoming_conversation(id)
+                                         : active_conversation(id, CM_BASIC_CONVERSATION);
     cccb->fCompletionWaiting = 1;
     pGCB->NumVerbsWaiting = 0;
     const uint32_t before = snt_assert_count();
