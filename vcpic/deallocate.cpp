@@ -36,13 +36,13 @@ bool build_deallocate(CCCB &cccb, const CallFrame &frame) {
 
 }  // namespace
 
-void SCC_drop_follow_on_log_data(CCCB &cccb) {
+void SCC_drop_follow_on_log_data(CCCB &cccb, const char *unit) {
   if (cccb.usDeallcLogDataLength == 0) return;
-  CPIC_ASSERT(kUnitCal1, cccb.ulSendType == CM_SEND_AND_DEALLOCATE,
+  CPIC_ASSERT(unit, cccb.ulSendType == CM_SEND_AND_DEALLOCATE,
               "cccb_ptr->ulSendType == CM_SEND_AND_DEALLOCATE");
-  CPIC_ASSERT(kUnitCal1, cccb.ulDeallocateType == CM_DEALLOCATE_ABEND,
+  CPIC_ASSERT(unit, cccb.ulDeallocateType == CM_DEALLOCATE_ABEND,
               "cccb_ptr->ulDeallocateType == CM_DEALLOCATE_ABEND");
-  CPIC_ASSERT(kUnitCal1, cccb.DeallcLogData != nullptr, "cccb_ptr->DeallcLogData != NULL");
+  CPIC_ASSERT(unit, cccb.DeallcLogData != nullptr, "cccb_ptr->DeallcLogData != NULL");
   if (cccb.DeallcLogData != nullptr) nba_mm_free(cccb.DeallcLogData, 0);
   cccb.DeallcLogData = nullptr;
   cccb.usDeallcLogDataLength = 0;
@@ -78,7 +78,7 @@ void cmdeal_cb(void *vcb, uint32_t, uint32_t, uintptr_t correlator) {
   if (cccb.vcb.hdr.primary_rc != AP_OK) {
     // Only the ending codes end the conversation; a state check leaves it usable.
     SCC_complete_result(&cccb);
-    SCC_drop_follow_on_log_data(cccb);
+    SCC_drop_follow_on_log_data(cccb, kUnitCal1);
   } else {
     if (audit_records_on()) {
       nba_pd_print_audit(kAuditDeallocated, 0, "ba ca", 8u, cccb.pTraceConvId, 8u,

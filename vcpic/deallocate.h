@@ -5,5 +5,7 @@
 #include "records.h"
 
 // After a failed SEND_DATA or follow-on DEALLOCATE: frees the log-data copy
-// made for the follow-on DEALLOCATE, if there is one.
-void SCC_drop_follow_on_log_data(CCCB &cccb);
+// made for the follow-on DEALLOCATE, if there is one.  Inconsistent
+// follow-on fields are reported under `unit`, the source unit of the
+// completion routine that found them.
+void SCC_drop_follow_on_log_data(CCCB &cccb, const char *unit);

@@ -53,7 +53,7 @@ bool copy_log_data_for_deallocate(CCCB &cccb, const CallFrame &frame) {
     frame.set(CM_PRODUCT_SPECIFIC_ERROR);
     return false;
   }
-  CPIC_ASSERT(kUnitCal1, cccb.DeallcLogData == nullptr, "cccb_ptr->DeallcLogData == NULL");
+  CPIC_ASSERT(kUnitCal3, cccb.DeallcLogData == nullptr, "cccb_ptr->DeallcLogData == NULL");
   cccb.DeallcLogData = copy;
   std::memcpy(copy, cccb.pLogData, cccb.usLogDataLength);
   cccb.usDeallcLogDataLength = cccb.usLogDataLength;
@@ -64,8 +64,8 @@ bool copy_log_data_for_deallocate(CCCB &cccb, const CallFrame &frame) {
 // with abend and log data.  Its trace fields stay those of the Send_Data, so
 // the application sees the outcome as the Send_Data's.
 void issue_follow_on_deallocate(CCCB &cccb, uintptr_t correlator) {
-  CPIC_ASSERT(kUnitCal1, cccb.DeallcLogData != nullptr, "cccb_ptr->DeallcLogData != NULL");
-  CPIC_ASSERT(kUnitCal1, cccb.ulConversationType == CM_BASIC_CONVERSATION,
+  CPIC_ASSERT(kUnitCal3, cccb.DeallcLogData != nullptr, "cccb_ptr->DeallcLogData != NULL");
+  CPIC_ASSERT(kUnitCal3, cccb.ulConversationType == CM_BASIC_CONVERSATION,
               "cccb_ptr->ulConversationType == CM_BASIC_CONVERSATION");
   SCC_vcb_init(&cccb, NAP_DEALLOCATE);
   NAP_DEALLOCATE_VCB &verb = cccb.vcb.dealloc;
@@ -76,7 +76,7 @@ void issue_follow_on_deallocate(CCCB &cccb, uintptr_t correlator) {
   SCC_store_out(cccb.pOutParm[0], cccb.vcb.snd_data.rts_received);
 
   cccb.usVerbsOutstanding++;
-  if (cccb.fCompletionWaiting != 0) SCC_drop_uncollected_completion(&cccb, kUnitCal1);
+  if (cccb.fCompletionWaiting != 0) SCC_drop_uncollected_completion(&cccb, kUnitCal3);
   APPC_CALLBACK routine = cccb.usProcessingMode != 0 ? cmdeal_cb : nullptr;
   if (appc_c_async_version(APPC_INTERFACE_VERSION, &cccb, routine, 1) == AP_ASYNC_IN_PROGRESS) {
     if (correlator != 0) {
@@ -131,7 +131,7 @@ void cmsend_cb(void *vcb, uint32_t, uint32_t, uintptr_t correlator) {
   CCCB &cccb = *static_cast<CCCB *>(vcb);
   SCC_complete_result(&cccb);
   if (cccb.vcb.hdr.primary_rc != AP_OK) {
-    SCC_drop_follow_on_log_data(cccb);
+    SCC_drop_follow_on_log_data(cccb, kUnitCal3);
   } else if (cccb.ulSendType == CM_SEND_AND_DEALLOCATE) {
     if (cccb.usDeallcLogDataLength > 0) {
       issue_follow_on_deallocate(cccb, correlator);

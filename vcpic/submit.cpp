@@ -9,6 +9,36 @@
 
 #include "call_frame.h"
 
+namespace {
+
+// The source unit whose assertion reports name a call: the submission is
+// part of each call, so its consistency check is reported as that call's.
+const char *unit_of_call(uint16_t trace_verb) {
+  switch (trace_verb) {
+    case kVerbCMACCP:
+    case kVerbCMACCI:
+    case kVerbCMALLC:
+    case kVerbCMCFM:
+    case kVerbCMCFMD:
+    case kVerbCMDEAL:
+      return kUnitCal1;
+    case kVerbCMFLUS:
+    case kVerbCMECS:
+      return kUnitCal2;
+    case kVerbCMSEND:
+    case kVerbCMRCV:
+    case kVerbCMPTR:
+    case kVerbCMRTS:
+    case kVerbCMSERR:
+    case kVerbCMTRTS:
+      return kUnitCal3;
+    default:
+      return kUnitUtil;
+  }
+}
+
+}  // namespace
+
 NAP_HDR *SCC_vcb_init(CCCB *cccb, uint16_t opcode) {
   std::memset(&cccb->vcb, 0, sizeof cccb->vcb);
   NAP_HDR *hdr = &cccb->vcb.hdr;
@@ -43,7 +73,7 @@ CM_RETURN_CODE SCC_submit_conversation_verb(CCCB *cccb, APPC_CALLBACK routine) {
   ++cccb->usVerbsOutstanding;
   // A result the application never collected is lost once the next verb
   // starts: CMWAIT reports only the latest verb of a conversation.
-  SCC_drop_uncollected_completion(cccb, kUnitUtil);
+  SCC_drop_uncollected_completion(cccb, unit_of_call(cccb->usTraceVerb));
 
   const bool non_blocking = cccb->usProcessingMode == CM_NON_BLOCKING;
   const uint32_t answer =

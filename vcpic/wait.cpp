@@ -28,7 +28,7 @@ extern "C" void cmwait(unsigned char *conversation_ID, CM_RETURN_CODE *conversat
   CallFrame frame(kVerbCMWAIT, return_code);
   if (frame.tracing()) frame.request(nullptr, nullptr);
   GCB *gcb = pGCB;
-  CCCB *reported = nullptr;
+  bool collected = false;
   // The node runs completion routines while this call sleeps (the lock is
   // given up inside vpm_sleep), so the counters move under us here.
   while (gcb->NumVerbsWaiting == 0 && gcb->NumVerbsOutstanding != 0) {
@@ -50,9 +50,13 @@ extern "C" void cmwait(unsigned char *conversation_ID, CM_RETURN_CODE *conversat
     *conversation_return_code = static_cast<CM_RETURN_CODE>(cccb->ulReturnCode);
     SCC_drop_uncollected_completion(cccb, kUnitCal1);
     SCC_free_if_finished(cccb);
-    reported = CallFrame::lookup(conversation_ID);
+    collected = true;
   }
-  if (frame.tracing()) frame.response(reported, conversation_ID, conversation_return_code);
+  if (frame.tracing()) {
+    // The collection may have freed the record: find it again by its ID.
+    frame.response(collected ? CallFrame::lookup(conversation_ID) : nullptr, conversation_ID,
+                   conversation_return_code);
+  }
 }
 
 extern "C" void cmchck(unsigned char *conversation_ID, CM_RETURN_CODE *return_code) {

@@ -1,6 +1,8 @@
 // Blocking and non-blocking completion of every conversation verb: one CMWAIT
 // completion with the verb's result, 37 for a second verb meanwhile, and the
 // record's end after a conversation-ending result.
+#include <map>
+
 #include "verbs_calls.h"
 
 namespace verbs_test {
@@ -82,6 +84,35 @@ TEST_F(VerbCompletion, UncollectedCompletionIsDroppedByTheNextVerb) {
   const Waited w = wait_one();
   EXPECT_EQ(w.conversation_rc, CM_OK) << "the flush result is gone";
   EXPECT_EQ(snt_assert_count(), 0u);
+}
+
+// A completion flag the process counter does not count is reported when the
+// next verb drops it, under the source unit of the call that submits.
+TEST_F(VerbCompletion, DroppedCompletionCheckNamesTheSubmittingCall) {
+  std::vector<Call> calls = all_submitting_calls();
+  calls.push_back(state_call());
+  calls.push_back(allocate_call());
+  calls.push_back(accept_incoming_call());
+  const std::map<std::string, std::string> unit_of = {
+      {"CMSEND", "vcpic/cpiccal3"}, {"CMFLUS", "vcpic/cpiccal2"}, {"CMPTR", "vcpic/cpiccal3"},
+      {"CMCFM", "vcpic/cpiccal1"},  {"CMCFMD", "vcpic/cpiccal1"}, {"CMSERR", "vcpic/cpiccal3"},
+      {"CMRTS", "vcpic/cpiccal3"},  {"CMRCV", "vcpic/cpiccal3"},  {"CMDEAL", "vcpic/cpiccal1"},
+      {"CMECS", "vcpic/cpiccal2"},  {"CMALLC", "vcpic/cpiccal1"}, {"CMACCI", "vcpic/cpiccal1"}};
+  for (const Call &call : calls) {
+    restart_node();
+    ConvId id{};
+    CCCB *cccb = call.name == "CMALLC"   ? initialized_conversation(id)
+                 : call.name == "CMACCI" ? incoming_conversation(id)
+                                         : active_conversation(id, CM_BASIC_CONVERSATION);
+    cccb->fCompletionWaiting = 1;
+    pGCB->NumVerbsWaiting = 0;
+    const uint32_t before = snt_assert_count();
+    call.run(id);
+    ASSERT_EQ(snt_assert_count(), before + 1) << call.name;
+    EXPECT_EQ(assertion(before), unit_of.at(call.name) + ": (pGCB)->NumVerbsWaiting > 0")
+        << call.name;
+    pGCB->NumVerbsWaiting = 0;
+  }
 }
 
 }  // namespace

@@ -282,6 +282,60 @@ TEST_F(SendVerbs, FailedDataKeepsConversationAndDropsLogDataCopy) {
   EXPECT_EQ(snt_assert_count(), 0u);
 }
 
+// A follow-on log-data copy on a conversation whose send type no longer asks
+// for the follow-on.
+void copy_without_send_and_deallocate(CCCB &cccb, unsigned char *&) {
+  cccb.ulSendType = CM_BUFFER_DATA;
+  cccb.DeallcLogData = library_log_data({1, 2});
+  cccb.usDeallcLogDataLength = 2;
+}
+
+// Inconsistent follow-on fields are reported under the source unit of the
+// routine that meets them: Send_Data's own, or Deallocate's for its
+// completion.
+TEST_F(SendVerbs, FollowOnInconsistencyNamesTheRoutineThatFindsIt) {
+  struct Row {
+    const char *what;
+    void (*prepare)(CCCB &cccb, unsigned char *&stale);
+    uint16_t failing_opcode;  // 0: everything succeeds
+    bool deallocate;          // CMDEAL instead of CMSEND
+    const char *first_assertion;
+  };
+  const Row rows[] = {
+      {"stale copy at send",
+       [](CCCB &cccb, unsigned char *&stale) {
+         stale = library_log_data({1});
+         cccb.DeallcLogData = stale;
+       },
+       0, false, "vcpic/cpiccal3: cccb_ptr->DeallcLogData == NULL"},
+      {"follow-on on a mapped conversation",
+       [](CCCB &cccb, unsigned char *&) { cccb.ulConversationType = CM_MAPPED_CONVERSATION; }, 0,
+       false, "vcpic/cpiccal3: cccb_ptr->ulConversationType == CM_BASIC_CONVERSATION"},
+      {"failed data with a copy but no send-and-deallocate", copy_without_send_and_deallocate,
+       NAP_SEND_DATA, false, "vcpic/cpiccal3: cccb_ptr->ulSendType == CM_SEND_AND_DEALLOCATE"},
+      {"failed deallocate with a copy but no send-and-deallocate", copy_without_send_and_deallocate,
+       NAP_DEALLOCATE, true, "vcpic/cpiccal1: cccb_ptr->ulSendType == CM_SEND_AND_DEALLOCATE"},
+  };
+  for (const Row &row : rows) {
+    restart_node();
+    ConvId id{};
+    CCCB *cccb = abend_with_log_data(id, 0);
+    unsigned char *stale = nullptr;
+    row.prepare(*cccb, stale);
+    if (row.failing_opcode != 0) push(script(row.failing_opcode, AP_STATE_CHECK));
+    const uint32_t before = snt_assert_count();
+    static unsigned char data[1] = {};
+    if (row.deallocate) {
+      deallocate_call().run(id);
+    } else {
+      send(id, data, 1);
+    }
+    ASSERT_GT(snt_assert_count(), before) << row.what;
+    EXPECT_EQ(assertion(before), row.first_assertion) << row.what;
+    if (stale != nullptr) nba_mm_free(stale, 0);
+  }
+}
+
 TEST_F(SendVerbs, NonBlockingFollowOnReportsOneCompletion) {
   ConvId id{};
   abend_with_log_data(id, 1);
