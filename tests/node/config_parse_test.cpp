@@ -3,11 +3,11 @@
 // environment overrides apply when and only when they should.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 #include "config/node_config.h"
+#include "node/core_test_support.h"
 
 namespace cfg = snanode::config;
 
@@ -166,24 +166,16 @@ TEST(ConfigParse, UsersWithoutPasswordAreAcceptedOnlyWithPam) {
   EXPECT_TRUE(c.users[0].password.empty());
 }
 
-class CurrentConfig : public ::testing::Test {
+class CurrentConfig : public core_test::ScratchDirTest {
  protected:
   void SetUp() override {
-    dir_ =
-        std::filesystem::temp_directory_path() / ("snanode-config-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir_);
+    ScratchDirTest::SetUp();
     std::filesystem::current_path(dir_);  // no snanode.toml here
-    for (const char *name :
-         {"SNANODE_CONFIG", "SNANODE_LOG_DIR", "SNANODE_TRACE", "SNANODE_TRACE_FILE"}) {
-      ::unsetenv(name);
-    }
     cfg::reload_config();
   }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
   void write(const std::string &name, const std::string &text) {
     std::ofstream(dir_ / name) << text;
   }
-  std::filesystem::path dir_;
 };
 
 TEST_F(CurrentConfig, WithoutAFileTheDefaultsServeOneHost) {

@@ -24,11 +24,19 @@ std::vector<uint32_t> walk(VTM_TABLE table) {
   return handles;
 }
 
-TEST(HandleTable, HandlesAreNonzeroMapToTheirPointersAndWalkInOrder) {
-  snt_reset();
+// A fresh unbounded table per test; terminating it twice is harmless.
+class HandleTable : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    snt_reset();
+    vtm_table_init(&table, 0);
+    ASSERT_NE(table, nullptr);
+  }
+  void TearDown() override { vtm_table_terminate(&table); }
   VTM_TABLE table = nullptr;
-  vtm_table_init(&table, 0);
-  ASSERT_NE(table, nullptr);
+};
+
+TEST_F(HandleTable, HandlesAreNonzeroMapToTheirPointersAndWalkInOrder) {
   std::vector<uint32_t> handles;
   for (int &item : g_items) {
     const uint32_t h = vtm_get_free_entry(table, &item);
@@ -47,10 +55,7 @@ TEST(HandleTable, HandlesAreNonzeroMapToTheirPointersAndWalkInOrder) {
   EXPECT_EQ(table, nullptr);
 }
 
-TEST(HandleTable, WalkContinuesFromAHandleJustReleased) {
-  snt_reset();
-  VTM_TABLE table = nullptr;
-  vtm_table_init(&table, 0);
+TEST_F(HandleTable, WalkContinuesFromAHandleJustReleased) {
   for (int &item : g_items) vtm_get_free_entry(table, &item);
   // Release every entry while walking, as emptying a table does.
   std::vector<void *> seen;
@@ -64,13 +69,9 @@ TEST(HandleTable, WalkContinuesFromAHandleJustReleased) {
   EXPECT_EQ(seen.size(), 8u);
   EXPECT_EQ(pointer, nullptr);
   EXPECT_TRUE(walk(table).empty());
-  vtm_table_terminate(&table);
 }
 
-TEST(HandleTable, ReleasedHandlesAreNotReusedSoon) {
-  snt_reset();
-  VTM_TABLE table = nullptr;
-  vtm_table_init(&table, 0);
+TEST_F(HandleTable, ReleasedHandlesAreNotReusedSoon) {
   std::set<uint32_t> issued;
   for (int round = 0; round < 1000; ++round) {
     const uint32_t h = vtm_get_free_entry(table, &g_items[0]);
@@ -78,10 +79,9 @@ TEST(HandleTable, ReleasedHandlesAreNotReusedSoon) {
     vtm_release_entry(table, h);
     EXPECT_EQ(vtm_get_pointer(table, h), nullptr);
   }
-  vtm_table_terminate(&table);
 }
 
-TEST(HandleTable, IdentifiersWrapPastTheTopSkippingZeroAndThoseInUse) {
+TEST(RisingId, IdentifiersWrapPastTheTopSkippingZeroAndThoseInUse) {
   const std::set<uint32_t> in_use = {1, 3};
   auto used = [&in_use](uint32_t id) { return in_use.count(id) != 0; };
   uint32_t last = 0xFFFFFFFEu;
@@ -90,7 +90,7 @@ TEST(HandleTable, IdentifiersWrapPastTheTopSkippingZeroAndThoseInUse) {
   EXPECT_EQ(snanode::next_rising_id(last, used), 4u);
 }
 
-TEST(HandleTable, FullTableRefusesAndReleasedHandlesWait) {
+TEST(HandleTableClass, FullTableRefusesAndReleasedHandlesWait) {
   snanode::HandleTable table(3);
   uint32_t h = 0;
   for (uint32_t i = 0; i < 3; ++i) h = table.insert(&g_items[i]);
@@ -104,9 +104,8 @@ TEST(HandleTable, FullTableRefusesAndReleasedHandlesWait) {
   EXPECT_EQ(pointer, &g_items[2]);
 }
 
-TEST(HandleTable, CapacityAndInjectedFailures) {
-  snt_reset();
-  VTM_TABLE table = nullptr;
+TEST_F(HandleTable, CapacityAndInjectedFailures) {
+  vtm_table_terminate(&table);
   vtm_table_init(&table, 2);  // a nonzero second argument is the capacity
   EXPECT_NE(vtm_get_free_entry(table, &g_items[0]), 0u);
   const uint32_t second = vtm_get_free_entry(table, &g_items[1]);
@@ -127,10 +126,7 @@ TEST(HandleTable, CapacityAndInjectedFailures) {
   vtm_table_terminate(&failed);
 }
 
-TEST(HandleTable, TerminatedAndNullTablesFailSafely) {
-  snt_reset();
-  VTM_TABLE table = nullptr;
-  vtm_table_init(&table, 0);
+TEST_F(HandleTable, TerminatedAndNullTablesFailSafely) {
   const uint32_t h = vtm_get_free_entry(table, &g_items[0]);
   VTM_TABLE stale = table;
   vtm_table_terminate(&table);
