@@ -74,6 +74,13 @@ TEST(ConfigParse, SectionsLeftOutTakeTheBuiltInValues) {
   const cfg::NodeConfig lone =
       cfg::parse_config("[[local_lu]]\nalias = \"ONE\"\nlu_name = \"N.ONE\"\n", "t.toml");
   EXPECT_TRUE(lone.local_lus[0].is_default);
+  // A user without a password is accepted with PAM (and refused without it:
+  // see the mistakes below).
+  const cfg::NodeConfig pam =
+      cfg::parse_config("[pam]\nenabled = true\n[[user]]\nuser_id = \"U\"\n", "t.toml");
+  EXPECT_TRUE(pam.use_pam);
+  ASSERT_EQ(pam.users.size(), 1u);
+  EXPECT_TRUE(pam.users[0].password.empty());
 }
 
 struct BadFile {
@@ -156,14 +163,6 @@ TEST(ConfigParse, EachMistakeGivesOneMessageWithItsPosition) {
       EXPECT_EQ(message, bad.message);
     }
   }
-}
-
-TEST(ConfigParse, UsersWithoutPasswordAreAcceptedOnlyWithPam) {
-  const cfg::NodeConfig c =
-      cfg::parse_config("[pam]\nenabled = true\n[[user]]\nuser_id = \"U\"\n", "t.toml");
-  EXPECT_TRUE(c.use_pam);
-  ASSERT_EQ(c.users.size(), 1u);
-  EXPECT_TRUE(c.users[0].password.empty());
 }
 
 class CurrentConfig : public core_test::ScratchDirTest {
