@@ -2,41 +2,23 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "config/apply_configuration.h"
 #include "config/node_config.h"
 #include "core/log_files.h"
+#include "node/core_test_support.h"
 #include "snanode/snanode.h"
 #include "snanode/snanode_test.h"
 
 namespace {
 
-class ApplyConfiguration : public ::testing::Test {
+class ApplyConfiguration : public core_test::ScratchDirTest {
  protected:
   void SetUp() override {
-    dir_ = std::filesystem::temp_directory_path() / ("snanode-apply-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir_);
-    for (const char *name : {"SNANODE_LOG_DIR", "SNANODE_TRACE", "SNANODE_TRACE_FLAGS"}) {
-      unsetenv(name);
-    }
+    ScratchDirTest::SetUp();
     snt_reset();
   }
-  void TearDown() override {
-    unsetenv("SNANODE_CONFIG");
-    snanode::config::reload_config();
-    std::filesystem::remove_all(dir_);
-  }
-  void use_config(const std::string &text) {
-    const auto file = dir_ / "node.toml";
-    std::ofstream(file) << text;
-    setenv("SNANODE_CONFIG", file.c_str(), 1);
-    snanode::config::reload_config();
-  }
-  std::filesystem::path dir_;
 };
 
 TEST_F(ApplyConfiguration, LogDirectoryAndTraceSettingsTakeEffect) {

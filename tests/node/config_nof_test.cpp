@@ -2,14 +2,12 @@
 // and the scripted answers tests use instead.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "config/node_config.h"
 #include "config/nof_scripts.h"
+#include "node/core_test_support.h"
 #include "snanode/snanode.h"
 #include "snanode/snanode_test.h"
 #include "snanode/verbs.h"
@@ -18,13 +16,12 @@ namespace cfg = snanode::config;
 
 namespace {
 
-class NofService : public ::testing::Test {
+class NofService : public core_test::ScratchDirTest {
  protected:
   void SetUp() override {
+    ScratchDirTest::SetUp();
     cfg::reset_nof_scripts();
-    file_ = std::filesystem::temp_directory_path() /
-            ("snanode-nof-" + std::to_string(::getpid()) + ".toml");
-    std::ofstream(file_) << R"(
+    use_config(R"(
 [[partner_lu]]
 alias = "HQ"
 lu_name = "NETB.HQLU"
@@ -51,13 +48,11 @@ tp_name_type = "service"
 tp_name = "06F1F0F2"
 security = "same"
 user_id = "ME"
-)";
-    ::setenv("SNANODE_CONFIG", file_.c_str(), 1);
-    cfg::reload_config();
+)");
   }
   void TearDown() override {
-    std::filesystem::remove(file_);
     cfg::reset_nof_scripts();
+    ScratchDirTest::TearDown();
   }
 
   uint32_t open_node() {
@@ -89,45 +84,46 @@ user_id = "ME"
     nof_version(2, handle, &close);
     return close.primary_rc;
   }
-
-  std::filesystem::path file_;
 };
 
 std::string text(const uint8_t *field, size_t size) {
   return std::string(reinterpret_cast<const char *>(field), size);
 }
 
+// `value` padded to `size` with blanks; an absent value is all zero bytes.
+std::string field(const char *value, size_t size) {
+  if (value == nullptr) return std::string(size, '\0');
+  return std::string(value) + std::string(size - std::strlen(value), ' ');
+}
+
 TEST_F(NofService, RecordsCarryBlankPaddedNamesAndOnlyTheSecurityTheTypeAllows) {
+  struct Row {
+    const char *name, *partner;
+    unsigned tp_name_type;
+    const char *tp_name, *mode;
+    unsigned security;
+    const char *user_id, *password, *lu_alias;
+  } const rows[] = {
+      {"PLAIN", "HQ", 0, "ECHOTP", "#INTER", 0, nullptr, nullptr, nullptr},
+      {"SECURE", "NETB.HQLU", 0, "PAYROLL", "#BATCH", 2, "CLERK", "SECRET", "LOCAL"},
+      {"SVC", "LOCAL", 1, "06F1F0F2", "#INTER", 1, "ME", nullptr, nullptr},
+  };
   const uint32_t handle = open_node();
-  NOF_SIDE_INFO_DATA r;
-
-  std::memset(&r, 0xEE, sizeof r);
-  ASSERT_EQ(query(handle, "PLAIN   ", r).primary_rc, 0u);
-  EXPECT_EQ(text(r.sym_dest_name, 8), "PLAIN   ");
-  EXPECT_EQ(text(r.partner_lu_name, 17), "HQ               ");
-  EXPECT_EQ(r.tp_name_type, 0u);
-  EXPECT_EQ(text(r.tp_name, 64), "ECHOTP" + std::string(58, ' '));
-  EXPECT_EQ(text(r.mode_name, 8), "#INTER  ");
-  EXPECT_EQ(r.conversation_security_type, 0u);
-  EXPECT_EQ(text(r.security_user_id, 10), std::string(10, '\0'));
-  EXPECT_EQ(text(r.security_password, 10), std::string(10, '\0'));
-  EXPECT_EQ(text(r.lu_alias, 8), std::string(8, '\0'));  // names no local LU
-
-  ASSERT_EQ(query(handle, "SECURE  ", r).primary_rc, 0u);
-  EXPECT_EQ(text(r.partner_lu_name, 17), "NETB.HQLU        ");
-  EXPECT_EQ(text(r.mode_name, 8), "#BATCH  ");
-  EXPECT_EQ(r.conversation_security_type, 2u);
-  EXPECT_EQ(text(r.security_user_id, 10), "CLERK     ");
-  EXPECT_EQ(text(r.security_password, 10), "SECRET    ");
-  EXPECT_EQ(text(r.lu_alias, 8), "LOCAL   ");
-
-  ASSERT_EQ(query(handle, "SVC     ", r).primary_rc, 0u);
-  EXPECT_EQ(r.tp_name_type, 1u);
-  EXPECT_EQ(text(r.tp_name, 8), "06F1F0F2");
-  EXPECT_EQ(r.conversation_security_type, 1u);
-  EXPECT_EQ(text(r.security_user_id, 10), "ME        ");
-  EXPECT_EQ(text(r.security_password, 10), std::string(10, '\0'));
-
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.name);
+    NOF_SIDE_INFO_DATA r;
+    std::memset(&r, 0xEE, sizeof r);
+    ASSERT_EQ(query(handle, field(row.name, 8).c_str(), r).primary_rc, 0u);
+    EXPECT_EQ(text(r.sym_dest_name, 8), field(row.name, 8));
+    EXPECT_EQ(text(r.partner_lu_name, 17), field(row.partner, 17));
+    EXPECT_EQ(r.tp_name_type, row.tp_name_type);
+    EXPECT_EQ(text(r.tp_name, 64), field(row.tp_name, 64));
+    EXPECT_EQ(text(r.mode_name, 8), field(row.mode, 8));
+    EXPECT_EQ(r.conversation_security_type, row.security);
+    EXPECT_EQ(text(r.security_user_id, 10), field(row.user_id, 10));
+    EXPECT_EQ(text(r.security_password, 10), field(row.password, 10));
+    EXPECT_EQ(text(r.lu_alias, 8), field(row.lu_alias, 8));
+  }
   EXPECT_EQ(close_node(handle), 0u);
 }
 
@@ -157,8 +153,7 @@ TEST_F(NofService, NamesAreMatchedExactlyAndHandlesMustBeOpen) {
 }
 
 TEST_F(NofService, AnUnusableConfigurationRefusesTheOpen) {
-  std::ofstream(file_) << "[node]\nname = 1\n";
-  cfg::reload_config();
+  use_config("[node]\nname = 1\n");
   NOF_OPEN open{};
   open.opcode = NOF_OPEN_OPCODE;
   nof_version(2, 0, &open);

@@ -5,9 +5,7 @@
 
 #include <atomic>
 #include <cstring>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include "core/node_monitor.h"
 #include "core/process_lock.h"
@@ -19,7 +17,9 @@
 namespace {
 
 using core_test::eventually;
+using core_test::script;
 using core_test::stays_false;
+using core_test::Vcb;
 
 struct RoutineRun {
   void *vcb;
@@ -29,43 +29,25 @@ struct RoutineRun {
   uint16_t primary;
 };
 
-std::mutex g_runs_mutex;
-std::vector<RoutineRun> g_runs;
+core_test::Recorder<RoutineRun> g_runs;
 
 void record_routine(void *vcb, uint32_t, uint32_t, uintptr_t correlator) {
-  std::lock_guard<std::mutex> hold(g_runs_mutex);
-  g_runs.push_back({vcb, correlator, std::this_thread::get_id(), snanode::process_lock_held(),
-                    static_cast<NAP_HDR *>(vcb)->primary_rc});
+  g_runs.add({vcb, correlator, std::this_thread::get_id(), snanode::process_lock_held(),
+              static_cast<NAP_HDR *>(vcb)->primary_rc});
 }
 
 size_t runs() {
-  std::lock_guard<std::mutex> hold(g_runs_mutex);
   return g_runs.size();
 }
-
 RoutineRun run(size_t n) {
-  std::lock_guard<std::mutex> hold(g_runs_mutex);
   return g_runs.at(n);
 }
-
-SNT_VERB_SCRIPT script(uint16_t opcode, uint16_t primary, uint32_t secondary, int later = 0,
-                       SNT_FILL fill = nullptr, void *context = nullptr) {
-  return SNT_VERB_SCRIPT{opcode, primary, secondary, later, fill, context};
-}
-
-// Verb records are 208 bytes; tests submit whole records.
-struct Vcb {
-  explicit Vcb(uint16_t opcode) { std::memcpy(bytes, &opcode, 2); }
-  NAP_HDR *hdr() { return reinterpret_cast<NAP_HDR *>(bytes); }
-  alignas(8) uint8_t bytes[NAP_VCB_SIZE] = {};
-};
 
 class DispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
     snt_reset();
     snt_script_verbs(1);
-    std::lock_guard<std::mutex> hold(g_runs_mutex);
     g_runs.clear();
   }
 };
@@ -326,24 +308,6 @@ TEST_F(DispatcherTest, SubmittedVerbsAreLoggedAsSubmitted) {
   EXPECT_EQ(snt_submitted_count(), 0u);
 }
 
-TEST_F(DispatcherTest, WithoutScriptingTheEngineAnswersAndOtherVersionsAreRefused) {
-  snt_script_verbs(0);
-  // The engine knows no conversation 0: it answers at once, and nothing is
-  // logged as submitted to the scripted node.
-  Vcb flush(NAP_FLUSH);
-  EXPECT_EQ(appc_c_async_version(2, flush.bytes, record_routine, 1), AP_ASYNC_COMPLETED);
-  EXPECT_EQ(flush.hdr()->primary_rc, AP_PARAMETER_CHECK);
-  EXPECT_EQ(flush.hdr()->secondary_rc, AP_BAD_CONV_ID);
-  EXPECT_EQ(snt_submitted_count(), 0u);
-
-  snt_script_verbs(1);
-  Vcb old_interface(NAP_FLUSH);
-  appc_c_version(1, old_interface.bytes);
-  EXPECT_EQ(old_interface.hdr()->primary_rc, AP_COMM_SUBSYSTEM_NOT_LOADED);
-  EXPECT_EQ(snt_submitted_count(), 0u);
-  EXPECT_TRUE(stays_false([] { return runs() != 0; }, 30));
-}
-
 std::atomic<bool> g_slow_started{false};
 std::atomic<bool> g_slow_finished{false};
 
@@ -381,14 +345,22 @@ TEST_F(DispatcherTest, ResetDropsScriptsEndsPendingVerbsAndStopsScripting) {
   ASSERT_TRUE(eventually([] { return runs() == 1; }));  // not left hanging
   EXPECT_EQ(run(0).primary, AP_COMM_SUBSYSTEM_ABENDED);
 
+  // Scripting is off: the engine answers at once (it knows no conversation
+  // 0) and nothing is logged as submitted to the scripted node.
   Vcb off(NAP_CONFIRM);
-  appc_c_version(2, off.bytes);
-  EXPECT_EQ(off.hdr()->primary_rc, AP_PARAMETER_CHECK);  // scripting is off: the engine answers
+  EXPECT_EQ(appc_c_async_version(2, off.bytes, record_routine, 1), AP_ASYNC_COMPLETED);
+  EXPECT_EQ(off.hdr()->primary_rc, AP_PARAMETER_CHECK);
+  EXPECT_EQ(off.hdr()->secondary_rc, AP_BAD_CONV_ID);
   EXPECT_EQ(snt_submitted_count(), 0u);
   snt_script_verbs(1);
+  Vcb old_interface(NAP_FLUSH);
+  appc_c_version(1, old_interface.bytes);  // only version 2 is served
+  EXPECT_EQ(old_interface.hdr()->primary_rc, AP_COMM_SUBSYSTEM_NOT_LOADED);
+  EXPECT_EQ(snt_submitted_count(), 0u);
   Vcb confirm(NAP_CONFIRM);
   appc_c_version(2, confirm.bytes);
   EXPECT_EQ(confirm.hdr()->primary_rc, AP_OK);  // the CONFIRM script went with the reset
+  EXPECT_TRUE(stays_false([] { return runs() != 1; }, 30));
 }
 
 }  // namespace

@@ -24,11 +24,19 @@ std::vector<uint32_t> walk(VTM_TABLE table) {
   return handles;
 }
 
-TEST(HandleTable, HandlesAreNonzeroMapToTheirPointersAndWalkInOrder) {
-  snt_reset();
+// A fresh unbounded table per test; terminating it twice is harmless.
+class HandleTable : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    snt_reset();
+    vtm_table_init(&table, 0);
+    ASSERT_NE(table, nullptr);
+  }
+  void TearDown() override { vtm_table_terminate(&table); }
   VTM_TABLE table = nullptr;
-  vtm_table_init(&table, 0);
-  ASSERT_NE(table, nullptr);
+};
+
+TEST_F(HandleTable, HandlesMapToTheirPointersAndWalkInOrderEvenWhileReleased) {
   std::vector<uint32_t> handles;
   for (int &item : g_items) {
     const uint32_t h = vtm_get_free_entry(table, &item);
@@ -43,16 +51,9 @@ TEST(HandleTable, HandlesAreNonzeroMapToTheirPointersAndWalkInOrder) {
   EXPECT_EQ(walk(table), sorted);
   EXPECT_EQ(vtm_get_pointer(table, 0), nullptr);
   EXPECT_EQ(vtm_get_pointer(table, sorted.back() + 1), nullptr);
-  vtm_table_terminate(&table);
-  EXPECT_EQ(table, nullptr);
-}
 
-TEST(HandleTable, WalkContinuesFromAHandleJustReleased) {
-  snt_reset();
-  VTM_TABLE table = nullptr;
-  vtm_table_init(&table, 0);
-  for (int &item : g_items) vtm_get_free_entry(table, &item);
-  // Release every entry while walking, as emptying a table does.
+  // Release every entry while walking, as emptying a table does: the walk
+  // continues from a handle just released.
   std::vector<void *> seen;
   void *pointer = nullptr;
   uint32_t h = vtm_get_next_used(table, 0, &pointer);
@@ -65,12 +66,10 @@ TEST(HandleTable, WalkContinuesFromAHandleJustReleased) {
   EXPECT_EQ(pointer, nullptr);
   EXPECT_TRUE(walk(table).empty());
   vtm_table_terminate(&table);
+  EXPECT_EQ(table, nullptr);
 }
 
-TEST(HandleTable, ReleasedHandlesAreNotReusedSoon) {
-  snt_reset();
-  VTM_TABLE table = nullptr;
-  vtm_table_init(&table, 0);
+TEST_F(HandleTable, ReleasedHandlesAreNotReusedSoon) {
   std::set<uint32_t> issued;
   for (int round = 0; round < 1000; ++round) {
     const uint32_t h = vtm_get_free_entry(table, &g_items[0]);
@@ -78,10 +77,9 @@ TEST(HandleTable, ReleasedHandlesAreNotReusedSoon) {
     vtm_release_entry(table, h);
     EXPECT_EQ(vtm_get_pointer(table, h), nullptr);
   }
-  vtm_table_terminate(&table);
 }
 
-TEST(HandleTable, IdentifiersWrapPastTheTopSkippingZeroAndThoseInUse) {
+TEST(RisingId, IdentifiersWrapPastTheTopSkippingZeroAndThoseInUse) {
   const std::set<uint32_t> in_use = {1, 3};
   auto used = [&in_use](uint32_t id) { return in_use.count(id) != 0; };
   uint32_t last = 0xFFFFFFFEu;
@@ -90,23 +88,8 @@ TEST(HandleTable, IdentifiersWrapPastTheTopSkippingZeroAndThoseInUse) {
   EXPECT_EQ(snanode::next_rising_id(last, used), 4u);
 }
 
-TEST(HandleTable, FullTableRefusesAndReleasedHandlesWait) {
-  snanode::HandleTable table(3);
-  uint32_t h = 0;
-  for (uint32_t i = 0; i < 3; ++i) h = table.insert(&g_items[i]);
-  EXPECT_EQ(h, 3u);
-  table.release(2);
-  EXPECT_EQ(table.insert(&g_items[3]), 4u);  // 2 is not taken back at once
-  EXPECT_EQ(table.insert(&g_items[4]), 0u);  // capacity 3 reached
-  EXPECT_EQ(table.size(), 3u);
-  void *pointer = nullptr;
-  EXPECT_EQ(table.next_used(1, &pointer), 3u);
-  EXPECT_EQ(pointer, &g_items[2]);
-}
-
-TEST(HandleTable, CapacityAndInjectedFailures) {
-  snt_reset();
-  VTM_TABLE table = nullptr;
+TEST_F(HandleTable, CapacityAndInjectedFailures) {
+  vtm_table_terminate(&table);
   vtm_table_init(&table, 2);  // a nonzero second argument is the capacity
   EXPECT_NE(vtm_get_free_entry(table, &g_items[0]), 0u);
   const uint32_t second = vtm_get_free_entry(table, &g_items[1]);
@@ -127,10 +110,7 @@ TEST(HandleTable, CapacityAndInjectedFailures) {
   vtm_table_terminate(&failed);
 }
 
-TEST(HandleTable, TerminatedAndNullTablesFailSafely) {
-  snt_reset();
-  VTM_TABLE table = nullptr;
-  vtm_table_init(&table, 0);
+TEST_F(HandleTable, TerminatedAndNullTablesFailSafely) {
   const uint32_t h = vtm_get_free_entry(table, &g_items[0]);
   VTM_TABLE stale = table;
   vtm_table_terminate(&table);

@@ -1,42 +1,30 @@
-// Problem and audit logs, assertions, the log directory and the trace flags.
+// Problem and audit logs, assertions and the trace flags.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "core/log_files.h"
 #include "core/trace_flags.h"
+#include "node/core_test_support.h"
 #include "snanode/snanode.h"
 #include "snanode/snanode_test.h"
 
 namespace {
 
-class LogTest : public ::testing::Test {
+class LogTest : public core_test::ScratchDirTest {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/snanode-log-test-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    setenv("SNANODE_LOG_DIR", (dir_ + "/logs").c_str(), 1);  // created on first record
+    ScratchDirTest::SetUp();
+    setenv("SNANODE_LOG_DIR", (dir_ / "logs").c_str(), 1);  // created on first record
     snt_reset();
   }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
   std::vector<std::string> lines(const char *file) const {
-    std::ifstream in(dir_ + "/logs/" + file);
-    std::vector<std::string> result;
-    for (std::string line; std::getline(in, line);) result.push_back(line);
-    return result;
+    return core_test::read_lines(dir_ / "logs" / file);
   }
-
-  std::string dir_;
 };
 
 TEST_F(LogTest, EveryArgumentTypeIsDecodedIntoTheLineAndTheRecord) {
@@ -150,22 +138,6 @@ TEST_F(LogTest, ConcurrentWritersNeverInterleaveLines) {
   const std::regex whole("^\\S+ pid \\d+ tid \\d+ problem 0x10[0-3] probe \\d+: s=\"p{200}\"$");
   for (const auto &line : written) ASSERT_TRUE(std::regex_match(line, whole)) << line;
   EXPECT_EQ(snt_problem_count(), static_cast<uint32_t>(kThreads * kRecords));
-}
-
-TEST(LogDirectory, EnvironmentThenConfigurationThenStateDirectories) {
-  setenv("SNANODE_LOG_DIR", "/x/env", 1);
-  snanode::set_configured_log_directory("/x/config");
-  setenv("XDG_STATE_HOME", "/x/state", 1);
-  setenv("HOME", "/x/home", 1);
-  EXPECT_EQ(snanode::log_directory(), "/x/env");
-  unsetenv("SNANODE_LOG_DIR");
-  EXPECT_EQ(snanode::log_directory(), "/x/config");
-  snanode::set_configured_log_directory("");
-  EXPECT_EQ(snanode::log_directory(), "/x/state/snanode");
-  unsetenv("XDG_STATE_HOME");
-  EXPECT_EQ(snanode::log_directory(), "/x/home/.local/state/snanode");
-  unsetenv("HOME");
-  EXPECT_EQ(snanode::log_directory(), "/tmp/snanode-" + std::to_string(getuid()));
 }
 
 TEST(TraceFlags, FlagTextParsesHexPairsWithSeparators) {

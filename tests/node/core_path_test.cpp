@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,18 +17,16 @@
 namespace {
 
 using core_test::eventually;
+using core_test::script;
+using core_test::Vcb;
 
-std::mutex g_events_mutex;
-std::vector<std::string> g_events;
+core_test::Recorder<std::string> g_events;
 
 void note(const std::string &event) {
-  std::lock_guard<std::mutex> hold(g_events_mutex);
-  g_events.push_back(event);
+  g_events.add(event);
 }
-
 std::vector<std::string> events() {
-  std::lock_guard<std::mutex> hold(g_events_mutex);
-  return g_events;
+  return g_events.all();
 }
 
 class PathTest : public ::testing::Test {
@@ -37,7 +34,6 @@ class PathTest : public ::testing::Test {
   void SetUp() override {
     snt_reset();
     snt_script_verbs(1);
-    std::lock_guard<std::mutex> hold(g_events_mutex);
     g_events.clear();
   }
 };
@@ -112,20 +108,18 @@ void verb_routine(void *vcb, uint32_t, uint32_t, uintptr_t) {
 TEST_F(PathTest, OutstandingVerbsFailAndCallersReturnBeforePathRoutinesRun) {
   uint32_t id = 0;
   vpm_init_path_user(0, 0, noting_path_routine, 5, &id);
-  const SNT_VERB_SCRIPT later = {0, AP_OK, 0, 1, nullptr, nullptr};
+  const SNT_VERB_SCRIPT later = script(0, AP_OK, 0, 1);
   snt_push_verb_script(&later);
   snt_push_verb_script(&later);
 
-  NAP_HDR async_vcb[9] = {};  // 216 bytes: a whole verb record
-  async_vcb[0].opcode = NAP_RECEIVE_AND_WAIT;
-  ASSERT_EQ(appc_c_async_version(2, async_vcb, verb_routine, 1), AP_ASYNC_IN_PROGRESS);
+  Vcb async_vcb(NAP_RECEIVE_AND_WAIT);
+  ASSERT_EQ(appc_c_async_version(2, async_vcb.bytes, verb_routine, 1), AP_ASYNC_IN_PROGRESS);
 
-  NAP_HDR blocking_vcb[9] = {};
-  blocking_vcb[0].opcode = NAP_CONFIRM;
+  Vcb blocking_vcb(NAP_CONFIRM);
   std::thread caller([&] {
     const uint16_t token = vpm_lock();  // a library call in progress
-    appc_c_async_version(2, blocking_vcb, nullptr, 0);
-    note("caller primary=" + std::to_string(blocking_vcb[0].primary_rc));
+    appc_c_async_version(2, blocking_vcb.bytes, nullptr, 0);
+    note("caller primary=" + std::to_string(blocking_vcb.hdr()->primary_rc));
     // Still inside its call: the path routine must wait for the unlock.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     note("caller unlocks");
@@ -150,20 +144,18 @@ TEST_F(PathTest, OutstandingVerbsFailAndCallersReturnBeforePathRoutinesRun) {
   EXPECT_EQ(snt_path_users(), 0u);  // registrations end with the path
 
   // The node is usable again once the path has ended.
-  NAP_HDR after[9] = {};
-  after[0].opcode = NAP_FLUSH;
-  appc_c_version(2, after);
-  EXPECT_EQ(after[0].primary_rc, AP_OK);
+  Vcb after(NAP_FLUSH);
+  appc_c_version(2, after.bytes);
+  EXPECT_EQ(after.hdr()->primary_rc, AP_OK);
 }
 
 std::atomic<uint16_t> g_primary_during_end{0};
 uint32_t g_reregistered = 0;
 
 int resubmitting_path_routine(void *, VPM_PATH_EVENT *event) {
-  NAP_HDR vcb[9] = {};
-  vcb[0].opcode = NAP_FLUSH;
-  appc_c_version(2, vcb);
-  g_primary_during_end = vcb[0].primary_rc;
+  Vcb vcb(NAP_FLUSH);
+  appc_c_version(2, vcb.bytes);
+  g_primary_during_end = vcb.hdr()->primary_rc;
   vpm_init_path_user(0, 0, noting_path_routine, 0, &g_reregistered);
   event->result = 0;
   return 0;
@@ -214,11 +206,10 @@ void path_ending_routine(void *, uint32_t, uint32_t, uintptr_t) {
 TEST_F(PathTest, PathEndedFromACompletionRoutineRunsAfterIt) {
   uint32_t id = 0;
   vpm_init_path_user(0, 0, noting_path_routine, 0, &id);
-  const SNT_VERB_SCRIPT later = {0, AP_OK, 0, 1, nullptr, nullptr};
+  const SNT_VERB_SCRIPT later = script(0, AP_OK, 0, 1);
   snt_push_verb_script(&later);
-  NAP_HDR vcb[9] = {};
-  vcb[0].opcode = NAP_FLUSH;
-  ASSERT_EQ(appc_c_async_version(2, vcb, path_ending_routine, 1), AP_ASYNC_IN_PROGRESS);
+  Vcb vcb(NAP_FLUSH);
+  ASSERT_EQ(appc_c_async_version(2, vcb.bytes, path_ending_routine, 1), AP_ASYNC_IN_PROGRESS);
   EXPECT_EQ(snt_complete_pending(0), 1);
   ASSERT_TRUE(eventually([] { return events().size() == 2; }));
   EXPECT_EQ(events()[0], "routine returned");

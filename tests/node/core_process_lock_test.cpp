@@ -54,7 +54,7 @@ TEST(ProcessLock, MisuseIsReportedAndDoesNotReleaseAnotherThreadsLock) {
   EXPECT_FALSE(snanode::process_lock_held());
 }
 
-TEST(ProcessLock, WaitReleasesTheWholeDepthAndRestoresIt) {
+TEST(ProcessLock, WaitReleasesTheWholeDepthAndRestoresItOrTimesOut) {
   snt_reset();
   bool ready = false;  // guarded by the process lock
   std::atomic<bool> other_ran{false};
@@ -71,19 +71,16 @@ TEST(ProcessLock, WaitReleasesTheWholeDepthAndRestoresIt) {
   EXPECT_TRUE(satisfied);
   EXPECT_TRUE(other_ran);
   EXPECT_EQ(snanode::process_lock_depth(), 2u);
-  vpm_unlock(inner);
-  vpm_unlock(outer);
   other.join();
-}
 
-TEST(ProcessLock, WaitTimesOutWithTheLockRetaken) {
-  snt_reset();
-  snanode::ProcessLockGuard guard;
+  // A wait that times out also comes back with the whole depth retaken.
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(snanode::wait_releasing_process_lock(
       snanode::node_state_cv(), std::chrono::milliseconds(30), [] { return false; }));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
-  EXPECT_EQ(snanode::process_lock_depth(), 1u);
+  EXPECT_EQ(snanode::process_lock_depth(), 2u);
+  vpm_unlock(inner);
+  vpm_unlock(outer);
 }
 
 }  // namespace

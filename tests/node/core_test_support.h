@@ -1,17 +1,33 @@
-// Helpers shared by the node core tests.
+// Helpers shared by the node core, configuration and trace file tests:
+// polling, whole verb records, verb scripts and a scratch directory with a
+// clean node environment.
 #pragma once
 
-#include <chrono>
-#include <functional>
-#include <thread>
+#include <gtest/gtest.h>
+#include <stdlib.h>
 
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/node_config.h"
 #include "snanode/snanode_test.h"
+#include "snanode/verbs.h"
+#include "support/read_lines.h"
 
 namespace core_test {
 
-// Polls `condition` for up to two seconds; true once it holds.
-inline bool eventually(const std::function<bool()> &condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+using test_support::read_lines;
+
+// Polls `condition` for up to `ms` milliseconds; true once it holds.
+inline bool holds_within(const std::function<bool()> &condition, int ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   while (std::chrono::steady_clock::now() < deadline) {
     if (condition()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -19,15 +35,77 @@ inline bool eventually(const std::function<bool()> &condition) {
   return condition();
 }
 
+inline bool eventually(const std::function<bool()> &condition) {
+  return holds_within(condition, 2000);
+}
+
 // True when `condition` stays false for `ms` milliseconds (something that
 // must not happen while a thread is held).
 inline bool stays_false(const std::function<bool()> &condition, int ms = 100) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return !condition();
+  return !holds_within(condition, ms);
 }
+
+inline SNT_VERB_SCRIPT script(uint16_t opcode, uint16_t primary, uint32_t secondary = 0,
+                              int later = 0, SNT_FILL fill = nullptr, void *context = nullptr) {
+  return SNT_VERB_SCRIPT{opcode, primary, secondary, later, fill, context};
+}
+
+// A whole verb record: the node may write anywhere in its 208 bytes.
+struct Vcb {
+  explicit Vcb(uint16_t opcode) { std::memcpy(bytes, &opcode, 2); }
+  NAP_HDR *hdr() { return reinterpret_cast<NAP_HDR *>(bytes); }
+  alignas(8) uint8_t bytes[NAP_VCB_SIZE] = {};
+};
+
+// What completion and path routines saw, appended from any thread.
+template <typename Entry>
+class Recorder {
+ public:
+  void add(const Entry &entry) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    entries_.push_back(entry);
+  }
+  std::vector<Entry> all() const {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return entries_;
+  }
+  size_t size() const { return all().size(); }
+  Entry at(size_t n) const { return all().at(n); }
+  void clear() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    entries_.clear();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Entry> entries_;
+};
+
+// A fresh directory per test and none of the node's environment variables
+// inherited from the caller, so that defaults are what the test sees.
+class ScratchDirTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/snanode-test-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    for (const char *name : {"SNANODE_CONFIG", "SNANODE_LOG_DIR", "SNANODE_TRACE",
+                             "SNANODE_TRACE_FLAGS", "SNANODE_TRACE_FILE", "XDG_STATE_HOME"}) {
+      unsetenv(name);
+    }
+  }
+  void TearDown() override {
+    unsetenv("SNANODE_CONFIG");
+    snanode::config::reload_config();
+    std::filesystem::remove_all(dir_);
+  }
+  // Writes `text` as the configuration file and makes it the current one.
+  void use_config(const std::string &text, const char *name = "node.toml") {
+    std::ofstream(dir_ / name) << text;
+    setenv("SNANODE_CONFIG", (dir_ / name).c_str(), 1);
+    snanode::config::reload_config();
+  }
+  std::filesystem::path dir_;
+};
 
 }  // namespace core_test

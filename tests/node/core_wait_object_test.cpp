@@ -13,18 +13,26 @@ namespace {
 
 using core_test::eventually;
 
-TEST(WaitObject, WakeupsBeforeSleepAreCountedNotLost) {
+TEST(WaitObject, WakeupsBeforeSleepAreCountedPerObjectNotLost) {
   snt_reset();
+  snt_refuse_wait_objects(2);  // refusals are injected one at a time
+  EXPECT_EQ(vpm_allocate_wait_object(), nullptr);
+  EXPECT_EQ(vpm_allocate_wait_object(), nullptr);
   void *object = vpm_allocate_wait_object();
+  void *other = vpm_allocate_wait_object();
   ASSERT_NE(object, nullptr);
+  ASSERT_NE(other, nullptr);
+  EXPECT_NE(object, other);
   vpm_wakeup(object);
   vpm_wakeup(object);
+  EXPECT_NE(vpm_sleep(other, 0), 0u);  // objects are independent
   EXPECT_EQ(vpm_sleep(object, 0), 0u);
   EXPECT_EQ(vpm_sleep(object, 0), 0u);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_NE(vpm_sleep(object, 40), 0u);  // both wake-ups used up
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(40));
   vpm_release_wait_object(object);
+  vpm_release_wait_object(other);
 }
 
 TEST(WaitObject, SleeperHoldingTheLockLetsTheWakerIn) {
@@ -60,23 +68,6 @@ TEST(WaitObject, ReleaseWakesSleepersAndStaleHandlesFailSafely) {
   vpm_release_wait_object(object);
   vpm_release_wait_object(nullptr);
   EXPECT_NE(vpm_sleep(nullptr, VPM_SLEEP_FOREVER), 0u);
-}
-
-TEST(WaitObject, RefusalsAreInjectedOneAtATime) {
-  snt_reset();
-  snt_refuse_wait_objects(2);
-  EXPECT_EQ(vpm_allocate_wait_object(), nullptr);
-  EXPECT_EQ(vpm_allocate_wait_object(), nullptr);
-  void *a = vpm_allocate_wait_object();
-  void *b = vpm_allocate_wait_object();
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  EXPECT_NE(a, b);
-  vpm_wakeup(a);  // objects are independent
-  EXPECT_NE(vpm_sleep(b, 0), 0u);
-  EXPECT_EQ(vpm_sleep(a, 0), 0u);
-  vpm_release_wait_object(a);
-  vpm_release_wait_object(b);
 }
 
 }  // namespace

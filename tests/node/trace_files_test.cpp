@@ -2,7 +2,6 @@
 // the layout of separators, lines and dumps, and records of concurrent
 // threads and processes that never interleave.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,71 +15,71 @@
 #include <thread>
 #include <vector>
 
-#include "snanode/snanode.h"
 #include "config/node_config.h"
 #include "core/log_files.h"
+#include "node/core_test_support.h"
+#include "snanode/snanode.h"
 #include "trace/trace_settings.h"
-
-#include "support/read_lines.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using core_test::read_lines;
 using snanode::log_directory;
 using snanode::trace::resolve_trace_settings;
-using test_support::read_lines;
 
-class TraceFiles : public ::testing::Test {
+class TraceFiles : public core_test::ScratchDirTest {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           ("trace_files_test." + std::to_string(getpid()) + "." +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-    for (const char *name :
-         {"SNANODE_TRACE", "SNANODE_TRACE_FILE", "SNANODE_LOG_DIR", "XDG_STATE_HOME"}) {
-      unsetenv(name);
-    }
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
   // Opens `file` as the trace file and returns its handle under the lock.
   int32_t lock_trace_file(const fs::path &file) {
     setenv("SNANODE_TRACE", "1", 1);
     setenv("SNANODE_TRACE_FILE", file.c_str(), 1);
     unsigned char flags[SNANODE_TRACE_FLAG_BYTES] = {};
     sepuapi_init(flags);
-    TRC_API api = trc_api;
-    trc_lock_file(&api);
-    handle_api_ = api;
-    return api.file_handle;
+    handle_api_ = trc_api;
+    trc_lock_file(&handle_api_);
+    return handle_api_.file_handle;
   }
   void unlock() { trc_unlock_file(&handle_api_); }
 
-  fs::path dir_;
   TRC_API handle_api_{};
 };
 
-TEST_F(TraceFiles, FileLocationFollowsTheEnvironment) {
-  const std::string home = getenv("HOME") != nullptr ? getenv("HOME") : "";
-  setenv("HOME", "/home/tracer", 1);
-  EXPECT_EQ(log_directory(), fs::path("/home/tracer/.local/state/snanode"));
-  EXPECT_EQ(resolve_trace_settings().file, fs::path("/home/tracer/.local/state/snanode/api.trc"));
-  setenv("XDG_STATE_HOME", "/var/state", 1);
-  EXPECT_EQ(log_directory(), fs::path("/var/state/snanode"));
-  setenv("SNANODE_LOG_DIR", "/srv/logs", 1);
-  EXPECT_EQ(resolve_trace_settings().file, fs::path("/srv/logs/api.trc"));
-  setenv("SNANODE_TRACE_FILE", "/elsewhere/my.trc", 1);
-  EXPECT_EQ(resolve_trace_settings().file, fs::path("/elsewhere/my.trc"));
-  unsetenv("SNANODE_LOG_DIR");
-  unsetenv("XDG_STATE_HOME");
-  unsetenv("HOME");
-  EXPECT_EQ(log_directory(), fs::path("/tmp/snanode-" + std::to_string(getuid())));
-  // An empty variable counts as unset.
-  setenv("SNANODE_LOG_DIR", "", 1);
-  EXPECT_EQ(log_directory(), fs::path("/tmp/snanode-" + std::to_string(getuid())));
-  if (!home.empty()) setenv("HOME", home.c_str(), 1);
+// Each step changes one source (nullptr value: unset it; "config": the
+// configured directory) and shows where logs and the trace file now go.
+TEST_F(TraceFiles, LogDirectoryAndTraceFileFollowTheirSourcesInOrder) {
+  const std::string fallback = "/tmp/snanode-" + std::to_string(getuid());
+  struct Step {
+    const char *source;
+    const char *value;
+    std::string dir;
+    std::string trace_file;  // empty: not checked
+  } const steps[] = {
+      {"HOME", "/home/tracer", "/home/tracer/.local/state/snanode",
+       "/home/tracer/.local/state/snanode/api.trc"},
+      {"XDG_STATE_HOME", "/var/state", "/var/state/snanode", ""},
+      {"config", "/x/config", "/x/config", ""},
+      {"SNANODE_LOG_DIR", "/srv/logs", "/srv/logs", "/srv/logs/api.trc"},
+      {"SNANODE_TRACE_FILE", "/elsewhere/my.trc", "/srv/logs", "/elsewhere/my.trc"},
+      {"SNANODE_LOG_DIR", "", "/x/config", ""},  // an empty variable counts as unset
+      {"config", "", "/var/state/snanode", ""},
+      {"XDG_STATE_HOME", nullptr, "/home/tracer/.local/state/snanode", ""},
+      {"HOME", nullptr, fallback, ""},
+  };
+  for (const Step &step : steps) {
+    SCOPED_TRACE(std::string(step.source) + "=" + (step.value != nullptr ? step.value : "(unset)"));
+    if (std::string(step.source) == "config") {
+      snanode::set_configured_log_directory(step.value);
+    } else if (step.value != nullptr) {
+      setenv(step.source, step.value, 1);
+    } else {
+      unsetenv(step.source);
+    }
+    EXPECT_EQ(log_directory(), step.dir);
+    if (!step.trace_file.empty()) {
+      EXPECT_EQ(resolve_trace_settings().file, step.trace_file);
+    }
+  }
 }
 
 TEST_F(TraceFiles, TraceVariableSetsOnlyTheApiBit) {
@@ -111,13 +110,14 @@ TEST_F(TraceFiles, CreatesTheLogDirectoryAndWritesPrefixedLines) {
   setenv("SNANODE_TRACE", "1", 1);
   unsigned char flags[SNANODE_TRACE_FLAG_BYTES] = {};
   sepuapi_init(flags);
-  TRC_API api = trc_api;
-  trc_lock_file(&api);
-  ASSERT_NE(api.file_handle, -1);
-  com_trc_sep(api.file_handle, "CPIC ");
-  com_trc_line(api.file_handle, "CPIC ", "CMSEND request");
-  com_trc_line(api.file_handle, "CPIC ", " Send length = 5");
-  trc_unlock_file(&api);
+  handle_api_ = trc_api;
+  trc_lock_file(&handle_api_);
+  const int32_t handle = handle_api_.file_handle;
+  ASSERT_NE(handle, -1);
+  com_trc_sep(handle, "CPIC ");
+  com_trc_line(handle, "CPIC ", "CMSEND request");
+  com_trc_line(handle, "CPIC ", " Send length = 5");
+  unlock();
 
   const auto lines = read_lines(dir_ / "nested" / "logs" / "api.trc");
   ASSERT_EQ(lines.size(), 3u);
@@ -131,20 +131,11 @@ TEST_F(TraceFiles, CreatesTheLogDirectoryAndWritesPrefixedLines) {
   EXPECT_EQ(lines[2], "CPIC  Send length = 5");
 }
 
-TEST_F(TraceFiles, InitialisingAgainSwitchesToTheNewFile) {
+TEST_F(TraceFiles, InitialisingAgainSwitchesFilesAndDumpsShowHexAsciiAndEbcdic) {
   const int32_t first = lock_trace_file(dir_ / "first.trc");
   ASSERT_NE(first, -1);
   com_trc_line(first, "CPIC ", "one");
   unlock();
-  const int32_t second = lock_trace_file(dir_ / "second.trc");
-  ASSERT_NE(second, -1);
-  com_trc_line(second, "CPIC ", "two");
-  unlock();
-  EXPECT_EQ(read_lines(dir_ / "first.trc"), std::vector<std::string>{"CPIC one"});
-  EXPECT_EQ(read_lines(dir_ / "second.trc"), std::vector<std::string>{"CPIC two"});
-}
-
-TEST_F(TraceFiles, DumpShowsHexAsciiAndEbcdicColumns) {
   const fs::path file = dir_ / "dump.trc";
   const int32_t handle = lock_trace_file(file);
   ASSERT_NE(handle, -1);
@@ -161,6 +152,7 @@ TEST_F(TraceFiles, DumpShowsHexAsciiAndEbcdicColumns) {
           "|AZaz09          |  |.!/:..          |",
   };
   EXPECT_EQ(read_lines(file), expected);
+  EXPECT_EQ(read_lines(dir_ / "first.trc"), std::vector<std::string>{"CPIC one"});
 }
 
 TEST_F(TraceFiles, UnwritableFileDropsRecordsAndHoldsNoLock) {
@@ -180,21 +172,6 @@ TEST_F(TraceFiles, UnwritableFileDropsRecordsAndHoldsNoLock) {
   com_trc_line(-1, "CPIC ", "dropped");
   com_trc_dump(-1, "CPIC ", "abc", 3);
   com_trc_sep(-1, "CPIC ");
-}
-
-TEST_F(TraceFiles, LockExcludesOtherThreadsUntilUnlocked) {
-  const fs::path file = dir_ / "lock.trc";
-  ASSERT_NE(lock_trace_file(file), -1);
-  auto other = std::async(std::launch::async, [] {
-    TRC_API api = trc_api;
-    trc_lock_file(&api);
-    trc_unlock_file(&api);
-    return api.file_handle;
-  });
-  EXPECT_EQ(other.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-  unlock();
-  ASSERT_EQ(other.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-  EXPECT_NE(other.get(), -1);
 }
 
 // Each writer appends records of five lines naming itself and the record;
