@@ -483,7 +483,14 @@ void Conversation::purge_inbound() {
 }
 
 void Conversation::truncate_incomplete_record() {
-  if (setup_.mapped || inbound_.empty() || inbound_.back().kind != InKind::kData) return;
+  if (setup_.mapped) return;
+  if (inbound_.empty()) {
+    // The TP may already hold every byte sent of the record it is inside; the
+    // rest will never come, so whatever arrives next starts with an LL.
+    in_cursor_.reset();
+    return;
+  }
+  if (inbound_.back().kind != InKind::kData) return;
   Inbound &item = inbound_.back();
   const bool is_front = inbound_.size() == 1;
   // Only the front item can be partly received; later ones start between records.
