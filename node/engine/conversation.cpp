@@ -174,6 +174,12 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
     }
   }
   Result result;
+  // A partner that has purged our data, ended or vanished is reported on the
+  // very next send, even one that would only buffer: the TP must not go on
+  // filling a buffer that can never reach anyone.  An abend needs no news.
+  if (type != AP_SEND_DEALLOC_ABEND && take_send_notice(result)) {
+    return done(hdr, result.primary, result.secondary);
+  }
   if (!buffer_data(vcb.data_pointer, vcb.data_length, result)) {
     return done(hdr, result.primary, result.secondary);
   }
@@ -183,13 +189,9 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
   const bool confirm_sync = setup_.sync_level != 0;
   switch (type) {
     case AP_SEND_BUFFER:
-      if (out_size_ >= setup_.send_buffer_size) {
-        if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-        send_buffer(false);
-      }
+      if (out_size_ >= setup_.send_buffer_size) send_buffer(false);
       return done(hdr, AP_OK);
     case AP_SEND_FLUSH:
-      if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
       send_buffer(false);
       return done(hdr, AP_OK);
     case AP_SEND_CONFIRM:

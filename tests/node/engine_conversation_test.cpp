@@ -262,9 +262,9 @@ TEST(EngineConversation, SendErrorInReceivePurgesWhatArrivedAndTurnsTheConversat
     ASSERT_EQ(h.send(a, data, AP_SEND_FLUSH), AP_OK);
     EXPECT_EQ(h.send_error(b), AP_OK);
     EXPECT_EQ(h.state(b), AP_STATE_SEND);
-    // The sender learns on its next verb, and its buffer goes too.
-    ASSERT_EQ(h.send(a, data), AP_OK);
-    EXPECT_EQ(h.send(a, data, AP_SEND_FLUSH), AP_PROG_ERROR_PURGING);
+    // The sender learns on its next verb, even a send that only buffers, and
+    // nothing of that send is kept.
+    EXPECT_EQ(h.send(a, data), AP_PROG_ERROR_PURGING);
     EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);
     EXPECT_EQ(h.receive(a, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);
     ASSERT_EQ(h.send(b, is_mapped ? "reply" : record("reply"), AP_SEND_FLUSH), AP_OK);
@@ -322,6 +322,41 @@ TEST(EngineConversation, AbendFromReceiveReachesAWaitingPartnerAndPurges) {
   EXPECT_EQ(h.deallocate(b, AP_DEALLOC_ABEND_MAPPED), AP_OK);
   ASSERT_TRUE(h.completed(&confirm));
   EXPECT_EQ(confirm.hdr.primary_rc, AP_DEALLOC_ABEND_PROG);
+}
+
+TEST(EngineConversation, APartnerEndingReachesASenderThatOnlyBuffers) {
+  // The receiver ends or refuses the conversation while the sender is still
+  // buffering: the very next SEND_DATA says so and leaves the right state.
+  enum class Ending { kSendError, kAbend, kTpEnded };
+  struct Case {
+    Ending ending;
+    uint16_t rc;
+    uint8_t state_after;
+  };
+  const Case cases[] = {
+      {Ending::kSendError, AP_PROG_ERROR_PURGING, AP_STATE_RECEIVE},
+      {Ending::kAbend, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET},
+      {Ending::kTpEnded, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(testing::Message() << "ending " << int(c.ending));
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped());
+    ASSERT_EQ(h.send(a, "first"), AP_OK);
+    if (c.ending == Ending::kSendError) {
+      ASSERT_EQ(h.send_error(b), AP_OK);
+    } else if (c.ending == Ending::kAbend) {
+      ASSERT_EQ(h.deallocate(b, AP_DEALLOC_ABEND_MAPPED), AP_OK);
+    } else {
+      NAP_TP_ENDED_VCB ended{};
+      ended.opcode = NAP_TP_ENDED;
+      std::memcpy(ended.tp_id, b.tp.data(), 8);
+      ASSERT_TRUE(h.submit(&ended));
+      ASSERT_EQ(ended.primary_rc, AP_OK);
+    }
+    EXPECT_EQ(h.send(a, "second"), c.rc);
+    EXPECT_EQ(h.state(a), c.state_after);
+  }
 }
 
 TEST(EngineConversation, RequestToSendIsReportedOnce) {
