@@ -404,6 +404,7 @@ void Conversation::on_frame(Frame &&frame) {
   }
   if (frame.type == FrameType::kConfirmed) {
     if (waiting_.kind == WaitKind::kConfirmed) {
+      report_rts_with_confirmed();
       if (waiting_.after == ConfirmKind::kDeallocate) {
         end_conversation();
       } else if (waiting_.after == ConfirmKind::kChangeDirection) {
@@ -452,6 +453,18 @@ void Conversation::link_lost() {
   truncate_incomplete_record();
   enqueue(InKind::kFailure);
   service_waiting();
+}
+
+void Conversation::report_rts_with_confirmed() {
+  // A partner asked for confirmation often asks for the turn before it
+  // answers; the verb that waited reports that request with its own answer
+  // (on top of one that had come before it was issued).
+  auto &hdr = *static_cast<NAP_HDR *>(waiting_.vcb);
+  if (hdr.opcode == NAP_CONFIRM) {
+    static_cast<NAP_CONFIRM_VCB *>(waiting_.vcb)->rts_received |= take_rts();
+  } else if (hdr.opcode == NAP_SEND_DATA) {
+    static_cast<NAP_SEND_DATA_VCB *>(waiting_.vcb)->rts_received |= take_rts();
+  }
 }
 
 bool Conversation::terminal_result(const Inbound &item, Result &result) const {

@@ -194,9 +194,13 @@ TEST(EngineConversation, ConfirmAnsweredOrRefusedBySendError) {
       ASSERT_EQ(h.logged.size(), 1u);
       EXPECT_EQ(h.logged[0], "bad data");
     } else {
+      // Asking for the turn before answering is reported with the answer, once.
+      EXPECT_EQ(h.simple(NAP_REQUEST_TO_SEND, b), AP_OK);
       EXPECT_EQ(h.simple(NAP_CONFIRMED, b), AP_OK);
       ASSERT_TRUE(h.completed(&confirm));
       EXPECT_EQ(confirm.hdr.primary_rc, AP_OK);
+      EXPECT_EQ(confirm.rts_received, 1);
+      EXPECT_EQ(h.simple(NAP_TEST_RTS, a), AP_UNSUCCESSFUL);
       EXPECT_EQ(h.state(a), AP_STATE_SEND);
       EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);
     }
