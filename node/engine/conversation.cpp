@@ -294,21 +294,22 @@ void Conversation::send_error(NAP_SEND_ERROR_VCB &vcb) {
   NAP_HDR &hdr = vcb.hdr;
   auto log_data = log_bytes(setup_.mapped, vcb.log_data_pointer, vcb.log_data_length);
   SendErrorKind kind;
-  if (state_ == ConvState::kSend ||
-      (state_ == ConvState::kSendPending && vcb.error_direction == 1)) {
+  if (in_send_state()) {
     Result result;
     if (take_send_notice(result)) {
       put_result(hdr, result.primary, result.secondary);
       return;
     }
-    kind = !setup_.mapped && !out_cursor_.at_boundary() ? SendErrorKind::kTruncation
-                                                        : SendErrorKind::kNoTruncation;
-    send_buffer(true);
-    out_cursor_.reset();
-  } else if (state_ == ConvState::kSendPending) {
-    // An error in the data just received: the partner learns its data was
-    // not taken, as in Receive state.
-    kind = SendErrorKind::kPurging;
+    if (state_ == ConvState::kSendPending && vcb.error_direction == 0) {
+      // An error in the data just received: the partner learns its data was
+      // not taken, as in Receive state.
+      kind = SendErrorKind::kPurging;
+    } else {
+      kind = !setup_.mapped && !out_cursor_.at_boundary() ? SendErrorKind::kTruncation
+                                                          : SendErrorKind::kNoTruncation;
+      send_buffer(true);
+      out_cursor_.reset();
+    }
   } else if (state_ == ConvState::kReceive || in_confirm_state()) {
     Result result;
     for (const auto &item : inbound_) {

@@ -173,6 +173,16 @@ TEST(EngineConversation, SendPendingAllowsSendingAndSendErrorByDirection) {
               direction == 1 ? AP_PROG_ERROR_NO_TRUNC : AP_PROG_ERROR_PURGING);
     EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);
   }
+  // Whichever the direction, a partner that has already ended is reported.
+  for (uint8_t direction : {0, 1}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped());
+    ASSERT_EQ(h.send(a, "data", AP_SEND_PTR_FLUSH), AP_OK);
+    ASSERT_EQ(h.receive(b, 100, 1, 1).what, AP_WR_DATA_COMPLETE | AP_WR_SEND);
+    ASSERT_EQ(h.deallocate(a, AP_DEALLOC_ABEND_MAPPED), AP_OK);
+    EXPECT_EQ(h.send_error(b, direction), AP_DEALLOC_ABEND_PROG);
+    EXPECT_EQ(h.state(b), AP_STATE_RESET);
+  }
 }
 
 TEST(EngineConversation, ConfirmAnsweredOrRefusedBySendError) {
