@@ -177,7 +177,10 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
   // A partner that has purged our data, ended or vanished is reported on the
   // very next send, even one that would only buffer: the TP must not go on
   // filling a buffer that can never reach anyone.  An abend needs no news.
-  if (type != AP_SEND_DEALLOC_ABEND && take_send_notice(result)) {
+  // A refused attach is different: as over a real session, it is learnt only
+  // by a verb that sends to the partner or waits for it.
+  const bool refused_attach = !inbound_.empty() && inbound_.front().kind == InKind::kAttachFailed;
+  if (type != AP_SEND_DEALLOC_ABEND && !refused_attach && take_send_notice(result)) {
     return done(hdr, result.primary, result.secondary);
   }
   if (!buffer_data(vcb.data_pointer, vcb.data_length, result)) {
@@ -189,9 +192,13 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
   const bool confirm_sync = setup_.sync_level != 0;
   switch (type) {
     case AP_SEND_BUFFER:
-      if (out_size_ >= setup_.send_buffer_size) send_buffer(false);
+      if (out_size_ >= setup_.send_buffer_size) {
+        if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
+        send_buffer(false);
+      }
       return done(hdr, AP_OK);
     case AP_SEND_FLUSH:
+      if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
       send_buffer(false);
       return done(hdr, AP_OK);
     case AP_SEND_CONFIRM:
