@@ -174,6 +174,15 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
     }
   }
   Result result;
+  // A partner that has purged our data, ended or vanished is reported on the
+  // very next send, even one that would only buffer: the TP must not go on
+  // filling a buffer that can never reach anyone.  An abend needs no news.
+  // A refused attach is different: as over a real session, it is learnt only
+  // by a verb that sends to the partner or waits for it.
+  const bool refused_attach = !inbound_.empty() && inbound_.front().kind == InKind::kAttachFailed;
+  if (type != AP_SEND_DEALLOC_ABEND && !refused_attach && take_send_notice(result)) {
+    return done(hdr, result.primary, result.secondary);
+  }
   if (!buffer_data(vcb.data_pointer, vcb.data_length, result)) {
     return done(hdr, result.primary, result.secondary);
   }
@@ -292,21 +301,22 @@ void Conversation::send_error(NAP_SEND_ERROR_VCB &vcb) {
   NAP_HDR &hdr = vcb.hdr;
   auto log_data = log_bytes(setup_.mapped, vcb.log_data_pointer, vcb.log_data_length);
   SendErrorKind kind;
-  if (state_ == ConvState::kSend ||
-      (state_ == ConvState::kSendPending && vcb.error_direction == 1)) {
+  if (in_send_state()) {
     Result result;
     if (take_send_notice(result)) {
       put_result(hdr, result.primary, result.secondary);
       return;
     }
-    kind = !setup_.mapped && !out_cursor_.at_boundary() ? SendErrorKind::kTruncation
-                                                        : SendErrorKind::kNoTruncation;
-    send_buffer(true);
-    out_cursor_.reset();
-  } else if (state_ == ConvState::kSendPending) {
-    // An error in the data just received: the partner learns its data was
-    // not taken, as in Receive state.
-    kind = SendErrorKind::kPurging;
+    if (state_ == ConvState::kSendPending && vcb.error_direction == 0) {
+      // An error in the data just received: the partner learns its data was
+      // not taken, as in Receive state.
+      kind = SendErrorKind::kPurging;
+    } else {
+      kind = !setup_.mapped && !out_cursor_.at_boundary() ? SendErrorKind::kTruncation
+                                                          : SendErrorKind::kNoTruncation;
+      send_buffer(true);
+      out_cursor_.reset();
+    }
   } else if (state_ == ConvState::kReceive || in_confirm_state()) {
     Result result;
     for (const auto &item : inbound_) {
@@ -402,6 +412,7 @@ void Conversation::on_frame(Frame &&frame) {
   }
   if (frame.type == FrameType::kConfirmed) {
     if (waiting_.kind == WaitKind::kConfirmed) {
+      report_rts_with_confirmed();
       if (waiting_.after == ConfirmKind::kDeallocate) {
         end_conversation();
       } else if (waiting_.after == ConfirmKind::kChangeDirection) {
@@ -452,6 +463,18 @@ void Conversation::link_lost() {
   service_waiting();
 }
 
+void Conversation::report_rts_with_confirmed() {
+  // A partner asked for confirmation often asks for the turn before it
+  // answers; the verb that waited reports that request with its own answer
+  // (on top of one that had come before it was issued).
+  auto &hdr = *static_cast<NAP_HDR *>(waiting_.vcb);
+  if (hdr.opcode == NAP_CONFIRM) {
+    static_cast<NAP_CONFIRM_VCB *>(waiting_.vcb)->rts_received |= take_rts();
+  } else if (hdr.opcode == NAP_SEND_DATA) {
+    static_cast<NAP_SEND_DATA_VCB *>(waiting_.vcb)->rts_received |= take_rts();
+  }
+}
+
 bool Conversation::terminal_result(const Inbound &item, Result &result) const {
   switch (item.kind) {
     case InKind::kDeallocNormal:
@@ -483,7 +506,14 @@ void Conversation::purge_inbound() {
 }
 
 void Conversation::truncate_incomplete_record() {
-  if (setup_.mapped || inbound_.empty() || inbound_.back().kind != InKind::kData) return;
+  if (setup_.mapped) return;
+  if (inbound_.empty()) {
+    // The TP may already hold every byte sent of the record it is inside; the
+    // rest will never come, so whatever arrives next starts with an LL.
+    in_cursor_.reset();
+    return;
+  }
+  if (inbound_.back().kind != InKind::kData) return;
   Inbound &item = inbound_.back();
   const bool is_front = inbound_.size() == 1;
   // Only the front item can be partly received; later ones start between records.

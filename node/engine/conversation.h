@@ -165,6 +165,9 @@ class Conversation : public FrameSink {
   void service_waiting();
   // Completes the waiting verb; `result` unless the verb wrote its own.
   void complete_waiting(std::optional<Result> result);
+  // Puts a request-to-send that came while a confirmation was awaited into
+  // the waiting verb's record, when the verb has room for it.
+  void report_rts_with_confirmed();
 
   void end_conversation();
 

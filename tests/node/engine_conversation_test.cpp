@@ -173,6 +173,16 @@ TEST(EngineConversation, SendPendingAllowsSendingAndSendErrorByDirection) {
               direction == 1 ? AP_PROG_ERROR_NO_TRUNC : AP_PROG_ERROR_PURGING);
     EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);
   }
+  // Whichever the direction, a partner that has already ended is reported.
+  for (uint8_t direction : {0, 1}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped());
+    ASSERT_EQ(h.send(a, "data", AP_SEND_PTR_FLUSH), AP_OK);
+    ASSERT_EQ(h.receive(b, 100, 1, 1).what, AP_WR_DATA_COMPLETE | AP_WR_SEND);
+    ASSERT_EQ(h.deallocate(a, AP_DEALLOC_ABEND_MAPPED), AP_OK);
+    EXPECT_EQ(h.send_error(b, direction), AP_DEALLOC_ABEND_PROG);
+    EXPECT_EQ(h.state(b), AP_STATE_RESET);
+  }
 }
 
 TEST(EngineConversation, ConfirmAnsweredOrRefusedBySendError) {
@@ -194,9 +204,13 @@ TEST(EngineConversation, ConfirmAnsweredOrRefusedBySendError) {
       ASSERT_EQ(h.logged.size(), 1u);
       EXPECT_EQ(h.logged[0], "bad data");
     } else {
+      // Asking for the turn before answering is reported with the answer, once.
+      EXPECT_EQ(h.simple(NAP_REQUEST_TO_SEND, b), AP_OK);
       EXPECT_EQ(h.simple(NAP_CONFIRMED, b), AP_OK);
       ASSERT_TRUE(h.completed(&confirm));
       EXPECT_EQ(confirm.hdr.primary_rc, AP_OK);
+      EXPECT_EQ(confirm.rts_received, 1);
+      EXPECT_EQ(h.simple(NAP_TEST_RTS, a), AP_UNSUCCESSFUL);
       EXPECT_EQ(h.state(a), AP_STATE_SEND);
       EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);
     }
@@ -262,9 +276,9 @@ TEST(EngineConversation, SendErrorInReceivePurgesWhatArrivedAndTurnsTheConversat
     ASSERT_EQ(h.send(a, data, AP_SEND_FLUSH), AP_OK);
     EXPECT_EQ(h.send_error(b), AP_OK);
     EXPECT_EQ(h.state(b), AP_STATE_SEND);
-    // The sender learns on its next verb, and its buffer goes too.
-    ASSERT_EQ(h.send(a, data), AP_OK);
-    EXPECT_EQ(h.send(a, data, AP_SEND_FLUSH), AP_PROG_ERROR_PURGING);
+    // The sender learns on its next verb, even a send that only buffers, and
+    // nothing of that send is kept.
+    EXPECT_EQ(h.send(a, data), AP_PROG_ERROR_PURGING);
     EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);
     EXPECT_EQ(h.receive(a, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);
     ASSERT_EQ(h.send(b, is_mapped ? "reply" : record("reply"), AP_SEND_FLUSH), AP_OK);
@@ -322,6 +336,41 @@ TEST(EngineConversation, AbendFromReceiveReachesAWaitingPartnerAndPurges) {
   EXPECT_EQ(h.deallocate(b, AP_DEALLOC_ABEND_MAPPED), AP_OK);
   ASSERT_TRUE(h.completed(&confirm));
   EXPECT_EQ(confirm.hdr.primary_rc, AP_DEALLOC_ABEND_PROG);
+}
+
+TEST(EngineConversation, APartnerEndingReachesASenderThatOnlyBuffers) {
+  // The receiver ends or refuses the conversation while the sender is still
+  // buffering: the very next SEND_DATA says so and leaves the right state.
+  enum class Ending { kSendError, kAbend, kTpEnded };
+  struct Case {
+    Ending ending;
+    uint16_t rc;
+    uint8_t state_after;
+  };
+  const Case cases[] = {
+      {Ending::kSendError, AP_PROG_ERROR_PURGING, AP_STATE_RECEIVE},
+      {Ending::kAbend, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET},
+      {Ending::kTpEnded, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(testing::Message() << "ending " << int(c.ending));
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped());
+    ASSERT_EQ(h.send(a, "first"), AP_OK);
+    if (c.ending == Ending::kSendError) {
+      ASSERT_EQ(h.send_error(b), AP_OK);
+    } else if (c.ending == Ending::kAbend) {
+      ASSERT_EQ(h.deallocate(b, AP_DEALLOC_ABEND_MAPPED), AP_OK);
+    } else {
+      NAP_TP_ENDED_VCB ended{};
+      ended.opcode = NAP_TP_ENDED;
+      std::memcpy(ended.tp_id, b.tp.data(), 8);
+      ASSERT_TRUE(h.submit(&ended));
+      ASSERT_EQ(ended.primary_rc, AP_OK);
+    }
+    EXPECT_EQ(h.send(a, "second"), c.rc);
+    EXPECT_EQ(h.state(a), c.state_after);
+  }
 }
 
 TEST(EngineConversation, RequestToSendIsReportedOnce) {
@@ -543,19 +592,25 @@ TEST(EngineConversation, APartnerThatVanishesFailsTheWaitingVerbAndTheNextOne) {
 }
 
 TEST(EngineConversation, TruncationDropsTheRestOfAPartlyReceivedRecord) {
-  EngineHarness h;
-  auto [a, b] = h.connect(basic());
-  const std::string head = std::string("\x00\x14", 2) + "12345678";  // 20-byte record, 10 sent
-  ASSERT_EQ(h.send(a, head, AP_SEND_FLUSH), AP_OK);
-  Received got = h.receive(b, 4);
-  EXPECT_EQ(got.what, AP_WR_DATA_INCOMPLETE);
-  EXPECT_EQ(h.send_error(a), AP_OK);
-  EXPECT_EQ(h.receive(b, 100).rc, AP_PROG_ERROR_TRUNC);
-  // The next record is read from its own LL, not from the dropped one's.
-  ASSERT_EQ(h.send(a, record("fresh"), AP_SEND_FLUSH), AP_OK);
-  got = h.receive(b, 100);
-  EXPECT_EQ(got.data, record("fresh"));
-  EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+  // The receiver took part of what was sent of the record, or all of it:
+  // either way the record's rest never comes.
+  for (uint16_t first_receive : {4, 10}) {
+    SCOPED_TRACE(testing::Message() << "first receive of " << first_receive);
+    EngineHarness h;
+    auto [a, b] = h.connect(basic());
+    const std::string head = std::string("\x00\x14", 2) + "12345678";  // 20-byte record, 10 sent
+    ASSERT_EQ(h.send(a, head, AP_SEND_FLUSH), AP_OK);
+    Received got = h.receive(b, first_receive);
+    EXPECT_EQ(got.what, AP_WR_DATA_INCOMPLETE);
+    EXPECT_EQ(got.data, head.substr(0, first_receive));
+    EXPECT_EQ(h.send_error(a), AP_OK);
+    EXPECT_EQ(h.receive(b, 100).rc, AP_PROG_ERROR_TRUNC);
+    // The next record is read from its own LL, not from the dropped one's.
+    ASSERT_EQ(h.send(a, record("fresh"), AP_SEND_FLUSH), AP_OK);
+    got = h.receive(b, 100);
+    EXPECT_EQ(got.data, record("fresh"));
+    EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+  }
 }
 
 TEST(EngineConversation, SendErrorAfterThePartnerHasGoneReportsItsEnding) {
