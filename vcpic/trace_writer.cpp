@@ -45,18 +45,16 @@ const ValueInfo kValues[] = {
     {" End type = %s", &kEndTypeNames},
 };
 
-struct NameInfo {
-  const char *label;
-  // The longest name the application can pass: a length beyond it (a caller
-  // error the call itself rejects) never makes the trace read past the name.
-  uint32_t maximum;
-};
+// A name from the application's arguments is dumped for the length the
+// application gave, also when the call refuses that length (one past a bound,
+// say), so the record shows what was passed.  Only a wild length is cut here,
+// so that tracing a caller's mistake never reads far past its name.
+constexpr uint32_t kNameDumpLimit = 256;
 
 // Indexed by TraceName.
-const NameInfo kNames[] = {
-    {" Partner LU name =", 17},  {" Mode name =", 8},      {" Partner TP name =", 64},
-    {" Security user ID =", 10}, {" Local TP name =", 64}, {" Context ID =", 32},
-    {" Local LU name =", 8},
+const char *const kNameLabels[] = {
+    " Partner LU name =", " Mode name =",  " Partner TP name =", " Security user ID =",
+    " Local TP name =",   " Context ID =", " Local LU name =",
 };
 
 // Indexed by TraceLength.
@@ -196,7 +194,7 @@ void RecordWriter::sym_dest(const void *name) {
 }
 
 void RecordWriter::name_dump(TraceName what, const void *data, uint32_t length) {
-  line(kNames[static_cast<int>(what)].label);
+  line(kNameLabels[static_cast<int>(what)]);
   dump(data, length);
 }
 
@@ -268,9 +266,7 @@ void RecordWriter::item(const TraceItem &item) {
         const void *length_pointer = pointer(item.length_source);
         length = length_pointer != nullptr ? read32(length_pointer) : 0;
         if (static_cast<int32_t>(length) < 0) length = 0;
-        if (length > kNames[static_cast<int>(what)].maximum) {
-          length = kNames[static_cast<int>(what)].maximum;
-        }
+        if (length > kNameDumpLimit) length = kNameDumpLimit;
       }
       name_dump(what, source, length);
       return;

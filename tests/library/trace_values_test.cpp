@@ -208,16 +208,22 @@ TEST(TraceValues, NoConversationReadsTheBlankBlock) {
   EXPECT_EQ(deal[6], " Log data length = 0");
 }
 
-TEST(TraceValues, CallerLengthsNeverReadPastAName) {
+TEST(TraceValues, NamesAreDumpedForTheLengthPassedUpToALimit) {
   CCCB cccb{};
   unsigned char id[8] = {};
-  unsigned char name[64] = {};
-  const int32_t too_long = 100, negative = -5;
-  const Lines mode = record(1, 22, &cccb, id, name, &too_long);
-  ASSERT_GE(mode.size(), 5u);
+  unsigned char name[300] = {};
+  for (size_t i = 0; i < sizeof name; ++i) name[i] = static_cast<unsigned char>(i);
+  // One past the mode name's bound: the record shows all nine bytes passed.
+  const int32_t one_past = 9, wild = 100000, negative = -5;
+  const Lines mode = record(1, 22, &cccb, id, name, &one_past);
+  ASSERT_GE(mode.size(), 6u);
   EXPECT_EQ(mode[3], " Mode name =");
-  EXPECT_EQ(mode[4], dump_text(name, 8));
-  EXPECT_EQ(mode[5], " Mode name length = 100");
+  EXPECT_EQ(mode[4], dump_text(name, 9));
+  EXPECT_EQ(mode[5], " Mode name length = 9");
+  // A wild length never reads far past the name.
+  const Lines tp = record(1, 29, &cccb, id, name, &wild);
+  EXPECT_EQ(tp[4], dump_text(name, 256));
+  EXPECT_EQ(tp[5], " TP name length = 100000");
   const Lines user = record(1, 47, &cccb, id, name, &negative);
   EXPECT_EQ(user[4], dump_text(name, 0));
   EXPECT_EQ(user[5], " Security user ID length = 4294967291");
