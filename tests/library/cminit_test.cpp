@@ -1,8 +1,8 @@
 // CMINIT: a conversation in Initialize state, with or without side
 // information, and the choice of its local LU.
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 
@@ -18,13 +18,6 @@ Init init(const std::string &name) {
   std::string sym = padded(name, 8);
   cminit(r.id, reinterpret_cast<unsigned char *>(sym.data()), &r.rc);
   return r;
-}
-
-CCCB *cccb_of(const unsigned char *id) {
-  CCCB *cccb = nullptr;
-  GCB *gcb = pGCB;
-  SCC_find_cccb(id, &cccb, &gcb);
-  return cccb;
 }
 
 std::string local_lu(const CCCB *cccb) {

@@ -3,14 +3,11 @@
 // end of its context, and emptying one handle table.
 #include <string>
 
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 
-using core_test::Conversation;
-using core_test::CoreTest;
-using core_test::Locked;
-using core_test::problem;
+using namespace lib_test;
 
 const unsigned char kContextA[8] = {1, 2, 3, 4, 5, 6, 7, 8};
 const unsigned char kContextB[8] = {8, 7, 6, 5, 4, 3, 2, 1};
@@ -200,7 +197,7 @@ TEST_F(CoreTest, FreeingReleasesOwnedBuffersAndAnUncollectedCompletion) {
     SCC_free_cccb(odd.cccb);
   }
   ASSERT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(core_test::assertion(0), "pGCB->NumVerbsWaiting > 0");
+  EXPECT_EQ(assertion(0), "vcpic/cpicutil: pGCB->NumVerbsWaiting > 0");
   EXPECT_EQ(pGCB->NumVerbsWaiting, 0xFFFFFFFFu);
   pGCB->NumVerbsWaiting = 0;
 }

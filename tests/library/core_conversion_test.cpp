@@ -7,11 +7,11 @@
 #include <cctype>
 #include <string>
 
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 
-using core_test::assertion;
+using namespace lib_test;
 
 // Code page 037 from iconv: an oracle that shares nothing with our tables.
 class Cp037 {
@@ -141,14 +141,14 @@ TEST(CoreConversion, BadSelectorAndDirectionAreReportedAsInternalErrors) {
   SCC_convert_string(SCC_CNV_OUT, 4, 2, out, reinterpret_cast<const unsigned char *>("AB"));
   EXPECT_EQ(out[0], 0x11);  // nothing converted
   ASSERT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(assertion(0), "FALSE");
+  EXPECT_EQ(assertion(0), "vcpic/cpicutil: FALSE");
 
   // An unknown direction converts towards EBCDIC after the report.
   SCC_convert_string(7, SCC_CHARSET_AE, 2, out, reinterpret_cast<const unsigned char *>("AB"));
   EXPECT_EQ(out[0], 0xC1);
   EXPECT_EQ(out[1], 0xC2);
   ASSERT_EQ(snt_assert_count(), 2u);
-  EXPECT_EQ(assertion(1), "FALSE");
+  EXPECT_EQ(assertion(1), "vcpic/cpicutil: FALSE");
 }
 
 }  // namespace

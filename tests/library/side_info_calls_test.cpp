@@ -1,7 +1,7 @@
 // XCMSSI, XCMESI and XCMDSI as an application uses them.
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Conversion of the node's side-information record into the internal entry.
 #include "side_info.h"
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 

@@ -2,7 +2,7 @@
 // of a conversation the node never saw, and when the record goes away.
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class DeallocateVerb : public VerbsTest {};
@@ -131,4 +131,4 @@ TEST_F(DeallocateVerb, NonBlockingKeepsTheIdUntilCollected) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test

@@ -3,7 +3,7 @@
 // completions keep.
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class SendVerbs : public VerbsTest {};
@@ -453,4 +453,4 @@ TEST_F(SendVerbs, EndingResultFreesConversationInBlockingMode) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test
