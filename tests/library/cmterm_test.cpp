@@ -53,7 +53,7 @@ TEST_F(Cmterm, FreesExactlyTheCurrentContextsConversations) {
     // completion.
     a->usVerbsOutstanding = 1;
     pGCB->NumVerbsOutstanding += 1;
-    a->pLogData = static_cast<unsigned char *>(nba_mm_alloc(16, kMemKept, nba_blank_name, 0, 0));
+    a->pLogData = kept_block(16);
     a->usLogDataLength = 16;
     b->fCompletionWaiting = 1;
     pGCB->NumVerbsWaiting += 1;

@@ -172,10 +172,8 @@ TEST_F(CoreTest, FreeingReleasesOwnedBuffersAndAnUncollectedCompletion) {
   Conversation other = make_conversation();
   {
     Locked lock;
-    c.cccb->pLogData =
-        static_cast<unsigned char *>(nba_mm_alloc(16, kMemKept, nba_blank_name, 0, 0));
-    c.cccb->DeallcLogData =
-        static_cast<unsigned char *>(nba_mm_alloc(16, kMemKept, nba_blank_name, 0, 0));
+    c.cccb->pLogData = kept_block(16);
+    c.cccb->DeallcLogData = kept_block(16);
     c.cccb->fCompletionWaiting = 1;
     other.cccb->fCompletionWaiting = 1;
     pGCB->NumVerbsWaiting = 2;
@@ -210,7 +208,7 @@ TEST_F(CoreTest, EmptyingATableReleasesItsEntriesOnly) {
   void *slot = nullptr;
   {
     Locked lock;
-    slot = nba_mm_alloc(sizeof(SCD_SLOT), kMemKept, nba_blank_name, 0, 0);
+    slot = kept_block(sizeof(SCD_SLOT));
     ASSERT_NE(vtm_get_free_entry(pGCB->SideInfoTable, slot), 0u);
     SCC_free_handles_from_table(pGCB->CCCBTable);
   }

@@ -187,8 +187,8 @@ TEST_F(CoreTest, PathEndDropsEverythingAndStartUpBeginsAfresh) {
     // A side-information slot and a local TP name record, as their owners
     // would store them.
     Locked lock;
-    void *slot = nba_mm_alloc(sizeof(SCD_SLOT), kMemKept, nba_blank_name, 0, 0);
-    void *tp = nba_mm_alloc(sizeof(LOCAL_TP_RECORD), kMemKept, nba_blank_name, 0, 0);
+    void *slot = kept_block(sizeof(SCD_SLOT));
+    void *tp = kept_block(sizeof(LOCAL_TP_RECORD));
     ASSERT_NE(vtm_get_free_entry(pGCB->SideInfoTable, slot), 0u);
     ASSERT_NE(vtm_get_free_entry(pGCB->LocTPNameTable, tp), 0u);
   }

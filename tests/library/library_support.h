@@ -264,6 +264,13 @@ inline CCCB *conversation_in(unsigned char context, uint32_t appc_id, const char
   return cccb;
 }
 
+// A block of the library's long-lived memory, as the library makes its own
+// copies (log data, table entries).
+inline unsigned char *kept_block(size_t size) {
+  return static_cast<unsigned char *>(
+      nba_mm_alloc(static_cast<uint32_t>(size), kMemKept, nba_blank_name, 0, 0));
+}
+
 // ---- verb records ----
 
 inline Vcb submitted(uint32_t n) {

@@ -9,8 +9,7 @@ namespace {
 class SendVerbs : public VerbsTest {};
 
 unsigned char *library_log_data(const std::vector<uint8_t> &data) {
-  auto *block = static_cast<unsigned char *>(
-      nba_mm_alloc(static_cast<uint32_t>(data.size()), kMemKept, nba_blank_name, 0, 0));
+  unsigned char *block = kept_block(data.size());
   std::memcpy(block, data.data(), data.size());
   return block;
 }
