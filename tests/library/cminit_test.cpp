@@ -21,7 +21,7 @@ Init init(const std::string &name) {
 }
 
 std::string local_lu(const CCCB *cccb) {
-  return std::string(reinterpret_cast<const char *>(cccb->LocalLUName), 8);
+  return text_of(cccb->LocalLUName, 8);
 }
 
 class Cminit : public ScriptedNode {};
@@ -86,7 +86,7 @@ TEST_F(Cminit, AnUnknownOrDeletedNameGives24AndAnIdNobodyKnows) {
     EXPECT_EQ(audit.code, kAuditSymDestNotFound);
     EXPECT_EQ(audit.probe, 0u);
     EXPECT_STREQ(audit.arg_types, "s");
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(audit.bytes[0]), 8), padded(c.name, 8));
+    EXPECT_EQ(text_of(audit.bytes[0], 8), padded(c.name, 8));
     EXPECT_EQ(cccb_of(r.id), nullptr);
 
     // The next call refuses the ID.

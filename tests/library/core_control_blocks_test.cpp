@@ -26,7 +26,7 @@ TEST_F(CoreTest, LookupUsesBytesZeroToThreeOnly) {
   uint32_t handle;
   std::memcpy(&handle, c.id, 4);
   EXPECT_EQ(handle, c.cccb->CCCBhandle);
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(c.id + 4), 4), std::string(4, '\0'));
+  EXPECT_EQ(text_of(c.id + 4, 4), std::string(4, '\0'));
 
   unsigned char noisy[8];
   std::memcpy(noisy, c.id, 8);
@@ -58,20 +58,13 @@ TEST_F(CoreTest, NewConversationStartsWithTheDefaults) {
   EXPECT_EQ(b.ulConversationType, uint32_t{CM_MAPPED_CONVERSATION});
   EXPECT_EQ(b.usProcessingMode, 0);
   EXPECT_EQ(b.SideInfo.conversation_security_type, uint32_t{CM_SECURITY_SAME});
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.sym_dest_name), 8),
-            std::string(8, ' '));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.partner_LU_name), 17),
-            std::string(17, ' '));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.mode_name), 8),
-            std::string(8, '\x40'));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.TP_name), 64),
-            std::string(64, '\x40'));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.security_user_ID), 10),
-            std::string(10, '\x40'));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.security_password), 10),
-            std::string(10, '\x40'));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.local_LU_alias), 8),
-            std::string(8, '\0'));
+  EXPECT_EQ(text_of(b.SideInfo.sym_dest_name, 8), std::string(8, ' '));
+  EXPECT_EQ(text_of(b.SideInfo.partner_LU_name, 17), std::string(17, ' '));
+  EXPECT_EQ(text_of(b.SideInfo.mode_name, 8), std::string(8, '\x40'));
+  EXPECT_EQ(text_of(b.SideInfo.TP_name, 64), std::string(64, '\x40'));
+  EXPECT_EQ(text_of(b.SideInfo.security_user_ID, 10), std::string(10, '\x40'));
+  EXPECT_EQ(text_of(b.SideInfo.security_password, 10), std::string(10, '\x40'));
+  EXPECT_EQ(text_of(b.SideInfo.local_LU_alias, 8), std::string(8, '\0'));
   EXPECT_EQ(b.SideInfo.usUserIDLen, 1);
   EXPECT_EQ(b.SideInfo.TP_name_type, uint32_t{CM_APPLICATION_TP});
   EXPECT_EQ(b.fInitializeState, 0);

@@ -100,18 +100,17 @@ TEST(CoreConversion, NamesKeepOrFoldCaseAsTheirSetSays) {
   unsigned char out[6] = {};
   SCC_convert_string(SCC_CNV_OUT, SCC_CHARSET_A, 3, out,
                      reinterpret_cast<const unsigned char *>("lu1"));
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 3), "\xD3\xE4\xF1");
+  EXPECT_EQ(text_of(out, 3), "\xD3\xE4\xF1");
   const unsigned char lower_ebcdic[] = {0x93, 0xA4, 0xF1};
   SCC_convert_string(SCC_CNV_IN, SCC_CHARSET_A, 3, out, lower_ebcdic);
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 3), "LU1");
+  EXPECT_EQ(text_of(out, 3), "LU1");
 
   SCC_convert_string(SCC_CNV_OUT, SCC_CHARSET_AE, 6, out,
                      reinterpret_cast<const unsigned char *>("net.lu"));
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 6), "\x95\x85\xA3\x4B\x93\xA4");
+  EXPECT_EQ(text_of(out, 6), "\x95\x85\xA3\x4B\x93\xA4");
   SCC_convert_string(SCC_CNV_OUT, SCC_CHARSET_A, 6, out,
                      reinterpret_cast<const unsigned char *>("net.lu"));
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 6),
-            std::string("\xD5\xC5\xE3\x00\xD3\xE4", 6));
+  EXPECT_EQ(text_of(out, 6), std::string("\xD5\xC5\xE3\x00\xD3\xE4", 6));
 }
 
 TEST(CoreConversion, InPlaceLengthsAndPatchedTables) {

@@ -219,7 +219,7 @@ TEST_F(SubmitTest, CmwaitWithACounterButNoFlaggedConversationFails) {
   Waited r = wait_one();
   EXPECT_EQ(r.rc, CM_PRODUCT_SPECIFIC_ERROR);
   EXPECT_EQ(r.conversation_rc, -1);
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(r.id.data()), 8), std::string(8, '\0'));
+  EXPECT_EQ(text_of(r.id.data(), 8), std::string(8, '\0'));
   ASSERT_EQ(snt_assert_count(), 1u);
   EXPECT_EQ(assertion(0), "vcpic/cpiccal1: tm_handle != NB_NULL_HANDLE");
   // Repaired: the next CMWAIT sees nothing to wait for, and the
