@@ -1,8 +1,8 @@
 // CMINIT: a conversation in Initialize state, with or without side
 // information, and the choice of its local LU.
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 
@@ -20,15 +20,8 @@ Init init(const std::string &name) {
   return r;
 }
 
-CCCB *cccb_of(const unsigned char *id) {
-  CCCB *cccb = nullptr;
-  GCB *gcb = pGCB;
-  SCC_find_cccb(id, &cccb, &gcb);
-  return cccb;
-}
-
 std::string local_lu(const CCCB *cccb) {
-  return std::string(reinterpret_cast<const char *>(cccb->LocalLUName), 8);
+  return text_of(cccb->LocalLUName, 8);
 }
 
 class Cminit : public ScriptedNode {};
@@ -93,7 +86,7 @@ TEST_F(Cminit, AnUnknownOrDeletedNameGives24AndAnIdNobodyKnows) {
     EXPECT_EQ(audit.code, kAuditSymDestNotFound);
     EXPECT_EQ(audit.probe, 0u);
     EXPECT_STREQ(audit.arg_types, "s");
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(audit.bytes[0]), 8), padded(c.name, 8));
+    EXPECT_EQ(text_of(audit.bytes[0], 8), padded(c.name, 8));
     EXPECT_EQ(cccb_of(r.id), nullptr);
 
     // The next call refuses the ID.

@@ -1,7 +1,7 @@
 // CMTERM: ends the current context and drops exactly its conversations.
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 
@@ -9,12 +9,6 @@ CM_RETURN_CODE terminate(CM_END_TYPE end_type) {
   CM_RETURN_CODE rc = -1;
   cmterm(&end_type, &rc);
   return rc;
-}
-
-bool known(const unsigned char *id) {
-  CCCB *cccb = nullptr;
-  GCB *gcb = pGCB;
-  return SCC_find_cccb(id, &cccb, &gcb) == 1;
 }
 
 class Cmterm : public ScriptedNode {};
@@ -59,7 +53,7 @@ TEST_F(Cmterm, FreesExactlyTheCurrentContextsConversations) {
     // completion.
     a->usVerbsOutstanding = 1;
     pGCB->NumVerbsOutstanding += 1;
-    a->pLogData = static_cast<unsigned char *>(nba_mm_alloc(16, kMemKept, nba_blank_name, 0, 0));
+    a->pLogData = kept_block(16);
     a->usLogDataLength = 16;
     b->fCompletionWaiting = 1;
     pGCB->NumVerbsWaiting += 1;

@@ -1,7 +1,7 @@
 // CMECTX, CMSCTX and SCC_context_valid.
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 
@@ -86,9 +86,7 @@ TEST_F(Contexts, SetContext) {
     // Leave no context behind for the next case.
     std::memset(pGCB->CurrentContext, 0, 8);
     for (unsigned char *id : {id_a, id_b}) {
-      CCCB *cccb = nullptr;
-      GCB *gcb = pGCB;
-      if (SCC_find_cccb(id, &cccb, &gcb)) std::memset(cccb->TpId, 0, 8);
+      if (CCCB *cccb = cccb_of(id)) std::memset(cccb->TpId, 0, 8);
     }
   }
   EXPECT_EQ(snt_blocks_in_use(kMemShortLived), 0u) << "the TP-ended block leaked";

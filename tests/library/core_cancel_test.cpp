@@ -6,18 +6,11 @@
 #include <thread>
 
 #include "library/core_interpose.h"
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 
-using core_test::Conversation;
-using core_test::CoreTest;
-using core_test::g_books;
-using core_test::Locked;
-using core_test::problem;
-using core_test::push_script;
-
-const unsigned char kTp[8] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
+using namespace lib_test;
 
 class CancelTest : public CoreTest {
  protected:
@@ -66,7 +59,7 @@ TEST_F(CancelTest, CancelVerbNamesWhatTheNodeKnows) {
       {"allocate in the verb area", 0, 1, 0, NAP_B_ALLOCATE, true, false},
   };
   unsigned char tp[8];
-  std::memcpy(tp, kTp, 8);
+  std::memcpy(tp, kTpId, 8);
   for (const TargetCase &c : cases) {
     SCOPED_TRACE(c.name);
     ++tp[7];  // a context of its own, so earlier cases do not share it
@@ -129,7 +122,7 @@ TEST_F(CancelTest, VerbBeforeTheConversationExistsLeavesACancelPending) {
   EXPECT_EQ(c.cccb->fCancelPending, 1);
   EXPECT_TRUE(known(c.id));
   ASSERT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(core_test::assertion(0), "cccb_ptr->vcb.alloc.opcode == NAP_B_ALLOCATE");
+  EXPECT_EQ(assertion(0), "vcpic/cpiccal1: cccb_ptr->vcb.alloc.opcode == NAP_B_ALLOCATE");
 }
 
 TEST_F(CancelTest, AcceptWithAnUnexpectedVerbIsReported) {
@@ -138,8 +131,8 @@ TEST_F(CancelTest, AcceptWithAnUnexpectedVerbIsReported) {
   c.cccb->vcb.hdr.opcode = NAP_FLUSH;
   EXPECT_EQ(cancel(c), CM_OK);
   ASSERT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(core_test::assertion(0),
-            "cccb_ptr->vcb.rcvallcp.rcv_alloc.opcode == NAP_RECEIVE_ALLOCATE_CPIC");
+  EXPECT_EQ(assertion(0),
+            "vcpic/cpiccal1: cccb_ptr->vcb.rcvallcp.rcv_alloc.opcode == NAP_RECEIVE_ALLOCATE_CPIC");
   EXPECT_EQ(submitted_cancel(0).conv_id, handle_of(c));
 }
 
@@ -174,8 +167,7 @@ TEST_F(CancelTest, CancelBesideAnOutstandingVerbLeavesTheFreeToItsCompletion) {
     Locked lock;
     SCC_vcb_init(c.cccb, NAP_RECEIVE_AND_WAIT);
     SCC_set_completion_info(c.cccb, kVerbCMRCV, c.id);
-    ASSERT_EQ(SCC_submit_conversation_verb(c.cccb, core_test::test_completion),
-              CM_OPERATION_INCOMPLETE);
+    ASSERT_EQ(SCC_submit_conversation_verb(c.cccb, test_completion), CM_OPERATION_INCOMPLETE);
   }
   EXPECT_EQ(cancel(c), CM_OK);
   EXPECT_TRUE(known(c.id));

@@ -1,14 +1,11 @@
 // Ending a context at the node: waited for with the node's answer returned,
 // or submitted and forgotten with its block freed by whoever finishes last,
 // and the shortage of memory reported as the node would.
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 
-using core_test::CoreTest;
-using core_test::Locked;
-using core_test::problem;
-using core_test::push_script;
+using namespace lib_test;
 
 const unsigned char kTp[8] = {9, 8, 7, 6, 5, 4, 3, 2};
 

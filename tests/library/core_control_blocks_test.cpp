@@ -3,14 +3,11 @@
 // end of its context, and emptying one handle table.
 #include <string>
 
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 
-using core_test::Conversation;
-using core_test::CoreTest;
-using core_test::Locked;
-using core_test::problem;
+using namespace lib_test;
 
 const unsigned char kContextA[8] = {1, 2, 3, 4, 5, 6, 7, 8};
 const unsigned char kContextB[8] = {8, 7, 6, 5, 4, 3, 2, 1};
@@ -29,7 +26,7 @@ TEST_F(CoreTest, LookupUsesBytesZeroToThreeOnly) {
   uint32_t handle;
   std::memcpy(&handle, c.id, 4);
   EXPECT_EQ(handle, c.cccb->CCCBhandle);
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(c.id + 4), 4), std::string(4, '\0'));
+  EXPECT_EQ(text_of(c.id + 4, 4), std::string(4, '\0'));
 
   unsigned char noisy[8];
   std::memcpy(noisy, c.id, 8);
@@ -61,20 +58,13 @@ TEST_F(CoreTest, NewConversationStartsWithTheDefaults) {
   EXPECT_EQ(b.ulConversationType, uint32_t{CM_MAPPED_CONVERSATION});
   EXPECT_EQ(b.usProcessingMode, 0);
   EXPECT_EQ(b.SideInfo.conversation_security_type, uint32_t{CM_SECURITY_SAME});
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.sym_dest_name), 8),
-            std::string(8, ' '));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.partner_LU_name), 17),
-            std::string(17, ' '));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.mode_name), 8),
-            std::string(8, '\x40'));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.TP_name), 64),
-            std::string(64, '\x40'));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.security_user_ID), 10),
-            std::string(10, '\x40'));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.security_password), 10),
-            std::string(10, '\x40'));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(b.SideInfo.local_LU_alias), 8),
-            std::string(8, '\0'));
+  EXPECT_EQ(text_of(b.SideInfo.sym_dest_name, 8), std::string(8, ' '));
+  EXPECT_EQ(text_of(b.SideInfo.partner_LU_name, 17), std::string(17, ' '));
+  EXPECT_EQ(text_of(b.SideInfo.mode_name, 8), std::string(8, '\x40'));
+  EXPECT_EQ(text_of(b.SideInfo.TP_name, 64), std::string(64, '\x40'));
+  EXPECT_EQ(text_of(b.SideInfo.security_user_ID, 10), std::string(10, '\x40'));
+  EXPECT_EQ(text_of(b.SideInfo.security_password, 10), std::string(10, '\x40'));
+  EXPECT_EQ(text_of(b.SideInfo.local_LU_alias, 8), std::string(8, '\0'));
   EXPECT_EQ(b.SideInfo.usUserIDLen, 1);
   EXPECT_EQ(b.SideInfo.TP_name_type, uint32_t{CM_APPLICATION_TP});
   EXPECT_EQ(b.fInitializeState, 0);
@@ -175,10 +165,8 @@ TEST_F(CoreTest, FreeingReleasesOwnedBuffersAndAnUncollectedCompletion) {
   Conversation other = make_conversation();
   {
     Locked lock;
-    c.cccb->pLogData =
-        static_cast<unsigned char *>(nba_mm_alloc(16, kMemKept, nba_blank_name, 0, 0));
-    c.cccb->DeallcLogData =
-        static_cast<unsigned char *>(nba_mm_alloc(16, kMemKept, nba_blank_name, 0, 0));
+    c.cccb->pLogData = kept_block(16);
+    c.cccb->DeallcLogData = kept_block(16);
     c.cccb->fCompletionWaiting = 1;
     other.cccb->fCompletionWaiting = 1;
     pGCB->NumVerbsWaiting = 2;
@@ -200,7 +188,7 @@ TEST_F(CoreTest, FreeingReleasesOwnedBuffersAndAnUncollectedCompletion) {
     SCC_free_cccb(odd.cccb);
   }
   ASSERT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(core_test::assertion(0), "pGCB->NumVerbsWaiting > 0");
+  EXPECT_EQ(assertion(0), "vcpic/cpicutil: pGCB->NumVerbsWaiting > 0");
   EXPECT_EQ(pGCB->NumVerbsWaiting, 0xFFFFFFFFu);
   pGCB->NumVerbsWaiting = 0;
 }
@@ -213,7 +201,7 @@ TEST_F(CoreTest, EmptyingATableReleasesItsEntriesOnly) {
   void *slot = nullptr;
   {
     Locked lock;
-    slot = nba_mm_alloc(sizeof(SCD_SLOT), kMemKept, nba_blank_name, 0, 0);
+    slot = kept_block(sizeof(SCD_SLOT));
     ASSERT_NE(vtm_get_free_entry(pGCB->SideInfoTable, slot), 0u);
     SCC_free_handles_from_table(pGCB->CCCBTable);
   }

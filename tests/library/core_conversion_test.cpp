@@ -7,11 +7,11 @@
 #include <cctype>
 #include <string>
 
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 
-using core_test::assertion;
+using namespace lib_test;
 
 // Code page 037 from iconv: an oracle that shares nothing with our tables.
 class Cp037 {
@@ -100,18 +100,17 @@ TEST(CoreConversion, NamesKeepOrFoldCaseAsTheirSetSays) {
   unsigned char out[6] = {};
   SCC_convert_string(SCC_CNV_OUT, SCC_CHARSET_A, 3, out,
                      reinterpret_cast<const unsigned char *>("lu1"));
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 3), "\xD3\xE4\xF1");
+  EXPECT_EQ(text_of(out, 3), "\xD3\xE4\xF1");
   const unsigned char lower_ebcdic[] = {0x93, 0xA4, 0xF1};
   SCC_convert_string(SCC_CNV_IN, SCC_CHARSET_A, 3, out, lower_ebcdic);
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 3), "LU1");
+  EXPECT_EQ(text_of(out, 3), "LU1");
 
   SCC_convert_string(SCC_CNV_OUT, SCC_CHARSET_AE, 6, out,
                      reinterpret_cast<const unsigned char *>("net.lu"));
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 6), "\x95\x85\xA3\x4B\x93\xA4");
+  EXPECT_EQ(text_of(out, 6), "\x95\x85\xA3\x4B\x93\xA4");
   SCC_convert_string(SCC_CNV_OUT, SCC_CHARSET_A, 6, out,
                      reinterpret_cast<const unsigned char *>("net.lu"));
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 6),
-            std::string("\xD5\xC5\xE3\x00\xD3\xE4", 6));
+  EXPECT_EQ(text_of(out, 6), std::string("\xD5\xC5\xE3\x00\xD3\xE4", 6));
 }
 
 TEST(CoreConversion, InPlaceLengthsAndPatchedTables) {
@@ -141,14 +140,14 @@ TEST(CoreConversion, BadSelectorAndDirectionAreReportedAsInternalErrors) {
   SCC_convert_string(SCC_CNV_OUT, 4, 2, out, reinterpret_cast<const unsigned char *>("AB"));
   EXPECT_EQ(out[0], 0x11);  // nothing converted
   ASSERT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(assertion(0), "FALSE");
+  EXPECT_EQ(assertion(0), "vcpic/cpicutil: FALSE");
 
   // An unknown direction converts towards EBCDIC after the report.
   SCC_convert_string(7, SCC_CHARSET_AE, 2, out, reinterpret_cast<const unsigned char *>("AB"));
   EXPECT_EQ(out[0], 0xC1);
   EXPECT_EQ(out[1], 0xC2);
   ASSERT_EQ(snt_assert_count(), 2u);
-  EXPECT_EQ(assertion(1), "FALSE");
+  EXPECT_EQ(assertion(1), "vcpic/cpicutil: FALSE");
 }
 
 }  // namespace

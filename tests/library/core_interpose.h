@@ -11,7 +11,7 @@
 
 #include "snanode/snanode.h"
 
-namespace core_test {
+namespace lib_test {
 
 struct NodeBooks {
   std::set<VTM_TABLE> live_tables;
@@ -26,13 +26,13 @@ F next_definition(const char *name) {
   return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
-}  // namespace core_test
+}  // namespace lib_test
 
 extern "C" {
 
 void vtm_table_init(VTM_TABLE *field, uint32_t r1) {
-  using core_test::g_books;
-  static auto real = core_test::next_definition<void (*)(VTM_TABLE *, uint32_t)>("vtm_table_init");
+  using lib_test::g_books;
+  static auto real = lib_test::next_definition<void (*)(VTM_TABLE *, uint32_t)>("vtm_table_init");
   if (++g_books.table_inits == g_books.fail_table_init) {
     *field = nullptr;
     return;
@@ -42,21 +42,21 @@ void vtm_table_init(VTM_TABLE *field, uint32_t r1) {
 }
 
 void vtm_table_terminate(VTM_TABLE *field) {
-  static auto real = core_test::next_definition<void (*)(VTM_TABLE *)>("vtm_table_terminate");
-  core_test::g_books.live_tables.erase(*field);
+  static auto real = lib_test::next_definition<void (*)(VTM_TABLE *)>("vtm_table_terminate");
+  lib_test::g_books.live_tables.erase(*field);
   real(field);
 }
 
 void *vpm_allocate_wait_object(void) {
-  static auto real = core_test::next_definition<void *(*)()>("vpm_allocate_wait_object");
+  static auto real = lib_test::next_definition<void *(*)()>("vpm_allocate_wait_object");
   void *object = real();
-  if (object != nullptr) core_test::g_books.live_wait_objects.insert(object);
+  if (object != nullptr) lib_test::g_books.live_wait_objects.insert(object);
   return object;
 }
 
 void vpm_release_wait_object(void *object) {
-  static auto real = core_test::next_definition<void (*)(void *)>("vpm_release_wait_object");
-  core_test::g_books.live_wait_objects.erase(object);
+  static auto real = lib_test::next_definition<void (*)(void *)>("vpm_release_wait_object");
+  lib_test::g_books.live_wait_objects.erase(object);
   real(object);
 }
 }

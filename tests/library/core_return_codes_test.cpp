@@ -4,11 +4,11 @@
 #include <set>
 #include <vector>
 
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 
-using core_test::problem;
+using namespace lib_test;
 
 struct Row {
   uint16_t primary;

@@ -4,18 +4,11 @@
 #include <vector>
 
 #include "library/core_interpose.h"
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 
-using core_test::CoreTest;
-using core_test::g_books;
-using core_test::Locked;
-using core_test::problem;
-
-std::string bytes(const unsigned char *p, size_t n) {
-  return std::string(reinterpret_cast<const char *>(p), n);
-}
+using namespace lib_test;
 
 std::string padded_tp_name(const std::string &start) {
   return start + std::string(64 - start.size(), '\x40');
@@ -89,8 +82,8 @@ TEST_F(CoreTest, StartUpReadsEveryFormOfTheEnvironment) {
     pGCB->usTpNameLen = 999;
     SCC_get_lu_alias(pGCB->EnvLUAlias);
     SCC_set_tp_name(pGCB->TpName);
-    EXPECT_EQ(bytes(pGCB->EnvLUAlias, 8), c.alias);
-    EXPECT_EQ(bytes(pGCB->TpName, 64), c.tp_name);
+    EXPECT_EQ(text_of(pGCB->EnvLUAlias, 8), c.alias);
+    EXPECT_EQ(text_of(pGCB->TpName, 64), c.tp_name);
     EXPECT_EQ(pGCB->usTpNameLen, c.length);
     EXPECT_EQ(pGCB->fTpNameFromEnv, c.from_env);
     if (c.env_left == nullptr) {
@@ -109,7 +102,7 @@ TEST_F(CoreTest, StartUpSetsTheStartedState) {
   pGCB->NumVerbsOutstanding = 4;
   pGCB->CurrentContext[0] = 9;
   start();
-  EXPECT_EQ(bytes(pGCB->EnvLUAlias, 8), "LU1     ");
+  EXPECT_EQ(text_of(pGCB->EnvLUAlias, 8), "LU1     ");
   EXPECT_EQ(pGCB->usTpNameLen, 7);
   EXPECT_EQ(pGCB->NumVerbsWaiting, 0u);
   EXPECT_EQ(pGCB->NumVerbsOutstanding, 0u);
@@ -132,42 +125,27 @@ TEST(CoreFarLen, CountsUpToTheMaximum) {
   for (const auto &c : cases) EXPECT_EQ(SCC_far_len(c.text, c.maximum), c.expected) << c.text;
 }
 
-enum class Failing { kCccbTable, kSideInfoTable, kLocalTpTable, kPathUser, kWaitObject };
-
-struct FailureCase {
-  Failing step;
-  uint32_t code;
-  uint32_t probe;
-};
-
 TEST_F(CoreTest, EveryFailedStartUpStepLeavesNothingAndTheNextCallRetries) {
-  const FailureCase cases[] = {
-      {Failing::kCccbTable, 0x2003000A, 1},    {Failing::kSideInfoTable, 0x2003000A, 2},
-      {Failing::kLocalTpTable, 0x2003000A, 3}, {Failing::kPathUser, 0x2003000A, 0},
-      {Failing::kWaitObject, 0x2003000B, 12},
+  // The step made to fail: the n-th table creation, the path registration or
+  // the wait object.
+  const struct {
+    int failing_table;
+    bool failing_path;
+    bool failing_wait_object;
+    uint32_t code;
+    uint32_t probe;
+  } cases[] = {
+      {1, false, false, 0x2003000A, 1}, {2, false, false, 0x2003000A, 2},
+      {3, false, false, 0x2003000A, 3}, {0, true, false, 0x2003000A, 0},
+      {0, false, true, 0x2003000B, 12},
   };
-  for (const FailureCase &c : cases) {
-    SCOPED_TRACE(static_cast<int>(c.step));
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.probe);
     snt_reset();
     g_books.table_inits = 0;
-    g_books.fail_table_init = 0;
-    switch (c.step) {
-      case Failing::kCccbTable:
-        g_books.fail_table_init = 1;
-        break;
-      case Failing::kSideInfoTable:
-        g_books.fail_table_init = 2;
-        break;
-      case Failing::kLocalTpTable:
-        g_books.fail_table_init = 3;
-        break;
-      case Failing::kPathUser:
-        snt_fail_path_registrations(1);
-        break;
-      case Failing::kWaitObject:
-        snt_refuse_wait_objects(1);
-        break;
-    }
+    g_books.fail_table_init = c.failing_table;
+    if (c.failing_path) snt_fail_path_registrations(1);
+    if (c.failing_wait_object) snt_refuse_wait_objects(1);
     {
       Locked lock;
       SCC_init();
@@ -203,14 +181,14 @@ TEST_F(CoreTest, EveryFailedStartUpStepLeavesNothingAndTheNextCallRetries) {
 TEST_F(CoreTest, PathEndDropsEverythingAndStartUpBeginsAfresh) {
   start();
   const uint32_t blocks_before = snt_blocks_in_use(kMemKept);
-  core_test::Conversation a = make_conversation();
-  core_test::Conversation b = make_conversation();
+  Conversation a = make_conversation();
+  Conversation b = make_conversation();
   {
     // A side-information slot and a local TP name record, as their owners
     // would store them.
     Locked lock;
-    void *slot = nba_mm_alloc(sizeof(SCD_SLOT), kMemKept, nba_blank_name, 0, 0);
-    void *tp = nba_mm_alloc(sizeof(LOCAL_TP_RECORD), kMemKept, nba_blank_name, 0, 0);
+    void *slot = kept_block(sizeof(SCD_SLOT));
+    void *tp = kept_block(sizeof(LOCAL_TP_RECORD));
     ASSERT_NE(vtm_get_free_entry(pGCB->SideInfoTable, slot), 0u);
     ASSERT_NE(vtm_get_free_entry(pGCB->LocTPNameTable, tp), 0u);
   }
@@ -227,7 +205,7 @@ TEST_F(CoreTest, PathEndDropsEverythingAndStartUpBeginsAfresh) {
 
   // Every conversation ID is unknown now.
   snt_reset();
-  for (core_test::Conversation *c : {&a, &b}) {
+  for (Conversation *c : {&a, &b}) {
     EXPECT_FALSE(known(c->id));
     CM_RETURN_CODE rc = -1;
     cmcanc(c->id, &rc);
@@ -244,7 +222,7 @@ TEST_F(CoreTest, PathEndDropsEverythingAndStartUpBeginsAfresh) {
   // The next creating call starts the library again with fresh tables.
   start();
   EXPECT_EQ(g_books.live_tables.size(), 3u);
-  core_test::Conversation fresh = make_conversation();
+  Conversation fresh = make_conversation();
   EXPECT_TRUE(known(fresh.id));
 }
 

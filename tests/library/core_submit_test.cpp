@@ -5,7 +5,7 @@
 
 #include <dlfcn.h>
 
-#include "library/core_support.h"
+#include "library/library_support.h"
 
 namespace {
 int g_pointer_lookups = 0;
@@ -22,25 +22,7 @@ extern "C" void *vtm_get_pointer(VTM_TABLE table, uint32_t handle) {
 
 namespace {
 
-using core_test::Conversation;
-using core_test::CoreTest;
-using core_test::g_last_correlator;
-using core_test::g_routine_calls;
-using core_test::Locked;
-using core_test::problem;
-using core_test::push_script;
-
-struct WaitResult {
-  unsigned char id[8] = {};
-  CM_RETURN_CODE conversation_rc = -1;
-  CM_RETURN_CODE rc = -1;
-};
-
-WaitResult wait_once() {
-  WaitResult r;
-  CMWAIT(r.id, &r.conversation_rc, &r.rc);
-  return r;
-}
+using namespace lib_test;
 
 class SubmitTest : public CoreTest {
  protected:
@@ -107,16 +89,16 @@ TEST_F(SubmitTest, NonBlockingVerbIsCollectedOnceByCmwait) {
   EXPECT_EQ(c.cccb->usVerbsOutstanding, 0);
 
   g_pointer_lookups = 0;
-  WaitResult first = wait_once();
+  Waited first = wait_one();
   EXPECT_EQ(g_pointer_lookups, 0) << "with the trace off nothing is looked up for its record";
   EXPECT_EQ(first.rc, CM_OK);
   EXPECT_EQ(first.conversation_rc, CM_OK);
-  EXPECT_EQ(std::memcmp(first.id, c.id, 8), 0);
+  EXPECT_EQ(std::memcmp(first.id.data(), c.id, 8), 0);
   EXPECT_EQ(pGCB->NumVerbsWaiting, 0u);
   EXPECT_EQ(c.cccb->fCompletionWaiting, 0);
   EXPECT_TRUE(known(c.id));
 
-  WaitResult second = wait_once();
+  Waited second = wait_one();
   EXPECT_EQ(second.rc, CM_PROGRAM_STATE_CHECK);
   EXPECT_EQ(second.conversation_rc, -1);  // untouched on failure
 }
@@ -129,11 +111,11 @@ TEST_F(SubmitTest, CmwaitSleepsUntilTheOutstandingVerbCompletes) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     snt_complete_pending(0);
   });
-  WaitResult r = wait_once();
+  Waited r = wait_one();
   node.join();
   EXPECT_EQ(r.rc, CM_OK);
   EXPECT_EQ(r.conversation_rc, CM_PROGRAM_ERROR_PURGING);
-  EXPECT_EQ(std::memcmp(r.id, c.id, 8), 0);
+  EXPECT_EQ(std::memcmp(r.id.data(), c.id, 8), 0);
 }
 
 TEST_F(SubmitTest, CmwaitAndCmchckPickByTablePositionNotCompletionOrder) {
@@ -169,11 +151,11 @@ TEST_F(SubmitTest, CmwaitAndCmchckPickByTablePositionNotCompletionOrder) {
   EXPECT_EQ(std::memcmp(id, early.id, 8), 0);
   EXPECT_EQ(pGCB->NumVerbsWaiting, 2u);
 
-  WaitResult r1 = wait_once();
-  WaitResult r2 = wait_once();
-  EXPECT_EQ(std::memcmp(r1.id, early.id, 8), 0);
+  Waited r1 = wait_one();
+  Waited r2 = wait_one();
+  EXPECT_EQ(std::memcmp(r1.id.data(), early.id, 8), 0);
   EXPECT_EQ(r1.conversation_rc, CM_OK);
-  EXPECT_EQ(std::memcmp(r2.id, late.id, 8), 0);
+  EXPECT_EQ(std::memcmp(r2.id.data(), late.id, 8), 0);
   EXPECT_EQ(r2.conversation_rc, CM_UNSUCCESSFUL);
   CMCHCK(id, &rc);
   EXPECT_EQ(rc, CM_PROGRAM_STATE_CHECK);
@@ -193,16 +175,16 @@ TEST_F(SubmitTest, NextVerbDropsAnUncollectedCompletion) {
   ASSERT_EQ(snt_complete_pending(0), 1);
 
   // Only the second verb's result is reported.
-  WaitResult r = wait_once();
+  Waited r = wait_one();
   EXPECT_EQ(r.conversation_rc, CM_OK);
-  EXPECT_EQ(wait_once().rc, CM_PROGRAM_STATE_CHECK);
+  EXPECT_EQ(wait_one().rc, CM_PROGRAM_STATE_CHECK);
   EXPECT_EQ(snt_assert_count(), 0u);
 
   // A flag the counter does not know of is reported when it is dropped.
   c.cccb->fCompletionWaiting = 1;
   ASSERT_EQ(submit(c, NAP_FLUSH), CM_OK);  // completes at once
   ASSERT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(core_test::assertion(0), "(pGCB)->NumVerbsWaiting > 0");
+  EXPECT_EQ(assertion(0), "vcpic/cpiccal2: (pGCB)->NumVerbsWaiting > 0");
   pGCB->NumVerbsWaiting = 0;
 }
 
@@ -214,10 +196,10 @@ TEST_F(SubmitTest, EndedConversationLivesUntilCmwaitReportsIt) {
   EXPECT_TRUE(known(c.id));
   EXPECT_EQ(c.cccb->fConversationEnded, 1);
 
-  WaitResult r = wait_once();
+  Waited r = wait_one();
   EXPECT_EQ(r.rc, CM_OK);
   EXPECT_EQ(r.conversation_rc, CM_DEALLOCATED_ABEND);
-  EXPECT_EQ(std::memcmp(r.id, c.id, 8), 0);
+  EXPECT_EQ(std::memcmp(r.id.data(), c.id, 8), 0);
   EXPECT_FALSE(known(c.id));
 
   snt_reset();
@@ -234,15 +216,15 @@ TEST_F(SubmitTest, EndedConversationLivesUntilCmwaitReportsIt) {
 TEST_F(SubmitTest, CmwaitWithACounterButNoFlaggedConversationFails) {
   Conversation c = non_blocking();
   pGCB->NumVerbsWaiting = 1;  // an inconsistency no conversation explains
-  WaitResult r = wait_once();
+  Waited r = wait_one();
   EXPECT_EQ(r.rc, CM_PRODUCT_SPECIFIC_ERROR);
   EXPECT_EQ(r.conversation_rc, -1);
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(r.id), 8), std::string(8, '\0'));
+  EXPECT_EQ(text_of(r.id.data(), 8), std::string(8, '\0'));
   ASSERT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(core_test::assertion(0), "tm_handle != NB_NULL_HANDLE");
+  EXPECT_EQ(assertion(0), "vcpic/cpiccal1: tm_handle != NB_NULL_HANDLE");
   // Repaired: the next CMWAIT sees nothing to wait for, and the
   // conversation it could not name is left alone.
-  EXPECT_EQ(wait_once().rc, CM_PROGRAM_STATE_CHECK);
+  EXPECT_EQ(wait_one().rc, CM_PROGRAM_STATE_CHECK);
   EXPECT_TRUE(known(c.id));
   EXPECT_EQ(c.cccb->fCompletionWaiting, 0);
 }

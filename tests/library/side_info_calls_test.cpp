@@ -1,7 +1,7 @@
 // XCMSSI, XCMESI and XCMDSI as an application uses them.
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 
@@ -17,10 +17,6 @@ SIDE_INFO app_entry(const std::string &name) {
   put(e.security_user_ID, 8, "clerk");
   put(e.security_password, 8, "secret");
   return e;
-}
-
-std::string text(const unsigned char *field, size_t size) {
-  return std::string(reinterpret_cast<const char *>(field), size);
 }
 
 CM_RETURN_CODE set(SIDE_INFO entry, CM_INT32 length = sizeof(SIDE_INFO)) {
@@ -54,15 +50,15 @@ TEST_F(SideInfoCalls, SetAndExtractRoundTrip) {
   std::memset(&out, 'Q', sizeof out);
   ASSERT_EQ(extract("ROUND", out), CM_OK);
   EXPECT_EQ(snt_nof_count(), 0u) << "a set entry must not need the node";
-  EXPECT_EQ(text(out.sym_dest_name, 8), "ROUND   ");
-  EXPECT_EQ(text(out.partner_LU_name, 17), "NETA.LUX         ");  // table A folds case
-  EXPECT_EQ(text(out.reserved, 3), "QQQ");                        // not written
+  EXPECT_EQ(text_of(out.sym_dest_name, 8), "ROUND   ");
+  EXPECT_EQ(text_of(out.partner_LU_name, 17), "NETA.LUX         ");  // table A folds case
+  EXPECT_EQ(text_of(out.reserved, 3), "QQQ");                        // not written
   EXPECT_EQ(out.TP_name_type, CM_APPLICATION_TP);
-  EXPECT_EQ(text(out.TP_name, 64), padded("Payroll-1", 64));
-  EXPECT_EQ(text(out.mode_name, 8), std::string("#IN\0ER  ", 8));  // '!' is outside the table
+  EXPECT_EQ(text_of(out.TP_name, 64), padded("Payroll-1", 64));
+  EXPECT_EQ(text_of(out.mode_name, 8), std::string("#IN\0ER  ", 8));  // '!' is outside the table
   EXPECT_EQ(out.conversation_security_type, CM_SECURITY_PROGRAM);
-  EXPECT_EQ(text(out.security_user_ID, 8), "clerk   ");
-  EXPECT_EQ(text(out.security_password, 8), std::string(8, '\0'));  // never returned
+  EXPECT_EQ(text_of(out.security_user_ID, 8), "clerk   ");
+  EXPECT_EQ(text_of(out.security_password, 8), std::string(8, '\0'));  // never returned
 
   // Neither the key of XCMSSI nor the entry number of XCMESI changes anything.
   SIDE_INFO again;
@@ -107,13 +103,13 @@ TEST_F(SideInfoCalls, ExtractShapesFieldsByType) {
     SIDE_INFO out;
     std::memset(&out, 'Q', sizeof out);
     ASSERT_EQ(extract("SHAPE", out), CM_OK);
-    EXPECT_EQ(text(out.partner_LU_name, 17), c.partner_back);
+    EXPECT_EQ(text_of(out.partner_LU_name, 17), c.partner_back);
     EXPECT_EQ(out.conversation_security_type, c.security);
-    EXPECT_EQ(text(out.security_user_ID, 8), c.security_written ? "clerk   " : "QQQQQQQQ");
-    EXPECT_EQ(text(out.security_password, 8),
+    EXPECT_EQ(text_of(out.security_user_ID, 8), c.security_written ? "clerk   " : "QQQQQQQQ");
+    EXPECT_EQ(text_of(out.security_password, 8),
               c.security_written ? std::string(8, '\0') : "QQQQQQQQ");
     if (c.tp_type == CM_SNA_SERVICE_TP) {
-      EXPECT_EQ(text(out.TP_name, 64), padded("\x06XYZ", 64));
+      EXPECT_EQ(text_of(out.TP_name, 64), padded("\x06XYZ", 64));
     }
   }
 }
@@ -187,7 +183,7 @@ TEST_F(SideInfoCalls, DeletingANameOnlyTheNodeHolds) {
 
   ASSERT_EQ(set(app_entry("NODEONLY")), CM_OK);
   EXPECT_EQ(extract("NODEONLY", out), CM_OK);
-  EXPECT_EQ(text(out.partner_LU_name, 17), "NETA.LUX         ");
+  EXPECT_EQ(text_of(out.partner_LU_name, 17), "NETA.LUX         ");
 
   // Unknown everywhere: 24, and nothing is remembered.
   EXPECT_EQ(remove("NOWHERE"), CM_PROGRAM_PARAMETER_CHECK);

@@ -5,9 +5,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 

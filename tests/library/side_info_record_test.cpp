@@ -1,8 +1,8 @@
 // Conversion of the node's side-information record into the internal entry.
 #include "side_info.h"
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 
@@ -64,8 +64,8 @@ TEST_F(NodeRecord, TpNamesModeAndLocalLu) {
   EXPECT_EQ(e.usModeNameLen, 6);
   EXPECT_EQ(e.mode_name[0], 0x7B);  // '#' in EBCDIC
   EXPECT_EQ(bytes(e.mode_name + 1, 7), ebcdic_field("INTER", 7));
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(e.local_LU_alias), 8), "BILLING ");
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(e.sym_dest_name), 8), "NODEDEST");
+  EXPECT_EQ(text_of(e.local_LU_alias, 8), "BILLING ");
+  EXPECT_EQ(text_of(e.sym_dest_name, 8), "NODEDEST");
   EXPECT_EQ(bytes(e.reserved, 3), std::vector<unsigned char>(3, 0));
 
   node.local_lu.clear();

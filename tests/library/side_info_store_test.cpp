@@ -1,9 +1,9 @@
 // The side-information store: its three states per name, when the node is
 // asked, and how failures of the node and of storage leave the store.
 #include "side_info.h"
-#include "side_info_test_support.h"
+#include "library_support.h"
 
-using namespace side_info_test;
+using namespace lib_test;
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class AcceptVerbs : public VerbsTest {};
@@ -71,11 +71,7 @@ Incoming incoming_for(const uint8_t *name, size_t length, bool with_user) {
   return in;
 }
 
-CM_RETURN_CODE accept_conversation(ConvId &id) {
-  CM_RETURN_CODE rc = -1;
-  cmaccp(id.data(), &rc);
-  return rc;
-}
+const auto accept_conversation = rc_of(cmaccp);
 
 uint32_t count_opcode(uint16_t opcode) {
   uint32_t n = 0;
@@ -84,7 +80,6 @@ uint32_t count_opcode(uint16_t opcode) {
 }
 
 TEST_F(AcceptVerbs, DefaultProcessNameIsDefinedOnceAndOffered) {
-  unsetenv("APPCTPN");
   Incoming in = incoming_for(kDefaultTpName, 19, false);
   push(script(NAP_RECEIVE_ALLOCATE_CPIC, AP_OK, 0, 0, answer_allocation, &in));
   ConvId first{};
@@ -221,9 +216,7 @@ TEST_F(AcceptVerbs, FailedAcceptConversationLeavesNoRecord) {
   EXPECT_EQ(problem(0).probe, 3u);
   EXPECT_EQ(problem(0).args[0], static_cast<uint64_t>(CM_PROGRAM_STATE_CHECK));
   EXPECT_EQ(snt_blocks_in_use(kMemShortLived), 0u);
-  CM_RETURN_CODE rc = -1;
-  cmdeal(id.data(), &rc);
-  EXPECT_EQ(rc, CM_PROGRAM_PARAMETER_CHECK);
+  EXPECT_EQ(rc_of(cmdeal)(id), CM_PROGRAM_PARAMETER_CHECK);
 }
 
 TEST_F(AcceptVerbs, FailedAcceptIncomingKeepsTheRecordForAnotherTry) {
@@ -273,4 +266,4 @@ TEST_F(AcceptVerbs, NoNameAtAllMeansNoAccept) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test

@@ -2,7 +2,7 @@
 // side information, its results, and the TP's end when the call goes nowhere.
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class AllocateVerb : public VerbsTest {};
@@ -36,11 +36,7 @@ CCCB *ready_to_allocate(ConvId &id, bool qualified, uint32_t security) {
   return cccb;
 }
 
-CM_RETURN_CODE allocate(ConvId &id) {
-  CM_RETURN_CODE rc = -1;
-  cmallc(id.data(), &rc);
-  return rc;
-}
+const auto allocate = rc_of(cmallc);
 
 TEST_F(AllocateVerb, RecordsFollowSideInformation) {
   struct Row {
@@ -143,9 +139,7 @@ TEST_F(AllocateVerb, RefusedCallEndsItsTpAndLeavesTheRecordAlone) {
     CCCB *cccb = active_conversation(id, CM_MAPPED_CONVERSATION, busy ? 1 : 0);
     if (busy) {
       push(script(NAP_FLUSH, AP_OK, 0, 1));
-      CM_RETURN_CODE rc = -1;
-      cmflus(id.data(), &rc);
-      ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
+      ASSERT_EQ(rc_of(cmflus)(id), CM_OPERATION_INCOMPLETE);
     }
     const std::string what = busy ? "busy" : "allocated";
     std::memcpy(cccb->LocalLUName, kLocalLu, 8);
@@ -254,4 +248,4 @@ TEST_F(AllocateVerb, CancelPendingWhenAllocateSucceedsCancelsAtTheNode) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test

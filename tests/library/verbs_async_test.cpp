@@ -5,7 +5,7 @@
 
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class VerbCompletion : public VerbsTest {};
@@ -116,4 +116,4 @@ TEST_F(VerbCompletion, DroppedCompletionCheckNamesTheSubmittingCall) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test

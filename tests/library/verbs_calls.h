@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "verbs_support.h"
+#include "library_support.h"
 
-namespace verbs_test {
+namespace lib_test {
 
 struct Call {
   std::string name;
@@ -32,15 +32,18 @@ inline OutParms &out_parms() {
   return parms;
 }
 
+// Adapts a call taking (ID, ..., return code) to one returning its code.
+template <typename F>
+std::function<CM_RETURN_CODE(ConvId &)> rc_of(F call) {
+  return [call](ConvId &id) {
+    CM_RETURN_CODE rc = -1;
+    call(id.data(), &rc);
+    return rc;
+  };
+}
+
 // The calls that submit one verb on an allocated conversation.
 inline std::vector<Call> verb_calls() {
-  auto rc_of = [](auto call) {
-    return [call](ConvId &id) {
-      CM_RETURN_CODE rc = -1;
-      call(id.data(), &rc);
-      return rc;
-    };
-  };
   OutParms &o = out_parms();
   return {
       {"CMSEND", 16, rc_of([&o](unsigned char *id, CM_RETURN_CODE *rc) {
@@ -61,43 +64,21 @@ inline std::vector<Call> verb_calls() {
 }
 
 inline Call trts_call() {
-  return {"CMTRTS", 31, [](ConvId &id) {
-            CM_RETURN_CODE rc = -1;
-            cmtrts(id.data(), &out_parms().rts, &rc);
-            return rc;
-          }};
+  return {"CMTRTS", 31,
+          rc_of([](unsigned char *id, CM_RETURN_CODE *rc) { cmtrts(id, &out_parms().rts, rc); })};
 }
-
 inline Call deallocate_call() {
-  return {"CMDEAL", 5, [](ConvId &id) {
-            CM_RETURN_CODE rc = -1;
-            cmdeal(id.data(), &rc);
-            return rc;
-          }};
+  return {"CMDEAL", 5, rc_of(cmdeal)};
 }
-
 inline Call state_call() {
-  return {"CMECS", 0, [](ConvId &id) {
-            CM_RETURN_CODE rc = -1;
-            cmecs(id.data(), &out_parms().state, &rc);
-            return rc;
-          }};
+  return {"CMECS", 0,
+          rc_of([](unsigned char *id, CM_RETURN_CODE *rc) { cmecs(id, &out_parms().state, rc); })};
 }
-
 inline Call accept_incoming_call() {
-  return {"CMACCI", 0, [](ConvId &id) {
-            CM_RETURN_CODE rc = -1;
-            cmacci(id.data(), &rc);
-            return rc;
-          }};
+  return {"CMACCI", 0, rc_of(cmacci)};
 }
-
 inline Call allocate_call() {
-  return {"CMALLC", 1, [](ConvId &id) {
-            CM_RETURN_CODE rc = -1;
-            cmallc(id.data(), &rc);
-            return rc;
-          }};
+  return {"CMALLC", 1, rc_of(cmallc)};
 }
 
-}  // namespace verbs_test
+}  // namespace lib_test

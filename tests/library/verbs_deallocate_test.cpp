@@ -2,20 +2,12 @@
 // of a conversation the node never saw, and when the record goes away.
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class DeallocateVerb : public VerbsTest {};
 
-CM_RETURN_CODE deallocate(ConvId &id) {
-  CM_RETURN_CODE rc = -1;
-  cmdeal(id.data(), &rc);
-  return rc;
-}
-
-unsigned char *library_block(uint32_t size) {
-  return static_cast<unsigned char *>(nba_mm_alloc(size, kMemKept, nba_blank_name, 0, 0));
-}
+const auto deallocate = rc_of(cmdeal);
 
 TEST_F(DeallocateVerb, RecordFollowsDeallocateAndConversationType) {
   struct Row {
@@ -38,7 +30,7 @@ TEST_F(DeallocateVerb, RecordFollowsDeallocateAndConversationType) {
     CCCB *cccb = active_conversation(id, row.conversation_type);
     cccb->ulDeallocateType = row.deallocate_type;
     // Log data is set on every conversation; only a basic abend sends it.
-    cccb->pLogData = library_block(20);
+    cccb->pLogData = kept_block(20);
     cccb->usLogDataLength = 20;
     const void *log_data = cccb->pLogData;
     const uint32_t before = snt_submitted_count();
@@ -131,4 +123,4 @@ TEST_F(DeallocateVerb, NonBlockingKeepsTheIdUntilCollected) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test

@@ -5,7 +5,7 @@
 
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class LocalTpNames : public VerbsTest {};
@@ -136,13 +136,10 @@ TEST_F(LocalTpNames, NoRecordWithoutMemoryOrTableRoom) {
 // Accepts once so that the process TP name gets defined by the accept path.
 void accept_once() {
   ConvId id{};
-  CM_RETURN_CODE rc = -1;
-  cmaccp(id.data(), &rc);
-  ASSERT_EQ(rc, CM_OK);
+  ASSERT_EQ(rc_of(cmaccp)(id), CM_OK);
 }
 
 TEST_F(LocalTpNames, FirstSpecifiedNameWithdrawsTheImplicitProcessName) {
-  unsetenv("APPCTPN");
   accept_once();
   ASSERT_EQ(pGCB->NumLocTPNames, 1);
   ASSERT_EQ(pGCB->fDefaultTpNameDefined, 1);
@@ -158,7 +155,6 @@ TEST_F(LocalTpNames, FirstSpecifiedNameWithdrawsTheImplicitProcessName) {
 }
 
 TEST_F(LocalTpNames, RefusedWithdrawalKeepsTheProcessName) {
-  unsetenv("APPCTPN");
   accept_once();
   push(script(NAP_DELETE_LOCAL_TP, AP_STATE_CHECK));
   EXPECT_EQ(specify("TPA"), CM_OK);
@@ -178,4 +174,4 @@ TEST_F(LocalTpNames, ProcessNameFromEnvironmentIsKept) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test

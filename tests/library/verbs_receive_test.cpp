@@ -3,7 +3,7 @@
 // limit and the synchronous request-to-send test.
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class ReceiveVerbs : public VerbsTest {};
@@ -216,4 +216,4 @@ TEST_F(ReceiveVerbs, TestRequestToSendIsRefusedWhileConfirmationPending) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test

@@ -3,14 +3,13 @@
 // completions keep.
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class SendVerbs : public VerbsTest {};
 
 unsigned char *library_log_data(const std::vector<uint8_t> &data) {
-  auto *block = static_cast<unsigned char *>(
-      nba_mm_alloc(static_cast<uint32_t>(data.size()), kMemKept, nba_blank_name, 0, 0));
+  unsigned char *block = kept_block(data.size());
   std::memcpy(block, data.data(), data.size());
   return block;
 }
@@ -453,4 +452,4 @@ TEST_F(SendVerbs, EndingResultFreesConversationInBlockingMode) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test

@@ -1,10 +1,8 @@
 // Conversation state: Extract_Conversation_State and the state rules every
 // conversation call applies before the node is asked.
-#include <map>
-
 #include "verbs_calls.h"
 
-namespace verbs_test {
+namespace lib_test {
 namespace {
 
 class ConversationState : public VerbsTest {};
@@ -91,21 +89,9 @@ enum class LibraryState {
 };
 
 const char *name_of(LibraryState s) {
-  switch (s) {
-    case LibraryState::kReset:
-      return "Reset";
-    case LibraryState::kInitialize:
-      return "Initialize";
-    case LibraryState::kInitializeIncoming:
-      return "Initialize_Incoming";
-    case LibraryState::kActive:
-      return "Active";
-    case LibraryState::kBusy:
-      return "Busy";
-    case LibraryState::kConfirmPending:
-      return "confirmation pending";
-  }
-  return "?";
+  static const char *const names[] = {"Reset",  "Initialize", "Initialize_Incoming",
+                                      "Active", "Busy",       "confirmation pending"};
+  return names[static_cast<int>(s)];
 }
 
 // Puts a fresh conversation into `state`; Busy is an active conversation
@@ -128,9 +114,7 @@ void enter(LibraryState state, ConvId &id) {
     case LibraryState::kBusy: {
       active_conversation(id, CM_MAPPED_CONVERSATION, 1);
       push(script(NAP_FLUSH, AP_OK, 0, 1));
-      CM_RETURN_CODE rc = -1;
-      cmflus(id.data(), &rc);
-      ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
+      ASSERT_EQ(rc_of(cmflus)(id), CM_OPERATION_INCOMPLETE);
       break;
     }
     case LibraryState::kConfirmPending:
@@ -148,46 +132,15 @@ TEST_F(ConversationState, StateRulesOfEveryCall) {
   using S = LibraryState;
   const std::vector<S> states = {S::kReset,  S::kInitialize, S::kInitializeIncoming,
                                  S::kActive, S::kBusy,       S::kConfirmPending};
-  std::vector<std::pair<Call, std::map<S, CM_RETURN_CODE>>> table;
-  const std::map<S, CM_RETURN_CODE> conversation_verb = {
-      {S::kReset, 24},     {S::kInitialize, 25}, {S::kInitializeIncoming, 25},
-      {S::kActive, kNode}, {S::kBusy, 37},       {S::kConfirmPending, kNode}};
-  for (const Call &call : verb_calls()) table.push_back({call, conversation_verb});
-  table.push_back({trts_call(),
-                   {{S::kReset, 24},
-                    {S::kInitialize, 25},
-                    {S::kInitializeIncoming, 25},
-                    {S::kActive, kNode},
-                    {S::kBusy, 37},
-                    {S::kConfirmPending, 25}}});
-  table.push_back({deallocate_call(),  // deallocate type sync level
-                   {{S::kReset, 24},
-                    {S::kInitialize, 25},
-                    {S::kInitializeIncoming, 25},
-                    {S::kActive, kNode},
-                    {S::kBusy, 37},
-                    {S::kConfirmPending, kNode}}});
-  table.push_back({state_call(),
-                   {{S::kReset, 24},
-                    {S::kInitialize, 0},
-                    {S::kInitializeIncoming, 0},
-                    {S::kActive, kNode},
-                    {S::kBusy, 37},
-                    {S::kConfirmPending, kNode}}});
-  table.push_back({accept_incoming_call(),
-                   {{S::kReset, 24},
-                    {S::kInitialize, 25},
-                    {S::kInitializeIncoming, kNode},
-                    {S::kActive, 25},
-                    {S::kBusy, 37},
-                    {S::kConfirmPending, 25}}});
-  table.push_back({allocate_call(),
-                   {{S::kReset, 24},
-                    {S::kInitialize, kNode},
-                    {S::kInitializeIncoming, 25},
-                    {S::kActive, 25},
-                    {S::kBusy, 37},
-                    {S::kConfirmPending, 25}}});
+  // One expected outcome per state, in the order of `states`.
+  using Outcomes = std::array<CM_RETURN_CODE, 6>;
+  std::vector<std::pair<Call, Outcomes>> table;
+  for (const Call &call : verb_calls()) table.push_back({call, {24, 25, 25, kNode, 37, kNode}});
+  table.push_back({trts_call(), {24, 25, 25, kNode, 37, 25}});
+  table.push_back({deallocate_call(), {24, 25, 25, kNode, 37, kNode}});  // type sync level
+  table.push_back({state_call(), {24, 0, 0, kNode, 37, kNode}});
+  table.push_back({accept_incoming_call(), {24, 25, kNode, 25, 37, 25}});
+  table.push_back({allocate_call(), {24, kNode, 25, 25, 37, 25}});
 
   for (const auto &[call, expected_by_state] : table) {
     for (S state : states) {
@@ -199,7 +152,7 @@ TEST_F(ConversationState, StateRulesOfEveryCall) {
       Vcb area_before{};
       if (cccb != nullptr) std::memcpy(area_before.data(), cccb->vcb.bytes, area_before.size());
       const uint32_t submitted_before = snt_submitted_count();
-      const CM_RETURN_CODE expected = expected_by_state.at(state);
+      const CM_RETURN_CODE expected = expected_by_state[static_cast<size_t>(state)];
 
       const CM_RETURN_CODE rc = call.run(id);
 
@@ -239,4 +192,4 @@ TEST_F(ConversationState, StateRulesOfEveryCall) {
 }
 
 }  // namespace
-}  // namespace verbs_test
+}  // namespace lib_test
