@@ -1,0 +1,61 @@
+// Built-in defaults and environment overrides of the node configuration.
+#include "config/config_defaults.h"
+
+#include <cstdlib>
+
+namespace snanode::config {
+
+LocalLu default_local_lu(const std::string &network_id) {
+  return LocalLu{"LOCAL", network_id + ".LOCAL", true};
+}
+
+std::vector<Mode> default_modes() {
+  // #BATCH favours throughput: larger buffers, fewer sessions.
+  return {Mode{"#INTER", 64, 4096}, Mode{"#BATCH", 16, 32768}};
+}
+
+void add_local_lus_as_partners(NodeConfig &config) {
+  for (const LocalLu &local : config.local_lus) {
+    bool present = false;
+    for (const PartnerLu &partner : config.partner_lus) {
+      present = present || partner.alias == local.alias || partner.lu_name == local.lu_name;
+    }
+    if (!present) config.partner_lus.push_back(PartnerLu{local.alias, local.lu_name, ""});
+  }
+}
+
+std::optional<uint32_t> security_type_from_name(std::string_view name) {
+  if (name == "none") return 0;
+  if (name == "same") return 1;
+  if (name == "program") return 2;
+  if (name == "program_strong") return 5;
+  return std::nullopt;
+}
+
+NodeConfig default_config() {
+  NodeConfig config;
+  config.local_lus.push_back(default_local_lu(config.network_id));
+  config.modes = default_modes();
+  add_local_lus_as_partners(config);
+  return config;
+}
+
+void apply_environment(NodeConfig &config) {
+  if (const char *dir = std::getenv("SNANODE_LOG_DIR"); dir && *dir) config.log_dir = dir;
+  if (const char *file = std::getenv("SNANODE_TRACE_FILE"); file && *file) {
+    config.trace_file = file;
+  }
+  if (const char *trace = std::getenv("SNANODE_TRACE"); trace && *trace) {
+    const std::string_view value(trace);
+    if (value == "1" || value == "on" || value == "yes" || value == "true") {
+      config.trace = true;
+    } else if (value == "0" || value == "off" || value == "no" || value == "false") {
+      config.trace = false;
+    } else {
+      throw ConfigError("SNANODE_TRACE: \"" + std::string(value) +
+                        "\" is not one of 1, on, yes, true, 0, off, no, false");
+    }
+  }
+}
+
+}  // namespace snanode::config

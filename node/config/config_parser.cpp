@@ -1,0 +1,352 @@
+// parse_config / load_config: the TOML configuration file of the node.
+//
+// The file is read section by section in a fixed order (node, local LUs,
+// partners, modes, users, ...) whatever order it is written in, so that the
+// sections that refer to others (side information, TPs) can be checked against
+// what is already known.  The first problem ends the parse: the node refuses
+// to start rather than run with a configuration it had to guess at.
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "config/config_defaults.h"
+#include "config/config_names.h"
+#include "config/node_config.h"
+#include "config/table_reader.h"
+
+namespace snanode::config {
+namespace {
+
+void check(TableReader &reader, std::string_view key, const Problem &problem) {
+  if (problem) reader.fail(key, *problem);
+}
+
+// A name that must be unique in its section (compared exactly).
+void check_unique(TableReader &reader, std::string_view key, std::set<std::string> &seen,
+                  const std::string &name) {
+  if (!seen.insert(name).second) reader.fail(key, "\"" + name + "\" is defined twice");
+}
+
+class Parser {
+ public:
+  Parser(const toml::table &root, const std::string &file) : root_(root), file_(file) {}
+
+  NodeConfig parse() {
+    read_node();
+    read_local_lus();
+    read_partner_lus();
+    read_modes();
+    read_users_and_pam();
+    read_log_and_trace();
+    read_tps();
+    read_side_info();
+    report_unknown_sections();
+    add_local_lus_as_partners(config_);
+    return std::move(config_);
+  }
+
+ private:
+  // A [section] table, or an empty one when the file has none.
+  const toml::table &section(std::string_view key) {
+    static const toml::table empty;
+    const toml::node *node = root_.get(key);
+    if (node == nullptr) return empty;
+    if (!node->is_table()) fail_at(file_, node->source(), std::string(key) + " must be a table");
+    return *node->as_table();
+  }
+
+  void report_unknown_sections() {
+    static const std::set<std::string, std::less<>> known = {
+        "node", "local_lu", "partner_lu", "mode", "user", "pam", "log", "trace", "tp", "side_info"};
+    for (auto &&[key, node] : root_) {
+      if (!known.contains(key.str())) {
+        fail_at(file_, key.source(), "unknown section or key " + std::string(key.str()));
+      }
+    }
+  }
+
+  void read_node() {
+    TableReader r(section("node"), "[node]", file_);
+    config_.node_name = r.string("name", config_.node_name);
+    check(r, "name", check_network_name("node name", config_.node_name));
+    config_.network_id = r.string("network_id", config_.network_id);
+    check(r, "network_id", check_network_name("network ID", config_.network_id));
+    config_.attach_timeout_ms =
+        r.integer("attach_timeout_ms", config_.attach_timeout_ms, 0, UINT32_MAX);
+    config_.socket_path = r.string("socket_path", "");
+    r.finish();
+  }
+
+  void read_local_lus() {
+    std::set<std::string> aliases, names;
+    const toml::table *first_default = nullptr;
+    const auto tables = table_array(root_, "local_lu", file_);
+    for (const toml::table *table : tables) {
+      TableReader r(*table, "[[local_lu]]", file_);
+      LocalLu lu;
+      lu.alias = r.required_string("alias");
+      check(r, "alias", check_alias("LU alias", lu.alias));
+      check_unique(r, "alias", aliases, lu.alias);
+      lu.lu_name = r.string("lu_name", config_.network_id + "." + lu.alias);
+      check(r, "lu_name", check_qualified_lu_name("LU name", lu.lu_name));
+      check_unique(r, "lu_name", names, lu.lu_name);
+      lu.is_default = r.boolean("default", tables.size() == 1);
+      if (lu.is_default && first_default != nullptr) {
+        r.fail("default", "a second default local LU (only one may be the default)");
+      }
+      if (lu.is_default) first_default = table;
+      r.finish();
+      config_.local_lus.push_back(lu);
+    }
+    if (tables.empty()) {
+      config_.local_lus.push_back(default_local_lu(config_.network_id));
+    } else if (first_default == nullptr) {
+      fail_at(file_, tables.front()->source(),
+              "[[local_lu]]: no local LU is the default (set default = true on one)");
+    }
+  }
+
+  void read_partner_lus() {
+    std::set<std::string> aliases, names;
+    for (const toml::table *table : table_array(root_, "partner_lu", file_)) {
+      TableReader r(*table, "[[partner_lu]]", file_);
+      PartnerLu lu;
+      lu.alias = r.required_string("alias");
+      check(r, "alias", check_alias("partner LU alias", lu.alias));
+      check_unique(r, "alias", aliases, lu.alias);
+      lu.lu_name = r.required_string("lu_name");
+      check(r, "lu_name", check_qualified_lu_name("partner LU name", lu.lu_name));
+      check_unique(r, "lu_name", names, lu.lu_name);
+      for (const LocalLu &local : config_.local_lus) {
+        if (local.alias == lu.alias && local.lu_name != lu.lu_name) {
+          r.fail("alias",
+                 "\"" + lu.alias + "\" is already the alias of the local LU " + local.lu_name);
+        }
+      }
+      lu.host = r.string("host", "");
+      r.finish();
+      config_.partner_lus.push_back(lu);
+    }
+  }
+
+  void read_modes() {
+    std::set<std::string> names;
+    const auto tables = table_array(root_, "mode", file_);
+    for (const toml::table *table : tables) {
+      TableReader r(*table, "[[mode]]", file_);
+      Mode mode;
+      mode.name = r.required_string("name");
+      check(r, "name", check_mode_name(mode.name));
+      check_unique(r, "name", names, mode.name);
+      mode.session_limit = r.integer("session_limit", mode.session_limit, 1, 32767);
+      mode.send_buffer_size = r.integer("send_buffer_size", mode.send_buffer_size, 256, 65535);
+      r.finish();
+      config_.modes.push_back(mode);
+    }
+    if (tables.empty()) config_.modes = default_modes();
+  }
+
+  void read_users_and_pam() {
+    TableReader pam(section("pam"), "[pam]", file_);
+    config_.use_pam = pam.boolean("enabled", false);
+    config_.pam_service = pam.string("service", config_.pam_service);
+    if (config_.pam_service.empty()) pam.fail("service", "is empty");
+    pam.finish();
+
+    std::set<std::string> ids;
+    for (const toml::table *table : table_array(root_, "user", file_)) {
+      TableReader r(*table, "[[user]]", file_);
+      User user;
+      user.user_id = r.required_string("user_id");
+      check(r, "user_id", check_security_field("user ID", user.user_id, false));
+      check_unique(r, "user_id", ids, user.user_id);
+      user.password = r.string("password", "");
+      check(r, "password",
+            check_security_field("password", user.password, /*may_be_empty=*/config_.use_pam));
+      r.finish();
+      config_.users.push_back(user);
+    }
+  }
+
+  void read_log_and_trace() {
+    TableReader log(section("log"), "[log]", file_);
+    config_.log_dir = log.string("dir", "");
+    log.finish();
+
+    TableReader trace(section("trace"), "[trace]", file_);
+    config_.trace = trace.boolean("enabled", false);
+    config_.trace_file = trace.string("file", "");
+    config_.trace_flags = trace.bytes("flags", kTraceFlagBytes);
+    trace.finish();
+  }
+
+  bool is_local_alias(const std::string &alias) const {
+    for (const LocalLu &lu : config_.local_lus) {
+      if (lu.alias == alias) return true;
+    }
+    return false;
+  }
+
+  void check_local_reference(TableReader &r, const std::string &alias) {
+    if (!alias.empty() && !is_local_alias(alias)) {
+      r.fail("local_lu_alias", "\"" + alias + "\" is not a configured local LU");
+    }
+  }
+
+  void read_tps() {
+    std::set<std::string> names;
+    for (const toml::table *table : table_array(root_, "tp", file_)) {
+      TableReader r(*table, "[[tp]]", file_);
+      InvokableTp tp;
+      tp.tp_name = r.required_string("tp_name");
+      check(r, "tp_name", check_tp_name(tp.tp_name));
+      check_unique(r, "tp_name", names, tp.tp_name);
+      tp.program = r.required_string("program");
+      if (tp.program.empty()) r.fail("program", "is empty");
+      tp.arguments = r.strings("arguments");
+      tp.local_lu_alias = r.string("local_lu_alias", "");
+      check_local_reference(r, tp.local_lu_alias);
+      if (r.has("conversation_types")) {
+        read_choices(r, "conversation_types", {"basic", "mapped"},
+                     {&tp.accept_basic, &tp.accept_mapped});
+      }
+      if (r.has("sync_levels")) {
+        read_choices(r, "sync_levels", {"none", "confirm"},
+                     {&tp.accept_sync_none, &tp.accept_sync_confirm});
+      }
+      tp.security_required = r.boolean("security_required", false);
+      tp.queue_timeout_ms = r.integer("queue_timeout_ms", tp.queue_timeout_ms, 0, UINT32_MAX);
+      tp.max_instances = r.integer("max_instances", 0, 0, UINT32_MAX);
+      r.finish();
+      config_.tps.push_back(tp);
+    }
+  }
+
+  // A non-empty list of names out of `choices`; each flag says whether its
+  // choice was listed.
+  static void read_choices(TableReader &r, std::string_view key,
+                           std::initializer_list<std::string_view> choices,
+                           std::initializer_list<bool *> flags) {
+    const std::vector<std::string> listed = r.strings(key);
+    if (listed.empty()) r.fail(key, "lists nothing");
+    for (bool *flag : flags) *flag = false;
+    for (const std::string &name : listed) {
+      size_t index = 0;
+      for (std::string_view choice : choices) {
+        if (name == choice) break;
+        ++index;
+      }
+      if (index == choices.size())
+        r.fail(key, "\"" + name + "\" is not one of the accepted values");
+      *flags.begin()[index] = true;
+    }
+  }
+
+  void read_side_info() {
+    std::set<std::string> names;
+    for (const toml::table *table : table_array(root_, "side_info", file_)) {
+      TableReader r(*table, "[[side_info]]", file_);
+      SideInfo entry;
+      entry.sym_dest_name = r.required_string("sym_dest_name");
+      check(r, "sym_dest_name", check_alias("symbolic destination name", entry.sym_dest_name));
+      check_unique(r, "sym_dest_name", names, entry.sym_dest_name);
+      read_side_info_partner(r, entry);
+      entry.mode = r.required_string("mode");
+      check(r, "mode", check_mode_name(entry.mode));
+      if (!has_mode(entry.mode)) r.fail("mode", "\"" + entry.mode + "\" is not a configured mode");
+      read_side_info_tp(r, entry);
+      read_side_info_security(r, entry);
+      entry.local_lu_alias = r.string("local_lu_alias", "");
+      check_local_reference(r, entry.local_lu_alias);
+      r.finish();
+      config_.side_info.push_back(entry);
+    }
+  }
+
+  bool has_mode(const std::string &name) const {
+    for (const Mode &mode : config_.modes) {
+      if (mode.name == name) return true;
+    }
+    return false;
+  }
+
+  void read_side_info_partner(TableReader &r, SideInfo &entry) {
+    entry.partner_lu = r.required_string("partner_lu");
+    check(r, "partner_lu", check_partner_reference(entry.partner_lu));
+    if (entry.partner_lu.find('.') != std::string::npos) return;
+    bool known = is_local_alias(entry.partner_lu);
+    for (const PartnerLu &lu : config_.partner_lus) known = known || lu.alias == entry.partner_lu;
+    if (!known) {
+      r.fail("partner_lu", "\"" + entry.partner_lu + "\" is not a configured partner LU alias");
+    }
+  }
+
+  static void read_side_info_tp(TableReader &r, SideInfo &entry) {
+    const std::string type = r.string("tp_name_type", "application");
+    if (type == "application") {
+      entry.tp_name_type = 0;
+    } else if (type == "service") {
+      entry.tp_name_type = 1;
+    } else {
+      r.fail("tp_name_type", "must be \"application\" or \"service\", not \"" + type + "\"");
+    }
+    entry.tp_name = r.required_string("tp_name");
+    check(r, "tp_name",
+          entry.tp_name_type == 1 ? check_service_tp_name(entry.tp_name)
+                                  : check_tp_name(entry.tp_name));
+  }
+
+  // none: no user, no password; same: a user ID at most; program and
+  // program_strong: both.
+  static void read_side_info_security(TableReader &r, SideInfo &entry) {
+    const std::string security = r.string("security", "same");
+    const auto type = security_type_from_name(security);
+    if (!type) {
+      r.fail("security", "must be \"none\", \"same\", \"program\" or \"program_strong\", not \"" +
+                             security + "\"");
+    }
+    entry.security_type = *type;
+    entry.user_id = r.string("user_id", "");
+    entry.password = r.string("password", "");
+    const bool needs_both = entry.security_type == 2 || entry.security_type == 5;
+    if (entry.security_type == 0 && !entry.user_id.empty()) {
+      r.fail("user_id", "is not allowed with security \"none\"");
+    }
+    if (!needs_both && !entry.password.empty()) {
+      r.fail("password", "is allowed only with security \"program\" or \"program_strong\"");
+    }
+    check(r, "user_id", check_security_field("user ID", entry.user_id, !needs_both));
+    check(r, "password", check_security_field("password", entry.password, !needs_both));
+  }
+
+  const toml::table &root_;
+  const std::string &file_;
+  NodeConfig config_;
+};
+
+}  // namespace
+
+NodeConfig parse_config(const std::string &text, const std::string &name) {
+  toml::table root;
+  try {
+    root = toml::parse(text, name);
+  } catch (const toml::parse_error &error) {
+    fail_at(name, error.source(), std::string(error.description()));
+  }
+  NodeConfig config = Parser(root, name).parse();
+  config.source = name;
+  return config;
+}
+
+NodeConfig load_config(const std::filesystem::path &file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) throw ConfigError(file.string() + ": cannot be read");
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) throw ConfigError(file.string() + ": cannot be read");
+  NodeConfig config = parse_config(text.str(), file.string());
+  config.source = file;
+  return config;
+}
+
+}  // namespace snanode::config
