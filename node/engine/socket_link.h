@@ -1,0 +1,34 @@
+// A Link over a connected stream socket: one conversation half in this
+// process, its partner in another (or, in tests, in this one).
+//
+// Frames travel in the encoding of frame.h.  A writer thread drains a queue of
+// encoded frames so that send() never blocks on the socket while the caller
+// holds the process lock; when the queue passes a limit, send() waits (with
+// the process lock released) until the writer catches up.  A reader thread
+// decodes inbound frames and hands them to the sink under the process lock.
+//
+// An orderly close ends the stream with a four-byte zero length, which no
+// frame can have; end-of-stream without it (the partner process died, its
+// socket broke, it closed abnormally) is reported to the sink as link_lost(),
+// once.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+#include "engine/link.h"
+
+namespace snanode::engine {
+
+// Encoded bytes a link may hold unsent before send() waits for the writer.
+inline constexpr size_t kSocketLinkQueueLimit = 4u << 20;
+
+// Takes ownership of `fd`, a connected stream socket.
+std::unique_ptr<Link> make_socket_link(int fd);
+
+// Writes one frame and the orderly end to a socket end that never gets a
+// link (an attach the node refused after the allocating side got its end).
+// False when the far end is gone.
+bool send_final_frame(int fd, const Frame &frame);
+
+}  // namespace snanode::engine
