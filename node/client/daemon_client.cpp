@@ -21,14 +21,6 @@ struct DaemonClient::Shared {
 
 namespace {
 
-// Waits for the next whole message; nothing once the connection is over.
-std::optional<ReceivedMessage> next_message(MessageChannel &channel) {
-  for (;;) {
-    if (auto message = channel.next()) return message;
-    if (!channel.read_some()) return std::nullopt;
-  }
-}
-
 // Hands one daemon message to the engine; false for one a client never gets.
 bool dispatch(DaemonClient::Shared &shared, ReceivedMessage &received) {
   if (auto *result = std::get_if<AllocateResult>(&received.message)) {
@@ -46,7 +38,7 @@ bool dispatch(DaemonClient::Shared &shared, ReceivedMessage &received) {
 
 void run_reader(const std::shared_ptr<DaemonClient::Shared> &shared) {
   try {
-    while (auto received = next_message(shared->channel)) {
+    while (auto received = shared->channel.receive()) {
       ProcessLockGuard lock;
       if (shared->leaving) return;
       if (!dispatch(*shared, *received)) break;
@@ -75,7 +67,7 @@ std::unique_ptr<DaemonClient> DaemonClient::connect(const std::string &path, Dae
   if (!shared->channel.send(hello)) return nullptr;
   std::optional<ReceivedMessage> welcome;
   try {
-    welcome = next_message(shared->channel);
+    welcome = shared->channel.receive();
   } catch (const ProtocolError &) {
     return nullptr;
   }

@@ -85,6 +85,13 @@ std::optional<ReceivedMessage> MessageChannel::next() {
   return received;
 }
 
+std::optional<ReceivedMessage> MessageChannel::receive() {
+  for (;;) {
+    if (auto message = next()) return message;
+    if (!read_some()) return std::nullopt;
+  }
+}
+
 UniqueFd connect_unix_socket(const std::string &path) {
   sockaddr_un address{};
   if (path.empty() || path.size() >= sizeof address.sun_path) return UniqueFd();

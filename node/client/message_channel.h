@@ -36,6 +36,10 @@ class MessageChannel {
   // are not one, or when a message announces a descriptor that did not come.
   std::optional<ReceivedMessage> next();
 
+  // Waits for the next whole message: next() and read_some() until one has
+  // come; nothing once the connection is over.  Throws ProtocolError.
+  std::optional<ReceivedMessage> receive();
+
  private:
   UniqueFd socket_;
   std::mutex send_mutex_;

@@ -59,14 +59,6 @@ class RecordingEvents : public client::DaemonEvents {
   std::deque<Event> events_;
 };
 
-client::AllocateRequest request_for(const std::string &tp_name) {
-  client::AllocateRequest request;
-  request.tp_name = tp_name;
-  request.mode = "#INTER";
-  request.allocator_lu = "APPN.LOCAL";
-  return request;
-}
-
 using DaemonClientTest = DaemonFixture;
 
 TEST_F(DaemonClientTest, AllocationAndAttachArriveWithJoinedEnds) {

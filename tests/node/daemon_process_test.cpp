@@ -79,14 +79,6 @@ TEST(DaemonProcess, CheckAcceptsAGoodFileAndExplainsEveryProblemOfABadOne) {
 
 using DaemonProcessTest = DaemonFixture;
 
-// Waits for the next message on a channel; nothing when the connection ends.
-std::optional<client::ReceivedMessage> next_message(client::MessageChannel &channel) {
-  for (;;) {
-    if (auto message = channel.next()) return message;
-    if (!channel.read_some()) return std::nullopt;
-  }
-}
-
 // Connects and greets the daemon; an empty channel pointer on failure.
 std::unique_ptr<client::MessageChannel> greet(const std::string &socket) {
   auto channel = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
@@ -94,7 +86,7 @@ std::unique_ptr<client::MessageChannel> greet(const std::string &socket) {
                                    static_cast<uint32_t>(::getuid())})) {
     return nullptr;
   }
-  auto welcome = next_message(*channel);
+  auto welcome = channel->receive();
   if (!welcome || !std::holds_alternative<client::Welcome>(welcome->message)) return nullptr;
   return channel;
 }
@@ -141,7 +133,7 @@ int accepting_process(const std::string &socket, bool hang) {
   if (!channel) return 2;
   channel->send(client::RegisterTp{"ECHO"});
   channel->send(client::AcceptWait{1, {"ECHO"}});
-  auto attach = next_message(*channel);
+  auto attach = channel->receive();
   if (!attach || !std::holds_alternative<client::AttachDelivery>(attach->message)) return 3;
   if (std::get<client::AttachDelivery>(attach->message).accept_id != 1) return 4;
   auto link = engine::make_socket_link(attach->descriptor.release());
@@ -175,13 +167,10 @@ pid_t start_acceptor(const std::string &socket, bool hang) {
 // Allocates ECHO until the acceptor has registered (it races the allocation).
 std::optional<client::ReceivedMessage> allocate_echo(client::MessageChannel &channel) {
   for (uint32_t id = 1; id < 500; ++id) {
-    client::AllocateRequest request;
+    client::AllocateRequest request = request_for("ECHO");
     request.request_id = id;
-    request.tp_name = "ECHO";
-    request.mode = "#INTER";
-    request.allocator_lu = "APPN.LOCAL";
     if (!channel.send(request)) return std::nullopt;
-    auto result = next_message(channel);
+    auto result = channel.receive();
     if (!result) return std::nullopt;
     const auto &r = std::get<client::AllocateResult>(result->message);
     if (r.secondary != AP_TP_NAME_NOT_RECOGNIZED) return result;
@@ -288,11 +277,9 @@ TEST_F(DaemonProcessTest, PartnerKilledMidReceiveFailsTheConversationAndDropsIts
   // The dead process's name is gone from the node.
   std::optional<client::ReceivedMessage> refused;
   for (int tries = 0; tries < 100; ++tries) {
-    client::AllocateRequest request;
-    request.request_id = 1000;
-    request.tp_name = "ECHO";
+    client::AllocateRequest request = request_for("ECHO");
     ASSERT_TRUE(channel->send(request));
-    refused = next_message(*channel);
+    refused = channel->receive();
     ASSERT_TRUE(refused);
     if (std::get<client::AllocateResult>(refused->message).primary != AP_OK) break;
     std::this_thread::sleep_for(10ms);  // the daemon may not have seen the hang-up yet

@@ -34,6 +34,15 @@ inline void write_file(const fs::path &file, const std::string &text) {
   std::ofstream(file) << text;
 }
 
+// An allocation as a TP on the default LU makes it.
+inline client::AllocateRequest request_for(const std::string &tp_name) {
+  client::AllocateRequest request;
+  request.tp_name = tp_name;
+  request.mode = "#INTER";
+  request.allocator_lu = "APPN.LOCAL";
+  return request;
+}
+
 // A daemon of its own in a temporary directory, stopped with SIGTERM.
 class DaemonFixture : public ::testing::Test {
  protected:
