@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 #include "client/socket_path.h"
@@ -57,7 +58,9 @@ int main(int argc, char **argv) {
   std::string socket_path;
   std::string check_file;
   bool foreground = false;
-  app.add_option("--config", config_file, "Node configuration (TOML); default: built-in defaults")
+  app.add_option(
+         "--config", config_file,
+         "Node configuration (TOML); default: $SNANODE_CONFIG, ./snanode.toml, built-in defaults")
       ->check(CLI::ExistingFile);
   app.add_option("--socket", socket_path, "Unix socket to serve (overrides the configuration)");
   app.add_flag("--foreground", foreground, "Stay attached to the terminal and log to stderr too");
@@ -66,10 +69,14 @@ int main(int argc, char **argv) {
 
   if (!check_file.empty()) return check(check_file);
 
+  // The daemon reads its configuration as every node process does, so the
+  // TPs it starts (which inherit SNANODE_CONFIG) see the same node.
+  if (!config_file.empty()) {
+    ::setenv("SNANODE_CONFIG", std::filesystem::absolute(config_file).c_str(), 1);
+  }
   NodeConfig config;
   try {
-    config = config_file.empty() ? snanode::config::default_config()
-                                 : snanode::config::load_config(config_file);
+    config = snanode::config::current_config();
   } catch (const snanode::config::ConfigError &e) {
     std::cerr << e.what() << "\n";
     return 1;
