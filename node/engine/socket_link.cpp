@@ -34,10 +34,20 @@ bool write_all(int fd, const uint8_t *data, size_t size) {
 // What the link object and its two threads share.  The threads keep it alive
 // after the link is gone; the last owner closes the socket.
 struct State {
-  explicit State(int socket) : fd(socket) {}
+  State(int socket, RunLocked locked) : fd(socket), run_locked(std::move(locked)) {}
   ~State() { ::close(fd); }
 
+  void with_node_lock(const std::function<void()> &work) {
+    if (run_locked) {
+      run_locked(work);
+    } else {
+      ProcessLockGuard lock;
+      work();
+    }
+  }
+
   const int fd;
+  const RunLocked run_locked;  // empty: the process lock
 
   // Outbound queue, guarded by `mutex`.
   std::mutex mutex;
@@ -51,7 +61,7 @@ struct State {
   std::atomic<int> senders_waiting{0};
   std::condition_variable_any drained;  // waited on with the process lock
 
-  // Guarded by the process lock.
+  // Guarded by the node's lock.
   FrameSink *sink = nullptr;
   bool open = true;
   bool reader_started = false;
@@ -113,10 +123,13 @@ bool deliver_frames(State &state, std::vector<uint8_t> &buffer, bool &orderly) {
     }
     if (!frame) break;
     offset += consumed;
-    ProcessLockGuard lock;
-    if (!state.open) return false;
-    if (state.sink != nullptr) state.sink->on_frame(std::move(*frame));
-    more = state.open;
+    bool open = false;
+    state.with_node_lock([&] {
+      open = state.open;
+      if (open && state.sink != nullptr) state.sink->on_frame(std::move(*frame));
+      more = state.open;
+    });
+    if (!open) return false;
   }
   buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(offset));
   return more;
@@ -133,17 +146,19 @@ void run_reader(const std::shared_ptr<State> &state) {
     buffer.insert(buffer.end(), chunk.begin(), chunk.begin() + n);
     if (!deliver_frames(*state, buffer, orderly)) break;
   }
-  ProcessLockGuard lock;
-  if (state->open && !orderly && state->sink != nullptr) {
-    FrameSink *sink = state->sink;
-    state->sink = nullptr;  // link_lost() is heard once
-    sink->link_lost();
-  }
+  state->with_node_lock([&] {
+    if (state->open && !orderly && state->sink != nullptr) {
+      FrameSink *sink = state->sink;
+      state->sink = nullptr;  // link_lost() is heard once
+      sink->link_lost();
+    }
+  });
 }
 
 class SocketLink : public Link {
  public:
-  explicit SocketLink(int fd) : state_(std::make_shared<State>(fd)) {
+  SocketLink(int fd, RunLocked run_locked)
+      : state_(std::make_shared<State>(fd, std::move(run_locked))) {
     std::thread([state = state_] { run_writer(state); }).detach();
   }
   ~SocketLink() override { close(true); }
@@ -159,9 +174,11 @@ class SocketLink : public Link {
     }
     state_->queued_bytes.fetch_add(size);
     state_->queue_changed.notify_one();
-    if (state_->queued_bytes.load() <= kSocketLinkQueueLimit) return;
-    // Back-pressure.  The link may be closed by another thread meanwhile, so
-    // the wait holds its own reference to the state.
+    // Back-pressure, where the node's lock is the process lock (another lock
+    // cannot be released for the wait).
+    if (state_->run_locked || state_->queued_bytes.load() <= kSocketLinkQueueLimit) return;
+    // The link may be closed by another thread meanwhile, so the wait holds
+    // its own reference to the state.
     const std::shared_ptr<State> state = state_;
     state->senders_waiting.fetch_add(1);
     wait_releasing_process_lock(state->drained, std::chrono::milliseconds(-1), [&] {
@@ -199,8 +216,8 @@ class SocketLink : public Link {
 
 }  // namespace
 
-std::unique_ptr<Link> make_socket_link(int fd) {
-  return std::make_unique<SocketLink>(fd);
+std::unique_ptr<Link> make_socket_link(int fd, RunLocked run_locked) {
+  return std::make_unique<SocketLink>(fd, std::move(run_locked));
 }
 
 bool send_final_frame(int fd, const Frame &frame) {

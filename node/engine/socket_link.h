@@ -3,9 +3,12 @@
 //
 // Frames travel in the encoding of frame.h.  A writer thread drains a queue of
 // encoded frames so that send() never blocks on the socket while the caller
-// holds the process lock; when the queue passes a limit, send() waits (with
-// the process lock released) until the writer catches up.  A reader thread
-// decodes inbound frames and hands them to the sink under the process lock.
+// holds the node's lock.  A reader thread decodes inbound frames and hands
+// them to the sink under that lock.  The node's lock is the process lock
+// unless the link is given another way to take it (`run_locked`, as a test of
+// the engine alone does).  Under the process lock, send() also applies
+// back-pressure: when the queue passes a limit it waits, with the lock
+// released, until the writer catches up.
 //
 // An orderly close ends the stream with a four-byte zero length, which no
 // frame can have; end-of-stream without it (the partner process died, its
@@ -14,6 +17,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 
 #include "engine/link.h"
@@ -23,8 +27,12 @@ namespace snanode::engine {
 // Encoded bytes a link may hold unsent before send() waits for the writer.
 inline constexpr size_t kSocketLinkQueueLimit = 4u << 20;
 
-// Takes ownership of `fd`, a connected stream socket.
-std::unique_ptr<Link> make_socket_link(int fd);
+// Runs `work` holding the node's lock.
+using RunLocked = std::function<void(const std::function<void()> &work)>;
+
+// Takes ownership of `fd`, a connected stream socket.  Without `run_locked`
+// the node's lock is the process lock.
+std::unique_ptr<Link> make_socket_link(int fd, RunLocked run_locked = nullptr);
 
 // Writes one frame and the orderly end to a socket end that never gets a
 // link (an attach the node refused after the allocating side got its end).

@@ -222,4 +222,46 @@ TEST(SocketLink, UndecodableStreamCountsAsLost) {
   ::close(pair.fds[1]);
 }
 
+// A link given its own way to take the node's lock delivers under that lock,
+// not the process lock.
+TEST(SocketLink, DeliversUnderTheLockItWasGiven) {
+  SocketPair pair;
+  std::mutex node_lock;
+  bool inside = false;
+  RunLocked run_locked = [&](const std::function<void()> &work) {
+    std::lock_guard<std::mutex> hold(node_lock);
+    inside = true;
+    work();
+    inside = false;
+  };
+  class CheckingSink : public RecordingSink {
+   public:
+    explicit CheckingSink(const bool &inside) : inside_(inside) {}
+    void on_frame(Frame &&frame) override {
+      if (inside_) RecordingSink::on_frame(std::move(frame));
+    }
+    void link_lost() override {
+      if (inside_) RecordingSink::link_lost();
+    }
+
+   private:
+    const bool &inside_;
+  } sink(inside);
+  auto receiver = make_socket_link(pair.fds[1], run_locked);
+  auto sender = make_socket_link(pair.fds[0]);
+  {
+    std::lock_guard<std::mutex> hold(node_lock);
+    receiver->attach(&sink);
+  }
+  {
+    snanode::ProcessLockGuard lock;
+    sender->send(make_frame(FrameType::kData, 0, 0, 3, 0));
+    sender->close(false);
+  }
+  ASSERT_TRUE(sink.wait_for_frames(1));
+  EXPECT_TRUE(sink.wait_for_lost());
+  std::lock_guard<std::mutex> hold(node_lock);
+  receiver->close(true);
+}
+
 }  // namespace
