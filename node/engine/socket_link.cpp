@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -53,8 +54,9 @@ struct State {
   std::mutex mutex;
   std::condition_variable queue_changed;
   std::deque<std::vector<uint8_t>> queue;
+  bool writer_busy = false;  // the writer is writing what it took from the queue
   bool closing = false;
-  bool orderly = false;
+  bool finished = false;  // the end of the stream has been written
 
   std::atomic<size_t> queued_bytes{0};
   std::atomic<bool> write_failed{false};
@@ -75,64 +77,111 @@ void notify_drained(State &state) {
   state.drained.notify_all();
 }
 
-void run_writer(const std::shared_ptr<State> &state) {
-  for (;;) {
-    std::vector<uint8_t> chunk;
-    {
-      std::unique_lock<std::mutex> hold(state->mutex);
-      state->queue_changed.wait(hold, [&] { return !state->queue.empty() || state->closing; });
-      if (state->queue.empty()) break;
-      chunk = std::move(state->queue.front());
-      state->queue.pop_front();
-    }
-    if (!state->write_failed.load() && !write_all(state->fd, chunk.data(), chunk.size())) {
-      state->write_failed.store(true);
-    }
-    state->queued_bytes.fetch_sub(chunk.size());
-    notify_drained(*state);
+// Writes what the socket takes at once; the bytes written, or nothing when
+// the peer is gone.
+std::optional<size_t> write_now(int fd, const uint8_t *data, size_t size) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n = ::send(fd, data + done, size - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+    if (n <= 0) return std::nullopt;
+    done += static_cast<size_t>(n);
   }
-  bool orderly;
-  {
-    std::lock_guard<std::mutex> hold(state->mutex);
-    orderly = state->orderly;
-  }
-  if (orderly && !state->write_failed.load()) {
-    write_all(state->fd, kOrderlyEnd, sizeof kOrderlyEnd);
-  }
-  ::shutdown(state->fd, SHUT_WR);
+  return done;
 }
 
-// Decodes what `buffer` holds past `offset`; false once the stream has ended
-// (`orderly` tells how) or cannot be decoded.
+// Appends to the queue for the writer thread; `state.mutex` is held.
+void enqueue_locked(State &state, std::vector<uint8_t> bytes) {
+  state.queued_bytes.fetch_add(bytes.size());
+  state.queue.push_back(std::move(bytes));
+  state.queue_changed.notify_one();
+}
+
+// Sends `bytes` after everything queued before them: at once when nothing
+// waits and the socket takes them, so a frame is on its way when the verb
+// that sent it returns (and survives the process exiting right after); the
+// rest through the writer thread.  `state.mutex` is held.
+void send_locked(State &state, std::vector<uint8_t> bytes) {
+  if (state.write_failed.load()) return;
+  if (state.queue.empty() && !state.writer_busy) {
+    const auto written = write_now(state.fd, bytes.data(), bytes.size());
+    if (!written) {
+      state.write_failed.store(true);
+      return;
+    }
+    if (*written == bytes.size()) return;
+    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(*written));
+  }
+  enqueue_locked(state, std::move(bytes));
+}
+
+// Ends the stream once everything queued is written; `state.mutex` is held.
+void finish_locked(State &state) {
+  if (state.finished || !state.queue.empty() || state.writer_busy) return;
+  state.finished = true;
+  ::shutdown(state.fd, SHUT_WR);
+}
+
+void run_writer(const std::shared_ptr<State> &state) {
+  std::unique_lock<std::mutex> hold(state->mutex);
+  for (;;) {
+    state->queue_changed.wait(hold, [&] { return !state->queue.empty() || state->closing; });
+    if (state->queue.empty()) break;
+    std::vector<uint8_t> burst;
+    for (auto &chunk : state->queue) burst.insert(burst.end(), chunk.begin(), chunk.end());
+    state->queue.clear();
+    state->writer_busy = true;
+    hold.unlock();
+    if (!state->write_failed.load() && !write_all(state->fd, burst.data(), burst.size())) {
+      state->write_failed.store(true);
+    }
+    state->queued_bytes.fetch_sub(burst.size());
+    notify_drained(*state);
+    hold.lock();
+    state->writer_busy = false;
+  }
+  finish_locked(*state);
+}
+
+// Decodes the whole frames `buffer` holds and delivers them under one hold of
+// the node's lock, so a status sent right after data reaches a waiting verb
+// with it.  False once the stream has ended (`orderly` tells how), cannot be
+// decoded, or the link was closed.
 bool deliver_frames(State &state, std::vector<uint8_t> &buffer, bool &orderly) {
+  std::vector<Frame> frames;
   size_t offset = 0;
-  bool more = true;
-  while (more) {
+  bool ended = false;
+  while (!ended) {
     const size_t left = buffer.size() - offset;
     if (left >= sizeof kOrderlyEnd &&
         std::equal(kOrderlyEnd, kOrderlyEnd + sizeof kOrderlyEnd, buffer.data() + offset)) {
       orderly = true;
-      return false;
+      ended = true;
+      break;
     }
     size_t consumed = 0;
-    std::optional<Frame> frame;
     try {
-      frame = decode_frame(buffer.data() + offset, left, consumed);
+      std::optional<Frame> frame = decode_frame(buffer.data() + offset, left, consumed);
+      if (!frame) break;
+      frames.push_back(std::move(*frame));
+      offset += consumed;
     } catch (const std::invalid_argument &) {
-      return false;
+      ended = true;
     }
-    if (!frame) break;
-    offset += consumed;
-    bool open = false;
-    state.with_node_lock([&] {
-      open = state.open;
-      if (open && state.sink != nullptr) state.sink->on_frame(std::move(*frame));
-      more = state.open;
-    });
-    if (!open) return false;
   }
   buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(offset));
-  return more;
+  bool open = true;
+  if (!frames.empty()) {
+    state.with_node_lock([&] {
+      for (auto &frame : frames) {
+        if (!state.open) break;
+        if (state.sink != nullptr) state.sink->on_frame(std::move(frame));
+      }
+      open = state.open;
+    });
+  }
+  return open && !ended;
 }
 
 void run_reader(const std::shared_ptr<State> &state) {
@@ -167,13 +216,10 @@ class SocketLink : public Link {
     if (!state_->open || state_->write_failed.load()) return;
     std::vector<uint8_t> bytes;
     encode_frame(frame, bytes);
-    const size_t size = bytes.size();
     {
       std::lock_guard<std::mutex> hold(state_->mutex);
-      state_->queue.push_back(std::move(bytes));
+      send_locked(*state_, std::move(bytes));
     }
-    state_->queued_bytes.fetch_add(size);
-    state_->queue_changed.notify_one();
     // Back-pressure, where the node's lock is the process lock (another lock
     // cannot be released for the wait).
     if (state_->run_locked || state_->queued_bytes.load() <= kSocketLinkQueueLimit) return;
@@ -203,10 +249,11 @@ class SocketLink : public Link {
     {
       std::lock_guard<std::mutex> hold(state_->mutex);
       state_->closing = true;
-      state_->orderly = quietly;
+      if (quietly) send_locked(*state_, {kOrderlyEnd, kOrderlyEnd + sizeof kOrderlyEnd});
+      finish_locked(*state_);  // or the writer does, once the queue is written
     }
     state_->queue_changed.notify_one();
-    // Wakes the reader; the writer still flushes what was queued.
+    // Wakes the reader; what is still queued is written all the same.
     ::shutdown(state_->fd, SHUT_RD);
   }
 

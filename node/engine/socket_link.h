@@ -1,14 +1,16 @@
 // A Link over a connected stream socket: one conversation half in this
 // process, its partner in another (or, in tests, in this one).
 //
-// Frames travel in the encoding of frame.h.  A writer thread drains a queue of
-// encoded frames so that send() never blocks on the socket while the caller
-// holds the node's lock.  A reader thread decodes inbound frames and hands
-// them to the sink under that lock.  The node's lock is the process lock
-// unless the link is given another way to take it (`run_locked`, as a test of
-// the engine alone does).  Under the process lock, send() also applies
-// back-pressure: when the queue passes a limit it waits, with the lock
-// released, until the writer catches up.
+// Frames travel in the encoding of frame.h.  send() writes a frame at once
+// when the socket takes it without blocking, so it is on its way when the verb
+// returns (a TP may exit right after its last verb); what the socket cannot
+// take yet goes to a writer thread, so send() never blocks on the socket while
+// the caller holds the node's lock.  A reader thread decodes inbound frames
+// and hands them to the sink under that lock.  The node's lock is the process
+// lock unless the link is given another way to take it (`run_locked`, as a
+// test of the engine alone does).  Under the process lock, send() also applies
+// back-pressure: when the writer's queue passes a limit it waits, with the
+// lock released, until the writer catches up.
 //
 // An orderly close ends the stream with a four-byte zero length, which no
 // frame can have; end-of-stream without it (the partner process died, its
