@@ -5,6 +5,11 @@
 // local LU alias the entry does not name is sent as eight zero bytes, which
 // the library reads as "none" (blanks would name an LU called "        ").
 // User ID and password are sent only where the security type uses them.
+//
+// The constant fields of the verb blocks (the format bytes, the number of
+// entries, the list option) are not interpreted: the library only ever asks
+// for the one entry whose name equals the key, and that is what a query
+// answers.
 #include <algorithm>
 #include <cstring>
 #include <mutex>
@@ -71,10 +76,18 @@ const SideInfo *find_entry(const NodeConfig &config, const uint8_t *key) {
   return nullptr;
 }
 
-void open_verb(NOF_OPEN &open) {
+// The configuration, or null when it cannot be used: such a node serves no
+// one, and an exception must not cross the C interface.
+const NodeConfig *usable_config() {
   try {
-    current_config();  // a node with an unusable configuration does not serve
+    return &current_config();
   } catch (const ConfigError &) {
+    return nullptr;
+  }
+}
+
+void open_verb(NOF_OPEN &open) {
+  if (usable_config() == nullptr) {
     open.primary_rc = AP_COMM_SUBSYSTEM_NOT_LOADED;
     return;
   }
@@ -90,7 +103,12 @@ void query_verb(uint32_t target, NOF_QUERY_SIDE_INFO &query) {
     query.secondary_rc = AP_BAD_FIELD;
     return;
   }
-  const SideInfo *entry = find_entry(current_config(), query.sym_dest_name);
+  const NodeConfig *config = usable_config();
+  if (config == nullptr) {
+    query.primary_rc = AP_COMM_SUBSYSTEM_NOT_LOADED;
+    return;
+  }
+  const SideInfo *entry = find_entry(*config, query.sym_dest_name);
   if (entry == nullptr) {
     query.primary_rc = AP_STATE_CHECK;
     query.secondary_rc = AP_NO_SIDE_INFO_ENTRY;

@@ -99,7 +99,6 @@ uint64_t completion_jobs_posted() {
 }
 
 uint64_t completion_jobs_finished() {
-  ProcessLockGuard guard;
   return queue().finished;
 }
 
@@ -119,11 +118,11 @@ int completion_event_fd() {
 // queued, for programs that want to poll for them.  On the completion thread
 // itself it cannot wait and only returns the descriptor.
 extern "C" int vpm_asm_event_fd(void) {
-  using snanode::completion_jobs_posted;
   if (!snanode::on_completion_thread()) {
-    const uint64_t target = completion_jobs_posted();
-    snanode::wait_releasing_process_lock(snanode::node_state_cv(), std::chrono::milliseconds(1000),
-                                         [target] { return snanode::queue().finished >= target; });
+    const uint64_t target = snanode::completion_jobs_posted();
+    snanode::wait_releasing_process_lock(
+        snanode::node_state_cv(), std::chrono::milliseconds(1000),
+        [target] { return snanode::completion_jobs_finished() >= target; });
   }
   return snanode::completion_event_fd();
 }

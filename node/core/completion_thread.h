@@ -17,8 +17,8 @@ void post_completion_job(std::function<void()> job);
 
 bool on_completion_thread();
 
-// Jobs posted and finished so far; a job has finished once it has returned
-// and released the process lock's hold it ran under.
+// Jobs posted and finished so far.  completion_jobs_finished() is read under
+// the process lock, which every job holds while it runs.
 uint64_t completion_jobs_posted();
 uint64_t completion_jobs_finished();
 

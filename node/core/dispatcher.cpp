@@ -35,7 +35,9 @@ namespace {
 // All guarded by the process lock.
 VerbBackend *g_test_backend = nullptr;
 uint64_t g_next_serial = 1;
-std::unordered_set<uint64_t> g_unfinished;  // tickets whose caller or routine has not seen them
+// Tickets whose caller or routine has not seen them yet.  Never destroyed: the
+// completion thread may still finish a ticket while static destructors run.
+std::unordered_set<uint64_t> &g_unfinished = *new std::unordered_set<uint64_t>;
 unsigned g_waiting_threads = 0;
 
 VerbBackend *active_backend() {

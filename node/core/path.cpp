@@ -19,8 +19,10 @@ struct PathUser {
   void *context;
 };
 
-// All guarded by the process lock.
-std::map<uint32_t, PathUser> g_users;
+// All guarded by the process lock.  The table is never destroyed: a path end
+// on the completion thread may still use it while static destructors run.
+std::map<uint32_t, PathUser> &g_users = *new std::map<uint32_t, PathUser>;
+PathConnector g_connector = nullptr;
 uint32_t g_last_user_id = 0;
 bool g_ending = false;
 
@@ -59,6 +61,11 @@ bool path_is_ending() {
   return g_ending;
 }
 
+void set_path_connector(PathConnector connector) {
+  ProcessLockGuard guard;
+  g_connector = connector;
+}
+
 uint32_t path_user_count() {
   ProcessLockGuard guard;
   return static_cast<uint32_t>(g_users.size());
@@ -75,6 +82,8 @@ void vpm_init_path_user(uint32_t, uint32_t, VPM_PATH_ROUTINE routine, uint32_t r
   *path_user_id = 0;
   if (snanode::take_injected_failure(snanode::InjectedFailure::kPathRegistration)) return;
   snanode::ProcessLockGuard guard;
+  if (snanode::g_users.empty() && snanode::g_connector != nullptr && !snanode::g_connector())
+    return;
   const uint32_t id = snanode::next_rising_id(
       snanode::g_last_user_id, [](uint32_t used) { return snanode::g_users.count(used) != 0; });
   snanode::g_users[id] = {routine, reinterpret_cast<void *>(static_cast<uintptr_t>(r3))};

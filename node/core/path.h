@@ -22,4 +22,10 @@ bool path_is_ending();
 
 uint32_t path_user_count();
 
+// Connects the process to its node (embedded engine or daemon) when the first
+// path user registers; false refuses the registration.  Runs under the process
+// lock.  Without a connector every registration succeeds.
+using PathConnector = bool (*)();
+void set_path_connector(PathConnector connector);
+
 }  // namespace snanode

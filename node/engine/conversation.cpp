@@ -75,12 +75,16 @@ void Conversation::send_frame(FrameType type, uint8_t flags, std::vector<uint8_t
   link_->send(std::move(frame));
 }
 
-void Conversation::send_buffer() {
+void Conversation::send_buffer(bool more_follows) {
+  const uint8_t last_flags = more_follows ? kDataMoreFollows : 0;
   if (setup_.mapped) {
-    for (auto &record : out_records_) send_frame(FrameType::kData, 0, std::move(record));
+    for (size_t i = 0; i < out_records_.size(); ++i) {
+      const bool last = i + 1 == out_records_.size();
+      send_frame(FrameType::kData, last ? last_flags : 0, std::move(out_records_[i]));
+    }
     out_records_.clear();
   } else if (!out_bytes_.empty()) {
-    send_frame(FrameType::kData, 0, std::move(out_bytes_));
+    send_frame(FrameType::kData, last_flags, std::move(out_bytes_));
     out_bytes_.clear();
   }
   out_size_ = 0;
@@ -110,7 +114,7 @@ bool Conversation::take_send_notice(Result &result) {
 bool Conversation::send_confirm(ConfirmKind kind, NAP_HDR &hdr, void *token) {
   Result result;
   if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-  send_buffer();
+  send_buffer(true);
   state_ = ConvState::kSend;
   send_frame(FrameType::kConfirm, static_cast<uint8_t>(kind));
   wait_for(WaitKind::kConfirmed, &hdr, token, kind);
@@ -121,7 +125,7 @@ bool Conversation::turn_around(bool confirm_first, NAP_HDR &hdr, void *token) {
   if (confirm_first) return send_confirm(ConfirmKind::kChangeDirection, hdr, token);
   Result result;
   if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-  send_buffer();
+  send_buffer(true);
   send_frame(FrameType::kChangeDirection, 0);
   state_ = ConvState::kReceive;
   return done(hdr, AP_OK);
@@ -131,7 +135,7 @@ bool Conversation::deallocate_normal(bool confirm_first, NAP_HDR &hdr, void *tok
   if (confirm_first) return send_confirm(ConfirmKind::kDeallocate, hdr, token);
   Result result;
   if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-  send_buffer();
+  send_buffer(true);
   send_frame(FrameType::kDeallocate, static_cast<uint8_t>(DeallocKind::kNormal));
   end_conversation();
   return done(hdr, AP_OK);
@@ -139,7 +143,7 @@ bool Conversation::deallocate_normal(bool confirm_first, NAP_HDR &hdr, void *tok
 
 void Conversation::deallocate_abend(std::vector<uint8_t> log_data) {
   if (in_send_state()) {
-    send_buffer();  // what the TP sent before the abend still reaches the partner
+    send_buffer(true);  // what the TP sent before the abend still reaches the partner
   } else {
     purge_inbound();
   }
@@ -181,12 +185,12 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
     case AP_SEND_BUFFER:
       if (out_size_ >= setup_.send_buffer_size) {
         if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-        send_buffer();
+        send_buffer(false);
       }
       return done(hdr, AP_OK);
     case AP_SEND_FLUSH:
       if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-      send_buffer();
+      send_buffer(false);
       return done(hdr, AP_OK);
     case AP_SEND_CONFIRM:
       return send_confirm(ConfirmKind::kPlain, hdr, token);
@@ -217,7 +221,7 @@ bool Conversation::receive(NAP_RECEIVE_VCB &vcb, bool wait, void *token) {
     if (!setup_.mapped && !out_cursor_.at_boundary()) return done(hdr, AP_STATE_CHECK);
     Result result;
     if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-    send_buffer();
+    send_buffer(true);
     send_frame(FrameType::kChangeDirection, 0);
     state_ = ConvState::kReceive;
   }
@@ -262,7 +266,7 @@ void Conversation::flush(NAP_HDR &hdr) {
     put_result(hdr, result.primary, result.secondary);
     return;
   }
-  send_buffer();
+  send_buffer(false);
   state_ = ConvState::kSend;
   put_result(hdr, AP_OK);
 }
@@ -297,7 +301,7 @@ void Conversation::send_error(NAP_SEND_ERROR_VCB &vcb) {
     }
     kind = !setup_.mapped && !out_cursor_.at_boundary() ? SendErrorKind::kTruncation
                                                         : SendErrorKind::kNoTruncation;
-    send_buffer();
+    send_buffer(true);
     out_cursor_.reset();
   } else if (state_ == ConvState::kSendPending) {
     // An error in the data just received: the partner learns its data was
@@ -389,7 +393,7 @@ void Conversation::on_frame(Frame &&frame) {
     } else {
       enqueue(InKind::kData, std::move(frame.payload));
     }
-    service_waiting();
+    if ((frame.flags & kDataMoreFollows) == 0) service_waiting();
     return;
   }
   if (frame.type == FrameType::kRequestToSend) {

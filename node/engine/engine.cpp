@@ -108,16 +108,7 @@ void Engine::tp_ended(NAP_TP_ENDED_VCB &vcb) {
   for (auto &[conv_id, entry] : convs_) {
     if (entry.tp == id) entry.conv->abort(AP_CANCELLED);
   }
-  for (auto it = allocates_.begin(); it != allocates_.end();) {
-    if (it->request.tp != id) {
-      ++it;
-      continue;
-    }
-    put_result(it->vcb->hdr, AP_CANCELLED);
-    void *token = it->token;
-    it = allocates_.erase(it);
-    hooks_.complete(token);
-  }
+  cancel_allocates(id);
   put_result(vcb, AP_OK);
 }
 
@@ -168,10 +159,9 @@ bool Engine::conversation_verb(void *vcb, void *token) {
     put_result(hdr, AP_STATE_CHECK);
     return true;
   }
-  if ((hdr.opext == NAP_OPEXT_MAPPED) != conv.mapped()) {
-    put_result(hdr, AP_PARAMETER_CHECK, AP_BAD_FIELD);
-    return true;
-  }
+  // The conversation's own type decides how a verb is carried out; opext is
+  // not checked, since the library sends the DEALLOCATE that follows an
+  // abending SEND_DATA as basic whatever the conversation's type.
   switch (hdr.opcode) {
     case NAP_SEND_DATA:
       return conv.send_data(*static_cast<NAP_SEND_DATA_VCB *>(vcb), token);
@@ -231,17 +221,20 @@ void Engine::cancel(NAP_HDR &hdr) {
     accepts_.erase(it);
     hooks_.complete(token);
   } else if (tp != 0) {
-    // An allocation of this TP still waiting for a session.
-    for (auto it = allocates_.begin(); it != allocates_.end();) {
-      if (it->request.tp != tp) {
-        ++it;
-        continue;
-      }
-      put_result(it->vcb->hdr, AP_CANCELLED);
-      void *token = it->token;
-      it = allocates_.erase(it);
-      hooks_.complete(token);
+    cancel_allocates(tp);  // an allocation of this TP still waiting for a session
+  }
+}
+
+void Engine::cancel_allocates(TpId tp) {
+  for (auto it = allocates_.begin(); it != allocates_.end();) {
+    if (it->request.tp != tp) {
+      ++it;
+      continue;
     }
+    put_result(it->vcb->hdr, AP_CANCELLED);
+    void *token = it->token;
+    it = allocates_.erase(it);
+    hooks_.complete(token);
   }
 }
 

@@ -128,6 +128,8 @@ class Engine : private ConversationHost {
   // Conversation verbs and cancel.
   bool conversation_verb(void *vcb, void *token);
   void cancel(NAP_HDR &hdr);
+  // Allocations of `tp` still waiting for a session end with 0x2100.
+  void cancel_allocates(TpId tp);
   // Drops conversations that have ended and frees their sessions.
   void reap();
   uint32_t next_conv_id();

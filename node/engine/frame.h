@@ -27,6 +27,11 @@ enum class FrameType : uint8_t {
   kAttachFailed = 8,  // code: the allocation error's secondary return code
 };
 
+// DATA flag: a control frame (turn, confirm, error, deallocation) follows at
+// once.  The receiver holds its waiting verb until that frame is in, so data
+// and the status sent with it are received together.
+inline constexpr uint8_t kDataMoreFollows = 1;
+
 enum class ConfirmKind : uint8_t { kPlain = 0, kChangeDirection = 1, kDeallocate = 2 };
 enum class SendErrorKind : uint8_t { kNoTruncation = 0, kTruncation = 1, kPurging = 2 };
 enum class DeallocKind : uint8_t { kNormal = 0, kAbend = 1 };

@@ -1,6 +1,7 @@
 // The node's test interface (snanode_test.h), apart from the NOF scripting.
 #include <string>
 
+#include "config/nof_scripts.h"
 #include "core/dispatcher.h"
 #include "core/failure_injection.h"
 #include "core/log_store.h"
@@ -47,6 +48,7 @@ void snt_reset(void) {
   snanode::clear_injected_failures();
   snanode::clear_kept_records();
   snanode::load_trace_flags_from_environment();
+  snanode::config::reset_nof_scripts();
   snanode::testing::run_reset_hooks();
 }
 

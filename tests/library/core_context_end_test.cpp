@@ -12,16 +12,24 @@ using core_test::push_script;
 
 const unsigned char kTp[8] = {9, 8, 7, 6, 5, 4, 3, 2};
 
-TEST_F(CoreTest, WaitedEndReturnsTheNodesAnswer) {
-  push_script(NAP_TP_ENDED, 0x0100, 0xF1000000);
+struct Answer {
   uint16_t primary = 0;
   uint32_t secondary = 0;
-  {
-    Locked lock;
-    SCC_context_ended(kTp, 0, &primary, &secondary);
-  }
-  EXPECT_EQ(primary, 0x0100);
-  EXPECT_EQ(secondary, 0xF1000000u);
+};
+
+// Ends kTp and waits for the node's answer, under the lock as callers do.
+Answer end_and_wait(uint8_t end_type) {
+  Answer answer;
+  Locked lock;
+  SCC_context_ended(kTp, end_type, &answer.primary, &answer.secondary);
+  return answer;
+}
+
+TEST_F(CoreTest, WaitedEndReturnsTheNodesAnswer) {
+  push_script(NAP_TP_ENDED, 0x0100, 0xF1000000);
+  const Answer answer = end_and_wait(0);
+  EXPECT_EQ(answer.primary, 0x0100);
+  EXPECT_EQ(answer.secondary, 0xF1000000u);
   ASSERT_EQ(snt_submitted_count(), 1u);
   EXPECT_EQ(snt_submitted_with_routine(0), 0);
   NAP_TP_ENDED_VCB vcb{};
@@ -56,14 +64,9 @@ TEST_F(CoreTest, ForgottenEndFreesItsBlockWhenTheNodeIsDone) {
 
 TEST_F(CoreTest, NoMemoryForTheEndIsReportedThroughTheAnswer) {
   snt_fail_allocations(1);
-  uint16_t primary = 0;
-  uint32_t secondary = 0;
-  {
-    Locked lock;
-    SCC_context_ended(kTp, 1, &primary, &secondary);
-  }
-  EXPECT_EQ(primary, 0x11F0);
-  EXPECT_EQ(secondary, 12u);
+  const Answer answer = end_and_wait(1);
+  EXPECT_EQ(answer.primary, 0x11F0);
+  EXPECT_EQ(answer.secondary, 12u);
   EXPECT_EQ(snt_submitted_count(), 0u);
   ASSERT_EQ(snt_problem_count(), 1u);
   EXPECT_EQ(problem(0).code, 0x2003000Bu);

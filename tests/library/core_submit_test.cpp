@@ -33,6 +33,10 @@ class SubmitTest : public CoreTest {
     CoreTest::SetUp();
     start();
   }
+  static void expect_gcb_counters(uint32_t outstanding, uint32_t waiting) {
+    EXPECT_EQ(pGCB->NumVerbsOutstanding, outstanding);
+    EXPECT_EQ(pGCB->NumVerbsWaiting, waiting);
+  }
   static Conversation non_blocking() {
     Conversation c = make_conversation();
     c.cccb->usProcessingMode = CM_NON_BLOCKING;
@@ -50,8 +54,7 @@ TEST_F(SubmitTest, BlockingVerbCompletesInsideTheCallAndMovesNoCounter) {
   EXPECT_EQ(submit(c, NAP_FLUSH), CM_PROGRAM_ERROR_NO_TRUNC);
   EXPECT_EQ(g_routine_calls, 1);
   EXPECT_EQ(g_last_correlator, 0u);
-  EXPECT_EQ(pGCB->NumVerbsOutstanding, 0u);
-  EXPECT_EQ(pGCB->NumVerbsWaiting, 0u);
+  expect_gcb_counters(0u, 0u);
   EXPECT_EQ(c.cccb->usVerbsOutstanding, 0);
   EXPECT_EQ(c.cccb->fCompletionWaiting, 0);
 
@@ -69,8 +72,7 @@ TEST_F(SubmitTest, BlockingVerbCompletesInsideTheCallAndMovesNoCounter) {
   push_script(NAP_FLUSH, 0x0900);
   EXPECT_EQ(submit(c, NAP_FLUSH), CM_DEALLOCATED_NORMAL);
   EXPECT_FALSE(known(c.id));
-  EXPECT_EQ(pGCB->NumVerbsOutstanding, 0u);
-  EXPECT_EQ(pGCB->NumVerbsWaiting, 0u);
+  expect_gcb_counters(0u, 0u);
 }
 
 TEST_F(SubmitTest, NonBlockingVerbIsCollectedOnceByCmwait) {
@@ -85,8 +87,7 @@ TEST_F(SubmitTest, NonBlockingVerbIsCollectedOnceByCmwait) {
   ASSERT_EQ(snt_complete_pending(0), 1);
   EXPECT_EQ(g_routine_calls, 1);
   EXPECT_EQ(g_last_correlator, 1u);
-  EXPECT_EQ(pGCB->NumVerbsOutstanding, 0u);
-  EXPECT_EQ(pGCB->NumVerbsWaiting, 1u);
+  expect_gcb_counters(0u, 1u);
   EXPECT_EQ(c.cccb->fCompletionWaiting, 1);
   EXPECT_EQ(c.cccb->usVerbsOutstanding, 0);
 

@@ -22,6 +22,15 @@ std::pair<uint16_t, uint32_t> error_on_flush(EngineHarness &h, const Conv &a) {
   return {flush.hdr.primary_rc, flush.hdr.secondary_rc};
 }
 
+// A fresh TP allocates with `o` while an accept for the same name waits.
+Conv allocate_to_waiting_accept(EngineHarness &h, EngineHarness::Accept &accept,
+                                const AllocateOptions &o) {
+  auto tp = h.start_tp();
+  EngineHarness::prepare_accept(accept, {o.tp_name});
+  EXPECT_FALSE(h.submit(&accept.vcb));
+  return h.allocate(tp, o);
+}
+
 TEST(EngineAttach, AcceptReceivesTheAllocationsCharacteristics) {
   EngineHarness h;
   auto tp = h.start_tp();
@@ -54,23 +63,25 @@ TEST(EngineAttach, PartnerByQualifiedNameAndUnknownPartnerOrMode) {
   ASSERT_TRUE(h.submit(&vcb));
   EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
 
-  AllocateOptions unknown_partner;
+  AllocateOptions unknown_partner, unknown_mode;
   unknown_partner.partner = "NOWHERE";
-  vcb = h.allocate_vcb(tp, unknown_partner);
-  ASSERT_TRUE(h.submit(&vcb));
-  EXPECT_EQ(vcb.hdr.primary_rc, AP_PARAMETER_CHECK);
-  EXPECT_EQ(vcb.hdr.secondary_rc, AP_UNKNOWN_PARTNER_LU);
-
-  AllocateOptions unknown_mode;
   unknown_mode.mode = "NOMODE";
-  vcb = h.allocate_vcb(tp, unknown_mode);
-  ASSERT_TRUE(h.submit(&vcb));
-  EXPECT_EQ(vcb.hdr.secondary_rc, AP_BAD_MODE_NAME);
-
-  std::array<uint8_t, 8> no_tp{};
-  vcb = h.allocate_vcb(no_tp, AllocateOptions{});
-  ASSERT_TRUE(h.submit(&vcb));
-  EXPECT_EQ(vcb.hdr.secondary_rc, AP_BAD_TP_ID);
+  const std::array<uint8_t, 8> no_tp{};
+  struct Case {
+    const char *label;
+    std::array<uint8_t, 8> tp;
+    AllocateOptions options;
+    uint32_t secondary;
+  };
+  for (const Case &c : {Case{"partner", tp, unknown_partner, AP_UNKNOWN_PARTNER_LU},
+                        Case{"mode", tp, unknown_mode, AP_BAD_MODE_NAME},
+                        Case{"tp", no_tp, AllocateOptions{}, AP_BAD_TP_ID}}) {
+    SCOPED_TRACE(c.label);
+    vcb = h.allocate_vcb(c.tp, c.options);
+    ASSERT_TRUE(h.submit(&vcb));
+    EXPECT_EQ(vcb.hdr.primary_rc, AP_PARAMETER_CHECK);
+    EXPECT_EQ(vcb.hdr.secondary_rc, c.secondary);
+  }
 }
 
 TEST(EngineAttach, TpNameNobodyServesFailsOnTheNextVerbThatSends) {
@@ -140,15 +151,12 @@ TEST(EngineAttach, ConversationTypeAndSyncLevelMustSuitTheTp) {
   for (const Case &c : cases) {
     SCOPED_TRACE(c.tp_name + " sync " + std::to_string(c.sync));
     EngineHarness h(cfg);
-    auto tp = h.start_tp();
-    EngineHarness::Accept accept;
-    EngineHarness::prepare_accept(accept, {c.tp_name});
-    h.submit(&accept.vcb);
     AllocateOptions o;
     o.tp_name = c.tp_name;
     o.mapped = c.mapped;
     o.sync_level = c.sync;
-    Conv a = h.allocate(tp, o);
+    EngineHarness::Accept accept;
+    Conv a = allocate_to_waiting_accept(h, accept, o);
     EXPECT_EQ(h.completed(&accept.vcb), c.refusal == 0);
     auto [primary, secondary] = error_on_flush(h, a);
     EXPECT_EQ(primary, c.refusal == 0 ? AP_OK : AP_ALLOCATION_ERROR);
@@ -184,16 +192,13 @@ TEST(EngineAttach, ConversationSecurity) {
   for (const Case &c : cases) {
     SCOPED_TRACE(c.label);
     EngineHarness h(cfg);
-    auto tp = h.start_tp();
-    EngineHarness::Accept accept;
-    EngineHarness::prepare_accept(accept, {c.tp_name});
-    h.submit(&accept.vcb);
     AllocateOptions o;
     o.tp_name = c.tp_name;
     o.security = c.security;
     o.user = c.user;
     o.password = c.password;
-    Conv a = h.allocate(tp, o);
+    EngineHarness::Accept accept;
+    Conv a = allocate_to_waiting_accept(h, accept, o);
     ASSERT_EQ(h.completed(&accept.vcb), c.valid);
     if (c.valid) {
       EXPECT_EQ(ebcdic_name(accept.vcb.rcv_user_id, 10), c.user_seen);

@@ -147,6 +147,19 @@ TEST(EngineConversation, ReturnStatusBringsTheStatusWithTheLastData) {
   }
 }
 
+TEST(EngineConversation, AWaitingReceiveGetsDataAndStatusSentTogether) {
+  EngineHarness h;
+  auto [a, b] = h.connect(mapped());
+  std::vector<uint8_t> buffer(100);
+  auto wait = EngineHarness::receive_vcb(b, buffer, true, 1, 1);
+  ASSERT_FALSE(h.submit(&wait));
+  ASSERT_EQ(h.send(a, "turn", AP_SEND_PTR_FLUSH), AP_OK);
+  ASSERT_TRUE(h.completed(&wait));
+  EXPECT_EQ(wait.what_received, AP_WR_DATA_COMPLETE | AP_WR_SEND);
+  EXPECT_EQ(EngineHarness::result_of(wait, buffer).data, "turn");
+  EXPECT_EQ(h.state(b), AP_STATE_SEND_PENDING);
+}
+
 TEST(EngineConversation, SendPendingAllowsSendingAndSendErrorByDirection) {
   for (uint8_t direction : {0, 1}) {
     EngineHarness h;
@@ -475,7 +488,7 @@ TEST(EngineConversation, ConfirmNeedsSyncLevelConfirm) {
   EXPECT_EQ(h.receive(b, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);  // nothing went out
 }
 
-TEST(EngineConversation, UnknownConversationOrTpAndWrongConversationType) {
+TEST(EngineConversation, UnknownConversationOrTpAndTheConversationsOwnType) {
   EngineHarness h;
   auto [a, b] = h.connect(mapped());
   Conv unknown = a;
@@ -486,9 +499,74 @@ TEST(EngineConversation, UnknownConversationOrTpAndWrongConversationType) {
   auto flush = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_FLUSH, wrong_tp);
   h.submit(&flush);
   EXPECT_EQ(flush.hdr.secondary_rc, AP_BAD_TP_ID);
+  // A DEALLOCATE marked basic on a mapped conversation still ends it as mapped
+  // (no log data goes with it).
   Conv as_basic = a;
   as_basic.mapped = false;
-  EXPECT_EQ(h.simple(NAP_FLUSH, as_basic), AP_PARAMETER_CHECK);
+  EXPECT_EQ(h.deallocate(as_basic, AP_DEALLOC_ABEND_LOG, "dropped"), AP_OK);
+  EXPECT_EQ(h.receive(b).rc, AP_DEALLOC_ABEND_PROG);
+  EXPECT_TRUE(h.logged.empty());
+}
+
+}  // namespace
+}  // namespace engine_test
+
+namespace engine_test {
+namespace {
+
+using snanode::engine::Conversation;
+using snanode::engine::ConversationSetup;
+
+struct CountingHost : snanode::engine::ConversationHost {
+  int completed = 0;
+  void verb_completed(void *, void *) override { ++completed; }
+  void partner_log_data(uint32_t, const std::vector<uint8_t> &) override {}
+};
+
+TEST(EngineConversation, APartnerThatVanishesFailsTheWaitingVerbAndTheNextOne) {
+  CountingHost host;
+  auto link = snanode::engine::make_in_memory_link();
+  ConversationSetup setup;
+  setup.id = 1;
+  Conversation a(setup, std::move(link.first), host);
+  setup.starts_in_send = false;
+  auto b = std::make_unique<Conversation>(setup, std::move(link.second), host);
+
+  std::vector<uint8_t> buffer(10);
+  Conv side{{}, 1, true};
+  auto wait = EngineHarness::receive_vcb(side, buffer, true);
+  ASSERT_FALSE(a.receive(wait, true, &wait));  // turns to b, then waits
+  b.reset();                                   // b's process is gone
+  EXPECT_EQ(host.completed, 1);
+  EXPECT_EQ(wait.hdr.primary_rc, AP_CONV_FAILURE_NO_RETRY);
+  EXPECT_EQ(a.state(), snanode::engine::ConvState::kReset);
+}
+
+TEST(EngineConversation, TruncationDropsTheRestOfAPartlyReceivedRecord) {
+  EngineHarness h;
+  auto [a, b] = h.connect(basic());
+  const std::string head = std::string("\x00\x14", 2) + "12345678";  // 20-byte record, 10 sent
+  ASSERT_EQ(h.send(a, head, AP_SEND_FLUSH), AP_OK);
+  Received got = h.receive(b, 4);
+  EXPECT_EQ(got.what, AP_WR_DATA_INCOMPLETE);
+  EXPECT_EQ(h.send_error(a), AP_OK);
+  EXPECT_EQ(h.receive(b, 100).rc, AP_PROG_ERROR_TRUNC);
+  // The next record is read from its own LL, not from the dropped one's.
+  ASSERT_EQ(h.send(a, record("fresh"), AP_SEND_FLUSH), AP_OK);
+  got = h.receive(b, 100);
+  EXPECT_EQ(got.data, record("fresh"));
+  EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+}
+
+TEST(EngineConversation, SendErrorAfterThePartnerHasGoneReportsItsEnding) {
+  for (bool abend : {false, true}) {
+    EngineHarness h;
+    auto [a, b] = h.connect(mapped());
+    ASSERT_EQ(h.send(a, "unread"), AP_OK);
+    ASSERT_EQ(h.deallocate(a, abend ? AP_DEALLOC_ABEND_MAPPED : AP_DEALLOC_FLUSH), AP_OK);
+    EXPECT_EQ(h.send_error(b), abend ? AP_DEALLOC_ABEND_PROG : AP_DEALLOC_NORMAL);
+    EXPECT_EQ(h.simple(NAP_FLUSH, b), AP_PARAMETER_CHECK);  // over
+  }
 }
 
 }  // namespace

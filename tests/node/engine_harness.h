@@ -117,7 +117,7 @@ class EngineHarness {
   }
 
   // ---- allocation ----
-  NAP_ALLOCATE allocate_vcb(const std::array<uint8_t, 8> &tp, const AllocateOptions &o) {
+  static NAP_ALLOCATE allocate_vcb(const std::array<uint8_t, 8> &tp, const AllocateOptions &o) {
     NAP_ALLOCATE vcb{};
     vcb.hdr.opcode = NAP_B_ALLOCATE;
     vcb.hdr.opext = o.mapped ? NAP_OPEXT_MAPPED : NAP_OPEXT_BASIC;
@@ -237,7 +237,7 @@ class EngineHarness {
     EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
     return vcb.conv_state;
   }
-  static NAP_DEALLOCATE_VCB deallocate_vcb(const Conv &c, uint8_t type, const std::string &log) {
+  static NAP_DEALLOCATE_VCB deallocate_vcb(const Conv &c, uint8_t type, std::string_view log) {
     auto vcb = verb<NAP_DEALLOCATE_VCB>(NAP_DEALLOCATE, c);
     vcb.dealloc_type = type;
     vcb.log_data_length = static_cast<uint16_t>(log.size());

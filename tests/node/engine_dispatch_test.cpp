@@ -1,0 +1,182 @@
+// The engine behind the node's APPC entry points: blocking callers on
+// threads of their own, completion routines, the problem log and the end of
+// the path.
+#include <atomic>
+#include <thread>
+
+#include "node/engine_harness.h"
+#include "snanode/snanode.h"
+#include "snanode/snanode_test.h"
+
+namespace engine_test {
+namespace {
+
+std::array<uint8_t, 8> start_tp() {
+  NAP_START_TP_VCB vcb{};
+  vcb.opcode = NAP_START_TP;
+  appc_c_version(APPC_INTERFACE_VERSION, &vcb);
+  EXPECT_EQ(vcb.primary_rc, AP_OK);
+  std::array<uint8_t, 8> tp;
+  std::memcpy(tp.data(), vcb.tp_id, 8);
+  return tp;
+}
+
+// Makes `name` a local TP name of this process, so that allocations for it
+// wait for an accept instead of being refused.
+void serve(const std::string &name) {
+  NAP_LOCAL_TP_VCB vcb{};
+  vcb.opcode = NAP_DEFINE_LOCAL_TP;
+  snanode::engine::put_ebcdic_name(name, vcb.tp_name, sizeof vcb.tp_name);
+  appc_c_version(APPC_INTERFACE_VERSION, &vcb);
+  ASSERT_EQ(vcb.primary_rc, AP_OK);
+}
+
+// Accepts one conversation for `name`, waiting for it.
+Conv accept(const std::string &name) {
+  EngineHarness::Accept accept;
+  EngineHarness::prepare_accept(accept, {name});
+  appc_c_version(APPC_INTERFACE_VERSION, &accept.vcb);
+  EXPECT_EQ(accept.vcb.primary_rc, AP_OK);
+  return EngineHarness::accepted(accept);
+}
+
+Conv allocate(const std::string &name, bool mapped = true) {
+  AllocateOptions o;
+  o.tp_name = name;
+  o.mapped = mapped;
+  const auto tp = start_tp();
+  NAP_ALLOCATE vcb = EngineHarness::allocate_vcb(tp, o);
+  appc_c_version(APPC_INTERFACE_VERSION, &vcb);
+  EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
+  return Conv{tp, vcb.hdr.conv_id, mapped};
+}
+
+TEST(EngineDispatch, BlockingPingPongBetweenThreads) {
+  const std::string name = "ECHO";
+  serve(name);
+  Conv server;
+  std::thread echo([&] {
+    server = accept(name);
+    std::vector<uint8_t> buffer(256);
+    for (;;) {
+      auto rcv = EngineHarness::receive_vcb(server, buffer, true, 1, 1);
+      appc_c_version(APPC_INTERFACE_VERSION, &rcv);
+      if (rcv.hdr.primary_rc != AP_OK) {
+        EXPECT_EQ(rcv.hdr.primary_rc, AP_DEALLOC_NORMAL);
+        return;
+      }
+      EXPECT_EQ(rcv.what_received, AP_WR_DATA_COMPLETE | AP_WR_SEND);
+      const std::string reply(buffer.begin(), buffer.begin() + rcv.data_length);
+      auto send = EngineHarness::send_vcb(server, reply, AP_SEND_PTR_FLUSH);
+      appc_c_version(APPC_INTERFACE_VERSION, &send);
+      EXPECT_EQ(send.hdr.primary_rc, AP_OK);
+    }
+  });
+  Conv client = allocate(name);
+  std::vector<uint8_t> buffer(256);
+  for (int i = 0; i < 50; ++i) {
+    const std::string ping = "ping " + std::to_string(i);
+    auto send = EngineHarness::send_vcb(client, ping, AP_SEND_BUFFER);
+    appc_c_version(APPC_INTERFACE_VERSION, &send);
+    ASSERT_EQ(send.hdr.primary_rc, AP_OK);
+    auto rcv = EngineHarness::receive_vcb(client, buffer, true, 1, 1);
+    appc_c_version(APPC_INTERFACE_VERSION, &rcv);  // turns the conversation, then waits
+    ASSERT_EQ(rcv.hdr.primary_rc, AP_OK);
+    EXPECT_EQ(rcv.what_received, AP_WR_DATA_COMPLETE | AP_WR_SEND);
+    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + rcv.data_length), ping);
+  }
+  auto dealloc = EngineHarness::deallocate_vcb(client, AP_DEALLOC_FLUSH, "");
+  appc_c_version(APPC_INTERFACE_VERSION, &dealloc);
+  EXPECT_EQ(dealloc.hdr.primary_rc, AP_OK);
+  echo.join();
+}
+
+struct Completion {
+  std::mutex mutex;
+  std::condition_variable cv;
+  void *vcb = nullptr;
+  uintptr_t correlator = 0;
+  int runs = 0;
+};
+Completion g_completion;
+
+void record_completion(void *vcb, uint32_t, uint32_t, uintptr_t correlator) {
+  std::lock_guard<std::mutex> lock(g_completion.mutex);
+  g_completion.vcb = vcb;
+  g_completion.correlator = correlator;
+  ++g_completion.runs;
+  g_completion.cv.notify_all();
+}
+
+TEST(EngineDispatch, WaitingVerbCompletesThroughItsRoutineAndImmediateOnesAtOnce) {
+  serve("ASYNC");
+  Conv server;
+  std::thread acceptor([&] { server = accept("ASYNC"); });
+  Conv client = allocate("ASYNC");
+  acceptor.join();
+
+  std::vector<uint8_t> buffer(64);
+  auto immediate = EngineHarness::receive_vcb(server, buffer, false);
+  EXPECT_EQ(appc_c_async_version(APPC_INTERFACE_VERSION, &immediate, record_completion, 5),
+            AP_ASYNC_COMPLETED);
+  EXPECT_EQ(immediate.hdr.primary_rc, AP_UNSUCCESSFUL);
+
+  auto wait = EngineHarness::receive_vcb(server, buffer, true);
+  ASSERT_EQ(appc_c_async_version(APPC_INTERFACE_VERSION, &wait, record_completion, 7),
+            AP_ASYNC_IN_PROGRESS);
+  auto send = EngineHarness::send_vcb(client, "later", AP_SEND_FLUSH);
+  appc_c_version(APPC_INTERFACE_VERSION, &send);
+  std::unique_lock<std::mutex> lock(g_completion.mutex);
+  ASSERT_TRUE(g_completion.cv.wait_for(lock, std::chrono::seconds(10),
+                                       [] { return g_completion.runs > 0; }));
+  EXPECT_EQ(g_completion.runs, 1);
+  EXPECT_EQ(g_completion.vcb, &wait);
+  EXPECT_EQ(g_completion.correlator, 7u);
+  EXPECT_EQ(wait.hdr.primary_rc, AP_OK);
+  EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + wait.data_length), "later");
+}
+
+TEST(EngineDispatch, BasicLogDataReachesTheProblemLogAndNoPassword) {
+  snt_reset();
+  serve("LOGGER");
+  Conv server;
+  std::thread acceptor([&] { server = accept("LOGGER"); });
+  Conv client = allocate("LOGGER", false);
+  acceptor.join();
+  const uint32_t before = snt_problem_count();
+  auto abend = EngineHarness::deallocate_vcb(client, AP_DEALLOC_ABEND_LOG, "disk full");
+  appc_c_version(APPC_INTERFACE_VERSION, &abend);
+  ASSERT_EQ(abend.hdr.primary_rc, AP_OK);
+  ASSERT_EQ(snt_problem_count(), before + 1);
+  SNT_RECORD record;
+  ASSERT_TRUE(snt_problem(before, &record));
+  EXPECT_EQ(record.code, snanode::engine::kPartnerLogDataProblem);
+  EXPECT_EQ(record.args[0], 9u);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(record.bytes[0]), 9), "disk full");
+}
+
+TEST(EngineDispatch, EndOfPathReleasesAThreadWaitingOnItsPartner) {
+  serve("STUCK");
+  Conv server;
+  std::thread acceptor([&] { server = accept("STUCK"); });
+  Conv client = allocate("STUCK");
+  acceptor.join();
+  std::atomic<uint16_t> rc{0xFFFF};
+  std::thread waiter([&] {
+    std::vector<uint8_t> buffer(16);
+    auto wait = EngineHarness::receive_vcb(server, buffer, true);
+    appc_c_version(APPC_INTERFACE_VERSION, &wait);
+    rc = wait.hdr.primary_rc;
+  });
+  // Let the waiter get into its wait; the end of the path must free it
+  // whether it is already waiting or not.
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  snt_end_path();
+  waiter.join();
+  EXPECT_NE(rc.load(), AP_OK);
+  EXPECT_NE(rc.load(), 0xFFFF);
+  (void)client;
+}
+
+}  // namespace
+}  // namespace engine_test
