@@ -25,7 +25,10 @@ bool is_program_security(uint8_t type) {
 }  // namespace
 
 Broker::Broker(const config::NodeConfig &config, BrokerOutput &output, PasswordCheck system_check)
-    : config_(config), output_(output), system_check_(std::move(system_check)) {}
+    : config_(config),
+      directory_(config_),
+      output_(output),
+      system_check_(std::move(system_check)) {}
 
 void Broker::connected(ClientId client, const PeerCredentials &peer) {
   clients_[client].peer = peer;
@@ -152,9 +155,13 @@ void Broker::allocate(ClientId client, Client &state, const client::AllocateRequ
   attach.info.user = user;
   attach.info.mode = request.mode;
   attach.info.partner_lu_name = request.allocator_lu;
-  attach.info.local_lu_alias = check.invokable != nullptr && request.local_lu_alias.empty()
-                                   ? check.invokable->local_lu_alias
-                                   : request.local_lu_alias;
+  attach.info.local_lu_alias = request.local_lu_alias;
+  if (attach.info.local_lu_alias.empty() && check.invokable != nullptr) {
+    attach.info.local_lu_alias = check.invokable->local_lu_alias;
+  }
+  if (attach.info.local_lu_alias.empty()) {
+    attach.info.local_lu_alias = directory_.default_local_lu().alias;
+  }
   const uint32_t timeout_ms =
       check.invokable != nullptr ? check.invokable->queue_timeout_ms : config_.attach_timeout_ms;
   attach.deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);

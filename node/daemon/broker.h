@@ -24,6 +24,7 @@
 #include "client/daemon_protocol.h"
 #include "client/message_channel.h"
 #include "config/node_config.h"
+#include "engine/directory.h"
 
 namespace snanode::daemon {
 
@@ -108,6 +109,7 @@ class Broker {
                    const std::string &outcome);
 
   config::NodeConfig config_;
+  engine::Directory directory_;  // the default local LU for attaches that name none
   BrokerOutput &output_;
   PasswordCheck system_check_;
   std::map<ClientId, Client> clients_;

@@ -288,4 +288,46 @@ TEST_F(DaemonProcessTest, PartnerKilledMidReceiveFailsTheConversationAndDropsIts
             AP_TP_NAME_NOT_RECOGNIZED);
 }
 
+// The daemon starts an invokable TP with its name, LU and the daemon's socket
+// in the environment; when it never accepts, the attach times out and the
+// allocating side reads the refusal from its end.
+class InvokableTpTest : public DaemonFixture {
+ protected:
+  std::string more_config() const override {
+    return "[[tp]]\ntp_name = \"STARTME\"\nprogram = \"/bin/sh\"\narguments = [\"-c\", "
+           "\"echo $APPCTPN $APPCLLU $SNANODE_SOCKET > " +
+           (dir_.path / "started").string() + "\"]\nqueue_timeout_ms = 300\n";
+  }
+};
+
+TEST_F(InvokableTpTest, StartedWithItsEnvironmentAndTimedOutWhenItNeverAccepts) {
+  auto channel = greet(socket_);
+  ASSERT_TRUE(channel);
+  ASSERT_TRUE(channel->send(request_for("STARTME")));
+  auto result = channel->receive();
+  ASSERT_TRUE(result);
+  ASSERT_EQ(std::get<client::AllocateResult>(result->message).primary, AP_OK);
+
+  // The attach-failed frame arrives once the queue time-out has passed.
+  auto link = engine::make_socket_link(result->descriptor.release());
+  FrameQueue frames;
+  {
+    ProcessLockGuard lock;
+    link->attach(&frames);
+  }
+  auto refusal = frames.take();
+  ASSERT_TRUE(refusal);
+  EXPECT_EQ(refusal->type, engine::FrameType::kAttachFailed);
+  EXPECT_EQ(refusal->code, AP_TP_NOT_AVAILABLE_RETRY);
+
+  std::string line;
+  for (int tries = 0; tries < 300 && line.empty(); ++tries) {
+    std::getline(std::ifstream(dir_.path / "started"), line);
+    if (line.empty()) std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(line, "STARTME LOCAL " + socket_);
+  ProcessLockGuard lock;
+  link->close(true);
+}
+
 }  // namespace

@@ -49,7 +49,7 @@ class DaemonFixture : public ::testing::Test {
   void SetUp() override {
     socket_ = (dir_.path / "node.sock").string();
     config_ = (dir_.path / "node.toml").string();
-    write_file(config_, "[node]\nname = \"TESTNODE\"\nattach_timeout_ms = 5000\n");
+    write_file(config_, "[node]\nname = \"TESTNODE\"\nattach_timeout_ms = 5000\n" + more_config());
     daemon_ = ::fork();
     ASSERT_GE(daemon_, 0);
     if (daemon_ == 0) {
@@ -64,6 +64,9 @@ class DaemonFixture : public ::testing::Test {
     }
     FAIL() << "the daemon did not come up";
   }
+  // Configuration a test adds after the [node] table.
+  virtual std::string more_config() const { return ""; }
+
   void TearDown() override {
     if (daemon_ <= 0) return;
     ::kill(daemon_, SIGTERM);
