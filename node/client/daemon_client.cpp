@@ -1,6 +1,7 @@
 #include "client/daemon_client.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <thread>
@@ -20,6 +21,8 @@ struct DaemonClient::Shared {
 };
 
 namespace {
+
+constexpr timeval kWelcomeTimeout = {5, 0};
 
 // Hands one daemon message to the engine; false for one a client never gets.
 bool dispatch(DaemonClient::Shared &shared, ReceivedMessage &received) {
@@ -65,6 +68,10 @@ std::unique_ptr<DaemonClient> DaemonClient::connect(const std::string &path, Dae
   const Hello hello{kProtocolVersion, static_cast<uint32_t>(::getpid()),
                     static_cast<uint32_t>(::getuid())};
   if (!shared->channel.send(hello)) return nullptr;
+  // The caller holds the process lock: a daemon that does not answer must not
+  // hold the process up for long.
+  const timeval limit = kWelcomeTimeout;
+  ::setsockopt(shared->channel.fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   std::optional<ReceivedMessage> welcome;
   try {
     welcome = shared->channel.receive();
@@ -73,6 +80,8 @@ std::unique_ptr<DaemonClient> DaemonClient::connect(const std::string &path, Dae
   }
   const auto *greeting = welcome ? std::get_if<Welcome>(&welcome->message) : nullptr;
   if (greeting == nullptr || greeting->version != kProtocolVersion) return nullptr;
+  const timeval no_limit = {0, 0};
+  ::setsockopt(shared->channel.fd(), SOL_SOCKET, SO_RCVTIMEO, &no_limit, sizeof no_limit);
   std::thread([shared] { run_reader(shared); }).detach();
   return std::unique_ptr<DaemonClient>(new DaemonClient(shared, greeting->node_name));
 }

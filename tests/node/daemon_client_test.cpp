@@ -3,7 +3,11 @@
 // daemon dies.
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <mutex>
 
@@ -113,6 +117,21 @@ TEST(DaemonClientAbsent, NoDaemonMeansNoClient) {
   RecordingEvents events;
   EXPECT_EQ(client::DaemonClient::connect((dir.path / "none.sock").string(), events, nullptr),
             nullptr);
+}
+
+// Something listens but never answers the hello: the client gives up rather
+// than hold the process (and its lock) forever.
+TEST(DaemonClientAbsent, SilentListenerIsGivenUp) {
+  TempDir dir;
+  const std::string path = (dir.path / "silent.sock").string();
+  client::UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener.get(), 4), 0);
+  RecordingEvents events;
+  EXPECT_EQ(client::DaemonClient::connect(path, events, nullptr), nullptr);
 }
 
 std::mutex g_path_mutex;
