@@ -1,0 +1,68 @@
+// A process's connection to the node daemon, as the node library uses it.
+//
+// The engine tells the daemon which local TP names the process accepts, which
+// receive-allocates wait, and which allocations it cannot serve in the
+// process; the daemon's answers (allocation results, attaches, each with its
+// end of the conversation's socketpair) come back through DaemonEvents on the
+// client's reader thread, with the process lock held.  When the daemon goes
+// away, `on_lost` runs (without the lock): the node library ends the path
+// there, so every outstanding verb completes with an error and the path
+// routines hear that the node is gone.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/daemon_protocol.h"
+#include "client/unique_fd.h"
+
+namespace snanode::client {
+
+class DaemonEvents {
+ public:
+  virtual ~DaemonEvents() = default;
+  // The daemon answered allocation `request_id`: primary 0 with the
+  // allocating side's end, or the allocation error.
+  virtual void allocated(uint32_t request_id, uint16_t primary, uint32_t secondary,
+                         UniqueFd end) = 0;
+  // An attach for a receive-allocate that waits, with the attached side's end.
+  virtual void attached(AttachDelivery attach, UniqueFd end) = 0;
+};
+
+class DaemonClient {
+ public:
+  // Connects to the daemon at `path` and greets it; nullptr when no daemon
+  // answers there.
+  static std::unique_ptr<DaemonClient> connect(const std::string &path, DaemonEvents &events,
+                                               std::function<void()> on_lost);
+  // Leaves the daemon (which then forgets this process's names and accepts);
+  // `on_lost` does not run.  Call with the process lock held.
+  ~DaemonClient();
+  DaemonClient(const DaemonClient &) = delete;
+  DaemonClient &operator=(const DaemonClient &) = delete;
+
+  const std::string &node_name() const { return node_name_; }
+
+  // All of these return false once the daemon is gone.
+  bool register_tp(const std::string &tp_name);
+  bool withdraw_tp(const std::string &tp_name);
+  bool accept_wait(uint32_t accept_id, const std::vector<std::string> &tp_names);
+  bool accept_cancel(uint32_t accept_id);
+  // Sends the allocation under a fresh request id, which it returns (0: the
+  // daemon is gone).  The answer comes through DaemonEvents::allocated.
+  uint32_t allocate(AllocateRequest request);
+
+  struct Shared;  // what the reader thread shares with the client
+
+ private:
+  explicit DaemonClient(std::shared_ptr<Shared> shared, std::string node_name);
+  bool send(const Message &message);
+
+  std::shared_ptr<Shared> shared_;
+  std::string node_name_;
+  uint32_t next_request_ = 1;
+};
+
+}  // namespace snanode::client

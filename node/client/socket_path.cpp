@@ -1,0 +1,24 @@
+#include "client/socket_path.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace snanode::client {
+namespace {
+
+std::string environment(const char *name) {
+  const char *value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+}  // namespace
+
+std::string daemon_socket_path(const config::NodeConfig &config) {
+  if (!config.socket_path.empty()) return config.socket_path;
+  if (std::string path = environment("SNANODE_SOCKET"); !path.empty()) return path;
+  if (std::string dir = environment("XDG_RUNTIME_DIR"); !dir.empty()) return dir + "/snanode.sock";
+  return "/tmp/snanode-" + std::to_string(::getuid()) + ".sock";
+}
+
+}  // namespace snanode::client

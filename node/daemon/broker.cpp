@@ -1,0 +1,300 @@
+#include "daemon/broker.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "client/attach_policy.h"
+#include "engine/frame.h"
+#include "engine/security.h"
+#include "engine/socket_link.h"
+#include "snanode/verbs.h"
+
+namespace snanode::daemon {
+namespace {
+
+bool lists(const std::vector<std::string> &names, const std::string &name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+bool is_program_security(uint8_t type) {
+  return type == engine::kSecurityProgram || type == engine::kSecurityProgramStrong;
+}
+
+}  // namespace
+
+Broker::Broker(const config::NodeConfig &config, BrokerOutput &output, PasswordCheck system_check)
+    : config_(config),
+      directory_(config_),
+      output_(output),
+      system_check_(std::move(system_check)) {}
+
+void Broker::connected(ClientId client, const PeerCredentials &peer) {
+  clients_[client].peer = peer;
+}
+
+bool Broker::handle(ClientId client, client::ReceivedMessage &&received) {
+  auto found = clients_.find(client);
+  if (found == clients_.end()) return false;
+  Client &state = found->second;
+  client::Message &message = received.message;
+  if (!state.greeted) {
+    const auto *hello = std::get_if<client::Hello>(&message);
+    return hello != nullptr && greet(client, state, *hello);
+  }
+  if (const auto *m = std::get_if<client::RegisterTp>(&message)) {
+    state.tp_names.insert(m->tp_name);
+  } else if (const auto *m = std::get_if<client::WithdrawTp>(&message)) {
+    if (auto it = state.tp_names.find(m->tp_name); it != state.tp_names.end()) {
+      state.tp_names.erase(it);
+    }
+  } else if (auto *m = std::get_if<client::AcceptWait>(&message)) {
+    accept_wait(client, std::move(*m));
+  } else if (const auto *m = std::get_if<client::AcceptCancel>(&message)) {
+    accept_cancel(client, m->accept_id);
+  } else if (const auto *m = std::get_if<client::AllocateRequest>(&message)) {
+    allocate(client, state, *m);
+  } else {
+    output_.log("client " + std::to_string(client) + " sent an unexpected " +
+                client::message_name(message) + " message; dropped");
+    return false;
+  }
+  return true;
+}
+
+bool Broker::greet(ClientId client, Client &state, const client::Hello &hello) {
+  if (hello.version != client::kProtocolVersion ||
+      hello.pid != static_cast<uint32_t>(state.peer.pid) ||
+      hello.uid != static_cast<uint32_t>(state.peer.uid)) {
+    output_.log("client " + std::to_string(client) + " refused: hello (pid " +
+                std::to_string(hello.pid) + ", uid " + std::to_string(hello.uid) +
+                ") does not match the connection (pid " + std::to_string(state.peer.pid) +
+                ", uid " + std::to_string(state.peer.uid) + ")");
+    return false;
+  }
+  state.greeted = true;
+  return output_.send(client, client::Welcome{client::kProtocolVersion, config_.node_name}, -1);
+}
+
+void Broker::disconnected(ClientId client) {
+  clients_.erase(client);
+  accepts_.remove_if([&](const WaitingAccept &accept) { return accept.client == client; });
+}
+
+bool Broker::serves(const std::string &tp_name) const {
+  if (invokable(tp_name) != nullptr) return true;
+  for (const auto &[id, state] : clients_) {
+    if (state.tp_names.count(tp_name) != 0) return true;
+  }
+  return std::any_of(accepts_.begin(), accepts_.end(),
+                     [&](const WaitingAccept &accept) { return lists(accept.tp_names, tp_name); });
+}
+
+const config::InvokableTp *Broker::invokable(const std::string &tp_name) const {
+  for (const auto &tp : config_.tps) {
+    if (tp.tp_name == tp_name) return &tp;
+  }
+  return nullptr;
+}
+
+bool Broker::verify_security(const Client &state, const client::AllocateRequest &request,
+                             std::optional<std::string> &user) const {
+  engine::SecurityRequest security;
+  security.type = request.security_type;
+  security.user_id = request.user_id;
+  security.password = request.password;
+  // SAME passes on only a user this daemon verified for the allocating process.
+  if (request.allocator_user && state.verified_users.count(*request.allocator_user) != 0) {
+    security.allocator_user = request.allocator_user;
+  }
+  engine::SecurityOutcome outcome = engine::check_security(security, config_.users);
+  if (!outcome.valid && is_program_security(request.security_type) && config_.use_pam &&
+      system_check_ && !request.user_id.empty()) {
+    // Users configured without a password are the system's to verify.
+    const bool left_to_system = std::any_of(
+        config_.users.begin(), config_.users.end(),
+        [&](const config::User &u) { return u.user_id == request.user_id && u.password.empty(); });
+    if (left_to_system && system_check_(request.user_id, request.password)) {
+      outcome = {true, request.user_id};
+    }
+  }
+  user = outcome.user;
+  return outcome.valid;
+}
+
+void Broker::allocate(ClientId client, Client &state, const client::AllocateRequest &request) {
+  std::optional<std::string> user;
+  client::AttachCheck check;
+  check.served = serves(request.tp_name);
+  check.invokable = invokable(request.tp_name);
+  check.mapped = request.mapped;
+  check.sync_level = request.sync_level;
+  check.security_valid = verify_security(state, request, user);
+  check.has_user = user.has_value();
+  if (const uint32_t refusal = client::attach_refusal(check); refusal != 0) {
+    refuse(client, request, refusal);
+    return;
+  }
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+    log_request("allocation failed", client, request, "no socket pair");
+    output_.send(client,
+                 client::AllocateResult{request.request_id, AP_ALLOCATION_ERROR,
+                                        AP_ALLOCATION_FAILURE_RETRY},
+                 -1);
+    return;
+  }
+  client::UniqueFd allocator_end(ends[0]);
+  PendingAttach attach;
+  attach.end.reset(ends[1]);
+  attach.allocator = client;
+  attach.info.tp_name = request.tp_name;
+  attach.info.mapped = request.mapped;
+  attach.info.sync_level = request.sync_level;
+  attach.info.user = user;
+  attach.info.mode = request.mode;
+  attach.info.partner_lu_name = request.allocator_lu;
+  attach.info.local_lu_alias = request.local_lu_alias;
+  if (attach.info.local_lu_alias.empty() && check.invokable != nullptr) {
+    attach.info.local_lu_alias = check.invokable->local_lu_alias;
+  }
+  if (attach.info.local_lu_alias.empty()) {
+    attach.info.local_lu_alias = directory_.default_local_lu().alias;
+  }
+  const uint32_t timeout_ms =
+      check.invokable != nullptr ? check.invokable->queue_timeout_ms : config_.attach_timeout_ms;
+  attach.deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  if (!output_.send(client, client::AllocateResult{request.request_id, AP_OK, 0},
+                    allocator_end.get())) {
+    return;  // the allocating process is gone; so is the conversation
+  }
+  log_request("allocation", client, request, "accepted");
+  offer(std::move(attach));
+}
+
+void Broker::refuse(ClientId client, const client::AllocateRequest &request, uint32_t secondary) {
+  std::ostringstream code;
+  code << std::hex << std::uppercase << secondary;
+  log_request("allocation refused", client, request,
+              std::string(client::refusal_reason(secondary)) + " (0x" + code.str() + ")");
+  output_.send(client, client::AllocateResult{request.request_id, AP_ALLOCATION_ERROR, secondary},
+               -1);
+}
+
+void Broker::log_request(const char *what, ClientId client, const client::AllocateRequest &request,
+                         const std::string &outcome) {
+  // The password stays out of the log.
+  output_.log(std::string(what) + ": client " + std::to_string(client) + " TP " + request.tp_name +
+              " mode " + request.mode + " partner " + request.partner_lu +
+              (request.user_id.empty() ? "" : " user " + request.user_id) + ": " + outcome);
+}
+
+void Broker::offer(PendingAttach attach) {
+  for (auto it = accepts_.begin(); it != accepts_.end(); ++it) {
+    if (!lists(it->tp_names, attach.info.tp_name)) continue;
+    const WaitingAccept accept = *it;
+    accepts_.erase(it);
+    deliver(attach, accept);
+    return;
+  }
+  const std::string tp_name = attach.info.tp_name;
+  const std::string lu_alias = attach.info.local_lu_alias;
+  attaches_.push_back(std::move(attach));
+  start_instance_if_needed(tp_name, lu_alias);
+}
+
+void Broker::deliver(PendingAttach &attach, const WaitingAccept &accept) {
+  attach.info.accept_id = accept.accept_id;
+  auto client = clients_.find(accept.client);
+  if (client != clients_.end() && attach.info.user) {
+    client->second.verified_users.insert(*attach.info.user);
+  }
+  if (!output_.send(accept.client, attach.info, attach.end.get())) {
+    // The accepting process is gone: its end closes with the attach and the
+    // allocating side hears the conversation fail.
+    output_.log("attach of TP " + attach.info.tp_name + " lost: client " +
+                std::to_string(accept.client) + " unreachable");
+  }
+}
+
+void Broker::accept_wait(ClientId client, client::AcceptWait &&wait) {
+  for (const auto &name : wait.tp_names) {
+    if (auto it = instances_.find(name); it != instances_.end() && it->second.starting > 0) {
+      --it->second.starting;
+      break;
+    }
+  }
+  WaitingAccept accept{client, wait.accept_id, std::move(wait.tp_names)};
+  // The attach that has waited longest for any of the names goes first.
+  for (auto it = attaches_.begin(); it != attaches_.end(); ++it) {
+    if (!lists(accept.tp_names, it->info.tp_name)) continue;
+    PendingAttach attach = std::move(*it);
+    attaches_.erase(it);
+    deliver(attach, accept);
+    return;
+  }
+  accepts_.push_back(std::move(accept));
+}
+
+void Broker::accept_cancel(ClientId client, uint32_t accept_id) {
+  accepts_.remove_if([&](const WaitingAccept &accept) {
+    return accept.client == client && accept.accept_id == accept_id;
+  });
+}
+
+void Broker::start_instance_if_needed(const std::string &tp_name, const std::string &lu_alias) {
+  const config::InvokableTp *tp = invokable(tp_name);
+  if (tp == nullptr) return;
+  Instances &instances = instances_[tp_name];
+  const auto queued = static_cast<unsigned>(
+      std::count_if(attaches_.begin(), attaches_.end(),
+                    [&](const PendingAttach &attach) { return attach.info.tp_name == tp_name; }));
+  if (instances.starting >= queued) return;  // one is on its way for each
+  if (tp->max_instances != 0 && instances.running >= tp->max_instances) {
+    output_.log("TP " + tp_name + " not started: " + std::to_string(instances.running) +
+                " instances run, the limit");
+    return;
+  }
+  const std::string alias = lu_alias.empty() ? tp->local_lu_alias : lu_alias;
+  if (!output_.launch(*tp, alias)) {
+    output_.log("TP " + tp_name + " could not be started (" + tp->program + ")");
+    return;
+  }
+  output_.log("TP " + tp_name + " started (" + tp->program + ")");
+  ++instances.running;
+  ++instances.starting;
+}
+
+void Broker::instance_exited(const std::string &tp_name) {
+  Instances &instances = instances_[tp_name];
+  if (instances.running > 0) --instances.running;
+  instances.starting = std::min(instances.starting, instances.running);
+}
+
+void Broker::expire(Clock::time_point now) {
+  for (auto it = attaches_.begin(); it != attaches_.end();) {
+    if (it->deadline > now) {
+      ++it;
+      continue;
+    }
+    output_.log("attach of TP " + it->info.tp_name + " from client " +
+                std::to_string(it->allocator) +
+                " refused: " + client::refusal_reason(AP_TP_NOT_AVAILABLE_RETRY));
+    engine::Frame failed;
+    failed.type = engine::FrameType::kAttachFailed;
+    failed.code = AP_TP_NOT_AVAILABLE_RETRY;
+    engine::send_final_frame(it->end.get(), failed);
+    it = attaches_.erase(it);
+  }
+}
+
+std::optional<Clock::time_point> Broker::next_deadline() const {
+  std::optional<Clock::time_point> next;
+  for (const auto &attach : attaches_) {
+    if (!next || attach.deadline < *next) next = attach.deadline;
+  }
+  return next;
+}
+
+}  // namespace snanode::daemon

@@ -1,0 +1,121 @@
+// The daemon's bookkeeping: which connected processes accept which TP names,
+// which receive-allocates wait, which attaches wait for a TP, and how an
+// allocation is checked and handed over.
+//
+// The broker never touches a socket of a client itself: it answers through
+// BrokerOutput, so the server's poll loop and the tests drive it the same way.
+// Conversation data never passes through it: for each allocation it makes a
+// socketpair, gives one end to the allocating process at once and the other
+// to the accepting process when one takes the attach.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "client/daemon_protocol.h"
+#include "client/message_channel.h"
+#include "config/node_config.h"
+#include "engine/directory.h"
+
+namespace snanode::daemon {
+
+using ClientId = uint64_t;
+using Clock = std::chrono::steady_clock;
+
+class BrokerOutput {
+ public:
+  virtual ~BrokerOutput() = default;
+  // Sends a message to a client, passing `descriptor` when >= 0.  False when
+  // the client cannot be reached (the server then drops it).
+  virtual bool send(ClientId client, const client::Message &message, int descriptor) = 0;
+  // Starts an instance of an invokable TP; false when it could not be started.
+  virtual bool launch(const config::InvokableTp &tp, const std::string &lu_alias) = 0;
+  // One line of the daemon's log.
+  virtual void log(const std::string &line) = 0;
+};
+
+// Verifies a user's password with the system (PAM); unset: nobody is.
+using PasswordCheck = std::function<bool(const std::string &user, const std::string &password)>;
+
+struct PeerCredentials {
+  pid_t pid = 0;
+  uid_t uid = 0;
+};
+
+class Broker {
+ public:
+  Broker(const config::NodeConfig &config, BrokerOutput &output, PasswordCheck system_check);
+
+  void connected(ClientId client, const PeerCredentials &peer);
+  // False when the client broke the protocol and must be dropped.
+  bool handle(ClientId client, client::ReceivedMessage &&received);
+  // The client's connection is over: its names and waiting accepts go.
+  void disconnected(ClientId client);
+
+  // Refuses attaches whose queue time-out has passed.
+  void expire(Clock::time_point now);
+  std::optional<Clock::time_point> next_deadline() const;
+
+  // An instance of an invokable TP the daemon started has exited.
+  void instance_exited(const std::string &tp_name);
+
+ private:
+  struct Client {
+    PeerCredentials peer;
+    bool greeted = false;
+    std::multiset<std::string> tp_names;
+    std::set<std::string> verified_users;  // users of attaches delivered to it
+  };
+  struct WaitingAccept {
+    ClientId client;
+    uint32_t accept_id;
+    std::vector<std::string> tp_names;
+  };
+  struct PendingAttach {
+    client::AttachDelivery info;  // accept_id set on delivery
+    client::UniqueFd end;         // the accepting side's end
+    Clock::time_point deadline;
+    ClientId allocator;
+  };
+  struct Instances {
+    unsigned running = 0;
+    unsigned starting = 0;  // started, no accept seen yet
+  };
+
+  bool greet(ClientId client, Client &state, const client::Hello &hello);
+  void allocate(ClientId client, Client &state, const client::AllocateRequest &request);
+  void accept_wait(ClientId client, client::AcceptWait &&wait);
+  void accept_cancel(ClientId client, uint32_t accept_id);
+  bool serves(const std::string &tp_name) const;
+  const config::InvokableTp *invokable(const std::string &tp_name) const;
+  // Verifies the allocation's security; the verified user, if any, in `user`.
+  bool verify_security(const Client &state, const client::AllocateRequest &request,
+                       std::optional<std::string> &user) const;
+  void refuse(ClientId client, const client::AllocateRequest &request, uint32_t secondary);
+  // Hands the attach to a waiting accept, or queues it (starting the TP).
+  void offer(PendingAttach attach);
+  void deliver(PendingAttach &attach, const WaitingAccept &accept);
+  void start_instance_if_needed(const std::string &tp_name, const std::string &lu_alias);
+  void log_request(const char *what, ClientId client, const client::AllocateRequest &request,
+                   const std::string &outcome);
+
+  config::NodeConfig config_;
+  engine::Directory directory_;  // the default local LU for attaches that name none
+  BrokerOutput &output_;
+  PasswordCheck system_check_;
+  std::map<ClientId, Client> clients_;
+  std::list<WaitingAccept> accepts_;
+  std::list<PendingAttach> attaches_;
+  std::map<std::string, Instances> instances_;
+};
+
+}  // namespace snanode::daemon

@@ -1,0 +1,104 @@
+// snanoded: the node daemon.  Processes of this host that use the node
+// connect to its Unix socket; it brokers their allocations and attaches and
+// starts invokable TPs.  See docs/daemon.md.
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "client/socket_path.h"
+#include "core/log_files.h"
+#include "daemon/config_check.h"
+#include "daemon/server.h"
+
+namespace {
+
+using snanode::config::NodeConfig;
+
+int check(const std::string &file) {
+  const auto problems = snanode::daemon::check_configuration(file);
+  for (const auto &problem : problems) std::cout << problem << "\n";
+  if (problems.empty()) {
+    std::cout << file << ": configuration is valid\n";
+    return 0;
+  }
+  std::cout << file << ": " << problems.size()
+            << (problems.size() == 1 ? " problem\n" : " problems\n");
+  return 1;
+}
+
+// Leaves the terminal: the parent returns once the socket is already bound,
+// so a start-up script may connect as soon as snanoded returns.
+void detach_from_terminal() {
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    std::perror("fork");
+    std::exit(1);
+  }
+  if (pid > 0) ::_exit(0);
+  ::setsid();
+  const int null = ::open("/dev/null", O_RDWR);
+  if (null >= 0) {
+    ::dup2(null, STDIN_FILENO);
+    ::dup2(null, STDOUT_FILENO);
+    ::dup2(null, STDERR_FILENO);
+    if (null > STDERR_FILENO) ::close(null);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  CLI::App app{"snanoded: the SNA node daemon"};
+  std::string config_file;
+  std::string socket_path;
+  std::string check_file;
+  bool foreground = false;
+  app.add_option(
+         "--config", config_file,
+         "Node configuration (TOML); default: $SNANODE_CONFIG, ./snanode.toml, built-in defaults")
+      ->check(CLI::ExistingFile);
+  app.add_option("--socket", socket_path, "Unix socket to serve (overrides the configuration)");
+  app.add_flag("--foreground", foreground, "Stay attached to the terminal and log to stderr too");
+  app.add_option("--check", check_file, "Validate a configuration file, explain every problem");
+  CLI11_PARSE(app, argc, argv);
+
+  if (!check_file.empty()) return check(check_file);
+
+  // The daemon reads its configuration as every node process does, so the
+  // TPs it starts (which inherit SNANODE_CONFIG) see the same node.
+  if (!config_file.empty()) {
+    ::setenv("SNANODE_CONFIG", std::filesystem::absolute(config_file).c_str(), 1);
+  }
+  NodeConfig config;
+  try {
+    config = snanode::config::current_config();
+  } catch (const snanode::config::ConfigError &e) {
+    std::cerr << e.what() << "\n";
+    return 1;
+  }
+  if (!config.log_dir.empty()) snanode::set_configured_log_directory(config.log_dir);
+  if (socket_path.empty()) socket_path = snanode::client::daemon_socket_path(config);
+
+  // The poll loop takes these through a signalfd; started TPs get them back.
+  sigset_t handled;
+  sigemptyset(&handled);
+  sigaddset(&handled, SIGTERM);
+  sigaddset(&handled, SIGINT);
+  sigaddset(&handled, SIGCHLD);
+  ::sigprocmask(SIG_BLOCK, &handled, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+
+  snanode::daemon::Server server(config, socket_path, foreground);
+  std::string error;
+  if (!server.listen(error)) {
+    std::cerr << "snanoded: " << error << "\n";
+    return 1;
+  }
+  if (!foreground) detach_from_terminal();
+  return server.run();
+}

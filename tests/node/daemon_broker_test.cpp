@@ -1,0 +1,363 @@
+// The daemon's broker driven directly: attaches, queues, time-outs,
+// refusals, security, started TPs and clients that go away.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "daemon/broker.h"
+#include "engine/frame.h"
+#include "snanode/verbs.h"
+
+namespace {
+
+using namespace snanode;
+using namespace snanode::daemon;
+using client::AcceptWait;
+using client::AllocateRequest;
+using client::AllocateResult;
+using client::AttachDelivery;
+
+struct Sent {
+  ClientId client;
+  client::Message message;
+  client::UniqueFd descriptor;  // a duplicate of what was passed
+};
+
+class RecordingOutput : public BrokerOutput {
+ public:
+  bool send(ClientId client, const client::Message &message, int descriptor) override {
+    if (unreachable.count(client) != 0) return false;
+    sent.push_back({client, message, client::UniqueFd(descriptor >= 0 ? ::dup(descriptor) : -1)});
+    return true;
+  }
+  bool launch(const config::InvokableTp &tp, const std::string &lu_alias) override {
+    launches.push_back(tp.tp_name + "@" + lu_alias);
+    return true;
+  }
+  void log(const std::string &line) override { logs.push_back(line); }
+
+  // The messages of one type sent to `client`, oldest first.
+  template <class M>
+  std::vector<Sent *> to(ClientId client) {
+    std::vector<Sent *> found;
+    for (auto &s : sent) {
+      if (s.client == client && std::holds_alternative<M>(s.message)) found.push_back(&s);
+    }
+    return found;
+  }
+  std::string all_logs() const {
+    std::string text;
+    for (const auto &line : logs) text += line + "\n";
+    return text;
+  }
+
+  std::deque<Sent> sent;  // stable addresses: tests keep pointers to entries
+  std::vector<std::string> launches;
+  std::vector<std::string> logs;
+  std::set<ClientId> unreachable;
+};
+
+config::InvokableTp invokable_tp(const std::string &name) {
+  config::InvokableTp tp;
+  tp.tp_name = name;
+  tp.program = "/bin/true";
+  tp.local_lu_alias = "LOCAL";
+  tp.queue_timeout_ms = 500;
+  return tp;
+}
+
+config::NodeConfig test_config() {
+  config::NodeConfig config;
+  config.node_name = "TESTNODE";
+  config.attach_timeout_ms = 1000;
+  auto basic_only = invokable_tp("BASICONLY");
+  basic_only.accept_mapped = false;
+  auto no_confirm = invokable_tp("NOCONFIRM");
+  no_confirm.accept_sync_confirm = false;
+  auto secure = invokable_tp("SECURE");
+  secure.security_required = true;
+  auto single = invokable_tp("SINGLE");
+  single.max_instances = 1;
+  config.tps = {basic_only, no_confirm, secure, single};
+  config.users = {{"alice", "secret"}, {"sysuser", ""}};
+  config.use_pam = true;  // sysuser has no password of its own
+  return config;
+}
+
+class BrokerTest : public ::testing::Test {
+ protected:
+  // Connects and greets a client whose credentials are this process's.
+  ClientId join() {
+    const ClientId id = next_++;
+    broker_.connected(id, {::getpid(), ::getuid()});
+    EXPECT_TRUE(
+        handle(id, client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
+                                 static_cast<uint32_t>(::getuid())}));
+    return id;
+  }
+  bool handle(ClientId id, client::Message message) {
+    return broker_.handle(id, client::ReceivedMessage{std::move(message), client::UniqueFd()});
+  }
+  AllocateRequest request(const std::string &tp_name) {
+    AllocateRequest r;
+    r.request_id = ++request_id_;
+    r.tp_name = tp_name;
+    r.mode = "#INTER";
+    r.partner_lu = "LOCAL";
+    r.allocator_lu = "APPN.LOCAL";
+    return r;
+  }
+  // The result of the last allocation `client` made.
+  AllocateResult &last_result(ClientId client) {
+    auto results = out_.to<AllocateResult>(client);
+    EXPECT_FALSE(results.empty());
+    return std::get<AllocateResult>(results.back()->message);
+  }
+
+  config::NodeConfig config_ = test_config();
+  RecordingOutput out_;
+  std::map<std::string, std::string> system_passwords_ = {{"sysuser", "pam-pass"}};
+  Broker broker_{config_, out_, [this](const std::string &user, const std::string &password) {
+                   auto it = system_passwords_.find(user);
+                   return it != system_passwords_.end() && it->second == password;
+                 }};
+  ClientId next_ = 1;
+  uint32_t request_id_ = 0;
+};
+
+// Writes on one descriptor and reads on the other: the two ends are joined.
+void expect_joined(int a, int b) {
+  ASSERT_EQ(::write(a, "ping", 4), 4);
+  char got[4] = {};
+  ASSERT_EQ(::read(b, got, 4), 4);
+  EXPECT_EQ(std::string(got, 4), "ping");
+}
+
+TEST_F(BrokerTest, AllocationReachesAWaitingAcceptWithJoinedEnds) {
+  const ClientId server = join();
+  const ClientId allocator = join();
+  EXPECT_EQ(std::get<client::Welcome>(out_.to<client::Welcome>(server)[0]->message).node_name,
+            "TESTNODE");
+  ASSERT_TRUE(handle(server, client::RegisterTp{"ECHO"}));
+  ASSERT_TRUE(handle(server, AcceptWait{41, {"OTHER", "ECHO"}}));
+  auto r = request("ECHO");
+  r.mapped = false;
+  r.sync_level = 1;
+  ASSERT_TRUE(handle(allocator, r));
+
+  const auto results = out_.to<AllocateResult>(allocator);
+  ASSERT_EQ(results.size(), 1u);
+  const auto &result = std::get<AllocateResult>(results[0]->message);
+  EXPECT_EQ(result.request_id, r.request_id);
+  EXPECT_EQ(result.primary, AP_OK);
+  const auto attaches = out_.to<AttachDelivery>(server);
+  ASSERT_EQ(attaches.size(), 1u);
+  const auto &attach = std::get<AttachDelivery>(attaches[0]->message);
+  EXPECT_EQ(attach.accept_id, 41u);
+  EXPECT_EQ(attach.tp_name, "ECHO");
+  EXPECT_FALSE(attach.mapped);
+  EXPECT_EQ(attach.sync_level, 1);
+  EXPECT_EQ(attach.partner_lu_name, "APPN.LOCAL");
+  EXPECT_FALSE(attach.user.has_value());
+  expect_joined(results[0]->descriptor.get(), attaches[0]->descriptor.get());
+  expect_joined(attaches[0]->descriptor.get(), results[0]->descriptor.get());
+}
+
+TEST_F(BrokerTest, QueuedAttachesGoOldestFirstAndACancelledAcceptGetsNone) {
+  const ClientId server = join();
+  const ClientId allocator = join();
+  ASSERT_TRUE(handle(server, client::RegisterTp{"Q"}));
+  ASSERT_TRUE(handle(server, AcceptWait{1, {"NOTQ"}}));
+  ASSERT_TRUE(handle(server, client::AcceptCancel{1}));
+  ASSERT_TRUE(handle(allocator, request("Q")));
+  ASSERT_TRUE(handle(allocator, request("Q")));
+  EXPECT_TRUE(out_.to<AttachDelivery>(server).empty());
+  const auto results = out_.to<AllocateResult>(allocator);
+  ASSERT_EQ(results.size(), 2u);
+
+  ASSERT_TRUE(handle(server, AcceptWait{2, {"Q"}}));
+  ASSERT_TRUE(handle(server, AcceptWait{3, {"Q"}}));
+  const auto attaches = out_.to<AttachDelivery>(server);
+  ASSERT_EQ(attaches.size(), 2u);
+  EXPECT_EQ(std::get<AttachDelivery>(attaches[0]->message).accept_id, 2u);
+  EXPECT_EQ(std::get<AttachDelivery>(attaches[1]->message).accept_id, 3u);
+  expect_joined(results[0]->descriptor.get(), attaches[0]->descriptor.get());
+  expect_joined(results[1]->descriptor.get(), attaches[1]->descriptor.get());
+  // Nothing is left to expire.
+  EXPECT_FALSE(broker_.next_deadline().has_value());
+}
+
+TEST_F(BrokerTest, QueueTimeOutReachesTheAllocatingSideAsAnAttachFailure) {
+  const ClientId server = join();
+  const ClientId allocator = join();
+  ASSERT_TRUE(handle(server, client::RegisterTp{"SLOW"}));
+  ASSERT_TRUE(handle(allocator, request("SLOW")));
+  ASSERT_EQ(last_result(allocator).primary, AP_OK);
+  const auto deadline = broker_.next_deadline();
+  ASSERT_TRUE(deadline.has_value());
+  broker_.expire(*deadline - std::chrono::milliseconds(1));
+  ASSERT_TRUE(broker_.next_deadline().has_value());  // not yet
+  broker_.expire(*deadline);
+  EXPECT_FALSE(broker_.next_deadline().has_value());
+
+  const int end = out_.to<AllocateResult>(allocator)[0]->descriptor.get();
+  std::vector<uint8_t> bytes(64);
+  const ssize_t n = ::read(end, bytes.data(), bytes.size());
+  ASSERT_GT(n, 0);
+  bytes.resize(static_cast<size_t>(n));
+  size_t used = 0;
+  const auto frame = engine::decode_frame(bytes.data(), bytes.size(), used);
+  ASSERT_TRUE(frame);
+  EXPECT_EQ(frame->type, engine::FrameType::kAttachFailed);
+  EXPECT_EQ(frame->code, AP_TP_NOT_AVAILABLE_RETRY);
+  // Then the orderly end, then end of stream: the link reports no loss.
+  EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + static_cast<long>(used), bytes.end()),
+            std::vector<uint8_t>(4, 0));
+  EXPECT_NE(out_.all_logs().find("SLOW"), std::string::npos);
+  // An accept that comes too late waits instead of getting the dead attach.
+  ASSERT_TRUE(handle(server, AcceptWait{9, {"SLOW"}}));
+  EXPECT_TRUE(out_.to<AttachDelivery>(server).empty());
+}
+
+TEST_F(BrokerTest, RefusalsCarryTheAllocationErrorAndAreLoggedWithoutPasswords) {
+  const ClientId server = join();
+  const ClientId allocator = join();
+  ASSERT_TRUE(handle(server, client::RegisterTp{"PLAIN"}));
+  struct Case {
+    const char *what;
+    std::string tp_name;
+    bool mapped;
+    uint8_t sync_level;
+    uint8_t security;
+    std::string user, password;
+    uint32_t secondary;  // 0: accepted
+  };
+  const std::vector<Case> cases = {
+      {"unknown name", "NOBODY", true, 0, 0, "", "", AP_TP_NAME_NOT_RECOGNIZED},
+      {"mapped to a basic-only TP", "BASICONLY", true, 0, 0, "", "", AP_CONV_TYPE_MISMATCH},
+      {"basic to a basic-only TP", "BASICONLY", false, 0, 0, "", "", 0},
+      {"confirm to a TP without it", "NOCONFIRM", true, 1, 0, "", "", AP_SYNC_LEVEL_NOT_SUPPORTED},
+      {"sync point", "PLAIN", true, 2, 0, "", "", AP_SYNC_LEVEL_NOT_SUPPORTED},
+      {"wrong password", "PLAIN", true, 0, 2, "alice", "wrong-pw", AP_SECURITY_NOT_VALID},
+      {"unknown user", "PLAIN", true, 0, 5, "mallory", "wrong-pw", AP_SECURITY_NOT_VALID},
+      {"no security to a secure TP", "SECURE", true, 0, 0, "", "", AP_SECURITY_NOT_VALID},
+      {"right password to a secure TP", "SECURE", true, 0, 2, "alice", "secret", 0},
+      {"system user, system password", "SECURE", true, 0, 5, "sysuser", "pam-pass", 0},
+      {"system user, wrong password", "SECURE", true, 0, 2, "sysuser", "wrong-pw",
+       AP_SECURITY_NOT_VALID},
+      {"unknown security type", "PLAIN", true, 0, 9, "", "", AP_SECURITY_NOT_VALID},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    auto r = request(c.tp_name);
+    r.mapped = c.mapped;
+    r.sync_level = c.sync_level;
+    r.security_type = c.security;
+    r.user_id = c.user;
+    r.password = c.password;
+    ASSERT_TRUE(handle(allocator, r));
+    const auto results = out_.to<AllocateResult>(allocator);
+    const Sent &last = *results.back();
+    const auto &result = std::get<AllocateResult>(last.message);
+    EXPECT_EQ(result.request_id, r.request_id);
+    EXPECT_EQ(result.primary, c.secondary == 0 ? AP_OK : AP_ALLOCATION_ERROR);
+    EXPECT_EQ(result.secondary, c.secondary);
+    EXPECT_EQ(last.descriptor.valid(), c.secondary == 0);
+  }
+  const std::string logs = out_.all_logs();
+  EXPECT_NE(logs.find("NOBODY"), std::string::npos);
+  EXPECT_NE(logs.find("21600810"), std::string::npos);
+  EXPECT_EQ(logs.find("wrong-pw"), std::string::npos);
+  EXPECT_EQ(logs.find("pam-pass"), std::string::npos);
+  EXPECT_EQ(logs.find("secret"), std::string::npos);
+}
+
+TEST_F(BrokerTest, SamePassesOnlyAUserThisDaemonVerifiedForTheProcess) {
+  const ClientId middle = join();
+  const ClientId front = join();
+  const ClientId back = join();
+  ASSERT_TRUE(handle(middle, AcceptWait{1, {"MIDDLE"}}));
+  // front allocates to the middle TP as alice; middle then sees alice.
+  auto r = request("MIDDLE");
+  r.security_type = 2;
+  r.user_id = "alice";
+  r.password = "secret";
+  ASSERT_TRUE(handle(front, r));
+  const auto attaches = out_.to<AttachDelivery>(middle);
+  ASSERT_EQ(attaches.size(), 1u);
+  EXPECT_EQ(std::get<AttachDelivery>(attaches[0]->message).user,
+            std::optional<std::string>("alice"));
+
+  // middle allocates on to SECURE with SAME: alice passes on.
+  ASSERT_TRUE(handle(back, AcceptWait{2, {"SECURE"}}));
+  auto same = request("SECURE");
+  same.security_type = 1;
+  same.allocator_user = "alice";
+  ASSERT_TRUE(handle(middle, same));
+  EXPECT_EQ(last_result(middle).primary, AP_OK);
+  EXPECT_EQ(std::get<AttachDelivery>(out_.to<AttachDelivery>(back).at(0)->message).user,
+            std::optional<std::string>("alice"));
+  // front claims alice with SAME, but nobody verified alice for front.
+  auto claim = request("SECURE");
+  claim.security_type = 1;
+  claim.allocator_user = "alice";
+  ASSERT_TRUE(handle(front, claim));
+  EXPECT_EQ(last_result(front).secondary, AP_SECURITY_NOT_VALID);
+}
+
+TEST_F(BrokerTest, InvokableTpIsStartedAndTakesItsAttachWhenItAccepts) {
+  const ClientId allocator = join();
+  ASSERT_TRUE(handle(allocator, request("SINGLE")));
+  ASSERT_TRUE(handle(allocator, request("SINGLE")));
+  // One instance at most, and it was started once.
+  EXPECT_EQ(out_.launches, std::vector<std::string>{"SINGLE@LOCAL"});
+  const ClientId started = join();
+  ASSERT_TRUE(handle(started, AcceptWait{7, {"SINGLE"}}));
+  ASSERT_EQ(out_.to<AttachDelivery>(started).size(), 1u);
+  EXPECT_EQ(std::get<AttachDelivery>(out_.to<AttachDelivery>(started)[0]->message).local_lu_alias,
+            "LOCAL");
+  // When the instance exits, the attach still queued starts another.
+  broker_.instance_exited("SINGLE");
+  ASSERT_TRUE(handle(allocator, request("SINGLE")));
+  EXPECT_EQ(out_.launches.size(), 2u);
+}
+
+TEST_F(BrokerTest, AClientThatGoesAwayTakesItsNamesAndAcceptsWithIt) {
+  const ClientId server = join();
+  const ClientId allocator = join();
+  ASSERT_TRUE(handle(server, client::RegisterTp{"GONE"}));
+  ASSERT_TRUE(handle(server, AcceptWait{1, {"GONE2"}}));
+  broker_.disconnected(server);
+  ASSERT_TRUE(handle(allocator, request("GONE")));
+  EXPECT_EQ(last_result(allocator).secondary, AP_TP_NAME_NOT_RECOGNIZED);
+  ASSERT_TRUE(handle(allocator, request("GONE2")));
+  EXPECT_EQ(last_result(allocator).secondary, AP_TP_NAME_NOT_RECOGNIZED);
+  // Withdrawing a name works the same way for a client that stays.
+  const ClientId other = join();
+  ASSERT_TRUE(handle(other, client::RegisterTp{"W"}));
+  ASSERT_TRUE(handle(other, client::WithdrawTp{"W"}));
+  ASSERT_TRUE(handle(allocator, request("W")));
+  EXPECT_EQ(last_result(allocator).secondary, AP_TP_NAME_NOT_RECOGNIZED);
+}
+
+TEST_F(BrokerTest, HelloMustComeFirstAndMatchTheConnection) {
+  broker_.connected(50, {::getpid(), ::getuid()});
+  EXPECT_FALSE(handle(50, client::RegisterTp{"EARLY"}));
+  broker_.connected(51, {::getpid(), ::getuid()});
+  EXPECT_FALSE(handle(51, client::Hello{client::kProtocolVersion, 1, ::getuid()}));
+  broker_.connected(52, {::getpid(), ::getuid()});
+  EXPECT_FALSE(handle(52, client::Hello{client::kProtocolVersion + 1,
+                                        static_cast<uint32_t>(::getpid()), ::getuid()}));
+  EXPECT_TRUE(out_.to<client::Welcome>(51).empty());
+  const ClientId fine = join();
+  // A daemon-to-client message from a client is a protocol breach.
+  EXPECT_FALSE(handle(fine, AllocateResult{}));
+}
+
+}  // namespace

@@ -1,0 +1,192 @@
+// The daemon protocol: message encoding, descriptor passing, the socket path.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "client/daemon_protocol.h"
+#include "client/message_channel.h"
+#include "client/socket_path.h"
+
+namespace {
+
+using namespace snanode::client;
+
+std::vector<uint8_t> encoded(const Message &message, bool descriptor = false) {
+  std::vector<uint8_t> out;
+  encode_message(message, descriptor, out);
+  return out;
+}
+
+std::vector<Message> one_of_each() {
+  AllocateRequest allocate;
+  allocate.request_id = 0x01020304;
+  allocate.partner_lu = "APPN.PARTNER";
+  allocate.local_lu_alias = "LOCAL2";
+  allocate.allocator_lu = "APPN.LOCAL";
+  allocate.mode = "#BATCH";
+  allocate.tp_name = "PAYROLL";
+  allocate.mapped = false;
+  allocate.sync_level = 1;
+  allocate.security_type = 5;
+  allocate.user_id = "alice";
+  allocate.password = "s3cret";
+  allocate.allocator_user = "bob";
+  AttachDelivery attach;
+  attach.accept_id = 77;
+  attach.tp_name = "PAYROLL";
+  attach.mapped = false;
+  attach.sync_level = 1;
+  attach.user = "alice";
+  attach.mode = "#BATCH";
+  attach.partner_lu_name = "APPN.LOCAL";
+  attach.local_lu_alias = "LOCAL2";
+  return {Hello{kProtocolVersion, 4242, 1000},
+          Welcome{kProtocolVersion, "NODE1"},
+          RegisterTp{"ECHO"},
+          WithdrawTp{"ECHO"},
+          AcceptWait{9, {"A", "", std::string(64, 'Z')}},
+          AcceptCancel{9},
+          allocate,
+          AllocateResult{0x01020304, 0x0300, 0x21600810},
+          attach};
+}
+
+TEST(DaemonProtocol, EveryMessageDecodesToWhatWasEncoded) {
+  for (const Message &message : one_of_each()) {
+    SCOPED_TRACE(message_name(message));
+    for (const bool descriptor : {false, true}) {
+      const auto bytes = encoded(message, descriptor);
+      size_t used = 0;
+      const auto decoded = decode_message(bytes.data(), bytes.size(), used);
+      ASSERT_TRUE(decoded);
+      EXPECT_EQ(used, bytes.size());
+      EXPECT_EQ(decoded->message.index(), message.index());
+      EXPECT_EQ(decoded->passes_descriptor, descriptor);
+      // Same fields, same bytes.
+      EXPECT_EQ(encoded(decoded->message, descriptor), bytes);
+    }
+  }
+  // Field values survive, including absent optional text and empty names.
+  AllocateRequest plain;
+  plain.tp_name = "X";
+  size_t used = 0;
+  const auto bytes = encoded(plain);
+  const auto back =
+      std::get<AllocateRequest>(decode_message(bytes.data(), bytes.size(), used)->message);
+  EXPECT_FALSE(back.allocator_user.has_value());
+  EXPECT_TRUE(back.mapped);
+  EXPECT_EQ(back.tp_name, "X");
+  const auto full = std::get<AllocateRequest>(one_of_each()[6]);
+  const auto full_bytes = encoded(full);
+  const auto full_back = std::get<AllocateRequest>(
+      decode_message(full_bytes.data(), full_bytes.size(), used)->message);
+  EXPECT_EQ(full_back.request_id, 0x01020304u);
+  EXPECT_EQ(full_back.password, "s3cret");
+  EXPECT_EQ(full_back.allocator_user, std::optional<std::string>("bob"));
+  EXPECT_EQ(full_back.sync_level, 1);
+  EXPECT_FALSE(full_back.mapped);
+}
+
+TEST(DaemonProtocol, HeaderIsBigEndianLengthTypeAndDescriptorCount) {
+  const auto bytes = encoded(AcceptCancel{0x0A0B0C0D}, true);
+  const std::vector<uint8_t> expected = {0, 0, 0, 6, 6, 1, 0x0A, 0x0B, 0x0C, 0x0D};
+  EXPECT_EQ(bytes, expected);
+  const auto text = encoded(RegisterTp{"AB"});
+  const std::vector<uint8_t> expected_text = {0, 0, 0, 6, 3, 0, 0, 2, 'A', 'B'};
+  EXPECT_EQ(text, expected_text);
+}
+
+TEST(DaemonProtocol, PartialInputWaitsAndMalformedInputIsRefused) {
+  const auto bytes = encoded(one_of_each()[6]);
+  size_t used = 99;
+  for (size_t cut = 0; cut < bytes.size(); ++cut) {
+    EXPECT_FALSE(decode_message(bytes.data(), cut, used)) << cut;
+    EXPECT_EQ(used, 0u);
+  }
+  struct Case {
+    const char *what;
+    std::vector<uint8_t> bytes;
+  };
+  const std::vector<Case> bad = {
+      {"length below the header", {0, 0, 0, 1, 3}},
+      {"length past the limit", {0, 1, 0, 0}},
+      {"type zero", {0, 0, 0, 2, 0, 0}},
+      {"unknown type", {0, 0, 0, 2, 99, 0}},
+      {"two descriptors", {0, 0, 0, 6, 6, 2, 0, 0, 0, 1}},
+      {"field past the end", {0, 0, 0, 4, 6, 0, 0, 0}},
+      {"text past the end", {0, 0, 0, 5, 3, 0, 0, 9, 'A'}},
+      {"bytes after the fields", {0, 0, 0, 7, 6, 0, 0, 0, 0, 1, 0}},
+      {"flag neither 0 nor 1", {0, 0, 0, 14, 9, 0, 0, 0, 0, 1, 0, 0, 7, 0, 0, 0, 0, 0}},
+  };
+  for (const auto &c : bad) {
+    EXPECT_THROW(decode_message(c.bytes.data(), c.bytes.size(), used), ProtocolError) << c.what;
+  }
+  EXPECT_THROW(encoded(RegisterTp{std::string(70000, 'x')}), ProtocolError);
+}
+
+// Writes `text` into `fd` and reads it back from `reader`.
+std::string through(int fd, int reader, const std::string &text) {
+  EXPECT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  std::string got(text.size(), '\0');
+  EXPECT_EQ(::read(reader, got.data(), got.size()), static_cast<ssize_t>(got.size()));
+  return got;
+}
+
+TEST(DaemonProtocol, ChannelPassesDescriptorsWithTheirMessages) {
+  int pair[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  MessageChannel sender{UniqueFd(pair[0])};
+  MessageChannel receiver{UniqueFd(pair[1])};
+  int first[2], second[2];
+  ASSERT_EQ(::pipe(first), 0);
+  ASSERT_EQ(::pipe(second), 0);
+
+  ASSERT_TRUE(sender.send(AllocateResult{1, 0, 0}, first[1]));
+  ASSERT_TRUE(sender.send(RegisterTp{"NOFD"}));
+  AttachDelivery attach;
+  attach.accept_id = 5;
+  ASSERT_TRUE(sender.send(attach, second[1]));
+  ::close(first[1]);
+  ::close(second[1]);
+
+  std::vector<ReceivedMessage> got;
+  while (got.size() < 3) {
+    ASSERT_TRUE(receiver.read_some());
+    while (auto m = receiver.next()) got.push_back(std::move(*m));
+  }
+  ASSERT_TRUE(std::holds_alternative<AllocateResult>(got[0].message));
+  ASSERT_TRUE(std::holds_alternative<RegisterTp>(got[1].message));
+  ASSERT_TRUE(std::holds_alternative<AttachDelivery>(got[2].message));
+  EXPECT_FALSE(got[1].descriptor.valid());
+  // Each descriptor is the write end of the pipe sent with it.
+  EXPECT_EQ(through(got[0].descriptor.get(), first[0], "one"), "one");
+  EXPECT_EQ(through(got[2].descriptor.get(), second[0], "two"), "two");
+  ::close(first[0]);
+  ::close(second[0]);
+
+  // A message that announces a descriptor nobody sent is refused.
+  const auto lying = encoded(RegisterTp{"X"}, true);
+  ASSERT_EQ(::write(sender.fd(), lying.data(), lying.size()), static_cast<ssize_t>(lying.size()));
+  ASSERT_TRUE(receiver.read_some());
+  EXPECT_THROW(receiver.next(), ProtocolError);
+}
+
+TEST(DaemonProtocol, SocketPathPrecedence) {
+  snanode::config::NodeConfig config;
+  ::setenv("SNANODE_SOCKET", "/run/env.sock", 1);
+  ::setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
+  config.socket_path = "/etc/configured.sock";
+  EXPECT_EQ(daemon_socket_path(config), "/etc/configured.sock");
+  config.socket_path.clear();
+  EXPECT_EQ(daemon_socket_path(config), "/run/env.sock");
+  ::unsetenv("SNANODE_SOCKET");
+  EXPECT_EQ(daemon_socket_path(config), "/run/user/7/snanode.sock");
+  ::unsetenv("XDG_RUNTIME_DIR");
+  EXPECT_EQ(daemon_socket_path(config), "/tmp/snanode-" + std::to_string(::getuid()) + ".sock");
+}
+
+}  // namespace

@@ -1,0 +1,85 @@
+// What the tests of the daemon process share: a temporary directory and a
+// daemon of the test's own, started from the built executable.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "client/message_channel.h"
+
+namespace daemon_test {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using namespace snanode;
+
+struct TempDir {
+  TempDir() {
+    char pattern[] = "/tmp/snanoded-test-XXXXXX";
+    path = ::mkdtemp(pattern);
+  }
+  ~TempDir() { fs::remove_all(path); }
+  fs::path path;
+};
+
+inline void write_file(const fs::path &file, const std::string &text) {
+  std::ofstream(file) << text;
+}
+
+// An allocation as a TP on the default LU makes it.
+inline client::AllocateRequest request_for(const std::string &tp_name) {
+  client::AllocateRequest request;
+  request.tp_name = tp_name;
+  request.mode = "#INTER";
+  request.allocator_lu = "APPN.LOCAL";
+  return request;
+}
+
+// A daemon of its own in a temporary directory, stopped with SIGTERM.
+class DaemonFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    socket_ = (dir_.path / "node.sock").string();
+    config_ = (dir_.path / "node.toml").string();
+    write_file(config_, "[node]\nname = \"TESTNODE\"\nattach_timeout_ms = 5000\n" + more_config());
+    daemon_ = ::fork();
+    ASSERT_GE(daemon_, 0);
+    if (daemon_ == 0) {
+      ::setenv("SNANODE_LOG_DIR", dir_.path.c_str(), 1);
+      ::execl(SNANODED_PATH, SNANODED_PATH, "--foreground", "--socket", socket_.c_str(), "--config",
+              config_.c_str(), static_cast<char *>(nullptr));
+      ::_exit(127);
+    }
+    for (int tries = 0; tries < 500; ++tries) {
+      if (client::connect_unix_socket(socket_).valid()) return;
+      std::this_thread::sleep_for(10ms);
+    }
+    FAIL() << "the daemon did not come up";
+  }
+  // Configuration a test adds after the [node] table.
+  virtual std::string more_config() const { return ""; }
+
+  void TearDown() override {
+    if (daemon_ <= 0) return;
+    ::kill(daemon_, SIGTERM);
+    int status = 0;
+    ::waitpid(daemon_, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_FALSE(fs::exists(socket_)) << "the socket outlived the daemon";
+  }
+
+  TempDir dir_;
+  std::string socket_;
+  std::string config_;
+  pid_t daemon_ = -1;
+};
+
+}  // namespace daemon_test

@@ -1,0 +1,267 @@
+// The socket link: frames over a stream socket between two ends, in this
+// process or across a fork.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "core/process_lock.h"
+#include "engine/socket_link.h"
+
+namespace {
+
+using namespace snanode::engine;
+using namespace std::chrono_literals;
+
+// Records what a link delivers; the test thread waits on it without the
+// process lock.
+class RecordingSink : public FrameSink {
+ public:
+  void on_frame(Frame &&frame) override {
+    std::lock_guard<std::mutex> hold(mutex_);
+    frames_.push_back(std::move(frame));
+    changed_.notify_all();
+  }
+  void link_lost() override {
+    std::lock_guard<std::mutex> hold(mutex_);
+    ++lost_;
+    changed_.notify_all();
+  }
+  // True when `count` frames arrived within the limit.
+  bool wait_for_frames(size_t count, std::chrono::milliseconds limit = 5s) {
+    std::unique_lock<std::mutex> hold(mutex_);
+    return changed_.wait_for(hold, limit, [&] { return frames_.size() >= count; });
+  }
+  bool wait_for_lost(std::chrono::milliseconds limit = 5s) {
+    std::unique_lock<std::mutex> hold(mutex_);
+    return changed_.wait_for(hold, limit, [&] { return lost_ > 0; });
+  }
+  std::vector<Frame> frames() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return frames_;
+  }
+  int lost() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return lost_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Frame> frames_;
+  int lost_ = 0;
+};
+
+struct SocketPair {
+  SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
+  int fds[2] = {-1, -1};
+};
+
+Frame make_frame(FrameType type, uint8_t flags, uint32_t code, size_t size, uint8_t seed) {
+  Frame frame;
+  frame.type = type;
+  frame.flags = flags;
+  frame.code = code;
+  frame.payload.resize(size);
+  for (size_t i = 0; i < size; ++i) frame.payload[i] = static_cast<uint8_t>(seed + i * 7);
+  return frame;
+}
+
+void expect_same(const Frame &got, const Frame &sent, size_t index) {
+  EXPECT_EQ(got.type, sent.type) << index;
+  EXPECT_EQ(got.flags, sent.flags) << index;
+  EXPECT_EQ(got.code, sent.code) << index;
+  EXPECT_TRUE(got.payload == sent.payload) << index;
+}
+
+void send_locked(Link &link, Frame frame) {
+  snanode::ProcessLockGuard lock;
+  link.send(std::move(frame));
+}
+
+TEST(SocketLink, FramesArriveInOrderBothWays) {
+  SocketPair pair;
+  auto left = make_socket_link(pair.fds[0]);
+  auto right = make_socket_link(pair.fds[1]);
+  RecordingSink left_sink, right_sink;
+  {
+    snanode::ProcessLockGuard lock;
+    left->attach(&left_sink);
+    right->attach(&right_sink);
+  }
+  const FrameType types[] = {FrameType::kData,          FrameType::kChangeDirection,
+                             FrameType::kConfirm,       FrameType::kConfirmed,
+                             FrameType::kSendError,     FrameType::kDeallocate,
+                             FrameType::kRequestToSend, FrameType::kAttachFailed};
+  std::vector<Frame> to_right, to_left;
+  for (size_t i = 0; i < 300; ++i) {
+    const FrameType type = types[i % 8];
+    to_right.push_back(make_frame(type, static_cast<uint8_t>(i), 0x10000000u + i, i % 37, 1));
+    to_left.push_back(make_frame(type, static_cast<uint8_t>(i + 1), 0x21600810u ^ i, i % 11, 9));
+  }
+  std::thread other([&] {
+    for (const Frame &frame : to_left) send_locked(*right, frame);
+  });
+  for (const Frame &frame : to_right) send_locked(*left, frame);
+  other.join();
+
+  ASSERT_TRUE(right_sink.wait_for_frames(to_right.size()));
+  ASSERT_TRUE(left_sink.wait_for_frames(to_left.size()));
+  const auto got_right = right_sink.frames();
+  const auto got_left = left_sink.frames();
+  ASSERT_EQ(got_right.size(), to_right.size());
+  ASSERT_EQ(got_left.size(), to_left.size());
+  for (size_t i = 0; i < to_right.size(); ++i) expect_same(got_right[i], to_right[i], i);
+  for (size_t i = 0; i < to_left.size(); ++i) expect_same(got_left[i], to_left[i], i);
+  EXPECT_EQ(left_sink.lost() + right_sink.lost(), 0);
+}
+
+// More than the queue limit in largest frames: the sender is held back until
+// the reader (which needs the same process lock) catches up, without deadlock.
+TEST(SocketLink, LargePayloadsPassWithBackPressure) {
+  SocketPair pair;
+  auto sender = make_socket_link(pair.fds[0]);
+  auto receiver = make_socket_link(pair.fds[1]);
+  RecordingSink sink;
+  {
+    snanode::ProcessLockGuard lock;
+    receiver->attach(&sink);
+  }
+  const size_t count = 2 * kSocketLinkQueueLimit / kMaxFramePayload + 2;
+  std::vector<Frame> sent;
+  {
+    snanode::ProcessLockGuard lock;  // held throughout, as a verb would
+    for (size_t i = 0; i < count; ++i) {
+      sent.push_back(
+          make_frame(FrameType::kData, 0, 0, kMaxFramePayload - i, static_cast<uint8_t>(i)));
+      sender->send(Frame(sent.back()));
+    }
+  }
+  ASSERT_TRUE(sink.wait_for_frames(count, 20s));
+  const auto got = sink.frames();
+  for (size_t i = 0; i < count; ++i) expect_same(got[i], sent[i], i);
+}
+
+TEST(SocketLink, CloseTellsThePeerOnlyWhenNotQuiet) {
+  for (const bool quietly : {false, true}) {
+    SCOPED_TRACE(quietly ? "quiet close" : "abnormal close");
+    SocketPair pair;
+    auto closing = make_socket_link(pair.fds[0]);
+    auto peer = make_socket_link(pair.fds[1]);
+    RecordingSink sink;
+    {
+      snanode::ProcessLockGuard lock;
+      peer->attach(&sink);
+      closing->send(make_frame(FrameType::kData, 0, 0, 5, 3));
+      closing->send(make_frame(FrameType::kDeallocate, 0, 0, 0, 0));
+      closing->close(quietly);
+      // Nothing leaves a closed end.
+      closing->send(make_frame(FrameType::kData, 0, 0, 1, 1));
+    }
+    ASSERT_TRUE(sink.wait_for_frames(2));
+    if (quietly) {
+      EXPECT_FALSE(sink.wait_for_lost(300ms));
+    } else {
+      EXPECT_TRUE(sink.wait_for_lost());
+    }
+    EXPECT_EQ(sink.frames().size(), 2u);
+    EXPECT_EQ(sink.lost(), quietly ? 0 : 1);
+  }
+}
+
+// The peer is a forked process that writes one encoded frame and is killed.
+TEST(SocketLink, PeerDeathIsReportedOnceAfterItsFrames) {
+  SocketPair pair;
+  std::vector<uint8_t> encoded;
+  encode_frame(make_frame(FrameType::kData, 0, 0, 100, 5), encoded);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(pair.fds[0]);
+    if (::write(pair.fds[1], encoded.data(), encoded.size()) < 0) ::_exit(2);
+    for (;;) ::pause();
+  }
+  ::close(pair.fds[1]);
+  auto link = make_socket_link(pair.fds[0]);
+  RecordingSink sink;
+  {
+    snanode::ProcessLockGuard lock;
+    link->attach(&sink);
+  }
+  ASSERT_TRUE(sink.wait_for_frames(1));
+  EXPECT_EQ(sink.lost(), 0);
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  EXPECT_TRUE(sink.wait_for_lost());
+  // Sending to a dead peer is dropped, not fatal.
+  send_locked(*link, make_frame(FrameType::kData, 0, 0, 10, 0));
+  send_locked(*link, make_frame(FrameType::kData, 0, 0, 10, 0));
+  EXPECT_EQ(sink.lost(), 1);
+  EXPECT_EQ(sink.frames().size(), 1u);
+}
+
+TEST(SocketLink, UndecodableStreamCountsAsLost) {
+  SocketPair pair;
+  auto link = make_socket_link(pair.fds[0]);
+  RecordingSink sink;
+  {
+    snanode::ProcessLockGuard lock;
+    link->attach(&sink);
+  }
+  const uint8_t garbage[] = {0, 0, 0, 6, 0x77, 0, 0, 0, 0, 0};  // unknown frame type
+  ASSERT_EQ(::write(pair.fds[1], garbage, sizeof garbage), static_cast<ssize_t>(sizeof garbage));
+  EXPECT_TRUE(sink.wait_for_lost());
+  EXPECT_TRUE(sink.frames().empty());
+  ::close(pair.fds[1]);
+}
+
+// A link given its own way to take the node's lock delivers under that lock,
+// not the process lock.
+TEST(SocketLink, DeliversUnderTheLockItWasGiven) {
+  SocketPair pair;
+  std::mutex node_lock;
+  bool inside = false;
+  RunLocked run_locked = [&](const std::function<void()> &work) {
+    std::lock_guard<std::mutex> hold(node_lock);
+    inside = true;
+    work();
+    inside = false;
+  };
+  class CheckingSink : public RecordingSink {
+   public:
+    explicit CheckingSink(const bool &inside) : inside_(inside) {}
+    void on_frame(Frame &&frame) override {
+      if (inside_) RecordingSink::on_frame(std::move(frame));
+    }
+    void link_lost() override {
+      if (inside_) RecordingSink::link_lost();
+    }
+
+   private:
+    const bool &inside_;
+  } sink(inside);
+  auto receiver = make_socket_link(pair.fds[1], run_locked);
+  auto sender = make_socket_link(pair.fds[0]);
+  {
+    std::lock_guard<std::mutex> hold(node_lock);
+    receiver->attach(&sink);
+  }
+  {
+    snanode::ProcessLockGuard lock;
+    sender->send(make_frame(FrameType::kData, 0, 0, 3, 0));
+    sender->close(false);
+  }
+  ASSERT_TRUE(sink.wait_for_frames(1));
+  EXPECT_TRUE(sink.wait_for_lost());
+  std::lock_guard<std::mutex> hold(node_lock);
+  receiver->close(true);
+}
+
+}  // namespace
