@@ -96,6 +96,28 @@ bool wait_releasing_process_lock(std::condition_variable_any &cv, std::chrono::m
   return satisfied;
 }
 
+void run_without_process_lock(const std::function<void()> &work) {
+  ProcessLock &lock = process_lock();
+  if (!held_by_this_thread(lock)) {
+    work();
+    return;
+  }
+  const unsigned depth = lock.depth;
+  lock.depth = 0;
+  lock.owner.store(std::thread::id(), std::memory_order_relaxed);
+  lock.mutex.unlock();
+  struct Retake {
+    ProcessLock &lock;
+    unsigned depth;
+    ~Retake() {
+      lock.mutex.lock();
+      lock.owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+      lock.depth = depth;
+    }
+  } retake{lock, depth};
+  work();
+}
+
 std::condition_variable_any &node_state_cv() {
   static std::condition_variable_any *cv = new std::condition_variable_any;
   return *cv;

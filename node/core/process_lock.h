@@ -28,4 +28,9 @@ bool wait_releasing_process_lock(std::condition_variable_any &cv,
                                  std::chrono::milliseconds timeout,  // negative: no limit
                                  const std::function<bool()> &ready);
 
+// Runs `work` with the process lock released (however deeply the calling
+// thread holds it) and takes it back afterwards, so a thread can block in a
+// system call without holding up the node.  The caller holds the process lock.
+void run_without_process_lock(const std::function<void()> &work);
+
 }  // namespace snanode

@@ -6,8 +6,8 @@
 namespace snanode::engine {
 namespace {
 
-void put_u32(std::vector<uint8_t> &out, uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
+void put_u32(uint8_t *out, uint32_t value) {
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
 }
 
 uint32_t get_u32(const uint8_t *in) {
@@ -21,30 +21,47 @@ bool known_type(uint8_t type) {
 
 }  // namespace
 
-void encode_frame(const Frame &frame, std::vector<uint8_t> &out) {
+void encode_frame_header(const Frame &frame, uint8_t (&out)[kFrameHeaderSize]) {
   if (frame.payload.size() > kMaxFramePayload) throw std::invalid_argument("frame too large");
   put_u32(out, static_cast<uint32_t>(kFrameHeaderSize - 4 + frame.payload.size()));
-  out.push_back(static_cast<uint8_t>(frame.type));
-  out.push_back(frame.flags);
-  put_u32(out, frame.code);
+  out[4] = static_cast<uint8_t>(frame.type);
+  out[5] = frame.flags;
+  put_u32(out + 6, frame.code);
+}
+
+FrameHeader decode_frame_header(const uint8_t *in) {
+  const uint32_t rest = get_u32(in);
+  if (rest < kFrameHeaderSize - 4 || rest - (kFrameHeaderSize - 4) > kMaxFramePayload) {
+    throw std::invalid_argument("bad frame length");
+  }
+  if (!known_type(in[4])) throw std::invalid_argument("unknown frame type");
+  return {static_cast<FrameType>(in[4]), in[5], get_u32(in + 6),
+          static_cast<uint32_t>(rest - (kFrameHeaderSize - 4))};
+}
+
+void encode_frame(const Frame &frame, std::vector<uint8_t> &out) {
+  uint8_t header[kFrameHeaderSize];
+  encode_frame_header(frame, header);
+  out.insert(out.end(), header, header + kFrameHeaderSize);
   out.insert(out.end(), frame.payload.begin(), frame.payload.end());
 }
 
 std::optional<Frame> decode_frame(const uint8_t *in, size_t size, size_t &consumed) {
   consumed = 0;
   if (size < 4) return std::nullopt;
+  // The length alone may already be wrong; refuse it before waiting for more.
   const uint32_t rest = get_u32(in);
   if (rest < kFrameHeaderSize - 4 || rest - (kFrameHeaderSize - 4) > kMaxFramePayload) {
     throw std::invalid_argument("bad frame length");
   }
   if (size - 4 < rest) return std::nullopt;
-  if (!known_type(in[4])) throw std::invalid_argument("unknown frame type");
+  const FrameHeader header = decode_frame_header(in);
   Frame frame;
-  frame.type = static_cast<FrameType>(in[4]);
-  frame.flags = in[5];
-  frame.code = get_u32(in + 6);
-  frame.payload.assign(in + kFrameHeaderSize, in + 4 + rest);
-  consumed = 4 + rest;
+  frame.type = header.type;
+  frame.flags = header.flags;
+  frame.code = header.code;
+  frame.payload.assign(in + kFrameHeaderSize, in + kFrameHeaderSize + header.payload_size);
+  consumed = kFrameHeaderSize + header.payload_size;
   return frame;
 }
 

@@ -46,6 +46,21 @@ struct Frame {
 inline constexpr size_t kFrameHeaderSize = 10;          // length, type, flags, code
 inline constexpr uint32_t kMaxFramePayload = 1u << 20;  // larger frames are refused
 
+// What the fixed-size start of an encoded frame says.
+struct FrameHeader {
+  FrameType type = FrameType::kData;
+  uint8_t flags = 0;
+  uint32_t code = 0;
+  uint32_t payload_size = 0;
+};
+
+// Writes the header of `frame`; its payload follows it on the stream.
+void encode_frame_header(const Frame &frame, uint8_t (&out)[kFrameHeaderSize]);
+
+// Decodes a header from `in`, which holds at least kFrameHeaderSize bytes.
+// Throws std::invalid_argument for bytes that cannot start a frame.
+FrameHeader decode_frame_header(const uint8_t *in);
+
 // Appends the encoded frame to `out`.
 void encode_frame(const Frame &frame, std::vector<uint8_t> &out);
 

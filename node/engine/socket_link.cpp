@@ -1,25 +1,41 @@
 #include "engine/socket_link.h"
 
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/process_lock.h"
+#include "engine/link_reactor.h"
 
 namespace snanode::engine {
 namespace {
 
 constexpr size_t kReadChunk = 64 * 1024;
+// A frame at least this large is read straight into its own payload, which
+// saves copying it out of the read buffer.
+constexpr size_t kDirectPayload = 8 * 1024;
+constexpr size_t kMaxIovecs = 64;
 constexpr uint8_t kOrderlyEnd[4] = {0, 0, 0, 0};
+
+// Who reads the socket: nobody, one thread (the reactor or a waiting verb's
+// thread), or one thread while another found input it could not take.
+constexpr uint32_t kInputIdle = 0;
+constexpr uint32_t kInputOwned = 1;
+constexpr uint32_t kInputMore = 2;
 
 bool write_all(int fd, const uint8_t *data, size_t size) {
   while (size > 0) {
@@ -32,229 +48,407 @@ bool write_all(int fd, const uint8_t *data, size_t size) {
   return true;
 }
 
-// What the link object and its two threads share.  The threads keep it alive
-// after the link is gone; the last owner closes the socket.
-struct State {
-  State(int socket, RunLocked locked) : fd(socket), run_locked(std::move(locked)) {}
-  ~State() { ::close(fd); }
+// One end of the socket and everything about it that outlives the Link
+// object: the reactor keeps it while output is still queued, and a thread
+// reading it in place of the reactor keeps it while it reads.  The socket
+// closes with the last owner.
+class State : public ReactorEndpoint,
+              public LinkReader,
+              public std::enable_shared_from_this<State> {
+ public:
+  State(int fd, RunLocked run_locked) : fd_(fd), run_locked_(std::move(run_locked)) {}
+  ~State() override { ::close(fd_); }
 
+  void start() {
+    key_ = reactor_register(fd_, shared_from_this());
+    if (key_ == 0) {
+      write_failed_ = true;
+      input_ended_ = true;
+      end_unreported_ = true;
+    }
+  }
+
+  bool uses_process_lock() const { return !run_locked_; }
+
+  // ---- the Link side, under the node's lock ----
+
+  void send(Frame &&frame) {
+    if (!open_ || write_failed_.load()) return;
+    uint8_t header[kFrameHeaderSize];
+    encode_frame_header(frame, header);
+    {
+      std::lock_guard<std::mutex> hold(out_mutex_);
+      queue_or_write(header, std::move(frame.payload));
+    }
+    apply_back_pressure();
+  }
+
+  void attach(FrameSink *sink) {
+    if (!open_) return;
+    sink_ = sink;
+    if (sink != nullptr && !input_watched_) {
+      input_watched_ = true;
+      if (input_ended_.load()) {
+        deliver_locked_now();
+      } else {
+        reactor_watch_input(key_, fd_, true);
+      }
+    }
+  }
+
+  void close(bool quietly) {
+    if (!open_) return;
+    open_ = false;
+    sink_ = nullptr;
+    bool retire;
+    {
+      std::lock_guard<std::mutex> hold(out_mutex_);
+      closing_ = true;
+      if (quietly) queue_or_write(kOrderlyEnd, {}, sizeof kOrderlyEnd);
+      retire = ready_to_retire_locked();
+    }
+    if (retire) this->retire();
+  }
+
+  // ---- ReactorEndpoint ----
+
+  void on_events(uint32_t events) override {
+    if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) != 0) flush_queue();
+    if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) == 0) return;
+    if (!claim_input()) return;
+    // Input that another thread found while this one read may include the
+    // end of the stream: a second round reads to the end.
+    bool to_the_end = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+    do {
+      std::vector<Frame> frames;
+      read_socket(frames, std::exchange(to_the_end, true));
+      if (!frames.empty() || end_unreported_) {
+        with_node_lock([&] { deliver_locked(frames); });
+      }
+    } while (!release_input());
+  }
+
+  // ---- LinkReader ----
+
+  bool read_here(int wake_fd) override {
+    if (input_ended_.load() || !claim_input()) return false;
+    // The reactor would only find the socket taken; keep it out meanwhile.
+    reactor_watch_input(key_, fd_, false);
+    std::vector<Frame> frames;
+    run_without_process_lock([&] {
+      pollfd polled[2] = {{fd_, POLLIN | POLLRDHUP, 0}, {wake_fd, POLLIN, 0}};
+      while (::poll(polled, 2, -1) < 0 && errno == EINTR) {
+      }
+      if (polled[0].revents != 0) {
+        read_socket(frames, (polled[0].revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0);
+      }
+    });
+    deliver_locked(frames);
+    reactor_watch_input(key_, fd_, input_watched_ && open_);
+    while (!release_input()) {
+      read_socket(frames, true);
+      deliver_locked(frames);
+    }
+    return true;
+  }
+
+ private:
   void with_node_lock(const std::function<void()> &work) {
-    if (run_locked) {
-      run_locked(work);
+    if (run_locked_) {
+      run_locked_(work);
     } else {
       ProcessLockGuard lock;
       work();
     }
   }
 
-  const int fd;
-  const RunLocked run_locked;  // empty: the process lock
+  // ---- output ----
 
-  // Outbound queue, guarded by `mutex`.
-  std::mutex mutex;
-  std::condition_variable queue_changed;
-  std::deque<std::vector<uint8_t>> queue;
-  bool writer_busy = false;  // the writer is writing what it took from the queue
-  bool closing = false;
-  bool finished = false;  // the end of the stream has been written
-
-  std::atomic<size_t> queued_bytes{0};
-  std::atomic<bool> write_failed{false};
-  std::atomic<int> senders_waiting{0};
-  std::condition_variable_any drained;  // waited on with the process lock
-
-  // Guarded by the node's lock.
-  FrameSink *sink = nullptr;
-  bool open = true;
-  bool reader_started = false;
-};
-
-void notify_drained(State &state) {
-  // Taking the process lock orders this notification after a waiting
-  // sender's check of queued_bytes, so the wake-up cannot be lost.
-  if (state.senders_waiting.load() == 0) return;
-  { ProcessLockGuard lock; }
-  state.drained.notify_all();
-}
-
-// Writes what the socket takes at once; the bytes written, or nothing when
-// the peer is gone.
-std::optional<size_t> write_now(int fd, const uint8_t *data, size_t size) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = ::send(fd, data + done, size - done, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    if (n <= 0) return std::nullopt;
-    done += static_cast<size_t>(n);
-  }
-  return done;
-}
-
-// Appends to the queue for the writer thread; `state.mutex` is held.
-void enqueue_locked(State &state, std::vector<uint8_t> bytes) {
-  state.queued_bytes.fetch_add(bytes.size());
-  state.queue.push_back(std::move(bytes));
-  state.queue_changed.notify_one();
-}
-
-// Sends `bytes` after everything queued before them: at once when nothing
-// waits and the socket takes them, so a frame is on its way when the verb
-// that sent it returns (and survives the process exiting right after); the
-// rest through the writer thread.  `state.mutex` is held.
-void send_locked(State &state, std::vector<uint8_t> bytes) {
-  if (state.write_failed.load()) return;
-  if (state.queue.empty() && !state.writer_busy) {
-    const auto written = write_now(state.fd, bytes.data(), bytes.size());
-    if (!written) {
-      state.write_failed.store(true);
-      return;
+  // Writes a frame (its header and payload, or the orderly end when
+  // `raw_size` is given) after whatever is queued: at once while the queue is
+  // empty and the socket takes it, so a frame is on its way when the verb that
+  // sent it returns, even if the process exits right after.  What the socket
+  // does not take is queued for the reactor.  `out_mutex_` is held.
+  void queue_or_write(const uint8_t *header, std::vector<uint8_t> payload, size_t raw_size = 0) {
+    if (write_failed_.load()) return;
+    const size_t header_size = raw_size != 0 ? raw_size : kFrameHeaderSize;
+    size_t written = 0;
+    if (queue_.empty()) {
+      iovec parts[2] = {{const_cast<uint8_t *>(header), header_size},
+                        {payload.data(), payload.size()}};
+      const auto sent = write_vector(parts, payload.empty() ? 1 : 2);
+      if (!sent) return;
+      written = *sent;
+      if (written == header_size + payload.size()) return;
     }
-    if (*written == bytes.size()) return;
-    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(*written));
-  }
-  enqueue_locked(state, std::move(bytes));
-}
-
-// Ends the stream once everything queued is written; `state.mutex` is held.
-void finish_locked(State &state) {
-  if (state.finished || !state.queue.empty() || state.writer_busy) return;
-  state.finished = true;
-  ::shutdown(state.fd, SHUT_WR);
-}
-
-void run_writer(const std::shared_ptr<State> &state) {
-  std::unique_lock<std::mutex> hold(state->mutex);
-  for (;;) {
-    state->queue_changed.wait(hold, [&] { return !state->queue.empty() || state->closing; });
-    if (state->queue.empty()) break;
-    std::vector<uint8_t> burst;
-    for (auto &chunk : state->queue) burst.insert(burst.end(), chunk.begin(), chunk.end());
-    state->queue.clear();
-    state->writer_busy = true;
-    hold.unlock();
-    if (!state->write_failed.load() && !write_all(state->fd, burst.data(), burst.size())) {
-      state->write_failed.store(true);
+    if (written < header_size) {
+      queue_.emplace_back(header + written, header + header_size);
+      queued_bytes_ += header_size - written;
+      written = 0;
+    } else {
+      written -= header_size;
     }
-    state->queued_bytes.fetch_sub(burst.size());
-    notify_drained(*state);
-    hold.lock();
-    state->writer_busy = false;
+    if (written < payload.size()) {
+      if (queue_.empty()) front_offset_ = written;
+      queued_bytes_ += payload.size() - written;
+      queue_.push_back(std::move(payload));
+    }
   }
-  finish_locked(*state);
-}
 
-// Decodes the whole frames `buffer` holds and delivers them under one hold of
-// the node's lock, so a status sent right after data reaches a waiting verb
-// with it.  False once the stream has ended (`orderly` tells how), cannot be
-// decoded, or the link was closed.
-bool deliver_frames(State &state, std::vector<uint8_t> &buffer, bool &orderly) {
-  std::vector<Frame> frames;
-  size_t offset = 0;
-  bool ended = false;
-  while (!ended) {
-    const size_t left = buffer.size() - offset;
-    if (left >= sizeof kOrderlyEnd &&
-        std::equal(kOrderlyEnd, kOrderlyEnd + sizeof kOrderlyEnd, buffer.data() + offset)) {
-      orderly = true;
-      ended = true;
+  // Writes what it can without blocking; the bytes written, or nothing when
+  // the peer is gone (everything queued is then dropped).
+  std::optional<size_t> write_vector(iovec *parts, size_t count) {
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    for (;;) {
+      const ssize_t n = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n >= 0) return static_cast<size_t>(n);
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+      write_failed_ = true;
+      queue_.clear();
+      queued_bytes_ = 0;
+      return std::nullopt;
+    }
+  }
+
+  // The reactor found the socket writable again.
+  void flush_queue() {
+    bool retire;
+    {
+      std::lock_guard<std::mutex> hold(out_mutex_);
+      while (!queue_.empty()) {
+        iovec parts[kMaxIovecs];
+        size_t count = 0;
+        size_t offset = front_offset_;
+        for (auto &chunk : queue_) {
+          if (count == kMaxIovecs) break;
+          parts[count++] = {chunk.data() + offset, chunk.size() - offset};
+          offset = 0;
+        }
+        const auto sent = write_vector(parts, count);
+        if (!sent || *sent == 0) break;
+        size_t left = *sent;
+        queued_bytes_ -= left;
+        while (left > 0) {
+          const size_t in_front = queue_.front().size() - front_offset_;
+          if (left < in_front) {
+            front_offset_ += left;
+            break;
+          }
+          left -= in_front;
+          queue_.pop_front();
+          front_offset_ = 0;
+        }
+      }
+      retire = ready_to_retire_locked();
+    }
+    notify_drained();
+    if (retire) this->retire();
+  }
+
+  // Closed and written out: the peer sees the end of the stream at once (the
+  // socket itself closes with the last owner), and the reactor lets go.
+  void retire() {
+    ::shutdown(fd_, SHUT_RDWR);
+    reactor_unregister(key_, fd_);
+  }
+
+  // Whether the link is closed and has nothing left to write: then the
+  // reactor can let go of it.  `out_mutex_` is held.
+  bool ready_to_retire_locked() {
+    if (!closing_ || retired_ || (!queue_.empty() && !write_failed_.load())) return false;
+    retired_ = true;
+    return true;
+  }
+
+  // Past the queue limit a sender waits, with the process lock released,
+  // until the reactor has written enough.  Only where the node's lock is the
+  // process lock: another lock cannot be released for the wait.
+  void apply_back_pressure() {
+    if (run_locked_ || queued_bytes_.load() <= kSocketLinkQueueLimit) return;
+    const std::shared_ptr<State> keep = shared_from_this();
+    senders_waiting_.fetch_add(1);
+    wait_releasing_process_lock(drained_, std::chrono::milliseconds(-1), [&] {
+      return queued_bytes_.load() <= kSocketLinkQueueLimit || write_failed_.load();
+    });
+    senders_waiting_.fetch_sub(1);
+  }
+
+  void notify_drained() {
+    // Taking the process lock orders this after a waiting sender's check of
+    // the queue size, so the wake-up cannot be lost.
+    if (senders_waiting_.load() == 0) return;
+    { ProcessLockGuard lock; }
+    drained_.notify_all();
+  }
+
+  // ---- input ----
+
+  bool claim_input() {
+    uint32_t seen = input_state_.load();
+    for (;;) {
+      if (seen == kInputIdle) {
+        if (input_state_.compare_exchange_weak(seen, kInputOwned)) return true;
+      } else if (input_state_.compare_exchange_weak(seen, seen | kInputMore)) {
+        return false;  // the owner reads again before it lets go
+      }
+    }
+  }
+
+  // False when another thread found input meanwhile: read again.
+  bool release_input() {
+    uint32_t expected = kInputOwned;
+    if (input_state_.compare_exchange_strong(expected, kInputIdle)) return true;
+    input_state_.store(kInputOwned);
+    return false;
+  }
+
+  // Reads whatever the socket holds (without blocking) into whole frames.
+  // A short read means the socket was empty: later input is reported anew.
+  // But the end of the stream, once reported, is not reported again, so when
+  // the peer has ended (`to_the_end`) the socket is read until it says so.
+  // Runs only in the thread that owns the input.
+  void read_socket(std::vector<Frame> &frames, bool to_the_end) {
+    while (!input_ended_.load()) {
+      if (partial_) {
+        auto &payload = partial_->payload;
+        const ssize_t n =
+            receive(payload.data() + partial_filled_, payload.size() - partial_filled_);
+        if (n <= 0) return;
+        partial_filled_ += static_cast<size_t>(n);
+        if (partial_filled_ < payload.size() && !to_the_end) return;  // the rest is to come
+        if (partial_filled_ < payload.size()) continue;
+        frames.push_back(std::move(*partial_));
+        partial_.reset();
+        continue;
+      }
+      const size_t old_size = buffer_.size();
+      buffer_.resize(old_size + kReadChunk);
+      const ssize_t n = receive(buffer_.data() + old_size, kReadChunk);
+      buffer_.resize(old_size + static_cast<size_t>(std::max<ssize_t>(n, 0)));
+      if (n <= 0) return;
+      decode_buffer(frames);
+      if (static_cast<size_t>(n) < kReadChunk && !partial_ && !to_the_end) return;
+    }
+  }
+
+  // recv without blocking; 0 when nothing is there, -1 once the stream ended.
+  ssize_t receive(uint8_t *into, size_t size) {
+    for (;;) {
+      const ssize_t n = ::recv(fd_, into, size, MSG_DONTWAIT);
+      if (n > 0) return n;
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+      end_input(false);  // end of stream or a broken socket
+      return -1;
+    }
+  }
+
+  void end_input(bool orderly) {
+    input_ended_ = true;
+    end_unreported_ = !orderly;
+  }
+
+  void decode_buffer(std::vector<Frame> &frames) {
+    size_t offset = 0;
+    for (;;) {
+      const uint8_t *at = buffer_.data() + offset;
+      const size_t left = buffer_.size() - offset;
+      if (left >= sizeof kOrderlyEnd && std::memcmp(at, kOrderlyEnd, sizeof kOrderlyEnd) == 0) {
+        end_input(true);
+        break;
+      }
+      if (left < kFrameHeaderSize) break;
+      FrameHeader header;
+      try {
+        header = decode_frame_header(at);
+      } catch (const std::invalid_argument &) {
+        end_input(false);  // bytes that are not a frame: the peer is not one of ours
+        break;
+      }
+      Frame frame;
+      frame.type = header.type;
+      frame.flags = header.flags;
+      frame.code = header.code;
+      const size_t whole = kFrameHeaderSize + header.payload_size;
+      if (left >= whole) {
+        frame.payload.assign(at + kFrameHeaderSize, at + whole);
+        frames.push_back(std::move(frame));
+        offset += whole;
+        continue;
+      }
+      if (header.payload_size >= kDirectPayload) {
+        partial_filled_ = left - kFrameHeaderSize;
+        frame.payload.resize(header.payload_size);
+        std::memcpy(frame.payload.data(), at + kFrameHeaderSize, partial_filled_);
+        partial_ = std::move(frame);
+        offset += left;
+      }
       break;
     }
-    size_t consumed = 0;
-    try {
-      std::optional<Frame> frame = decode_frame(buffer.data() + offset, left, consumed);
-      if (!frame) break;
-      frames.push_back(std::move(*frame));
-      offset += consumed;
-    } catch (const std::invalid_argument &) {
-      ended = true;
-    }
+    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(offset));
   }
-  buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(offset));
-  bool open = true;
-  if (!frames.empty()) {
-    state.with_node_lock([&] {
-      for (auto &frame : frames) {
-        if (!state.open) break;
-        if (state.sink != nullptr) state.sink->on_frame(std::move(frame));
-      }
-      open = state.open;
-    });
-  }
-  return open && !ended;
-}
 
-void run_reader(const std::shared_ptr<State> &state) {
-  std::vector<uint8_t> buffer;
-  std::vector<uint8_t> chunk(kReadChunk);
-  bool orderly = false;
-  for (;;) {
-    const ssize_t n = ::recv(state->fd, chunk.data(), chunk.size(), 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    buffer.insert(buffer.end(), chunk.begin(), chunk.begin() + n);
-    if (!deliver_frames(*state, buffer, orderly)) break;
-  }
-  state->with_node_lock([&] {
-    if (state->open && !orderly && state->sink != nullptr) {
-      FrameSink *sink = state->sink;
-      state->sink = nullptr;  // link_lost() is heard once
-      sink->link_lost();
+  // Hands what was read to the sink, and then the loss of the link if the
+  // stream ended without the orderly end.  The node's lock is held.
+  void deliver_locked(std::vector<Frame> &frames) {
+    for (auto &frame : frames) {
+      if (!open_ || sink_ == nullptr) break;
+      sink_->on_frame(std::move(frame));
     }
-  });
-}
+    frames.clear();
+    deliver_locked_now();
+  }
+
+  void deliver_locked_now() {
+    if (!end_unreported_ || !open_ || sink_ == nullptr) return;
+    end_unreported_ = false;
+    FrameSink *sink = std::exchange(sink_, nullptr);  // heard once
+    sink->link_lost();
+  }
+
+  const int fd_;
+  const RunLocked run_locked_;  // empty: the process lock
+  uint64_t key_ = 0;            // the reactor's registration
+
+  // Output, guarded by out_mutex_.
+  std::mutex out_mutex_;
+  std::deque<std::vector<uint8_t>> queue_;
+  size_t front_offset_ = 0;  // bytes of the front chunk already written
+  bool closing_ = false;
+  bool retired_ = false;
+  std::atomic<size_t> queued_bytes_{0};
+  std::atomic<bool> write_failed_{false};
+  std::atomic<int> senders_waiting_{0};
+  std::condition_variable_any drained_;  // waited on with the process lock
+
+  // Input, touched only by the thread that owns it (input_state_).
+  std::atomic<uint32_t> input_state_{kInputIdle};
+  std::vector<uint8_t> buffer_;
+  std::optional<Frame> partial_;  // a large frame being read into its payload
+  size_t partial_filled_ = 0;
+  std::atomic<bool> input_ended_{false};
+  bool end_unreported_ = false;  // the stream broke; the sink has not heard it
+
+  // Guarded by the node's lock.
+  FrameSink *sink_ = nullptr;
+  bool open_ = true;
+  bool input_watched_ = false;
+};
 
 class SocketLink : public Link {
  public:
-  SocketLink(int fd, RunLocked run_locked)
-      : state_(std::make_shared<State>(fd, std::move(run_locked))) {
-    std::thread([state = state_] { run_writer(state); }).detach();
-  }
-  ~SocketLink() override { close(true); }
+  explicit SocketLink(std::shared_ptr<State> state) : state_(std::move(state)) {}
+  ~SocketLink() override { state_->close(true); }
 
-  void send(Frame &&frame) override {
-    if (!state_->open || state_->write_failed.load()) return;
-    std::vector<uint8_t> bytes;
-    encode_frame(frame, bytes);
-    {
-      std::lock_guard<std::mutex> hold(state_->mutex);
-      send_locked(*state_, std::move(bytes));
-    }
-    // Back-pressure, where the node's lock is the process lock (another lock
-    // cannot be released for the wait).
-    if (state_->run_locked || state_->queued_bytes.load() <= kSocketLinkQueueLimit) return;
-    // The link may be closed by another thread meanwhile, so the wait holds
-    // its own reference to the state.
-    const std::shared_ptr<State> state = state_;
-    state->senders_waiting.fetch_add(1);
-    wait_releasing_process_lock(state->drained, std::chrono::milliseconds(-1), [&] {
-      return state->queued_bytes.load() <= kSocketLinkQueueLimit || state->write_failed.load();
-    });
-    state->senders_waiting.fetch_sub(1);
-  }
-
-  void attach(FrameSink *sink) override {
-    if (!state_->open) return;
-    state_->sink = sink;
-    if (sink != nullptr && !state_->reader_started) {
-      state_->reader_started = true;
-      std::thread([state = state_] { run_reader(state); }).detach();
-    }
-  }
-
-  void close(bool quietly) override {
-    if (!state_->open) return;
-    state_->open = false;
-    state_->sink = nullptr;
-    {
-      std::lock_guard<std::mutex> hold(state_->mutex);
-      state_->closing = true;
-      if (quietly) send_locked(*state_, {kOrderlyEnd, kOrderlyEnd + sizeof kOrderlyEnd});
-      finish_locked(*state_);  // or the writer does, once the queue is written
-    }
-    state_->queue_changed.notify_one();
-    // Wakes the reader; what is still queued is written all the same.
-    ::shutdown(state_->fd, SHUT_RD);
+  void send(Frame &&frame) override { state_->send(std::move(frame)); }
+  void attach(FrameSink *sink) override { state_->attach(sink); }
+  void close(bool quietly) override { state_->close(quietly); }
+  std::shared_ptr<LinkReader> reader() override {
+    if (!state_->uses_process_lock()) return nullptr;
+    return state_;
   }
 
  private:
@@ -264,7 +458,9 @@ class SocketLink : public Link {
 }  // namespace
 
 std::unique_ptr<Link> make_socket_link(int fd, RunLocked run_locked) {
-  return std::make_unique<SocketLink>(fd, std::move(run_locked));
+  auto state = std::make_shared<State>(fd, std::move(run_locked));
+  state->start();
+  return std::make_unique<SocketLink>(std::move(state));
 }
 
 bool send_final_frame(int fd, const Frame &frame) {
