@@ -40,7 +40,22 @@ NodeConfig default_config() {
   return config;
 }
 
+std::optional<DaemonUse> daemon_use_from_name(const std::string &name) {
+  if (name == "auto") return DaemonUse::kAuto;
+  if (name == "required") return DaemonUse::kRequired;
+  if (name == "off") return DaemonUse::kOff;
+  return std::nullopt;
+}
+
 void apply_environment(NodeConfig &config) {
+  if (const char *daemon = std::getenv("SNANODE_DAEMON"); daemon && *daemon) {
+    const auto use = daemon_use_from_name(daemon);
+    if (!use) {
+      throw ConfigError("SNANODE_DAEMON: \"" + std::string(daemon) +
+                        "\" is not one of auto, required, off");
+    }
+    config.daemon = *use;
+  }
   if (const char *dir = std::getenv("SNANODE_LOG_DIR"); dir && *dir) config.log_dir = dir;
   if (const char *file = std::getenv("SNANODE_TRACE_FILE"); file && *file) {
     config.trace_file = file;

@@ -74,6 +74,10 @@ class Parser {
     config_.attach_timeout_ms =
         r.integer("attach_timeout_ms", config_.attach_timeout_ms, 0, UINT32_MAX);
     config_.socket_path = r.string("socket_path", "");
+    const std::string daemon = r.string("daemon", "auto");
+    const auto use = daemon_use_from_name(daemon);
+    if (!use) r.fail("daemon", "must be \"auto\", \"required\" or \"off\", not \"" + daemon + "\"");
+    config_.daemon = *use;
     r.finish();
   }
 

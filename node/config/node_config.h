@@ -49,10 +49,10 @@ struct InvokableTp {
   std::string tp_name;
   std::string program;
   std::vector<std::string> arguments;
-  std::string local_lu_alias;         // empty: the default local LU
-  bool accept_basic = true;           // conversation types accepted
+  std::string local_lu_alias;  // empty: the default local LU
+  bool accept_basic = true;    // conversation types accepted
   bool accept_mapped = true;
-  bool accept_sync_none = true;       // sync levels accepted
+  bool accept_sync_none = true;  // sync levels accepted
   bool accept_sync_confirm = true;
   bool security_required = false;     // allocations must carry a verified user
   uint32_t queue_timeout_ms = 10000;  // an attach waits this long for the TP
@@ -63,6 +63,15 @@ struct User {
   std::string user_id;
   std::string password;  // empty with use_pam: verified by PAM
 };
+
+// Whether a process uses the node daemon: when one answers (auto), always
+// (required: a process with no daemon to reach cannot start), or never (off:
+// the engine embedded in the process serves it alone).
+enum class DaemonUse : uint8_t { kAuto, kRequired, kOff };
+
+// The word for a DaemonUse in the file and in SNANODE_DAEMON; nothing for
+// another word.
+std::optional<DaemonUse> daemon_use_from_name(const std::string &name);
 
 struct NodeConfig {
   std::filesystem::path source;  // the file read, empty for defaults
@@ -78,10 +87,11 @@ struct NodeConfig {
   std::string pam_service = "snanode";
   uint32_t attach_timeout_ms = 10000;  // attaches for non-invokable TP names
   std::string socket_path;             // daemon socket; empty: default
-  std::string log_dir;                 // empty: default
-  bool trace = false;                  // API trace on
-  std::string trace_file;              // empty: default
-  std::vector<uint8_t> trace_flags;    // explicit flag bytes, if given
+  DaemonUse daemon = DaemonUse::kAuto;
+  std::string log_dir;               // empty: default
+  bool trace = false;                // API trace on
+  std::string trace_file;            // empty: default
+  std::vector<uint8_t> trace_flags;  // explicit flag bytes, if given
 };
 
 // A configuration file that cannot be used.  what() reads

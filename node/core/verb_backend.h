@@ -28,6 +28,11 @@ class VerbBackend {
   // error of the backend's choice) before returning.  Called with the process
   // lock held.
   virtual void end_path() {}
+
+  // Waits, with the process lock released, until `ticket` has completed; the
+  // dispatcher calls it for a verb whose caller blocks.  The default waits on
+  // the node monitor until complete_verb() has run.
+  virtual void wait(VerbTicket *ticket);
 };
 
 // Completes a verb its backend answered "later".  The caller holds the process
@@ -36,6 +41,15 @@ void complete_verb(VerbTicket *ticket);
 
 // The VCB a ticket stands for.
 void *ticket_vcb(const VerbTicket *ticket);
+
+// Whether complete_verb() has run for the ticket.  Process lock held.
+bool ticket_completed(const VerbTicket *ticket);
+
+// While a blocked caller waits somewhere other than on the node monitor (in
+// poll, say), complete_verb() from another thread also makes `wake_fd` (an
+// eventfd) readable; -1 stops that.  Returns whether the fd was written since
+// the last call.  Process lock held.
+bool set_ticket_wake_fd(VerbTicket *ticket, int wake_fd);
 
 // The conversation engine's backend, or nullptr while the node has none (the
 // verbs are then answered "node not reachable").

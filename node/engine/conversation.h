@@ -65,6 +65,7 @@ class Conversation : public FrameSink {
   uint8_t sync_level() const { return setup_.sync_level; }
   ConvState state() const { return state_; }
   bool has_waiting_verb() const { return waiting_.vcb != nullptr; }
+  std::shared_ptr<LinkReader> link_reader() const { return link_->reader(); }
   // Ended, and nothing left to tell the TP: the engine may drop it.
   bool finished() const { return state_ == ConvState::kReset && !has_waiting_verb(); }
 

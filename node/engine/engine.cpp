@@ -118,7 +118,7 @@ void Engine::define_local_tp(NAP_LOCAL_TP_VCB &vcb) {
     put_result(vcb, AP_PARAMETER_CHECK, AP_BAD_FIELD);
     return;
   }
-  ++local_tp_names_[name];
+  if (++local_tp_names_[name] == 1 && remote_ != nullptr) remote_->tp_name_added(name);
   put_result(vcb, AP_OK);
 }
 
@@ -128,7 +128,10 @@ void Engine::delete_local_tp(NAP_LOCAL_TP_VCB &vcb) {
     put_result(vcb, AP_PARAMETER_CHECK, AP_BAD_FIELD);
     return;
   }
-  if (--it->second == 0) local_tp_names_.erase(it);
+  if (--it->second == 0) {
+    if (remote_ != nullptr) remote_->tp_name_removed(it->first);
+    local_tp_names_.erase(it);
+  }
   put_result(vcb, AP_OK);
 }
 
@@ -216,10 +219,9 @@ void Engine::cancel(NAP_HDR &hdr) {
       return accept.vcb->conv_id == hdr.conv_id;
     });
     if (it == accepts_.end()) return;
-    put_result(*it->vcb, AP_CANCELLED);
-    void *token = it->token;
-    accepts_.erase(it);
-    hooks_.complete(token);
+    const WaitingAccept accept = take_accept(it);
+    put_result(*accept.vcb, AP_CANCELLED);
+    hooks_.complete(accept.token);
   } else if (tp != 0) {
     cancel_allocates(tp);  // an allocation of this TP still waiting for a session
   }
@@ -236,6 +238,38 @@ void Engine::cancel_allocates(TpId tp) {
     it = allocates_.erase(it);
     hooks_.complete(token);
   }
+  // An allocation the daemon is still answering ends here; its answer is
+  // then turned down (remote_allocated).
+  for (auto &[id, waiting] : remote_allocates_) {
+    if (waiting.request.tp != tp || waiting.vcb == nullptr) continue;
+    put_result(waiting.vcb->hdr, AP_CANCELLED);
+    waiting.vcb = nullptr;
+    hooks_.complete(std::exchange(waiting.token, nullptr));
+  }
+}
+
+// ---- the node daemon ------------------------------------------------------------------
+
+void Engine::set_remote(RemoteNode *remote) {
+  remote_ = remote;
+  if (remote_ == nullptr) return;
+  for (const auto &[name, count] : local_tp_names_) remote_->tp_name_added(name);
+  for (const auto &accept : accepts_) remote_->accept_waiting(accept.accept_id, accept.names);
+}
+
+std::shared_ptr<LinkReader> Engine::reader_for(const void *vcb) {
+  switch (opcode_of(vcb)) {
+    case NAP_SEND_DATA:
+    case NAP_RECEIVE_AND_WAIT:
+    case NAP_CONFIRM:
+    case NAP_PREPARE_TO_RECEIVE:
+    case NAP_DEALLOCATE:
+      break;
+    default:
+      return nullptr;  // waits for something other than its partner
+  }
+  auto found = convs_.find(static_cast<const NAP_HDR *>(vcb)->conv_id);
+  return found == convs_.end() ? nullptr : found->second.conv->link_reader();
 }
 
 // ---- clean-up ------------------------------------------------------------------------
@@ -281,8 +315,14 @@ void Engine::end_path() {
     put_result(allocate.vcb->hdr, AP_CONV_FAILURE_NO_RETRY);
     tokens.push_back(allocate.token);
   }
+  for (auto &[id, allocate] : remote_allocates_) {
+    if (allocate.vcb == nullptr) continue;
+    put_result(allocate.vcb->hdr, AP_CONV_FAILURE_NO_RETRY);
+    tokens.push_back(allocate.token);
+  }
   accepts_.clear();
   allocates_.clear();
+  remote_allocates_.clear();
   attaches_.clear();
   convs_.clear();
   tps_.clear();

@@ -21,10 +21,13 @@
 #include <unordered_set>
 #include <vector>
 
+#include "client/daemon_protocol.h"
+#include "client/unique_fd.h"
 #include "config/node_config.h"
 #include "engine/conversation.h"
 #include "engine/deadline_timer.h"
 #include "engine/directory.h"
+#include "engine/remote_node.h"
 #include "snanode/verbs.h"
 
 namespace snanode::engine {
@@ -55,6 +58,20 @@ class Engine : private ConversationHost {
   // The process is leaving the node: every waiting verb completes with a
   // conversation failure and all state is dropped.
   void end_path();
+
+  // Routes to and from the node daemon; nullptr: TPs of this process only.
+  // The engine tells a new daemon the names and accepts it already has.
+  void set_remote(RemoteNode *remote);
+  // The daemon's answer to allocation `request_id`: primary 0 with the
+  // allocating side's end of the conversation, or the allocation error.
+  void remote_allocated(uint32_t request_id, uint16_t primary, uint32_t secondary,
+                        client::UniqueFd end);
+  // An attach from the daemon, with the attached side's end.
+  void remote_attached(client::AttachDelivery attach, client::UniqueFd end);
+
+  // For a thread whose verb waits: a way to read the conversation's link
+  // itself (see LinkReader), or nullptr.
+  std::shared_ptr<LinkReader> reader_for(const void *vcb);
 
  private:
   using TpId = uint64_t;
@@ -89,6 +106,7 @@ class Engine : private ConversationHost {
     NAP_RECEIVE_ALLOCATE *vcb;
     void *token;
     std::vector<std::string> names;
+    uint32_t accept_id;  // as the daemon knows it
   };
   struct AllocateRequest {
     TpId tp = 0;
@@ -96,6 +114,8 @@ class Engine : private ConversationHost {
     uint32_t send_buffer_size = 0;
     AttachInfo info;
     bool security_valid = true;
+    // Set when the allocation goes to the daemon, which checks it instead.
+    std::optional<client::AllocateRequest> remote;
   };
   struct WaitingAllocate {
     NAP_ALLOCATE *vcb;
@@ -116,11 +136,20 @@ class Engine : private ConversationHost {
 
   // Allocation and attach (engine_attach.cpp).
   bool allocate(NAP_ALLOCATE &vcb, void *token);
-  void establish(NAP_ALLOCATE &vcb, const AllocateRequest &request);
+  // Takes a session and makes the conversation; false while the daemon is
+  // asked (the verb then completes in remote_allocated).
+  bool establish(NAP_ALLOCATE &vcb, void *token, const AllocateRequest &request);
+  void add_conversation(NAP_ALLOCATE &vcb, const AllocateRequest &request,
+                        std::unique_ptr<Conversation> own);
   void attach(AttachInfo info, std::unique_ptr<Conversation> half, bool security_valid);
   bool receive_allocate(NAP_RECEIVE_ALLOCATE &vcb, void *token);
   void deliver_attach(PendingAttach attach, NAP_RECEIVE_ALLOCATE &vcb);
   bool serves(const std::string &tp_name) const;
+  // A TP of this process accepts the name (the daemon need not be asked).
+  bool served_here(const std::string &tp_name) const;
+  // Takes a waiting accept off the list, telling the daemon.
+  WaitingAccept take_accept(std::list<WaitingAccept>::iterator accept);
+  void queue_attach(PendingAttach attach, uint32_t timeout_ms);
   const config::InvokableTp *invokable(const std::string &tp_name) const;
   void expire_attaches();
   void grant_sessions();
@@ -148,6 +177,10 @@ class Engine : private ConversationHost {
   std::list<PendingAttach> attaches_;
   std::list<WaitingAccept> accepts_;
   std::list<WaitingAllocate> allocates_;
+  RemoteNode *remote_ = nullptr;
+  uint32_t next_accept_id_ = 0;
+  // Allocations the daemon has not answered; a null vcb: the TP gave up.
+  std::map<uint32_t, WaitingAllocate> remote_allocates_;
   DeadlineTimer timer_;  // last: stopped before the state it looks at goes
 };
 

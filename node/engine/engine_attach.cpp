@@ -14,6 +14,7 @@
 #include "engine/engine.h"
 #include "engine/link.h"
 #include "engine/security.h"
+#include "engine/socket_link.h"
 
 namespace snanode::engine {
 namespace {
@@ -68,20 +69,37 @@ bool Engine::allocate(NAP_ALLOCATE &vcb, void *token) {
   security.user_id = ebcdic_name(vcb.user_id, sizeof vcb.user_id);
   security.password = ebcdic_name(vcb.password, sizeof vcb.password);
   security.allocator_user = tp->verified_user;
-  const SecurityOutcome outcome = check_security(security, config_.users);
 
   AllocateRequest request;
   request.tp = tp_id;
   request.session = partner->lu_name + "/" + mode->name;
   request.send_buffer_size = mode->send_buffer_size;
-  request.security_valid = outcome.valid;
   request.info.tp_name = ebcdic_name(vcb.tp_name, sizeof vcb.tp_name);
   request.info.mapped = hdr.opext == NAP_OPEXT_MAPPED;
   request.info.sync_level = vcb.sync_level;
-  request.info.user = outcome.user;
   request.info.mode = mode->name;
   request.info.partner_lu_name = tp->lu_name;
   request.info.local_lu_alias = partner->local_lu_alias;
+  if (remote_ != nullptr && !served_here(request.info.tp_name)) {
+    // A TP of another process (or one the daemon starts): the daemon checks
+    // security, with the system's password check where configured.
+    client::AllocateRequest &remote = request.remote.emplace();
+    remote.partner_lu = partner_name;
+    remote.local_lu_alias = partner->local_lu_alias;
+    remote.allocator_lu = tp->lu_name;
+    remote.mode = mode->name;
+    remote.tp_name = request.info.tp_name;
+    remote.mapped = request.info.mapped;
+    remote.sync_level = request.info.sync_level;
+    remote.security_type = security.type;
+    remote.user_id = security.user_id;
+    remote.password = security.password;
+    remote.allocator_user = tp->verified_user;
+  } else {
+    const SecurityOutcome outcome = check_security(security, config_.users);
+    request.security_valid = outcome.valid;
+    request.info.user = outcome.user;
+  }
 
   if (sessions_in_use_[request.session] >= mode->session_limit) {
     if (vcb.return_control == kReturnImmediately) {
@@ -91,36 +109,105 @@ bool Engine::allocate(NAP_ALLOCATE &vcb, void *token) {
     allocates_.push_back({&vcb, token, std::move(request)});
     return false;
   }
-  establish(vcb, request);
-  return true;
+  return establish(vcb, token, request);
 }
 
-void Engine::establish(NAP_ALLOCATE &vcb, const AllocateRequest &request) {
+bool Engine::establish(NAP_ALLOCATE &vcb, void *token, const AllocateRequest &request) {
   ++sessions_in_use_[request.session];
+  if (request.remote) {
+    const uint32_t request_id = remote_->allocate(*request.remote);
+    if (request_id == 0) {
+      --sessions_in_use_[request.session];
+      put_result(vcb.hdr, AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_RETRY);
+      return true;
+    }
+    remote_allocates_[request_id] = WaitingAllocate{&vcb, token, request};
+    return false;
+  }
   LinkPair link = make_in_memory_link();
-  const uint32_t id = next_conv_id();
   ConversationSetup setup;
-  setup.id = id;
   setup.mapped = request.info.mapped;
   setup.sync_level = request.info.sync_level;
   setup.send_buffer_size = request.send_buffer_size;
-  setup.starts_in_send = true;
+  setup.starts_in_send = false;  // given an ID when a TP accepts it
   ConversationHost &host = *this;
-  auto own = std::make_unique<Conversation>(setup, std::move(link.first), host);
-  setup.id = 0;  // given when a TP accepts it
-  setup.starts_in_send = false;
   auto partner = std::make_unique<Conversation>(setup, std::move(link.second), host);
+  setup.starts_in_send = true;
+  add_conversation(vcb, request,
+                   std::make_unique<Conversation>(setup, std::move(link.first), host));
+  attach(request.info, std::move(partner), request.security_valid);
+  return true;
+}
+
+void Engine::add_conversation(NAP_ALLOCATE &vcb, const AllocateRequest &request,
+                              std::unique_ptr<Conversation> own) {
+  const uint32_t id = next_conv_id();
+  own->set_id(id);
   convs_[id] = ConvEntry{std::move(own), request.tp, request.session};
   vcb.hdr.conv_id = id;
   put_result(vcb.hdr, AP_OK);
-  attach(request.info, std::move(partner), request.security_valid);
+}
+
+void Engine::remote_allocated(uint32_t request_id, uint16_t primary, uint32_t secondary,
+                              client::UniqueFd end) {
+  auto found = remote_allocates_.find(request_id);
+  if (found == remote_allocates_.end()) return;  // from before the path ended
+  WaitingAllocate waiting = std::move(found->second);
+  remote_allocates_.erase(found);
+  const AllocateRequest &request = waiting.request;
+  if (waiting.vcb == nullptr || (primary != AP_OK && primary != AP_ALLOCATION_ERROR) ||
+      (primary == AP_OK && !end.valid())) {
+    --sessions_in_use_[request.session];
+    if (waiting.vcb != nullptr) {
+      put_result(waiting.vcb->hdr, primary == AP_OK ? AP_ALLOCATION_ERROR : primary,
+                 primary == AP_OK ? AP_ALLOCATION_FAILURE_RETRY : secondary);
+      hooks_.complete(waiting.token);
+    } else if (end.valid()) {
+      // The allocating TP gave up meanwhile: the partner sees it abend.
+      Frame abend;
+      abend.type = FrameType::kDeallocate;
+      abend.flags = static_cast<uint8_t>(DeallocKind::kAbend);
+      send_final_frame(end.get(), abend);
+    }
+    grant_sessions();
+    return;
+  }
+  ConversationSetup setup;
+  setup.mapped = request.info.mapped;
+  setup.sync_level = request.info.sync_level;
+  setup.send_buffer_size = request.send_buffer_size;
+  ConversationHost &host = *this;
+  std::unique_ptr<Conversation> own;
+  if (primary == AP_OK) {
+    own = std::make_unique<Conversation>(setup, make_socket_link(end.release()), host);
+  } else {
+    // Refused by the daemon: as with a refusal at attach, the allocating TP
+    // learns it on its next verb that sends or waits.
+    LinkPair link = make_in_memory_link();
+    own = std::make_unique<Conversation>(setup, std::move(link.first), host);
+    setup.starts_in_send = false;
+    Conversation(setup, std::move(link.second), host).refuse_attach(secondary);
+  }
+  add_conversation(*waiting.vcb, request, std::move(own));
+  hooks_.complete(waiting.token);
 }
 
 bool Engine::serves(const std::string &tp_name) const {
-  if (local_tp_names_.count(tp_name) != 0 || invokable(tp_name) != nullptr) return true;
+  return served_here(tp_name) || invokable(tp_name) != nullptr;
+}
+
+bool Engine::served_here(const std::string &tp_name) const {
+  if (local_tp_names_.count(tp_name) != 0) return true;
   return std::any_of(accepts_.begin(), accepts_.end(), [&](const WaitingAccept &accept) {
     return std::find(accept.names.begin(), accept.names.end(), tp_name) != accept.names.end();
   });
+}
+
+Engine::WaitingAccept Engine::take_accept(std::list<WaitingAccept>::iterator accept) {
+  WaitingAccept taken = std::move(*accept);
+  accepts_.erase(accept);
+  if (remote_ != nullptr) remote_->accept_ended(taken.accept_id);
+  return taken;
 }
 
 const config::InvokableTp *Engine::invokable(const std::string &tp_name) const {
@@ -150,16 +237,46 @@ void Engine::attach(AttachInfo info, std::unique_ptr<Conversation> half, bool se
   }
   for (auto it = accepts_.begin(); it != accepts_.end(); ++it) {
     if (std::find(it->names.begin(), it->names.end(), info.tp_name) == it->names.end()) continue;
-    WaitingAccept accept = *it;
-    accepts_.erase(it);
+    const WaitingAccept accept = take_accept(it);
     deliver_attach(PendingAttach{std::move(info), std::move(half), {}}, *accept.vcb);
     hooks_.complete(accept.token);
     return;
   }
-  const uint32_t timeout_ms = tp != nullptr ? tp->queue_timeout_ms : config_.attach_timeout_ms;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  attaches_.push_back(PendingAttach{std::move(info), std::move(half), deadline});
+  queue_attach(PendingAttach{std::move(info), std::move(half), {}},
+               tp != nullptr ? tp->queue_timeout_ms : config_.attach_timeout_ms);
+}
+
+void Engine::queue_attach(PendingAttach attach, uint32_t timeout_ms) {
+  attach.deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  const auto deadline = attach.deadline;
+  attaches_.push_back(std::move(attach));
   timer_.schedule(deadline);
+}
+
+void Engine::remote_attached(client::AttachDelivery attach, client::UniqueFd end) {
+  const config::Mode *mode = directory_.mode(attach.mode);
+  ConversationSetup setup;
+  setup.mapped = attach.mapped;
+  setup.sync_level = attach.sync_level;
+  if (mode != nullptr) setup.send_buffer_size = mode->send_buffer_size;
+  setup.starts_in_send = false;
+  PendingAttach pending;
+  pending.info =
+      AttachInfo{attach.tp_name, attach.mapped,          attach.sync_level,    attach.user,
+                 attach.mode,    attach.partner_lu_name, attach.local_lu_alias};
+  ConversationHost &host = *this;
+  pending.half = std::make_unique<Conversation>(setup, make_socket_link(end.release()), host);
+  auto accept = std::find_if(accepts_.begin(), accepts_.end(), [&](const WaitingAccept &waiting) {
+    return waiting.accept_id == attach.accept_id;
+  });
+  if (accept == accepts_.end()) {
+    // The accept it was meant for has ended meanwhile; the next one takes it.
+    queue_attach(std::move(pending), config_.attach_timeout_ms);
+    return;
+  }
+  const WaitingAccept taken = take_accept(accept);
+  deliver_attach(std::move(pending), *taken.vcb);
+  hooks_.complete(taken.token);
 }
 
 bool Engine::receive_allocate(NAP_RECEIVE_ALLOCATE &vcb, void *token) {
@@ -182,7 +299,9 @@ bool Engine::receive_allocate(NAP_RECEIVE_ALLOCATE &vcb, void *token) {
     deliver_attach(std::move(attach), vcb);
     return true;
   }
-  accepts_.push_back({&vcb, token, std::move(names)});
+  if (++next_accept_id_ == 0) ++next_accept_id_;
+  if (remote_ != nullptr) remote_->accept_waiting(next_accept_id_, names);
+  accepts_.push_back({&vcb, token, std::move(names), next_accept_id_});
   return false;
 }
 
@@ -232,8 +351,7 @@ void Engine::grant_sessions() {
     }
     WaitingAllocate waiting = std::move(*it);
     it = allocates_.erase(it);
-    establish(*waiting.vcb, waiting.request);
-    hooks_.complete(waiting.token);
+    if (establish(*waiting.vcb, waiting.token, waiting.request)) hooks_.complete(waiting.token);
   }
 }
 

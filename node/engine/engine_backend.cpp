@@ -1,12 +1,25 @@
-// The node's conversation engine behind the verb dispatcher.
+// The node's conversation engine behind the verb dispatcher, and its
+// connection to the node daemon.
 //
-// The engine is made on the first verb, from the node configuration, and
-// lives until the process ends: it is never destroyed, so no verb or timer
-// can reach it half torn down at exit.
+// The engine is made on the first verb (or when the process first connects to
+// the node), from the node configuration, and lives until the process ends:
+// it is never destroyed, so no verb or timer can reach it half torn down at
+// exit.  The daemon connection is made when the first path user registers and
+// dropped when the path ends; the next path user connects afresh.
+#include "engine/engine_backend.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 #include <vector>
 
+#include "client/daemon_remote.h"
+#include "client/socket_path.h"
 #include "config/node_config.h"
+#include "core/path.h"
 #include "core/process_lock.h"
 #include "core/verb_backend.h"
 #include "core/verb_result.h"
@@ -16,8 +29,31 @@
 namespace snanode {
 namespace {
 
-// Problem-log code of a configuration the engine could not start from.
+// Problem-log codes: a configuration the engine could not start from; a
+// daemon the configuration requires that does not answer.
 constexpr uint32_t kConfigProblem = 0x10040002;
+constexpr uint32_t kNoDaemonProblem = 0x10040003;
+
+// The eventfd a thread's blocked verb is woken through while the thread
+// reads its conversation's socket itself; one per thread, made on first use.
+class WakeFd {
+ public:
+  WakeFd() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+  ~WakeFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  WakeFd(const WakeFd &) = delete;
+  WakeFd &operator=(const WakeFd &) = delete;
+  int get() const { return fd_; }
+  void drain() const {
+    uint64_t count;
+    while (::read(fd_, &count, sizeof count) == sizeof count) {
+    }
+  }
+
+ private:
+  int fd_;
+};
 
 class EngineBackend : public VerbBackend {
  public:
@@ -35,6 +71,45 @@ class EngineBackend : public VerbBackend {
   void end_path() override {
     // A process that never submitted a verb has no engine to end.
     if (instance_ != nullptr) instance_->end_path();
+    daemon_.reset();
+  }
+
+  // A blocked verb that waits for its partner reads the conversation's socket
+  // in its own thread: the frame that completes it needs no hand-over from
+  // the reactor thread.  Anything else waits on the node monitor.
+  void wait(VerbTicket *ticket) override {
+    std::shared_ptr<engine::LinkReader> reader;
+    if (instance_ != nullptr) reader = instance_->reader_for(ticket_vcb(ticket));
+    if (reader != nullptr) {
+      thread_local WakeFd wake;
+      while (wake.get() >= 0 && !ticket_completed(ticket)) {
+        set_ticket_wake_fd(ticket, wake.get());
+        const bool read = reader->read_here(wake.get());
+        if (set_ticket_wake_fd(ticket, -1)) wake.drain();
+        if (!read) break;  // another thread reads the socket: it completes the verb
+      }
+    }
+    VerbBackend::wait(ticket);
+  }
+
+  bool connect() {
+    const config::NodeConfig &config = config::current_config();
+    if (config.daemon == config::DaemonUse::kOff || daemon_ != nullptr) return true;
+    const std::string path = client::daemon_socket_path(config);
+    // No socket, no daemon: the embedded engine serves, made when first needed.
+    if (config.daemon == config::DaemonUse::kAuto && ::access(path.c_str(), F_OK) != 0) {
+      return true;
+    }
+    engine::Engine *engine = this->engine();
+    if (engine == nullptr) return false;
+    daemon_ = client::DaemonRemote::connect(path, *engine, [] { snanode::end_path(); });
+    if (daemon_ == nullptr && config.daemon == config::DaemonUse::kRequired) {
+      const std::string problem = "no node daemon answers at " + path;
+      std::fprintf(stderr, "snanode: %s\n", problem.c_str());
+      nba_pd_print_problem(kNoDaemonProblem, 0, "s", problem.c_str());
+      return false;
+    }
+    return true;
   }
 
  private:
@@ -62,15 +137,27 @@ class EngineBackend : public VerbBackend {
     return instance_;
   }
 
-  engine::Engine *instance_ = nullptr;  // guarded by the process lock
+  // All guarded by the process lock.
+  engine::Engine *instance_ = nullptr;
   bool config_failed_ = false;
+  std::unique_ptr<client::DaemonRemote> daemon_;
 };
+
+EngineBackend &backend() {
+  // Never destroyed, like the engine.
+  static EngineBackend *instance = new EngineBackend;
+  return *instance;
+}
 
 }  // namespace
 
 VerbBackend *engine_backend() {
-  static EngineBackend backend;
-  return &backend;
+  return &backend();
+}
+
+bool connect_engine_to_node() {
+  ProcessLockGuard lock;
+  return backend().connect();
 }
 
 }  // namespace snanode

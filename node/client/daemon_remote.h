@@ -1,0 +1,45 @@
+// The engine joined to the node daemon: what the engine asks of the daemon
+// goes out through this process's DaemonClient, and what the daemon answers
+// (allocation results, attaches) goes back into the engine.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/daemon_client.h"
+#include "engine/engine.h"
+#include "engine/remote_node.h"
+
+namespace snanode::client {
+
+class DaemonRemote : public engine::RemoteNode, private DaemonEvents {
+ public:
+  // Connects to the daemon at `path` and hands it to the engine; nullptr
+  // when no daemon answers there.  `on_lost` runs, without the process lock,
+  // when the daemon goes away.  Call with the process lock held.
+  static std::unique_ptr<DaemonRemote> connect(const std::string &path, engine::Engine &engine,
+                                               std::function<void()> on_lost);
+  // Takes the engine off the daemon and leaves it.  Process lock held.
+  ~DaemonRemote() override;
+
+  // engine::RemoteNode
+  void tp_name_added(const std::string &tp_name) override;
+  void tp_name_removed(const std::string &tp_name) override;
+  void accept_waiting(uint32_t accept_id, const std::vector<std::string> &tp_names) override;
+  void accept_ended(uint32_t accept_id) override;
+  uint32_t allocate(const AllocateRequest &request) override;
+
+ private:
+  explicit DaemonRemote(engine::Engine &engine) : engine_(engine) {}
+
+  // DaemonEvents
+  void allocated(uint32_t request_id, uint16_t primary, uint32_t secondary, UniqueFd end) override;
+  void attached(AttachDelivery attach, UniqueFd end) override;
+
+  engine::Engine &engine_;
+  std::unique_ptr<DaemonClient> client_;
+};
+
+}  // namespace snanode::client
