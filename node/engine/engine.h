@@ -42,6 +42,9 @@ struct EngineHooks {
   std::function<void(const std::function<void()> &work)> run_locked;
   // Writes log data a partner sent to the problem log.
   std::function<void(uint32_t conv_id, const std::vector<uint8_t> &log_data)> log_data;
+  // Makes the link over a socket end the daemon handed over; unset: a socket
+  // link that delivers under the process lock.
+  std::function<std::unique_ptr<Link>(client::UniqueFd end)> socket_link;
 };
 
 class Engine : private ConversationHost {
@@ -162,6 +165,7 @@ class Engine : private ConversationHost {
   // Drops conversations that have ended and frees their sessions.
   void reap();
   uint32_t next_conv_id();
+  std::unique_ptr<Link> socket_link(client::UniqueFd end);
 
   config::NodeConfig config_;
   Directory directory_;

@@ -179,7 +179,7 @@ void Engine::remote_allocated(uint32_t request_id, uint16_t primary, uint32_t se
   ConversationHost &host = *this;
   std::unique_ptr<Conversation> own;
   if (primary == AP_OK) {
-    own = std::make_unique<Conversation>(setup, make_socket_link(end.release()), host);
+    own = std::make_unique<Conversation>(setup, socket_link(std::move(end)), host);
   } else {
     // Refused by the daemon: as with a refusal at attach, the allocating TP
     // learns it on its next verb that sends or waits.
@@ -246,6 +246,11 @@ void Engine::attach(AttachInfo info, std::unique_ptr<Conversation> half, bool se
                tp != nullptr ? tp->queue_timeout_ms : config_.attach_timeout_ms);
 }
 
+std::unique_ptr<Link> Engine::socket_link(client::UniqueFd end) {
+  if (hooks_.socket_link) return hooks_.socket_link(std::move(end));
+  return make_socket_link(end.release());
+}
+
 void Engine::queue_attach(PendingAttach attach, uint32_t timeout_ms) {
   attach.deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   const auto deadline = attach.deadline;
@@ -265,7 +270,7 @@ void Engine::remote_attached(client::AttachDelivery attach, client::UniqueFd end
       AttachInfo{attach.tp_name, attach.mapped,          attach.sync_level,    attach.user,
                  attach.mode,    attach.partner_lu_name, attach.local_lu_alias};
   ConversationHost &host = *this;
-  pending.half = std::make_unique<Conversation>(setup, make_socket_link(end.release()), host);
+  pending.half = std::make_unique<Conversation>(setup, socket_link(std::move(end)), host);
   auto accept = std::find_if(accepts_.begin(), accepts_.end(), [&](const WaitingAccept &waiting) {
     return waiting.accept_id == attach.accept_id;
   });

@@ -99,6 +99,7 @@ class State : public ReactorEndpoint,
   void close(bool quietly) {
     if (!open_) return;
     open_ = false;
+    closed_ = true;
     sink_ = nullptr;
     bool retire;
     {
@@ -114,7 +115,8 @@ class State : public ReactorEndpoint,
 
   void on_events(uint32_t events) override {
     if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) != 0) flush_queue();
-    if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) == 0) return;
+    // A closed link's input goes nowhere; its node may already be gone.
+    if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) == 0 || closed_.load()) return;
     if (!claim_input()) return;
     // Input that another thread found while this one read may include the
     // end of the stream: a second round reads to the end.
@@ -431,6 +433,8 @@ class State : public ReactorEndpoint,
   size_t partial_filled_ = 0;
   std::atomic<bool> input_ended_{false};
   bool end_unreported_ = false;  // the stream broke; the sink has not heard it
+
+  std::atomic<bool> closed_{false};  // open_, for threads without the node's lock
 
   // Guarded by the node's lock.
   FrameSink *sink_ = nullptr;

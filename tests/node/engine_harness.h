@@ -19,6 +19,7 @@
 
 #include "engine/ebcdic.h"
 #include "engine/engine.h"
+#include "engine/socket_link.h"
 
 namespace engine_test {
 
@@ -76,7 +77,17 @@ class EngineHarness {
     hooks.log_data = [this](uint32_t, const std::vector<uint8_t> &data) {
       logged.push_back(bytes_of(data));
     };
+    // Sockets from the daemon deliver under this harness's lock too.
+    hooks.socket_link = [run_locked = hooks.run_locked](snanode::client::UniqueFd end) {
+      return snanode::engine::make_socket_link(end.release(), run_locked);
+    };
     engine_ = std::make_unique<Engine>(cfg, hooks);
+  }
+
+  // Runs `work` on the engine under the harness's lock.
+  void run(const std::function<void(Engine &)> &work) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    work(*engine_);
   }
 
   // Returns true when the verb completed at once.

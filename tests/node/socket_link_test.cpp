@@ -2,6 +2,7 @@
 // process or across a fork.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -147,6 +148,57 @@ TEST(SocketLink, LargePayloadsPassWithBackPressure) {
   ASSERT_TRUE(sink.wait_for_frames(count, 20s));
   const auto got = sink.frames();
   for (size_t i = 0; i < count; ++i) expect_same(got[i], sent[i], i);
+}
+
+// A thread whose verb waits reads the socket itself: the frames are
+// delivered on that thread, in order with what the reactor delivered before;
+// a write to its wake fd ends the wait with nothing read.
+TEST(SocketLink, AWaitingThreadReadsItsSocketAndCanBeWoken) {
+  SocketPair pair;
+  auto receiver = make_socket_link(pair.fds[0]);
+  auto sender = make_socket_link(pair.fds[1]);
+  struct ThreadSink : RecordingSink {
+    std::vector<std::thread::id> threads;
+    void on_frame(Frame &&frame) override {
+      threads.push_back(std::this_thread::get_id());
+      RecordingSink::on_frame(std::move(frame));
+    }
+  } sink;
+  const int wake = ::eventfd(0, EFD_CLOEXEC);
+  ASSERT_GE(wake, 0);
+  {
+    snanode::ProcessLockGuard lock;
+    receiver->attach(&sink);
+  }
+  send_locked(*sender, make_frame(FrameType::kData, 0, 0, 10, 1));
+  ASSERT_TRUE(sink.wait_for_frames(1));  // no one waits: the reactor delivers
+
+  snanode::ProcessLockGuard lock;
+  auto reader = receiver->reader();
+  ASSERT_NE(reader, nullptr);
+  std::thread later([&] {
+    std::this_thread::sleep_for(50ms);
+    send_locked(*sender, make_frame(FrameType::kData, 0, 0, 20000, 2));  // read into its payload
+    send_locked(*sender, make_frame(FrameType::kConfirm, 0, 0, 0, 0));
+  });
+  while (sink.frames().size() < 3) ASSERT_TRUE(reader->read_here(wake));
+  later.join();
+  const auto frames = sink.frames();
+  EXPECT_EQ(frames[1].payload.size(), 20000u);
+  EXPECT_EQ(frames[2].type, FrameType::kConfirm);
+  EXPECT_NE(sink.threads[0], std::this_thread::get_id());
+  EXPECT_EQ(sink.threads[1], std::this_thread::get_id());
+  EXPECT_EQ(sink.threads[2], std::this_thread::get_id());
+
+  std::thread waker([&] {
+    const uint64_t one = 1;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(::write(wake, &one, sizeof one), static_cast<ssize_t>(sizeof one));
+  });
+  EXPECT_TRUE(reader->read_here(wake));
+  waker.join();
+  EXPECT_EQ(sink.frames().size(), 3u);
+  ::close(wake);
 }
 
 TEST(SocketLink, CloseTellsThePeerOnlyWhenNotQuiet) {
