@@ -59,7 +59,7 @@ bool Engine::allocate(NAP_ALLOCATE &vcb, void *token) {
     return true;
   }
   if (!partner->host.empty()) {
-    // Partners on other hosts are reached through the node daemon only.
+    // Nodes on other hosts are not reached yet.
     put_result(hdr, AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_NO_RETRY);
     return true;
   }
