@@ -550,7 +550,10 @@ bool Conversation::receive_data(NAP_RECEIVE_VCB &vcb, Inbound &item) {
     const auto left = in_cursor_.left_in_record(item.bytes.data() + item.offset, available);
     if (!left) return false;
     const size_t length = std::min({max, *left, available});
-    if (length < *left && length < max) return false;  // wait for more of the record
+    // A receive-and-wait waits for the rest of the record (or a full buffer);
+    // a receive-immediate takes the part that is there, as incomplete.
+    const bool immediate = vcb.hdr.opcode == NAP_RECEIVE_IMMEDIATE;
+    if (length < *left && length < max && !immediate) return false;
     deliver_data(vcb, item, length, length == *left ? AP_WR_DATA_COMPLETE : AP_WR_DATA_INCOMPLETE);
     return true;
   }

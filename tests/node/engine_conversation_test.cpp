@@ -397,6 +397,21 @@ TEST(EngineConversation, ReceiveImmediateNeverWaits) {
   // In Send state it is a state check rather than a turn of the conversation.
   EXPECT_EQ(h.receive(a, 100, 1, 0, false).rc, AP_STATE_CHECK);
   EXPECT_EQ(h.state(a), AP_STATE_SEND);
+
+  // On a basic conversation it takes the part of a logical record that is
+  // there (a receive-and-wait would wait for the rest).
+  auto [c, d] = h.connect(basic());
+  const std::string whole = record("abcdef");
+  EXPECT_EQ(h.send(c, whole.substr(0, 5), AP_SEND_FLUSH), AP_OK);
+  got = h.receive(d, 100, 1, 0, false);
+  EXPECT_EQ(got.rc, AP_OK);
+  EXPECT_EQ(got.what, AP_WR_DATA_INCOMPLETE);
+  EXPECT_EQ(got.data, whole.substr(0, 5));
+  EXPECT_EQ(h.receive(d, 100, 1, 0, false).rc, AP_UNSUCCESSFUL);
+  EXPECT_EQ(h.send(c, whole.substr(5), AP_SEND_FLUSH), AP_OK);
+  got = h.receive(d, 100, 1, 0, false);
+  EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+  EXPECT_EQ(got.data, whole.substr(5));
 }
 
 TEST(EngineConversation, MappedRecordsAreCutToTheBufferAndContinued) {
