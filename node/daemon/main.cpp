@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "client/socket_path.h"
+#include "core/file_limit.h"
 #include "core/log_files.h"
 #include "daemon/config_check.h"
 #include "daemon/server.h"
@@ -92,6 +93,7 @@ int main(int argc, char **argv) {
   sigaddset(&handled, SIGCHLD);
   ::sigprocmask(SIG_BLOCK, &handled, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
+  snanode::raise_open_file_limit();
 
   snanode::daemon::Server server(config, socket_path, foreground);
   std::string error;

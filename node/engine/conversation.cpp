@@ -67,24 +67,27 @@ bool Conversation::buffer_data(const uint8_t *data, size_t length, Result &resul
   return true;
 }
 
-void Conversation::send_frame(FrameType type, uint8_t flags, std::vector<uint8_t> payload) {
+void Conversation::send_frame(FrameType type, uint8_t flags, std::vector<uint8_t> payload,
+                              bool more) {
   Frame frame;
   frame.type = type;
   frame.flags = flags;
   frame.payload = std::move(payload);
-  link_->send(std::move(frame));
+  link_->send(std::move(frame), more);
 }
 
 void Conversation::send_buffer(bool more_follows) {
   const uint8_t last_flags = more_follows ? kDataMoreFollows : 0;
+  // The frames of one flush (and the control frame after them) go together.
   if (setup_.mapped) {
     for (size_t i = 0; i < out_records_.size(); ++i) {
       const bool last = i + 1 == out_records_.size();
-      send_frame(FrameType::kData, last ? last_flags : 0, std::move(out_records_[i]));
+      send_frame(FrameType::kData, last ? last_flags : 0, std::move(out_records_[i]),
+                 !last || more_follows);
     }
     out_records_.clear();
   } else if (!out_bytes_.empty()) {
-    send_frame(FrameType::kData, last_flags, std::move(out_bytes_));
+    send_frame(FrameType::kData, last_flags, std::move(out_bytes_), more_follows);
     out_bytes_.clear();
   }
   out_size_ = 0;

@@ -142,7 +142,9 @@ class Conversation : public FrameSink {
   bool buffer_data(const uint8_t *data, size_t length, Result &result);
   // Sends what is buffered; `more_follows` when a control frame comes next.
   void send_buffer(bool more_follows);
-  void send_frame(FrameType type, uint8_t flags, std::vector<uint8_t> payload = {});
+  // `more`: the verb sends another frame at once (see Link::send).
+  void send_frame(FrameType type, uint8_t flags, std::vector<uint8_t> payload = {},
+                  bool more = false);
   bool send_confirm(ConfirmKind kind, NAP_HDR &hdr, void *token);
   bool turn_around(bool confirm_first, NAP_HDR &hdr, void *token);
   bool deallocate_normal(bool confirm_first, NAP_HDR &hdr, void *token);

@@ -19,6 +19,7 @@
 #include "client/daemon_remote.h"
 #include "client/socket_path.h"
 #include "config/node_config.h"
+#include "core/file_limit.h"
 #include "core/path.h"
 #include "core/process_lock.h"
 #include "core/verb_backend.h"
@@ -103,6 +104,7 @@ class EngineBackend : public VerbBackend {
     engine::Engine *engine = this->engine();
     if (engine == nullptr) return false;
     daemon_ = client::DaemonRemote::connect(path, *engine, [] { snanode::end_path(); });
+    if (daemon_ != nullptr) raise_open_file_limit();
     if (daemon_ == nullptr && config.daemon == config::DaemonUse::kRequired) {
       const std::string problem = "no node daemon answers at " + path;
       std::fprintf(stderr, "snanode: %s\n", problem.c_str());

@@ -17,7 +17,7 @@ class InMemoryEnd : public Link {
   InMemoryEnd(std::shared_ptr<Shared> shared, int side) : shared_(std::move(shared)), side_(side) {}
   ~InMemoryEnd() override { close(true); }
 
-  void send(Frame &&frame) override {
+  void send(Frame &&frame, bool) override {
     FrameSink *peer = shared_->sinks[1 - side_];
     if (shared_->open[side_] && peer != nullptr) peer->on_frame(std::move(frame));
   }

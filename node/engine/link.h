@@ -38,7 +38,9 @@ class Link {
  public:
   virtual ~Link() = default;
   // Delivers to the peer; frames to a peer that has gone are dropped.
-  virtual void send(Frame &&frame) = 0;
+  // `more`: another frame of the same verb follows at once, so the link may
+  // hold this one back and pass both together.
+  virtual void send(Frame &&frame, bool more = false) = 0;
   // Sets (or, with nullptr, clears) where this end's inbound frames go.
   virtual void attach(FrameSink *sink) = 0;
   // This end is going away: the peer hears link_lost() unless `quietly`.

@@ -48,6 +48,15 @@ bool write_all(int fd, const uint8_t *data, size_t size) {
   return true;
 }
 
+// One frame on its way out: its encoded header (or the orderly end) and its
+// payload, written with one system call for as many frames as are queued.
+struct Outgoing {
+  uint8_t head[kFrameHeaderSize];
+  size_t head_size = 0;
+  std::vector<uint8_t> body;
+  size_t size() const { return head_size + body.size(); }
+};
+
 // One end of the socket and everything about it that outlives the Link
 // object: the reactor keeps it while output is still queued, and a thread
 // reading it in place of the reactor keeps it while it reads.  The socket
@@ -72,13 +81,15 @@ class State : public ReactorEndpoint,
 
   // ---- the Link side, under the node's lock ----
 
-  void send(Frame &&frame) {
+  void send(Frame &&frame, bool more) {
     if (!open_ || write_failed_.load()) return;
-    uint8_t header[kFrameHeaderSize];
-    encode_frame_header(frame, header);
+    Outgoing out;
+    encode_frame_header(frame, out.head);
+    out.head_size = kFrameHeaderSize;
+    out.body = std::move(frame.payload);
     {
       std::lock_guard<std::mutex> hold(out_mutex_);
-      queue_or_write(header, std::move(frame.payload));
+      enqueue_locked(std::move(out), more);
     }
     apply_back_pressure();
   }
@@ -105,7 +116,14 @@ class State : public ReactorEndpoint,
     {
       std::lock_guard<std::mutex> hold(out_mutex_);
       closing_ = true;
-      if (quietly) queue_or_write(kOrderlyEnd, {}, sizeof kOrderlyEnd);
+      if (quietly) {
+        Outgoing end;
+        std::memcpy(end.head, kOrderlyEnd, sizeof kOrderlyEnd);
+        end.head_size = sizeof kOrderlyEnd;
+        enqueue_locked(std::move(end), false);
+      } else if (!blocked_) {
+        write_queue_locked();  // frames held for one that now never comes
+      }
       retire = ready_to_retire_locked();
     }
     if (retire) this->retire();
@@ -166,52 +184,70 @@ class State : public ReactorEndpoint,
 
   // ---- output ----
 
-  // Writes a frame (its header and payload, or the orderly end when
-  // `raw_size` is given) after whatever is queued: at once while the queue is
-  // empty and the socket takes it, so a frame is on its way when the verb that
-  // sent it returns, even if the process exits right after.  What the socket
-  // does not take is queued for the reactor.  `out_mutex_` is held.
-  void queue_or_write(const uint8_t *header, std::vector<uint8_t> payload, size_t raw_size = 0) {
+  // Queues a frame after whatever is queued and, unless another frame of
+  // the same verb follows (`more`), writes the queue at once as far as the
+  // socket takes it without blocking: a verb's frames leave in one system
+  // call, and they are on their way when the verb returns, even if the process
+  // exits right after.  Once the socket is full the reactor writes the rest
+  // when it can take more.  `out_mutex_` is held.
+  void enqueue_locked(Outgoing &&out, bool more) {
     if (write_failed_.load()) return;
-    const size_t header_size = raw_size != 0 ? raw_size : kFrameHeaderSize;
-    size_t written = 0;
-    if (queue_.empty()) {
-      iovec parts[2] = {{const_cast<uint8_t *>(header), header_size},
-                        {payload.data(), payload.size()}};
-      const auto sent = write_vector(parts, payload.empty() ? 1 : 2);
-      if (!sent) return;
-      written = *sent;
-      if (written == header_size + payload.size()) return;
-    }
-    if (written < header_size) {
-      queue_.emplace_back(header + written, header + header_size);
-      queued_bytes_ += header_size - written;
-      written = 0;
-    } else {
-      written -= header_size;
-    }
-    if (written < payload.size()) {
-      if (queue_.empty()) front_offset_ = written;
-      queued_bytes_ += payload.size() - written;
-      queue_.push_back(std::move(payload));
-    }
+    queued_bytes_ += out.size();
+    queue_.push_back(std::move(out));
+    if (!more && !blocked_) write_queue_locked();
   }
 
-  // Writes what it can without blocking; the bytes written, or nothing when
-  // the peer is gone (everything queued is then dropped).
-  std::optional<size_t> write_vector(iovec *parts, size_t count) {
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = count;
-    for (;;) {
+  // Writes from the front of the queue until it is empty or the socket is
+  // full; a peer that has gone drops everything queued.  `out_mutex_` is held.
+  void write_queue_locked() {
+    while (!queue_.empty()) {
+      iovec parts[kMaxIovecs];
+      size_t count = 0;
+      size_t skip = front_written_;
+      for (auto &out : queue_) {
+        if (count + 2 > kMaxIovecs) break;
+        if (skip < out.head_size) {
+          parts[count++] = {out.head + skip, out.head_size - skip};
+          skip = 0;
+        } else {
+          skip -= out.head_size;
+        }
+        if (skip < out.body.size())
+          parts[count++] = {out.body.data() + skip, out.body.size() - skip};
+        skip = 0;
+      }
+      msghdr message{};
+      message.msg_iov = parts;
+      message.msg_iovlen = count;
       const ssize_t n = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n >= 0) return static_cast<size_t>(n);
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
-      write_failed_ = true;
-      queue_.clear();
-      queued_bytes_ = 0;
-      return std::nullopt;
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        blocked_ = true;  // the reactor hears when the socket can take more
+        return;
+      }
+      if (n < 0) {
+        write_failed_ = true;
+        queue_.clear();
+        front_written_ = 0;
+        queued_bytes_ = 0;
+        return;
+      }
+      consume_locked(static_cast<size_t>(n));
+    }
+    blocked_ = false;
+  }
+
+  void consume_locked(size_t written) {
+    queued_bytes_ -= written;
+    while (written > 0) {
+      const size_t in_front = queue_.front().size() - front_written_;
+      if (written < in_front) {
+        front_written_ += written;
+        return;
+      }
+      written -= in_front;
+      queue_.pop_front();
+      front_written_ = 0;
     }
   }
 
@@ -220,30 +256,7 @@ class State : public ReactorEndpoint,
     bool retire;
     {
       std::lock_guard<std::mutex> hold(out_mutex_);
-      while (!queue_.empty()) {
-        iovec parts[kMaxIovecs];
-        size_t count = 0;
-        size_t offset = front_offset_;
-        for (auto &chunk : queue_) {
-          if (count == kMaxIovecs) break;
-          parts[count++] = {chunk.data() + offset, chunk.size() - offset};
-          offset = 0;
-        }
-        const auto sent = write_vector(parts, count);
-        if (!sent || *sent == 0) break;
-        size_t left = *sent;
-        queued_bytes_ -= left;
-        while (left > 0) {
-          const size_t in_front = queue_.front().size() - front_offset_;
-          if (left < in_front) {
-            front_offset_ += left;
-            break;
-          }
-          left -= in_front;
-          queue_.pop_front();
-          front_offset_ = 0;
-        }
-      }
+      write_queue_locked();
       retire = ready_to_retire_locked();
     }
     notify_drained();
@@ -417,8 +430,9 @@ class State : public ReactorEndpoint,
 
   // Output, guarded by out_mutex_.
   std::mutex out_mutex_;
-  std::deque<std::vector<uint8_t>> queue_;
-  size_t front_offset_ = 0;  // bytes of the front chunk already written
+  std::deque<Outgoing> queue_;
+  size_t front_written_ = 0;  // bytes of the front frame already written
+  bool blocked_ = false;      // the socket was full: the reactor writes when it is not
   bool closing_ = false;
   bool retired_ = false;
   std::atomic<size_t> queued_bytes_{0};
@@ -447,7 +461,7 @@ class SocketLink : public Link {
   explicit SocketLink(std::shared_ptr<State> state) : state_(std::move(state)) {}
   ~SocketLink() override { state_->close(true); }
 
-  void send(Frame &&frame) override { state_->send(std::move(frame)); }
+  void send(Frame &&frame, bool more) override { state_->send(std::move(frame), more); }
   void attach(FrameSink *sink) override { state_->attach(sink); }
   void close(bool quietly) override { state_->close(quietly); }
   std::shared_ptr<LinkReader> reader() override {
