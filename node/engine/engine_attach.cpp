@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "client/attach_policy.h"
 #include "engine/ebcdic.h"
 #include "engine/engine.h"
 #include "engine/link.h"
@@ -20,7 +21,6 @@ namespace snanode::engine {
 namespace {
 
 constexpr uint8_t kReturnImmediately = 1;
-constexpr uint8_t kHighestSyncLevel = 1;  // confirm; sync point is not offered
 constexpr size_t kTpNameSize = 64;
 
 void put_result(NAP_HDR &hdr, uint16_t primary, uint32_t secondary = 0) {
@@ -219,18 +219,14 @@ const config::InvokableTp *Engine::invokable(const std::string &tp_name) const {
 
 void Engine::attach(AttachInfo info, std::unique_ptr<Conversation> half, bool security_valid) {
   const config::InvokableTp *tp = invokable(info.tp_name);
-  uint32_t refusal = 0;
-  if (!serves(info.tp_name)) {
-    refusal = AP_TP_NAME_NOT_RECOGNIZED;
-  } else if (tp != nullptr && !(info.mapped ? tp->accept_mapped : tp->accept_basic)) {
-    refusal = AP_CONV_TYPE_MISMATCH;
-  } else if (info.sync_level > kHighestSyncLevel ||
-             (tp != nullptr &&
-              !(info.sync_level == 0 ? tp->accept_sync_none : tp->accept_sync_confirm))) {
-    refusal = AP_SYNC_LEVEL_NOT_SUPPORTED;
-  } else if (!security_valid || (tp != nullptr && tp->security_required && !info.user)) {
-    refusal = AP_SECURITY_NOT_VALID;
-  }
+  client::AttachCheck check;
+  check.served = serves(info.tp_name);
+  check.invokable = tp;
+  check.mapped = info.mapped;
+  check.sync_level = info.sync_level;
+  check.security_valid = security_valid;
+  check.has_user = info.user.has_value();
+  const uint32_t refusal = client::attach_refusal(check);
   if (refusal != 0) {
     half->refuse_attach(refusal);
     return;
