@@ -272,7 +272,10 @@ class Client {
       uint32_t count = s_.test == Test::kLatency ? 200 : calibration_records();
       double took = 0;
       for (int round = 0; round < 2; ++round) {
-        took = block({static_cast<uint32_t>(path), count, -1});
+        const Order o{static_cast<uint32_t>(path), count, -1};
+        const Usage before = usage_now();
+        took = block(o);
+        send_report(s_.report_fd, 0, o, took, before);
         if (round == 0 && took < 0.02) count *= 4;
       }
       const double per_op = took / count;
@@ -435,7 +438,7 @@ int serve(Test test, long size, bool cpic, int socket_fd, int report_fd) {
       buffer[0] = 'A';
       send_record(conv, buffer.data(), 1);
     }
-    if (order.rep >= 0) send_report(report_fd, 1, order, 0, before);
+    send_report(report_fd, 1, order, 0, before);
   }
   if (cpic) {
     // The client deallocates after its last order.
@@ -689,7 +692,9 @@ PairResult run_pair(const Options &o, const fs::path &dir, const fs::path &confi
 std::vector<BlockReport> of(const PairResult &r, uint32_t side, Path path) {
   std::vector<BlockReport> out;
   for (const auto &report : r.reports) {
-    if (report.side == side && report.path == static_cast<uint32_t>(path)) out.push_back(report);
+    if (report.side == side && report.path == static_cast<uint32_t>(path) && report.rep >= 0) {
+      out.push_back(report);
+    }
   }
   std::sort(out.begin(), out.end(),
             [](const BlockReport &a, const BlockReport &b) { return a.rep < b.rep; });
@@ -753,11 +758,21 @@ void print_results(const Options &o, const std::vector<PairResult> &results) {
     }
   }
   if (o.verbose) {
-    std::printf("\nBlocks (side path rep count seconds):\n");
+    // The totals (calibration included) turn a profiler's counts for a whole
+    // process into counts per turn or record.
+    std::printf("\nBlocks of the client (rep -1: calibration): test size path rep count seconds\n");
     for (const auto &r : results) {
+      std::map<uint32_t, uint64_t> totals;
       for (const auto &b : r.reports) {
-        std::printf("%ld %s %s %d %u %.4f\n", r.size, b.side == 0 ? "client" : "server",
-                    path_name(static_cast<Path>(b.path)), b.rep, b.count, b.seconds);
+        if (b.side != 0) continue;
+        totals[b.path] += b.count;
+        std::printf("%s %ld %s %d %u %.4f\n", r.test == Test::kLatency ? "latency" : "throughput",
+                    r.size, path_name(static_cast<Path>(b.path)), b.rep, b.count, b.seconds);
+      }
+      for (const auto &[path, total] : totals) {
+        std::printf("%s %ld %s: %llu in all\n", r.test == Test::kLatency ? "latency" : "throughput",
+                    r.size, path_name(static_cast<Path>(path)),
+                    static_cast<unsigned long long>(total));
       }
     }
   }
