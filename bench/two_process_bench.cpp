@@ -44,6 +44,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -565,6 +566,8 @@ pid_t spawn(const std::vector<std::string> &args, const std::vector<int> &keep,
   const pid_t pid = ::fork();
   if (pid < 0) die("fork failed");
   if (pid > 0) return pid;
+  // A benchmark stopped from outside takes its daemon and processes with it.
+  ::prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (cpu >= 0) {
     cpu_set_t set;
     CPU_ZERO(&set);
