@@ -399,6 +399,7 @@ void Conversation::enqueue(InKind kind, std::vector<uint8_t> bytes, uint32_t cod
 
 void Conversation::on_frame(Frame &&frame) {
   if (state_ == ConvState::kReset) return;
+  control_follows_ = frame.type == FrameType::kData && (frame.flags & kDataMoreFollows) != 0;
   if (frame.type == FrameType::kData) {
     if (!setup_.mapped && !inbound_.empty() && inbound_.back().kind == InKind::kData) {
       auto &bytes = inbound_.back().bytes;
@@ -461,6 +462,7 @@ void Conversation::on_frame(Frame &&frame) {
 
 void Conversation::link_lost() {
   if (state_ == ConvState::kReset) return;
+  control_follows_ = false;
   truncate_incomplete_record();
   enqueue(InKind::kFailure);
   service_waiting();
@@ -594,6 +596,12 @@ bool Conversation::try_receive(NAP_RECEIVE_VCB &vcb) {
   NAP_HDR &hdr = vcb.hdr;
   Inbound &head = inbound_.front();
   if (head.kind == InKind::kData) {
+    // The last data before a status the partner sent with it: a
+    // receive-and-wait waits the moment it takes for the status to come too,
+    // so that it gets both, however the two travelled.
+    if (control_follows_ && inbound_.size() == 1 && hdr.opcode == NAP_RECEIVE_AND_WAIT) {
+      return false;
+    }
     if (!receive_data(vcb, head)) return false;
     const bool item_done = head.offset == head.bytes.size();
     if (item_done) inbound_.pop_front();

@@ -187,6 +187,7 @@ class Conversation : public FrameSink {
   RecordCursor out_cursor_;  // basic: where the sent stream stands
 
   std::deque<Inbound> inbound_;
+  bool control_follows_ = false;  // the last frame was data with a status right behind it
   RecordCursor in_cursor_;  // basic: where the received stream stands
 };
 

@@ -276,9 +276,14 @@ std::shared_ptr<LinkReader> Engine::reader_for(const void *vcb) {
 
 uint32_t Engine::next_conv_id() {
   // IDs are not reused while the counter goes round, and never 0.
+  const auto in_use = [this](uint32_t id) {
+    return convs_.count(id) != 0 ||
+           std::any_of(attaches_.begin(), attaches_.end(),
+                       [id](const PendingAttach &attach) { return attach.half->id() == id; });
+  };
   do {
     ++next_conv_;
-  } while (next_conv_ == 0 || convs_.count(next_conv_) != 0);
+  } while (next_conv_ == 0 || in_use(next_conv_));
   return next_conv_;
 }
 

@@ -129,10 +129,14 @@ bool Engine::establish(NAP_ALLOCATE &vcb, void *token, const AllocateRequest &re
   setup.mapped = request.info.mapped;
   setup.sync_level = request.info.sync_level;
   setup.send_buffer_size = request.send_buffer_size;
-  setup.starts_in_send = false;  // given an ID when a TP accepts it
+  // The partner's side has its ID from the start (log data that reaches it
+  // before a TP accepts it is logged under it); its TP gets it on accepting.
+  setup.id = next_conv_id();
+  setup.starts_in_send = false;
   ConversationHost &host = *this;
   auto partner = std::make_unique<Conversation>(setup, std::move(link.second), host);
   setup.starts_in_send = true;
+  setup.id = 0;
   add_conversation(vcb, request,
                    std::make_unique<Conversation>(setup, std::move(link.first), host));
   attach(request.info, std::move(partner), request.security_valid);
@@ -261,6 +265,7 @@ void Engine::remote_attached(client::AttachDelivery attach, client::UniqueFd end
   setup.sync_level = attach.sync_level;
   if (mode != nullptr) setup.send_buffer_size = mode->send_buffer_size;
   setup.starts_in_send = false;
+  setup.id = next_conv_id();
   PendingAttach pending;
   pending.info =
       AttachInfo{attach.tp_name, attach.mapped,          attach.sync_level,    attach.user,
@@ -313,8 +318,7 @@ void Engine::deliver_attach(PendingAttach attach, NAP_RECEIVE_ALLOCATE &vcb) {
   const TpId tp_id = next_tp_++;
   tps_[tp_id] = Tp{lu->alias, lu->lu_name, info.user};
 
-  const uint32_t conv_id = next_conv_id();
-  attach.half->set_id(conv_id);
+  const uint32_t conv_id = attach.half->id();
   convs_[conv_id] = ConvEntry{std::move(attach.half), tp_id, ""};
 
   put_ebcdic_name(info.tp_name, vcb.rcv_tp_name, sizeof vcb.rcv_tp_name);

@@ -1,8 +1,10 @@
 #include "engine/link_reactor.h"
 
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <thread>
@@ -15,11 +17,14 @@ constexpr int kEventsPerWait = 64;
 
 struct Reactor {
   int epoll_fd = -1;
-  pid_t pid = 0;  // the process that made it: a forked child needs its own
   std::mutex mutex;
   uint64_t next_key = 1;
   std::unordered_map<uint64_t, std::shared_ptr<ReactorEndpoint>> endpoints;
 };
+
+// Never destroyed: links may be closed while static destructors run.  A
+// forked child has no reactor thread, so it makes a reactor of its own.
+std::atomic<Reactor *> g_reactor{nullptr};
 
 void run(Reactor *reactor) {
   epoll_event events[kEventsPerWait];
@@ -42,28 +47,26 @@ void run(Reactor *reactor) {
   }
 }
 
-// Never destroyed: links may be closed while static destructors run.
 Reactor *the_reactor() {
-  static std::mutex making;
-  static Reactor *reactor = nullptr;
-  std::lock_guard<std::mutex> hold(making);
-  if (reactor == nullptr || reactor->pid != ::getpid()) {
-    auto *made = new Reactor;
-    made->epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
-    made->pid = ::getpid();
-    if (made->epoll_fd < 0) {
-      delete made;
-      return nullptr;
-    }
-    std::thread(run, made).detach();
-    reactor = made;
+  if (Reactor *reactor = g_reactor.load(std::memory_order_acquire)) return reactor;
+  static std::once_flag fork_handler;
+  std::call_once(fork_handler,
+                 [] { ::pthread_atfork(nullptr, nullptr, [] { g_reactor.store(nullptr); }); });
+  auto *made = new Reactor;
+  made->epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
+  Reactor *expected = nullptr;
+  if (made->epoll_fd < 0 || !g_reactor.compare_exchange_strong(expected, made)) {
+    if (made->epoll_fd >= 0) ::close(made->epoll_fd);
+    delete made;
+    return expected;  // another thread made it first, or nothing can be watched
   }
-  return reactor;
+  std::thread(run, made).detach();
+  return made;
 }
 
-epoll_event watched(uint64_t key, bool input) {
+epoll_event watched(uint64_t key, bool input, bool output) {
   epoll_event event{};
-  event.events = EPOLLOUT | EPOLLET | (input ? EPOLLIN | EPOLLRDHUP : 0u);
+  event.events = EPOLLET | (input ? EPOLLIN | EPOLLRDHUP : 0u) | (output ? EPOLLOUT : 0u);
   event.data.u64 = key;
   return event;
 }
@@ -75,18 +78,18 @@ uint64_t reactor_register(int fd, std::shared_ptr<ReactorEndpoint> endpoint) {
   if (reactor == nullptr) return 0;
   std::lock_guard<std::mutex> hold(reactor->mutex);
   const uint64_t key = reactor->next_key++;
-  epoll_event event = watched(key, false);
+  epoll_event event = watched(key, false, false);
   if (::epoll_ctl(reactor->epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) return 0;
   reactor->endpoints.emplace(key, std::move(endpoint));
   return key;
 }
 
-void reactor_watch_input(uint64_t key, int fd, bool watch) {
+void reactor_watch(uint64_t key, int fd, bool input, bool output) {
   Reactor *reactor = the_reactor();
   if (reactor == nullptr || key == 0) return;
   // Modifying the registration makes epoll look at the socket again, which is
-  // what reports input that came while it was not watched.
-  epoll_event event = watched(key, watch);
+  // what reports a condition that came about while it was not watched.
+  epoll_event event = watched(key, input, output);
   ::epoll_ctl(reactor->epoll_fd, EPOLL_CTL_MOD, fd, &event);
 }
 

@@ -3,9 +3,11 @@
 // One thread waits, with epoll, on the socket of every link of the process
 // and tells a link when its socket has become readable or writable.  The
 // notification is edge-triggered: a link reads until the socket is empty and
-// writes until it is full, and hears again only when that changes.  While it
-// is registered, a link is kept alive by the reactor, so an event never
-// reaches a link that has gone.
+// writes until it is full, and hears again only when that changes.  A link
+// asks only for what it needs (input while nobody else reads it, output while
+// it has output the socket could not take), so the thread does not wake for
+// sockets nobody waits on.  While it is registered, a link is kept alive by
+// the reactor, so an event never reaches a link that has gone.
 #pragma once
 
 #include <cstdint>
@@ -21,13 +23,14 @@ class ReactorEndpoint {
   virtual void on_events(uint32_t events) = 0;
 };
 
-// Watches `fd` for output (and for input too once reactor_watch_input says
-// so); returns the registration's key, or 0 when the socket cannot be watched.
+// Registers `fd`, watched for nothing yet (a hang-up or an error is always
+// reported); returns the registration's key, or 0 when it cannot be watched.
 uint64_t reactor_register(int fd, std::shared_ptr<ReactorEndpoint> endpoint);
 
-// Starts or stops telling the endpoint about input.  Starting reports input
-// that is already waiting, so nothing that came meanwhile goes unnoticed.
-void reactor_watch_input(uint64_t key, int fd, bool watch);
+// Sets what the endpoint hears of.  Starting to watch reports a condition
+// that already holds (input waiting, room to write), so nothing that happened
+// meanwhile goes unnoticed.  The caller serialises the calls for one fd.
+void reactor_watch(uint64_t key, int fd, bool input, bool output);
 
 // Stops watching and lets go of the endpoint.  Any thread may call it, the
 // reactor thread (inside on_events) included; an event already under way may

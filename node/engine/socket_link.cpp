@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "core/process_lock.h"
+#include "engine/byte_pool.h"
 #include "engine/link_reactor.h"
 
 namespace snanode::engine {
@@ -102,7 +103,7 @@ class State : public ReactorEndpoint,
       if (input_ended_.load()) {
         deliver_locked_now();
       } else {
-        reactor_watch_input(key_, fd_, true);
+        watch_input(true);
       }
     }
   }
@@ -153,7 +154,7 @@ class State : public ReactorEndpoint,
   bool read_here(int wake_fd) override {
     if (input_ended_.load() || !claim_input()) return false;
     // The reactor would only find the socket taken; keep it out meanwhile.
-    reactor_watch_input(key_, fd_, false);
+    watch_input(false);
     std::vector<Frame> frames;
     run_without_process_lock([&] {
       pollfd polled[2] = {{fd_, POLLIN | POLLRDHUP, 0}, {wake_fd, POLLIN, 0}};
@@ -164,7 +165,7 @@ class State : public ReactorEndpoint,
       }
     });
     deliver_locked(frames);
-    reactor_watch_input(key_, fd_, input_watched_ && open_);
+    watch_input(input_watched_ && open_);
     while (!release_input()) {
       read_socket(frames, true);
       deliver_locked(frames);
@@ -223,6 +224,7 @@ class State : public ReactorEndpoint,
       if (n < 0 && errno == EINTR) continue;
       if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
         blocked_ = true;  // the reactor hears when the socket can take more
+        update_watch_locked();
         return;
       }
       if (n < 0) {
@@ -235,6 +237,23 @@ class State : public ReactorEndpoint,
       consume_locked(static_cast<size_t>(n));
     }
     blocked_ = false;
+    update_watch_locked();
+  }
+
+  // Asks the reactor for input (while nobody else reads the socket) and for
+  // output (while the socket is full); only a change costs a system call.
+  void update_watch_locked() {
+    const bool input = want_input_, output = blocked_;
+    if (input == watching_input_ && output == watching_output_) return;
+    watching_input_ = input;
+    watching_output_ = output;
+    reactor_watch(key_, fd_, input, output);
+  }
+
+  void watch_input(bool watch) {
+    std::lock_guard<std::mutex> hold(out_mutex_);
+    want_input_ = watch;
+    update_watch_locked();
   }
 
   void consume_locked(size_t written) {
@@ -246,6 +265,7 @@ class State : public ReactorEndpoint,
         return;
       }
       written -= in_front;
+      give_back_buffer(std::move(queue_.front().body));
       queue_.pop_front();
       front_written_ = 0;
     }
@@ -339,12 +359,14 @@ class State : public ReactorEndpoint,
         partial_.reset();
         continue;
       }
-      const size_t old_size = buffer_.size();
-      buffer_.resize(old_size + kReadChunk);
-      const ssize_t n = receive(buffer_.data() + old_size, kReadChunk);
-      buffer_.resize(old_size + static_cast<size_t>(std::max<ssize_t>(n, 0)));
+      // Read after what is left of an incomplete frame, in a buffer of the
+      // reading thread's own: a link keeps only that rest between reads.
+      thread_local std::vector<uint8_t> scratch(kReadChunk + kDirectPayload + kFrameHeaderSize);
+      const size_t kept = rest_.size();
+      std::memcpy(scratch.data(), rest_.data(), kept);
+      const ssize_t n = receive(scratch.data() + kept, kReadChunk);
       if (n <= 0) return;
-      decode_buffer(frames);
+      decode(scratch.data(), kept + static_cast<size_t>(n), frames);
       if (static_cast<size_t>(n) < kReadChunk && !partial_ && !to_the_end) return;
     }
   }
@@ -366,11 +388,13 @@ class State : public ReactorEndpoint,
     end_unreported_ = !orderly;
   }
 
-  void decode_buffer(std::vector<Frame> &frames) {
+  // Decodes the whole frames of `bytes`; a large frame that is not whole
+  // continues in its own payload, a smaller one is kept for the next read.
+  void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames) {
     size_t offset = 0;
     for (;;) {
-      const uint8_t *at = buffer_.data() + offset;
-      const size_t left = buffer_.size() - offset;
+      const uint8_t *at = bytes + offset;
+      const size_t left = size - offset;
       if (left >= sizeof kOrderlyEnd && std::memcmp(at, kOrderlyEnd, sizeof kOrderlyEnd) == 0) {
         end_input(true);
         break;
@@ -388,22 +412,22 @@ class State : public ReactorEndpoint,
       frame.flags = header.flags;
       frame.code = header.code;
       const size_t whole = kFrameHeaderSize + header.payload_size;
-      if (left >= whole) {
-        frame.payload.assign(at + kFrameHeaderSize, at + whole);
+      if (left >= whole || header.payload_size >= kDirectPayload) {
+        const size_t here = std::min(left, whole) - kFrameHeaderSize;
+        frame.payload = take_buffer(header.payload_size);
+        std::memcpy(frame.payload.data(), at + kFrameHeaderSize, here);
+        offset += kFrameHeaderSize + here;
+        if (here < header.payload_size) {
+          partial_filled_ = here;
+          partial_ = std::move(frame);
+          break;
+        }
         frames.push_back(std::move(frame));
-        offset += whole;
         continue;
-      }
-      if (header.payload_size >= kDirectPayload) {
-        partial_filled_ = left - kFrameHeaderSize;
-        frame.payload.resize(header.payload_size);
-        std::memcpy(frame.payload.data(), at + kFrameHeaderSize, partial_filled_);
-        partial_ = std::move(frame);
-        offset += left;
       }
       break;
     }
-    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(offset));
+    rest_.assign(bytes + offset, bytes + size);
   }
 
   // Hands what was read to the sink, and then the loss of the link if the
@@ -433,6 +457,9 @@ class State : public ReactorEndpoint,
   std::deque<Outgoing> queue_;
   size_t front_written_ = 0;  // bytes of the front frame already written
   bool blocked_ = false;      // the socket was full: the reactor writes when it is not
+  bool want_input_ = false;   // the reactor should read (nobody else does)
+  bool watching_input_ = false;
+  bool watching_output_ = false;
   bool closing_ = false;
   bool retired_ = false;
   std::atomic<size_t> queued_bytes_{0};
@@ -442,7 +469,7 @@ class State : public ReactorEndpoint,
 
   // Input, touched only by the thread that owns it (input_state_).
   std::atomic<uint32_t> input_state_{kInputIdle};
-  std::vector<uint8_t> buffer_;
+  std::vector<uint8_t> rest_;     // the start of a frame not yet whole
   std::optional<Frame> partial_;  // a large frame being read into its payload
   size_t partial_filled_ = 0;
   std::atomic<bool> input_ended_{false};
