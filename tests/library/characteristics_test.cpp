@@ -32,65 +32,28 @@ CM_RETURN_CODE set_value(ValueFn fn, ConvId &id, CM_INT32 value) {
   return rc;
 }
 
-void none(CCCB &) {}
-void basic(CCCB &c) {
-  c.ulConversationType = CM_BASIC_CONVERSATION;
-}
-void confirm(CCCB &c) {
-  c.ulSyncLevel = CM_CONFIRM;
-}
-
-uint32_t type(const CCCB &c) {
-  return c.ulConversationType;
-}
-uint32_t dealloc(const CCCB &c) {
-  return c.ulDeallocateType;
-}
-uint32_t error(const CCCB &c) {
-  return c.ulErrorDirection;
-}
-uint32_t fill(const CCCB &c) {
-  return c.ulFill;
-}
-uint32_t prep(const CCCB &c) {
-  return c.ulPrepareToReceiveType;
-}
-uint32_t receive(const CCCB &c) {
-  return c.ulReceiveType;
-}
-uint32_t control(const CCCB &c) {
-  return c.ulReturnControl;
-}
-uint32_t send(const CCCB &c) {
-  return c.ulSendType;
-}
-uint32_t sync(const CCCB &c) {
-  return c.ulSyncLevel;
-}
-uint32_t mode(const CCCB &c) {
-  return c.usProcessingMode;
-}
-uint32_t security(const CCCB &c) {
-  return c.SideInfo.conversation_security_type;
-}
-void fill_buffer(CCCB &c) {
-  basic(c), c.ulFill = CM_FILL_BUFFER;
-}
-void log_data(CCCB &c) {
-  basic(c), c.usLogDataLength = 8;
-}
-void send_confirm(CCCB &c) {
-  confirm(c), c.ulSendType = CM_SEND_AND_CONFIRM;
-}
-void prep_confirm(CCCB &c) {
-  confirm(c), c.ulPrepareToReceiveType = 2;
-}
-void dealloc_confirm(CCCB &c) {
-  confirm(c), c.ulDeallocateType = CM_DEALLOCATE_CONFIRM;
-}
-void busy(CCCB &c) {
-  c.usVerbsOutstanding = 1;
-}
+const auto none = +[](CCCB &) {};
+const auto basic = +[](CCCB &c) { c.ulConversationType = CM_BASIC_CONVERSATION; };
+const auto confirm = +[](CCCB &c) { c.ulSyncLevel = CM_CONFIRM; };
+const auto type = +[](const CCCB &c) -> uint32_t { return c.ulConversationType; };
+const auto dealloc = +[](const CCCB &c) -> uint32_t { return c.ulDeallocateType; };
+const auto error = +[](const CCCB &c) -> uint32_t { return c.ulErrorDirection; };
+const auto fill = +[](const CCCB &c) -> uint32_t { return c.ulFill; };
+const auto prep = +[](const CCCB &c) -> uint32_t { return c.ulPrepareToReceiveType; };
+const auto receive = +[](const CCCB &c) -> uint32_t { return c.ulReceiveType; };
+const auto control = +[](const CCCB &c) -> uint32_t { return c.ulReturnControl; };
+const auto send = +[](const CCCB &c) -> uint32_t { return c.ulSendType; };
+const auto sync = +[](const CCCB &c) -> uint32_t { return c.ulSyncLevel; };
+const auto mode = +[](const CCCB &c) -> uint32_t { return c.usProcessingMode; };
+const auto security =
+    +[](const CCCB &c) -> uint32_t { return c.SideInfo.conversation_security_type; };
+const auto fill_buffer = +[](CCCB &c) { basic(c), c.ulFill = CM_FILL_BUFFER; };
+const auto log_data = +[](CCCB &c) { basic(c), c.usLogDataLength = 8; };
+const auto send_confirm = +[](CCCB &c) { confirm(c), c.ulSendType = CM_SEND_AND_CONFIRM; };
+const auto prep_confirm = +[](CCCB &c) { confirm(c), c.ulPrepareToReceiveType = 2; };
+const auto dealloc_confirm =
+    +[](CCCB &c) { confirm(c), c.ulDeallocateType = CM_DEALLOCATE_CONFIRM; };
+const auto busy = +[](CCCB &c) { c.usVerbsOutstanding = 1; };
 
 // Each value call on a fresh conversation in a stage, after `adjust`: its
 // return code, and either the stored value or a conversation not changed at

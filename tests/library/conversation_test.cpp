@@ -578,16 +578,12 @@ TEST_F(Conversations, TheNextVerbDropsAnUncollectedCompletion) {
 }
 
 TEST_F(Conversations, NodeStatesAreTranslated) {
-  const std::pair<uint8_t, CM_CONVERSATION_STATE> rows[] = {{0, CM_INITIALIZE_STATE},
-                                                            {1, CM_SEND_STATE},
-                                                            {2, CM_RECEIVE_STATE},
-                                                            {3, CM_CONFIRM_STATE},
-                                                            {4, CM_CONFIRM_SEND_STATE},
-                                                            {5, CM_CONFIRM_DEALLOCATE_STATE},
-                                                            {9, CM_SEND_PENDING_STATE},
-                                                            {6, -1},
-                                                            {8, -1},
-                                                            {10, -1}};
+  // clang-format off
+  const std::pair<uint8_t, CM_CONVERSATION_STATE> rows[] = {
+      {0, CM_INITIALIZE_STATE}, {1, CM_SEND_STATE}, {2, CM_RECEIVE_STATE}, {3, CM_CONFIRM_STATE},
+      {4, CM_CONFIRM_SEND_STATE}, {5, CM_CONFIRM_DEALLOCATE_STATE}, {9, CM_SEND_PENDING_STATE},
+      {6, -1}, {8, -1}, {10, -1}};
+  // clang-format on
   auto answer = [](void *vcb, void *state) {
     static_cast<NAP_GET_STATE_VCB *>(vcb)->conv_state = *static_cast<uint8_t *>(state);
   };

@@ -65,26 +65,6 @@ void vpm_release_wait_object(void *object) {
 
 namespace {
 
-// Completion routine for verbs submitted directly: the steps every verb's
-// routine runs, counted.
-int g_routine_calls = 0;
-uintptr_t g_last_correlator = 99;
-void test_completion(void *vcb, uint32_t, uint32_t, uintptr_t correlator) {
-  ++g_routine_calls;
-  g_last_correlator = correlator;
-  SCC_complete_result(static_cast<CCCB *>(vcb));
-  if (correlator != 0) SCC_complete_async(static_cast<CCCB *>(vcb));
-}
-
-// Builds a verb in the conversation's verb area and submits it the way a
-// conversation call does.
-CM_RETURN_CODE submit(CCCB *cccb, ConvId &id, uint16_t opcode, uint16_t trace_verb = 10) {
-  Locked lock;
-  SCC_vcb_init(cccb, opcode);
-  SCC_set_completion_info(cccb, trace_verb, id.data());
-  return SCC_submit_conversation_verb(cccb, test_completion);
-}
-
 class Core : public LibraryTest {};
 
 // ---- start-up ----
@@ -132,24 +112,6 @@ TEST_F(Core, StartUpReadsEveryFormOfTheEnvironment) {
   }
 }
 
-TEST_F(Core, StartUpSetsTheStartedState) {
-  setenv("APPCLLU", "LU1", 1);
-  setenv("APPCTPN", "PAYROLL", 1);
-  pGCB->NumVerbsWaiting = 3;
-  pGCB->NumVerbsOutstanding = 4;
-  pGCB->CurrentContext[0] = 9;
-  start_library();
-  EXPECT_EQ(text_of(pGCB->EnvLUAlias, 8), "LU1     ");
-  EXPECT_EQ(text_of(pGCB->TpName, 7), "\xD7\xC1\xE8\xD9\xD6\xD3\xD3");
-  EXPECT_EQ(pGCB->usTpNameLen, 7);
-  EXPECT_EQ(pGCB->NumVerbsWaiting + pGCB->NumVerbsOutstanding + pGCB->CurrentContext[0], 0u);
-  EXPECT_EQ(g_books.live_tables.size(), 3u);
-  EXPECT_EQ(g_books.live_wait_objects, std::set<void *>{pGCB->hWaitObject});
-  EXPECT_NE(pGCB->ulPathUserId, 0u);
-  EXPECT_EQ(snt_path_users(), 1u);
-  EXPECT_EQ(snt_problem_count(), 0u);
-}
-
 TEST_F(Core, EveryFailedStartUpStepLeavesNothingAndTheNextCallRetries) {
   // The step made to fail: the n-th table creation, the path registration or
   // the wait object.
@@ -183,13 +145,20 @@ TEST_F(Core, EveryFailedStartUpStepLeavesNothingAndTheNextCallRetries) {
     EXPECT_EQ(snt_path_users(), 0u);
     EXPECT_EQ(problems(), c.problem);
 
-    // The next creating call starts from the beginning and succeeds.
+    // The next creating call starts from the beginning and succeeds: it
+    // reads the environment and starts with nothing outstanding.
     g_books.fail_table_init = 0;
     g_books.table_inits = 0;
+    setenv("APPCLLU", "LU1", 1);
+    pGCB->NumVerbsWaiting = pGCB->NumVerbsOutstanding = 3;
+    pGCB->CurrentContext[0] = 9;
     start_library();
+    EXPECT_EQ(text_of(pGCB->EnvLUAlias, 8), "LU1     ");
+    EXPECT_EQ(pGCB->NumVerbsWaiting + pGCB->NumVerbsOutstanding + pGCB->CurrentContext[0], 0u);
     EXPECT_EQ(g_books.table_inits, 3);
     EXPECT_EQ(g_books.live_tables.size(), 3u);
-    EXPECT_EQ(g_books.live_wait_objects.size(), 1u);
+    EXPECT_EQ(g_books.live_wait_objects, std::set<void *>{pGCB->hWaitObject});
+    EXPECT_EQ(snt_path_users(), 1u);
     snt_end_path();  // back to "not started" for the next case
     ASSERT_EQ(fInitCPIC, 0);
   }
@@ -310,7 +279,7 @@ TEST_F(Core, FreeingTheLastConversationOfAnOldContextEndsIt) {
   }
 }
 
-TEST_F(Core, FreeingReleasesOwnedBuffersAndTablesTheirEntries) {
+TEST_F(Core, FreeingReleasesOwnedBuffersAndAnUncollectedCompletion) {
   start_library();
   const uint32_t blocks = snt_blocks_in_use(0);
   ConvId a{}, b{};
@@ -326,20 +295,6 @@ TEST_F(Core, FreeingReleasesOwnedBuffersAndTablesTheirEntries) {
   }
   EXPECT_EQ(snt_blocks_in_use(0), blocks + 1);
   EXPECT_EQ(snt_assert_count(), 0u);
-
-  // Emptying the conversation table releases its entries only.
-  void *slot = nullptr;
-  {
-    Locked lock;
-    slot = kept_block(sizeof(SCD_SLOT));
-    ASSERT_NE(vtm_get_free_entry(pGCB->SideInfoTable, slot), 0u);
-    SCC_free_handles_from_table(pGCB->CCCBTable);
-  }
-  EXPECT_FALSE(known(b));
-  EXPECT_EQ(snt_blocks_in_use(0), blocks + 1);
-  void *still = nullptr;
-  EXPECT_NE(vtm_get_next_used(pGCB->SideInfoTable, 0, &still), 0u);
-  EXPECT_EQ(still, slot);
 }
 
 // ---- the end of a context at the node ----
@@ -400,57 +355,35 @@ CM_RETURN_CODE map(uint16_t primary, uint32_t secondary, uint16_t opcode = 0x0F)
 
 TEST(CoreReturnCodes, EveryKnownResultMapsWithoutProblemRecord) {
   snt_reset();
-  struct Row {
-    uint16_t primary;
-    uint32_t secondary;
-    CM_RETURN_CODE expected;
-  };
-  std::vector<Row> rows = {
-      {0x0100, 0x31000000, CM_PROGRAM_PARAMETER_CHECK},
-      {0x0100, 0xF1000000, CM_PROGRAM_PARAMETER_CHECK},
-      {0x0100, 0x5B010000, CM_PROGRAM_PARAMETER_CHECK},
-      {0x0100, 0x18000000, CM_PARAMETER_ERROR},
-      {0x0100, 0x17000000, CM_PARAMETER_ERROR},
-      {0x0300, 0x04000000, CM_ALLOCATE_FAILURE_NO_RETRY},
-      {0x0300, 0x05000000, CM_ALLOCATE_FAILURE_RETRY},
-      {0x0300, 0x34600810, CM_CONVERSATION_TYPE_MISMATCH},
-      {0x0300, 0x51600F08, CM_SECURITY_NOT_VALID},
-      {0x0300, 0x58600F08, CM_SECURITY_NOT_VALID},
-      {0x0300, 0x16900000, CM_SECURITY_NOT_VALID},
-      {0x0300, 0x41600810, CM_SYNC_LEVEL_NOT_SUPPORTED_PGM},
-      {0x0300, 0x21600810, CM_TPN_NOT_RECOGNIZED},
-      {0x0300, 0x00004C08, CM_TP_NOT_AVAILABLE_NO_RETRY},
+  // clang-format off
+  std::vector<std::tuple<uint16_t, uint32_t, CM_RETURN_CODE>> rows = {
+      {0x0100, 0x31000000, CM_PROGRAM_PARAMETER_CHECK}, {0x0100, 0xF1000000, CM_PROGRAM_PARAMETER_CHECK},
+      {0x0100, 0x5B010000, CM_PROGRAM_PARAMETER_CHECK}, {0x0100, 0x18000000, CM_PARAMETER_ERROR},
+      {0x0100, 0x17000000, CM_PARAMETER_ERROR},         {0x0300, 0x04000000, CM_ALLOCATE_FAILURE_NO_RETRY},
+      {0x0300, 0x05000000, CM_ALLOCATE_FAILURE_RETRY},  {0x0300, 0x34600810, CM_CONVERSATION_TYPE_MISMATCH},
+      {0x0300, 0x51600F08, CM_SECURITY_NOT_VALID},      {0x0300, 0x58600F08, CM_SECURITY_NOT_VALID},
+      {0x0300, 0x16900000, CM_SECURITY_NOT_VALID},      {0x0300, 0x41600810, CM_SYNC_LEVEL_NOT_SUPPORTED_PGM},
+      {0x0300, 0x21600810, CM_TPN_NOT_RECOGNIZED},      {0x0300, 0x00004C08, CM_TP_NOT_AVAILABLE_NO_RETRY},
       {0x0300, 0x31604B08, CM_TP_NOT_AVAILABLE_RETRY},
   };
-  // Sense 080FFF00 to 080FFF0D.
-  for (uint32_t reason = 0; reason <= 0x0D; ++reason) {
-    rows.push_back({0x0300, (reason << 24) | 0x00FF0F08u, CM_SECURITY_NOT_VALID});
-  }
   // Decided by the primary alone, whatever the secondary.
   const std::pair<uint16_t, CM_RETURN_CODE> by_primary[] = {
-      {0x0200, CM_PROGRAM_STATE_CHECK},
-      {0x0500, CM_DEALLOCATED_ABEND},
-      {0x0600, CM_DEALLOCATED_ABEND},
-      {0x0700, CM_DEALLOCATED_ABEND_SVC},
-      {0x0800, CM_DEALLOCATED_ABEND_TIMER},
-      {0x0900, CM_DEALLOCATED_NORMAL},
-      {0x0C00, CM_PROGRAM_ERROR_NO_TRUNC},
-      {0x0D00, CM_PROGRAM_ERROR_TRUNC},
-      {0x0E00, CM_PROGRAM_ERROR_PURGING},
-      {0x0F00, CM_RESOURCE_FAILURE_RETRY},
-      {0x1000, CM_RESOURCE_FAILURE_NO_RETRY},
-      {0x1100, CM_SVC_ERROR_NO_TRUNC},
-      {0x1200, CM_SVC_ERROR_TRUNC},
-      {0x1300, CM_SVC_ERROR_PURGING},
-      {0x1400, CM_UNSUCCESSFUL},
+      {0x0200, CM_PROGRAM_STATE_CHECK},     {0x0500, CM_DEALLOCATED_ABEND},         {0x0600, CM_DEALLOCATED_ABEND},
+      {0x0700, CM_DEALLOCATED_ABEND_SVC},   {0x0800, CM_DEALLOCATED_ABEND_TIMER},   {0x0900, CM_DEALLOCATED_NORMAL},
+      {0x0C00, CM_PROGRAM_ERROR_NO_TRUNC},  {0x0D00, CM_PROGRAM_ERROR_TRUNC},       {0x0E00, CM_PROGRAM_ERROR_PURGING},
+      {0x0F00, CM_RESOURCE_FAILURE_RETRY},  {0x1000, CM_RESOURCE_FAILURE_NO_RETRY}, {0x1100, CM_SVC_ERROR_NO_TRUNC},
+      {0x1200, CM_SVC_ERROR_TRUNC},         {0x1300, CM_SVC_ERROR_PURGING},         {0x1400, CM_UNSUCCESSFUL},
   };
-  for (const auto &[primary, expected] : by_primary) {
-    rows.push_back({primary, 0, expected});
-    rows.push_back({primary, 0x34600810, expected});
+  // clang-format on
+  for (uint32_t reason = 0; reason <= 0x0D; ++reason) {  // sense 080FFF00 to 080FFF0D
+    rows.emplace_back(0x0300, (reason << 24) | 0x00FF0F08u, CM_SECURITY_NOT_VALID);
   }
-  for (const Row &row : rows) {
-    EXPECT_EQ(map(row.primary, row.secondary), row.expected)
-        << std::hex << row.primary << "/" << row.secondary;
+  for (const auto &[primary, expected] : by_primary) {
+    rows.emplace_back(primary, 0, expected);
+    rows.emplace_back(primary, 0x34600810, expected);
+  }
+  for (const auto &[primary, secondary, expected] : rows) {
+    EXPECT_EQ(map(primary, secondary), expected) << std::hex << primary << "/" << secondary;
   }
   EXPECT_EQ(snt_problem_count(), 0u);
 }
@@ -579,82 +512,22 @@ TEST(CoreConversion, InPlaceLengthsPatchedTablesAndInternalErrors) {
 
 // ---- submission and completion ----
 
-class Submit : public LibraryTest {
- protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
-    start_library();
-  }
-  static CCCB *non_blocking(ConvId &id) {
-    CCCB *cccb = new_cccb(id);
-    cccb->usProcessingMode = CM_NON_BLOCKING;
-    cccb->ulAppcConvId = 42;
-    return cccb;
-  }
-  static void expect_counters(uint32_t outstanding, uint32_t waiting) {
-    EXPECT_EQ(pGCB->NumVerbsOutstanding, outstanding);
-    EXPECT_EQ(pGCB->NumVerbsWaiting, waiting);
-  }
-};
+class Submit : public LibraryTest {};
 
-TEST_F(Submit, BlockingVerbCompletesInsideTheCallAndMovesNoCounter) {
-  ConvId id{};
-  CCCB *c = new_cccb(id);
-  c->ulAppcConvId = 42;
-  c->TpId[0] = 7;
-  c->ulConversationType = CM_BASIC_CONVERSATION;
-  push(NAP_FLUSH, 0x0C00);
-  EXPECT_EQ(submit(c, id, NAP_FLUSH), CM_PROGRAM_ERROR_NO_TRUNC);
-  EXPECT_EQ(g_routine_calls, 1);
-  EXPECT_EQ(g_last_correlator, 0u);
-  expect_counters(0, 0);
-  EXPECT_EQ(c->usVerbsOutstanding + c->fCompletionWaiting, 0);
-  EXPECT_EQ(snt_submitted_with_routine(0), 0);
-  NAP_HDR hdr{};
-  ASSERT_EQ(snt_submitted_vcb(0, &hdr, sizeof hdr), 1);
-  EXPECT_EQ(hdr.opcode, NAP_FLUSH);
-  EXPECT_EQ(hdr.opext, 0);
-  EXPECT_EQ(hdr.tp_id[0], 7);
-  EXPECT_EQ(hdr.conv_id, 42u);
-  EXPECT_EQ(std::memcmp(c->pTraceConvId, id.data(), 8), 0);
-
-  // A blocking result that ends the conversation frees it at once.
-  push(NAP_FLUSH, 0x0900);
-  EXPECT_EQ(submit(c, id, NAP_FLUSH), CM_DEALLOCATED_NORMAL);
-  EXPECT_FALSE(known(id));
-  expect_counters(0, 0);
+// A non-blocking flush the node answers later with `primary`.
+void flush(ConvId &id, uint16_t primary) {
+  push(NAP_FLUSH, primary, 0, 1);
+  EXPECT_EQ(rc_of(cmflus)(id), CM_OPERATION_INCOMPLETE);
 }
-
-TEST_F(Submit, NonBlockingVerbIsCollectedOnceByCmwait) {
-  ConvId id{};
-  CCCB *c = non_blocking(id);
-  push(NAP_FLUSH, 0, 0, 1);
-  EXPECT_EQ(submit(c, id, NAP_FLUSH), CM_OPERATION_INCOMPLETE);
-  EXPECT_EQ(snt_submitted_with_routine(0), 1);
-  expect_counters(1, 0);
-  EXPECT_EQ(c->usVerbsOutstanding, 1);
-  EXPECT_EQ(g_routine_calls, 0);
-
-  ASSERT_EQ(snt_complete_pending(0), 1);
-  EXPECT_EQ(g_routine_calls, 1);
-  EXPECT_EQ(g_last_correlator, 1u);
-  expect_counters(0, 1);
-  EXPECT_EQ(c->fCompletionWaiting, 1);
-  EXPECT_EQ(c->usVerbsOutstanding, 0);
-
-  expect_completion(id, CM_OK);
-  EXPECT_EQ(c->fCompletionWaiting, 0);
-  EXPECT_TRUE(known(id));
-  const Waited second = wait_one();
-  EXPECT_EQ(second.rc, CM_PROGRAM_STATE_CHECK);
-  EXPECT_EQ(second.conversation_rc, -1) << "untouched on failure";
+CCCB *flush_later(ConvId &id, uint16_t primary) {
+  CCCB *cccb = active_conversation(id, CM_MAPPED_CONVERSATION, CM_NON_BLOCKING);
+  flush(id, primary);
+  return cccb;
 }
 
 TEST_F(Submit, CmwaitSleepsUntilTheOutstandingVerbCompletes) {
   ConvId id{};
-  CCCB *c = non_blocking(id);
-  push(NAP_FLUSH, 0x0E00, 0, 1);
-  ASSERT_EQ(submit(c, id, NAP_FLUSH), CM_OPERATION_INCOMPLETE);
+  flush_later(id, 0x0E00);
   std::thread node([] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     snt_complete_pending(0);
@@ -664,17 +537,15 @@ TEST_F(Submit, CmwaitSleepsUntilTheOutstandingVerbCompletes) {
 }
 
 TEST_F(Submit, CmwaitAndCmchckPickByTablePositionNotCompletionOrder) {
+  // Which of two the table walk meets first is the node's choice.
   ConvId a{}, b{};
-  CCCB *ca = non_blocking(a), *cb = non_blocking(b);
-  // Which of the two the table walk meets first is the node's choice.
+  CCCB *ca = active_conversation(a, CM_MAPPED_CONVERSATION, CM_NON_BLOCKING);
+  active_conversation(b, CM_MAPPED_CONVERSATION, CM_NON_BLOCKING);
   void *first = nullptr;
   vtm_get_next_used(pGCB->CCCBTable, 0, &first);
-  const bool a_first = first == ca;
-  ConvId &early = a_first ? a : b, &late = a_first ? b : a;
-  push(NAP_FLUSH, 0, 0, 1);
-  ASSERT_EQ(submit(a_first ? ca : cb, early, NAP_FLUSH), CM_OPERATION_INCOMPLETE);
-  push(NAP_FLUSH, 0x1400, 0, 1);
-  ASSERT_EQ(submit(a_first ? cb : ca, late, NAP_FLUSH), CM_OPERATION_INCOMPLETE);
+  ConvId &early = first == ca ? a : b, &late = first == ca ? b : a;
+  flush(early, 0);
+  flush(late, 0x1400);
 
   ConvId id{};
   CM_RETURN_CODE rc = -1;
@@ -697,8 +568,12 @@ TEST_F(Submit, CmwaitAndCmchckPickByTablePositionNotCompletionOrder) {
 
 // ---- CMCANC ----
 
-class Cancel : public Submit {
+class Cancel : public LibraryTest {
  protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    start_library();
+  }
   static CM_RETURN_CODE cancel(ConvId id) {
     CM_RETURN_CODE rc = -1;
     CMCANC(id.data(), &rc);
@@ -815,10 +690,7 @@ TEST_F(Cancel, CancelWaitsForTheNodeInEveryMode) {
 
 TEST_F(Cancel, CancelBesideAnOutstandingVerbLeavesTheFreeToItsCompletion) {
   ConvId id{};
-  CCCB *c = non_blocking(id);
-  c->ulAppcConvId = 5;
-  push(NAP_RECEIVE_AND_WAIT, 0x2100, 0, 1);
-  ASSERT_EQ(submit(c, id, NAP_RECEIVE_AND_WAIT, kVerbCMRCV), CM_OPERATION_INCOMPLETE);
+  CCCB *c = flush_later(id, 0x2100);
   EXPECT_EQ(cancel(id), CM_OK);
   EXPECT_EQ(c->usVerbsOutstanding, 1);
   ASSERT_EQ(snt_complete_pending(0), 1);

@@ -121,50 +121,24 @@ TEST_F(SideInfo, TheNodeIsAskedOnceAndNamesMatchByteForByte) {
 // is stored, and only results the library cannot explain are recorded.
 TEST_F(SideInfo, FailuresOfTheNode) {
   const std::vector<uint16_t> open_only = {NOF_OPEN_OPCODE};
+  const uint16_t L = SCD_LOOKUP, D = SCD_DELETE, Q = NOF_QUERY_SIDE_INFO_OPCODE;
+  const CM_RETURN_CODE P = CM_PROGRAM_PARAMETER_CHECK, E = CM_PRODUCT_SPECIFIC_ERROR;
+  // clang-format off
   const struct {
     uint16_t function, opcode, primary;
     uint32_t secondary;
     CM_RETURN_CODE rc;
     Probes problems;
   } cases[] = {
-      {SCD_LOOKUP,
-       NOF_OPEN_OPCODE,
-       AP_COMM_SUBSYSTEM_NOT_LOADED,
-       0,
-       CM_PRODUCT_SPECIFIC_ERROR,
-       {{kProblemNofOpen, 0}}},
-      {SCD_DELETE,
-       NOF_OPEN_OPCODE,
-       AP_COMM_SUBSYSTEM_NOT_LOADED,
-       0,
-       CM_PRODUCT_SPECIFIC_ERROR,
-       {{kProblemNofOpen, 1}}},
-      {SCD_LOOKUP,
-       NOF_QUERY_SIDE_INFO_OPCODE,
-       AP_STATE_CHECK,
-       AP_NO_SIDE_INFO_ENTRY,
-       CM_PROGRAM_PARAMETER_CHECK,
-       {}},
-      {SCD_LOOKUP, NOF_QUERY_SIDE_INFO_OPCODE, AP_STATE_CHECK, 0, CM_PRODUCT_SPECIFIC_ERROR, {}},
-      {SCD_LOOKUP,
-       NOF_QUERY_SIDE_INFO_OPCODE,
-       AP_UNEXPECTED_SYSTEM_ERROR,
-       0,
-       CM_PRODUCT_SPECIFIC_ERROR,
-       {}},
-      {SCD_DELETE,
-       NOF_QUERY_SIDE_INFO_OPCODE,
-       AP_STATE_CHECK,
-       AP_NO_SIDE_INFO_ENTRY,
-       CM_PROGRAM_PARAMETER_CHECK,
-       {}},
-      {SCD_DELETE,
-       NOF_QUERY_SIDE_INFO_OPCODE,
-       AP_PARAMETER_CHECK,
-       AP_BAD_FIELD,
-       CM_PRODUCT_SPECIFIC_ERROR,
-       {{kProblemNofQuery, 1}}},
+      {L, NOF_OPEN_OPCODE, AP_COMM_SUBSYSTEM_NOT_LOADED, 0, E, {{kProblemNofOpen, 0}}},
+      {D, NOF_OPEN_OPCODE, AP_COMM_SUBSYSTEM_NOT_LOADED, 0, E, {{kProblemNofOpen, 1}}},
+      {L, Q, AP_STATE_CHECK, AP_NO_SIDE_INFO_ENTRY, P, {}},
+      {L, Q, AP_STATE_CHECK, 0, E, {}},
+      {L, Q, AP_UNEXPECTED_SYSTEM_ERROR, 0, E, {}},
+      {D, Q, AP_STATE_CHECK, AP_NO_SIDE_INFO_ENTRY, P, {}},
+      {D, Q, AP_PARAMETER_CHECK, AP_BAD_FIELD, E, {{kProblemNofQuery, 1}}},
   };
+  // clang-format on
   for (const auto &c : cases) {
     SCOPED_TRACE(testing::Message() << c.function << " " << std::hex << c.primary);
     fresh_node();
