@@ -305,12 +305,10 @@ TEST_F(Characteristics, ExtractCallsRefuseOnlyAConversationAwaitingAccept) {
       fn(id.data(), &value, &rc);
       const bool security = fn == xcecst || fn == CMECST;
       EXPECT_EQ(rc, security ? CM_OK : expected);
-      if (security) {
-        EXPECT_EQ(value, CM_SECURITY_PROGRAM_STRONG);
-      }
-      if (rc != CM_OK) {
-        EXPECT_EQ(value, -7);
-      }
+      const CM_INT32 stored = security      ? CM_SECURITY_PROGRAM_STRONG
+                              : fn == cmect ? CM_MAPPED_CONVERSATION
+                                            : CM_NONE;
+      EXPECT_EQ(value, rc == CM_OK ? stored : -7);
     }
     EXPECT_EQ(std::memcmp(&before, cccb, sizeof before), 0);
   }
