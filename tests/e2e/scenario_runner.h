@@ -248,7 +248,8 @@ inline void enter_node(const fs::path &dir, const Side &side, Deploy how) {
   ::setenv("SNANODE_CONFIG", (dir / "node.toml").c_str(), 1);
   ::setenv("SNANODE_DAEMON", how == Deploy::kThreads ? "off" : "required", 1);
   ::setenv("SNANODE_LOG_DIR", side.log_dir.c_str(), 1);
-  rlimit files{};  // a thousand conversations hold a thousand sockets
+  ::setenv("SNANODE_ASSERT_ABORT", "1", 1);  // an internal assertion fails the run
+  rlimit files{};                            // a thousand conversations hold a thousand sockets
   ::getrlimit(RLIMIT_NOFILE, &files);
   files.rlim_cur = files.rlim_max;
   ::setrlimit(RLIMIT_NOFILE, &files);
