@@ -14,13 +14,16 @@ constexpr CM_DATA_RECEIVED_TYPE kComplete = CM_COMPLETE_DATA_RECEIVED;
 
 // ---- ping-pong ---------------------------------------------------------------------
 
+// Records of every size around the send buffer's (4096) up to the largest.
+constexpr int kPingSizes[] = {1, 2, 100, 4093, 4094, 4095, 4096, 4097, 20000, 32765};
+
 void ping_client(Side &) {
   for (CM_CONVERSATION_TYPE type : kTypes) {
     Conv c = allocate("E2E", type);
-    for (int i = 0; i < 20; ++i) {
-      const std::string ping = record(type, "ping " + std::to_string(i));
+    for (int size : kPingSizes) {
+      const std::string ping = record(type, std::string(size, static_cast<char>('a' + size % 26)));
       REQUIRE_EQ(c.send(ping, CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
-      CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), kComplete, ping, CM_SEND_RECEIVED);
+      CHECK_DATA(c.receive_and(CM_SEND_RECEIVED, 32767), kComplete, ping, CM_SEND_RECEIVED);
     }
     REQUIRE_EQ(c.deallocate(), CM_OK);
   }
@@ -33,7 +36,7 @@ void echo_server(Side &) {
     CM_CONVERSATION_TYPE accepted = -1;
     CHECK_EQ(c.call(cmect, &accepted), CM_OK);
     CHECK_EQ(accepted, type);
-    for (Received r; (r = c.receive_and(CM_SEND_RECEIVED)).rc != CM_DEALLOCATED_NORMAL;) {
+    for (Received r; (r = c.receive_and(CM_SEND_RECEIVED, 32767)).rc != CM_DEALLOCATED_NORMAL;) {
       REQUIRE_EQ(r.status, CM_SEND_RECEIVED);
       REQUIRE_EQ(c.send(r.text, CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
     }
@@ -413,6 +416,41 @@ int collect(std::vector<Conv> &convs, CM_RETURN_CODE &conv_rc) {
   return -1;
 }
 
+// ---- sessions ------------------------------------------------------------------------
+
+// On a mode of one session: a second allocation with return control
+// immediate fails; one that waits for the session gets it when the first ends.
+void sessions_client(Side &) {
+  std::vector<Conv> convs;
+  for (CM_RETURN_CONTROL control :
+       {CM_WHEN_SESSION_ALLOCATED, CM_IMMEDIATE, CM_WHEN_SESSION_ALLOCATED}) {
+    convs.push_back(initialize("E2E", kMapped));
+    REQUIRE_EQ(convs.back().name(cmsmn, "#ONE"), CM_OK);
+    REQUIRE_EQ(convs.back().set(cmsrc, control), CM_OK);
+    REQUIRE_EQ(convs.back().set(cmspm, CM_NON_BLOCKING), CM_OK);
+  }
+  CM_RETURN_CODE conv_rc = -1;
+  const CM_RETURN_CODE first = convs[0].call(cmallc);
+  if (first == CM_OPERATION_INCOMPLETE) {
+    CHECK_EQ(collect(convs, conv_rc), 0);
+    CHECK_EQ(conv_rc, CM_OK);
+  } else {
+    CHECK_EQ(first, CM_OK);
+  }
+  CHECK_EQ(convs[1].call(cmallc), CM_UNSUCCESSFUL);
+  CHECK_EQ(convs[2].call(cmallc), CM_OPERATION_INCOMPLETE);
+  CHECK_EQ(convs[0].set(cmspm, CM_BLOCKING), CM_OK);
+  CHECK_EQ(convs[0].deallocate(), CM_OK);
+  CHECK_EQ(collect(convs, conv_rc), 2);
+  CHECK_EQ(conv_rc, CM_OK);
+  CHECK_EQ(convs[2].set(cmspm, CM_BLOCKING), CM_OK);
+  CHECK_EQ(convs[2].deallocate(), CM_OK);
+}
+
+void sessions_server(Side &) {
+  for (int i = 0; i < 2; ++i) CHECK_EQ(accept().receive().rc, CM_DEALLOCATED_NORMAL);
+}
+
 void cancel_client(Side &side) {
   std::vector<Conv> convs{allocate("E2E")};
   REQUIRE_EQ(convs[0].send("go", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
@@ -588,6 +626,11 @@ const Scenario kScenarios[] = {
      kRefusalConfig,
      false,
      300},
+    {"SessionLimitAndReturnControl",
+     sessions_client,
+     sessions_server,
+     {"E2E"},
+     "[[mode]]\nname = \"#ONE\"\nsession_limit = 1\n"},
     {"CancelOutstandingReceive", cancel_client, cancel_server},
     {"NonBlockingVerbsCollectedByCmwait", cmwait_client, serve_once_each<8>},
     {"AThousandConversationsAtOnce",
