@@ -306,6 +306,7 @@ inline bool start_daemon(const fs::path &dir, Children &children) {
             static_cast<char *>(nullptr));
     ::_exit(127);
   }
+  if (pid < 0) return false;
   children.list.push_back({pid, "daemon"});
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -320,20 +321,19 @@ inline bool start_daemon(const fs::path &dir, Children &children) {
   return false;
 }
 
-inline std::string status_text(int status) {
-  return WIFEXITED(status) ? "exit status " + std::to_string(WEXITSTATUS(status))
-                           : "signal " + std::to_string(WTERMSIG(status));
-}
-
 inline void run(const Scenario &scenario, Deploy how) {
   char pattern[] = "/tmp/cpic-e2e-XXXXXX";
   ASSERT_NE(::mkdtemp(pattern), nullptr);
   const fs::path dir = pattern;
-  struct Remove {  // unless the test failed: then the logs are worth a look
+  struct Remove {  // the logs stay for a look when CPIC_E2E_KEEP is set
     fs::path dir;
     ~Remove() {
-      if (!::testing::Test::HasFailure()) fs::remove_all(dir);
-      if (::testing::Test::HasFailure()) std::cerr << "scenario files kept in " << dir << "\n";
+      if (std::getenv("CPIC_E2E_KEEP") != nullptr) {
+        std::cerr << "scenario files in " << dir << "\n";
+      } else {
+        if (::testing::Test::HasFailure()) std::cerr << "CPIC_E2E_KEEP=1 keeps the logs\n";
+        fs::remove_all(dir);
+      }
     }
   } remove{dir};
   std::ofstream(dir / "node.toml")
@@ -365,7 +365,8 @@ inline void run(const Scenario &scenario, Deploy how) {
       body();
       std::exit(0);
     }
-    children.list.push_back({pid, role});
+    if (pid > 0) children.list.push_back({pid, role});
+    if (pid < 0) ADD_FAILURE() << "cannot fork the " << role;
   };
   auto client_side = [&] { run_side(client, scenario.client, scenario.serves); };
   auto server_side = [&] { run_side(server, scenario.server, scenario.serves); };
@@ -412,10 +413,22 @@ inline void run(const Scenario &scenario, Deploy how) {
   ::close(report[0]);
   // The sides first; then the daemon is stopped as an operator would.
   for (auto it = children.list.rbegin(); it != children.list.rend(); ++it) {
-    if (it->role == "daemon" && !it->reaped) ::kill(it->pid, SIGTERM);
-    children.reap(*it, 0);
-    if (!it->killed && !children.ended_well(*it)) {
-      ADD_FAILURE() << it->role << " ended with " << status_text(it->status);
+    if (it->role != "daemon") {
+      children.reap(*it, 0);
+    } else if (!children.reap(*it, WNOHANG)) {
+      ::kill(it->pid, SIGTERM);
+      for (const auto until = Clock::now() + 5s; !children.reap(*it, WNOHANG);) {
+        if (Clock::now() > until) {
+          ADD_FAILURE() << "the daemon did not stop on SIGTERM";  // killed on the way out
+          break;
+        }
+        std::this_thread::sleep_for(10ms);
+      }
+    }
+    if (it->reaped && !it->killed && !children.ended_well(*it)) {
+      ADD_FAILURE() << it->role << " ended with "
+                    << (WIFEXITED(it->status) ? "exit status " : "signal ")
+                    << (WIFEXITED(it->status) ? WEXITSTATUS(it->status) : WTERMSIG(it->status));
     }
   }
 }
