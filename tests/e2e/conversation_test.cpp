@@ -391,7 +391,7 @@ void refusals_server(Side &) {
   CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
 }
 
-// ---- cancel, non-blocking verbs and CMWAIT --------------------------------------------------
+// ---- non-blocking verbs and CMWAIT: sessions, cancel, several conversations -----------------
 
 // A non-blocking receive and where its results land.
 struct Pending {
@@ -415,8 +415,6 @@ int collect(std::vector<Conv> &convs, CM_RETURN_CODE &conv_rc) {
   }
   return -1;
 }
-
-// ---- sessions ------------------------------------------------------------------------
 
 // On a mode of one session: a second allocation with return control
 // immediate fails; one that waits for the session gets it when the first ends.
