@@ -1,9 +1,7 @@
-// snanoded as a process: --check, and a daemon in a temporary directory
-// brokering conversations between forked client processes whose data then
-// flows over socket links.
+// snanoded as a process: --check, and the environment of a TP the daemon
+// starts.  Conversations between processes through the daemon are the
+// end-to-end tests' (tests/e2e).
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +17,7 @@
 #include "client/daemon_protocol.h"
 #include "client/message_channel.h"
 #include "core/process_lock.h"
-#include "engine/conversation.h"
+#include "engine/frame.h"
 #include "engine/socket_link.h"
 #include "node/daemon_test_support.h"
 #include "snanode/verbs.h"
@@ -77,8 +75,6 @@ TEST(DaemonProcess, CheckAcceptsAGoodFileAndExplainsEveryProblemOfABadOne) {
   EXPECT_NE(bad.output.find("3 problems"), std::string::npos) << bad.output;
 }
 
-using DaemonProcessTest = DaemonFixture;
-
 // Connects and greets the daemon; an empty channel pointer on failure.
 std::unique_ptr<client::MessageChannel> greet(const std::string &socket) {
   auto channel = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
@@ -118,175 +114,6 @@ class FrameQueue : public engine::FrameSink {
   std::vector<engine::Frame> frames_;
   bool lost_ = false;
 };
-
-engine::Frame data_frame(const std::string &text) {
-  engine::Frame frame;
-  frame.payload.assign(text.begin(), text.end());
-  return frame;
-}
-
-// The accepting process: registers ECHO, takes one attach, then either echoes
-// the first record reversed and ends, or (`hang`) waits to be killed.
-// Returns the child's exit status, 0 when all went as expected.
-int accepting_process(const std::string &socket, bool hang) {
-  auto channel = greet(socket);
-  if (!channel) return 2;
-  channel->send(client::RegisterTp{"ECHO"});
-  channel->send(client::AcceptWait{1, {"ECHO"}});
-  auto attach = channel->receive();
-  if (!attach || !std::holds_alternative<client::AttachDelivery>(attach->message)) return 3;
-  if (std::get<client::AttachDelivery>(attach->message).accept_id != 1) return 4;
-  auto link = engine::make_socket_link(attach->descriptor.release());
-  FrameQueue frames;
-  {
-    ProcessLockGuard lock;
-    link->attach(&frames);
-  }
-  auto first = frames.take();
-  if (!first) return 5;
-  if (hang) {
-    for (;;) ::pause();
-  }
-  std::string text(first->payload.begin(), first->payload.end());
-  ProcessLockGuard lock;
-  link->send(data_frame(std::string(text.rbegin(), text.rend())));
-  engine::Frame end;
-  end.type = engine::FrameType::kDeallocate;
-  link->send(std::move(end));
-  link->close(true);
-  return 0;
-}
-
-// Forks the accepting process and waits until the daemon knows its name.
-pid_t start_acceptor(const std::string &socket, bool hang) {
-  const pid_t pid = ::fork();
-  if (pid == 0) ::_exit(accepting_process(socket, hang));
-  return pid;
-}
-
-// Allocates ECHO until the acceptor has registered (it races the allocation).
-std::optional<client::ReceivedMessage> allocate_echo(client::MessageChannel &channel) {
-  for (uint32_t id = 1; id < 500; ++id) {
-    client::AllocateRequest request = request_for("ECHO");
-    request.request_id = id;
-    if (!channel.send(request)) return std::nullopt;
-    auto result = channel.receive();
-    if (!result) return std::nullopt;
-    const auto &r = std::get<client::AllocateResult>(result->message);
-    if (r.secondary != AP_TP_NAME_NOT_RECOGNIZED) return result;
-    std::this_thread::sleep_for(10ms);
-  }
-  return std::nullopt;
-}
-
-TEST_F(DaemonProcessTest, TwoProcessesConverseDirectly) {
-  const pid_t acceptor = start_acceptor(socket_, false);
-  ASSERT_GT(acceptor, 0);
-  auto channel = greet(socket_);
-  ASSERT_TRUE(channel);
-  auto result = allocate_echo(*channel);
-  ASSERT_TRUE(result);
-  ASSERT_EQ(std::get<client::AllocateResult>(result->message).primary, AP_OK);
-  ASSERT_TRUE(result->descriptor.valid());
-
-  auto link = engine::make_socket_link(result->descriptor.release());
-  FrameQueue frames;
-  {
-    ProcessLockGuard lock;
-    link->attach(&frames);
-    link->send(data_frame("hello, partner"));
-  }
-  auto reply = frames.take();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(std::string(reply->payload.begin(), reply->payload.end()), "rentrap ,olleh");
-  auto end = frames.take();
-  ASSERT_TRUE(end);
-  EXPECT_EQ(end->type, engine::FrameType::kDeallocate);
-  int status = 0;
-  ASSERT_EQ(::waitpid(acceptor, &status, 0), acceptor);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  ProcessLockGuard lock;
-  link->close(true);
-}
-
-// Completes a verb the test waits for.
-class WaitingHost : public engine::ConversationHost {
- public:
-  void verb_completed(void *, void *) override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    done_ = true;
-    changed_.notify_all();
-  }
-  void partner_log_data(uint32_t, const std::vector<uint8_t> &) override {}
-  bool wait(std::chrono::milliseconds limit) {
-    std::unique_lock<std::mutex> hold(mutex_);
-    return changed_.wait_for(hold, limit, [&] { return done_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool done_ = false;
-};
-
-TEST_F(DaemonProcessTest, PartnerKilledMidReceiveFailsTheConversationAndDropsItsName) {
-  const pid_t acceptor = start_acceptor(socket_, true);
-  ASSERT_GT(acceptor, 0);
-  auto channel = greet(socket_);
-  ASSERT_TRUE(channel);
-  auto result = allocate_echo(*channel);
-  ASSERT_TRUE(result && result->descriptor.valid());
-
-  WaitingHost host;
-  engine::ConversationSetup setup;
-  setup.id = 1;
-  auto conversation = std::make_unique<engine::Conversation>(
-      setup, engine::make_socket_link(result->descriptor.release()), host);
-  NAP_RECEIVE_VCB receive{};
-  uint8_t buffer[64];
-  receive.hdr.opcode = NAP_RECEIVE_AND_WAIT;
-  receive.hdr.opext = NAP_OPEXT_MAPPED;
-  receive.hdr.conv_id = 1;
-  receive.max_length = sizeof buffer;
-  receive.data_pointer = buffer;
-  {
-    ProcessLockGuard lock;
-    NAP_SEND_DATA_VCB send{};
-    const char text[] = "are you there?";
-    send.hdr.opcode = NAP_SEND_DATA;
-    send.hdr.opext = NAP_OPEXT_MAPPED;
-    send.hdr.conv_id = 1;
-    send.data_length = sizeof text;
-    send.data_pointer = reinterpret_cast<uint8_t *>(const_cast<char *>(text));
-    send.send_data_type = 1;  // flush: the partner gets it and hangs
-    ASSERT_TRUE(conversation->send_data(send, nullptr));
-    ASSERT_EQ(send.hdr.primary_rc, AP_OK);
-    ASSERT_FALSE(conversation->receive(receive, true, &receive));  // waits for the partner
-  }
-  const auto killed = std::chrono::steady_clock::now();
-  ::kill(acceptor, SIGKILL);
-  ASSERT_TRUE(host.wait(1s)) << "the receive was not ended within a second";
-  EXPECT_LT(std::chrono::steady_clock::now() - killed, 1s);
-  {
-    ProcessLockGuard lock;
-    EXPECT_EQ(receive.hdr.primary_rc, AP_CONV_FAILURE_NO_RETRY);
-    conversation.reset();
-  }
-  ::waitpid(acceptor, nullptr, 0);
-
-  // The dead process's name is gone from the node.
-  std::optional<client::ReceivedMessage> refused;
-  for (int tries = 0; tries < 100; ++tries) {
-    client::AllocateRequest request = request_for("ECHO");
-    ASSERT_TRUE(channel->send(request));
-    refused = channel->receive();
-    ASSERT_TRUE(refused);
-    if (std::get<client::AllocateResult>(refused->message).primary != AP_OK) break;
-    std::this_thread::sleep_for(10ms);  // the daemon may not have seen the hang-up yet
-  }
-  EXPECT_EQ(std::get<client::AllocateResult>(refused->message).secondary,
-            AP_TP_NAME_NOT_RECOGNIZED);
-}
 
 // The daemon starts an invokable TP with its name, LU and the daemon's socket
 // in the environment; when it never accepts, the attach times out and the
