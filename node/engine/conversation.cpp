@@ -5,6 +5,8 @@
 #include <cstring>
 #include <utility>
 
+#include "engine/byte_pool.h"
+
 namespace snanode::engine {
 namespace {
 
@@ -52,7 +54,8 @@ uint8_t Conversation::take_rts() {
 
 bool Conversation::buffer_data(const uint8_t *data, size_t length, Result &result) {
   if (setup_.mapped) {
-    out_records_.emplace_back(data, data + length);
+    out_records_.push_back(take_buffer(length));
+    if (length > 0) std::memcpy(out_records_.back().data(), data, length);
   } else {
     RecordCursor next = out_cursor_;
     if (!next.advance(data, length)) {
@@ -335,6 +338,9 @@ void Conversation::send_error(NAP_SEND_ERROR_VCB &vcb) {
     put_result(hdr, AP_STATE_CHECK);
     return;
   }
+  // Frames the partner sent before it learns of a purging error may still be
+  // on their way (across processes); they are dropped until its answer.
+  purging_ = kind == SendErrorKind::kPurging;
   send_frame(FrameType::kSendError, static_cast<uint8_t>(kind), std::move(log_data));
   state_ = ConvState::kSend;
   vcb.rts_received = take_rts();
@@ -399,11 +405,23 @@ void Conversation::enqueue(InKind kind, std::vector<uint8_t> bytes, uint32_t cod
 
 void Conversation::on_frame(Frame &&frame) {
   if (state_ == ConvState::kReset) return;
+  if (frame.type == FrameType::kErrorSeen) {
+    purging_ = false;
+    return;
+  }
+  if (purging_ && frame.type != FrameType::kDeallocate && frame.type != FrameType::kAttachFailed &&
+      frame.type != FrameType::kRequestToSend) {
+    // Sent before the partner knew this side purges: purged too.  Only its
+    // ending, which no error can undo, still counts.
+    give_back_buffer(std::move(frame.payload));
+    return;
+  }
   control_follows_ = frame.type == FrameType::kData && (frame.flags & kDataMoreFollows) != 0;
   if (frame.type == FrameType::kData) {
     if (!setup_.mapped && !inbound_.empty() && inbound_.back().kind == InKind::kData) {
       auto &bytes = inbound_.back().bytes;
       bytes.insert(bytes.end(), frame.payload.begin(), frame.payload.end());
+      give_back_buffer(std::move(frame.payload));
     } else {
       enqueue(InKind::kData, std::move(frame.payload));
     }
@@ -446,6 +464,11 @@ void Conversation::on_frame(Frame &&frame) {
               : frame.flags == static_cast<uint8_t>(SendErrorKind::kTruncation)
                   ? InKind::kErrorTrunc
                   : InKind::kErrorNoTrunc);
+      // Whatever this side sent before now, the partner drops; it keeps
+      // dropping until it hears that this side knows.
+      if (frame.flags == static_cast<uint8_t>(SendErrorKind::kPurging)) {
+        send_frame(FrameType::kErrorSeen, 0);
+      }
       break;
     case FrameType::kDeallocate:
       enqueue(frame.flags == static_cast<uint8_t>(DeallocKind::kAbend) ? InKind::kDeallocAbend
@@ -604,7 +627,10 @@ bool Conversation::try_receive(NAP_RECEIVE_VCB &vcb) {
     }
     if (!receive_data(vcb, head)) return false;
     const bool item_done = head.offset == head.bytes.size();
-    if (item_done) inbound_.pop_front();
+    if (item_done) {
+      give_back_buffer(std::move(head.bytes));
+      inbound_.pop_front();
+    }
     // With return_status, a status that follows the last data comes with it.
     const bool record_done =
         vcb.what_received != AP_WR_DATA_INCOMPLETE && (setup_.mapped || in_cursor_.at_boundary());

@@ -188,6 +188,7 @@ class Conversation : public FrameSink {
 
   std::deque<Inbound> inbound_;
   bool control_follows_ = false;  // the last frame was data with a status right behind it
+  bool purging_ = false;          // a purging send-error went out, not yet answered
   RecordCursor in_cursor_;  // basic: where the received stream stands
 };
 

@@ -25,6 +25,9 @@ enum class FrameType : uint8_t {
   kDeallocate = 6,  // flags: DeallocKind; payload: log data
   kRequestToSend = 7,
   kAttachFailed = 8,  // code: the allocation error's secondary return code
+  // The answer to a purging send-error: the frames the sender of this one
+  // sent before it are the ones it sent before it knew of the error.
+  kErrorSeen = 9,
 };
 
 // DATA flag: a control frame (turn, confirm, error, deallocation) follows at
