@@ -35,14 +35,21 @@ inline bool holds_within(const std::function<bool()> &condition, int ms) {
   return condition();
 }
 
-inline bool eventually(const std::function<bool()> &condition) {
-  return holds_within(condition, 2000);
+inline bool eventually(const std::function<bool()> &condition, int ms = 2000) {
+  return holds_within(condition, ms);
 }
 
 // True when `condition` stays false for `ms` milliseconds (something that
 // must not happen while a thread is held).
 inline bool stays_false(const std::function<bool()> &condition, int ms = 100) {
   return !holds_within(condition, ms);
+}
+
+// Queues a script for the next verb with `opcode` (0: any verb).
+inline void push_script(uint16_t opcode, uint16_t primary, uint32_t secondary = 0, int later = 0,
+                        SNT_FILL fill = nullptr, void *context = nullptr) {
+  const SNT_VERB_SCRIPT script{opcode, primary, secondary, later, fill, context};
+  snt_push_verb_script(&script);
 }
 
 inline SNT_VERB_SCRIPT script(uint16_t opcode, uint16_t primary, uint32_t secondary = 0,
