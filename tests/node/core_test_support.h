@@ -11,12 +11,12 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "config/node_config.h"
+#include "snanode/snanode.h"
 #include "snanode/snanode_test.h"
 #include "snanode/verbs.h"
 #include "support/read_lines.h"
@@ -26,23 +26,13 @@ namespace core_test {
 using test_support::read_lines;
 
 // Polls `condition` for up to `ms` milliseconds; true once it holds.
-inline bool holds_within(const std::function<bool()> &condition, int ms) {
+inline bool eventually(const std::function<bool()> &condition, int ms = 2000) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  return condition();
-}
-
-inline bool eventually(const std::function<bool()> &condition, int ms = 2000) {
-  return holds_within(condition, ms);
-}
-
-// True when `condition` stays false for `ms` milliseconds (something that
-// must not happen while a thread is held).
-inline bool stays_false(const std::function<bool()> &condition, int ms = 100) {
-  return !holds_within(condition, ms);
+  return true;
 }
 
 // Queues a script for the next verb with `opcode` (0: any verb).
@@ -52,40 +42,11 @@ inline void push_script(uint16_t opcode, uint16_t primary, uint32_t secondary = 
   snt_push_verb_script(&script);
 }
 
-inline SNT_VERB_SCRIPT script(uint16_t opcode, uint16_t primary, uint32_t secondary = 0,
-                              int later = 0, SNT_FILL fill = nullptr, void *context = nullptr) {
-  return SNT_VERB_SCRIPT{opcode, primary, secondary, later, fill, context};
-}
-
 // A whole verb record: the node may write anywhere in its 208 bytes.
 struct Vcb {
   explicit Vcb(uint16_t opcode) { std::memcpy(bytes, &opcode, 2); }
   NAP_HDR *hdr() { return reinterpret_cast<NAP_HDR *>(bytes); }
   alignas(8) uint8_t bytes[NAP_VCB_SIZE] = {};
-};
-
-// What completion and path routines saw, appended from any thread.
-template <typename Entry>
-class Recorder {
- public:
-  void add(const Entry &entry) {
-    std::lock_guard<std::mutex> hold(mutex_);
-    entries_.push_back(entry);
-  }
-  std::vector<Entry> all() const {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return entries_;
-  }
-  size_t size() const { return all().size(); }
-  Entry at(size_t n) const { return all().at(n); }
-  void clear() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    entries_.clear();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Entry> entries_;
 };
 
 // A fresh directory per test and none of the node's environment variables
