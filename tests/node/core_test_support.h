@@ -23,8 +23,6 @@
 
 namespace core_test {
 
-using test_support::read_lines;
-
 // Polls `condition` for up to `ms` milliseconds; true once it holds.
 inline bool eventually(const std::function<bool()> &condition, int ms = 2000) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
@@ -49,18 +47,20 @@ struct Vcb {
   alignas(8) uint8_t bytes[NAP_VCB_SIZE] = {};
 };
 
-// A fresh directory per test and none of the node's environment variables
-// inherited from the caller, so that defaults are what the test sees.
+// A fresh directory per test, holding the logs, and none of the node's
+// other environment variables inherited from the caller.
 class ScratchDirTest : public ::testing::Test {
  protected:
   void SetUp() override {
     char pattern[] = "/tmp/snanode-test-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     dir_ = pattern;
-    for (const char *name : {"SNANODE_CONFIG", "SNANODE_LOG_DIR", "SNANODE_TRACE",
-                             "SNANODE_TRACE_FLAGS", "SNANODE_TRACE_FILE", "XDG_STATE_HOME"}) {
+    for (const char *name : {"SNANODE_CONFIG", "SNANODE_TRACE", "SNANODE_TRACE_FLAGS",
+                             "SNANODE_TRACE_FILE", "XDG_STATE_HOME"}) {
       unsetenv(name);
     }
+    setenv("SNANODE_LOG_DIR", (dir_ / "logs").c_str(), 1);
+    snt_reset();
   }
   void TearDown() override {
     unsetenv("SNANODE_CONFIG");
@@ -72,6 +72,9 @@ class ScratchDirTest : public ::testing::Test {
     std::ofstream(dir_ / name) << text;
     setenv("SNANODE_CONFIG", (dir_ / name).c_str(), 1);
     snanode::config::reload_config();
+  }
+  std::vector<std::string> lines(const std::filesystem::path &file) const {
+    return test_support::read_lines(dir_ / file);
   }
   std::filesystem::path dir_;
 };
