@@ -11,43 +11,33 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "config/node_config.h"
+#include "snanode/snanode.h"
 #include "snanode/snanode_test.h"
 #include "snanode/verbs.h"
 #include "support/read_lines.h"
 
 namespace core_test {
 
-using test_support::read_lines;
-
 // Polls `condition` for up to `ms` milliseconds; true once it holds.
-inline bool holds_within(const std::function<bool()> &condition, int ms) {
+inline bool eventually(const std::function<bool()> &condition, int ms = 2000) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  return condition();
+  return true;
 }
 
-inline bool eventually(const std::function<bool()> &condition) {
-  return holds_within(condition, 2000);
-}
-
-// True when `condition` stays false for `ms` milliseconds (something that
-// must not happen while a thread is held).
-inline bool stays_false(const std::function<bool()> &condition, int ms = 100) {
-  return !holds_within(condition, ms);
-}
-
-inline SNT_VERB_SCRIPT script(uint16_t opcode, uint16_t primary, uint32_t secondary = 0,
-                              int later = 0, SNT_FILL fill = nullptr, void *context = nullptr) {
-  return SNT_VERB_SCRIPT{opcode, primary, secondary, later, fill, context};
+// Queues a script for the next verb with `opcode` (0: any verb).
+inline void push_script(uint16_t opcode, uint16_t primary, uint32_t secondary = 0, int later = 0,
+                        SNT_FILL fill = nullptr, void *context = nullptr) {
+  const SNT_VERB_SCRIPT script{opcode, primary, secondary, later, fill, context};
+  snt_push_verb_script(&script);
 }
 
 // A whole verb record: the node may write anywhere in its 208 bytes.
@@ -57,42 +47,20 @@ struct Vcb {
   alignas(8) uint8_t bytes[NAP_VCB_SIZE] = {};
 };
 
-// What completion and path routines saw, appended from any thread.
-template <typename Entry>
-class Recorder {
- public:
-  void add(const Entry &entry) {
-    std::lock_guard<std::mutex> hold(mutex_);
-    entries_.push_back(entry);
-  }
-  std::vector<Entry> all() const {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return entries_;
-  }
-  size_t size() const { return all().size(); }
-  Entry at(size_t n) const { return all().at(n); }
-  void clear() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    entries_.clear();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Entry> entries_;
-};
-
-// A fresh directory per test and none of the node's environment variables
-// inherited from the caller, so that defaults are what the test sees.
+// A fresh directory per test, holding the logs, and none of the node's
+// other environment variables inherited from the caller.
 class ScratchDirTest : public ::testing::Test {
  protected:
   void SetUp() override {
     char pattern[] = "/tmp/snanode-test-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     dir_ = pattern;
-    for (const char *name : {"SNANODE_CONFIG", "SNANODE_LOG_DIR", "SNANODE_TRACE",
-                             "SNANODE_TRACE_FLAGS", "SNANODE_TRACE_FILE", "XDG_STATE_HOME"}) {
+    for (const char *name : {"SNANODE_CONFIG", "SNANODE_TRACE", "SNANODE_TRACE_FLAGS",
+                             "SNANODE_TRACE_FILE", "XDG_STATE_HOME"}) {
       unsetenv(name);
     }
+    setenv("SNANODE_LOG_DIR", (dir_ / "logs").c_str(), 1);
+    snt_reset();
   }
   void TearDown() override {
     unsetenv("SNANODE_CONFIG");
@@ -104,6 +72,9 @@ class ScratchDirTest : public ::testing::Test {
     std::ofstream(dir_ / name) << text;
     setenv("SNANODE_CONFIG", (dir_ / name).c_str(), 1);
     snanode::config::reload_config();
+  }
+  std::vector<std::string> lines(const std::filesystem::path &file) const {
+    return test_support::read_lines(dir_ / file);
   }
   std::filesystem::path dir_;
 };
