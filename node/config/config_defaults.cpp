@@ -3,6 +3,8 @@
 
 #include <cstdlib>
 
+#include "core/trace_flags.h"
+
 namespace snanode::config {
 
 LocalLu default_local_lu(const std::string &network_id) {
@@ -61,15 +63,12 @@ void apply_environment(NodeConfig &config) {
     config.trace_file = file;
   }
   if (const char *trace = std::getenv("SNANODE_TRACE"); trace && *trace) {
-    const std::string_view value(trace);
-    if (value == "1" || value == "on" || value == "yes" || value == "true") {
-      config.trace = true;
-    } else if (value == "0" || value == "off" || value == "no" || value == "false") {
-      config.trace = false;
-    } else {
-      throw ConfigError("SNANODE_TRACE: \"" + std::string(value) +
+    const auto on = switch_value(trace);
+    if (!on) {
+      throw ConfigError("SNANODE_TRACE: \"" + std::string(trace) +
                         "\" is not one of 1, on, yes, true, 0, off, no, false");
     }
+    config.trace = *on;
   }
 }
 

@@ -55,9 +55,15 @@ void load_trace_flags_from_environment() {
   const auto bytes = parse_trace_flag_text(explicit_flags != nullptr ? explicit_flags : "");
   apply_trace_flags(bytes.data(), bytes.size());
   const char *trace = std::getenv("SNANODE_TRACE");
-  if (trace != nullptr && std::strcmp(trace, "1") == 0) {
+  if (trace != nullptr && switch_value(trace).value_or(false)) {
     g_trace_flags[SNANODE_TRACE_API_BYTE] |= SNANODE_TRACE_API_BIT;
   }
+}
+
+std::optional<bool> switch_value(std::string_view text) {
+  if (text == "1" || text == "on" || text == "yes" || text == "true") return true;
+  if (text == "0" || text == "off" || text == "no" || text == "false") return false;
+  return std::nullopt;
 }
 
 }  // namespace snanode

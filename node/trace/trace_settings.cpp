@@ -7,6 +7,7 @@
 
 #include "config/node_config.h"
 #include "core/log_files.h"
+#include "core/trace_flags.h"
 
 namespace snanode::trace {
 
@@ -39,7 +40,7 @@ TraceSettings resolve_trace_settings() {
   TraceSettings settings = configured_settings();
   // The same rule the node applies to its trace flags when it loads.
   const char *trace = environment("SNANODE_TRACE");
-  if (trace != nullptr) settings.api_trace = std::strcmp(trace, "1") == 0;
+  if (trace != nullptr) settings.api_trace = switch_value(trace).value_or(false);
   if (const char *file = environment("SNANODE_TRACE_FILE")) {
     settings.file = file;
   } else if (settings.file.empty()) {

@@ -11,7 +11,7 @@ struct TraceSettings {
   std::filesystem::path file;  // the trace file
 };
 
-// The settings of this process.  SNANODE_TRACE=1 turns the API trace on;
+// The settings of this process.  SNANODE_TRACE (1, on, yes, true) turns the API trace on;
 // SNANODE_TRACE_FILE names the file, by default api.trc in the node's log
 // directory.
 TraceSettings resolve_trace_settings();
