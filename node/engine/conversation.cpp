@@ -418,6 +418,7 @@ void Conversation::on_frame(Frame &&frame) {
   }
   control_follows_ = frame.type == FrameType::kData && (frame.flags & kDataMoreFollows) != 0;
   if (frame.type == FrameType::kData) {
+    inbound_data_ += frame.payload.size();
     if (!setup_.mapped && !inbound_.empty() && inbound_.back().kind == InKind::kData) {
       auto &bytes = inbound_.back().bytes;
       bytes.insert(bytes.end(), frame.payload.begin(), frame.payload.end());
@@ -426,6 +427,7 @@ void Conversation::on_frame(Frame &&frame) {
       enqueue(InKind::kData, std::move(frame.payload));
     }
     if ((frame.flags & kDataMoreFollows) == 0) service_waiting();
+    pace();
     return;
   }
   if (frame.type == FrameType::kRequestToSend) {
@@ -531,6 +533,25 @@ void Conversation::purge_inbound() {
   });
   inbound_.erase(inbound_.begin(), ending);
   in_cursor_.reset();
+  recount_inbound();
+}
+
+void Conversation::recount_inbound() {
+  inbound_data_ = 0;
+  for (const auto &item : inbound_) {
+    if (item.kind == InKind::kData) inbound_data_ += item.bytes.size() - item.offset;
+  }
+  pace();
+}
+
+void Conversation::pace() {
+  if (!input_paused_ && inbound_data_ > kInboundLimit) {
+    input_paused_ = true;
+    link_->pause_input(true);
+  } else if (input_paused_ && inbound_data_ <= kInboundLimit / 2) {
+    input_paused_ = false;
+    link_->pause_input(false);
+  }
 }
 
 void Conversation::truncate_incomplete_record() {
@@ -555,12 +576,15 @@ void Conversation::truncate_incomplete_record() {
     in_cursor_.reset();
   }
   if (item.offset == item.bytes.size()) inbound_.pop_back();
+  recount_inbound();
 }
 
 void Conversation::deliver_data(NAP_RECEIVE_VCB &vcb, Inbound &item, size_t length, uint16_t what) {
   if (length > 0) std::memcpy(vcb.data_pointer, item.bytes.data() + item.offset, length);
   if (!setup_.mapped) in_cursor_.advance(item.bytes.data() + item.offset, length);
   item.offset += length;
+  inbound_data_ -= length;
+  pace();
   vcb.data_length = static_cast<uint16_t>(length);
   vcb.what_received = what;
 }

@@ -34,6 +34,10 @@ class ConversationHost {
   virtual void partner_log_data(uint32_t conv_id, const std::vector<uint8_t> &log_data) = 0;
 };
 
+// Unreceived data a side holds before it stops taking in more: past it, a
+// partner in another process waits (its socket fills) until the TP receives.
+inline constexpr size_t kInboundLimit = 256 * 1024;
+
 struct ConversationSetup {
   uint32_t id = 0;
   bool mapped = true;
@@ -160,6 +164,9 @@ class Conversation : public FrameSink {
   bool apply_status(InKind kind, uint16_t &what_received, bool with_data);
   bool terminal_result(const Inbound &item, Result &result) const;
   void purge_inbound();
+  // Keeps the unreceived data within kInboundLimit by pausing the link.
+  void recount_inbound();
+  void pace();
   void truncate_incomplete_record();
   void enqueue(InKind kind, std::vector<uint8_t> bytes = {}, uint32_t code = 0);
 
@@ -189,6 +196,8 @@ class Conversation : public FrameSink {
   std::deque<Inbound> inbound_;
   bool control_follows_ = false;  // the last frame was data with a status right behind it
   bool purging_ = false;          // a purging send-error went out, not yet answered
+  size_t inbound_data_ = 0;       // bytes of data in inbound_ not yet received
+  bool input_paused_ = false;
   RecordCursor in_cursor_;  // basic: where the received stream stands
 };
 

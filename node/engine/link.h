@@ -45,6 +45,11 @@ class Link {
   virtual void attach(FrameSink *sink) = 0;
   // This end is going away: the peer hears link_lost() unless `quietly`.
   virtual void close(bool quietly) = 0;
+  // Stops taking in the peer's frames for now (or takes them in again): the
+  // receiving side holds as much as it will buffer, and the peer's sends are
+  // left to wait for room.  A link whose frames cost the peer nothing to
+  // deliver ignores it.
+  virtual void pause_input(bool paused) { (void)paused; }
   // A reader for a waiting thread, or nullptr: wait for the link to deliver.
   virtual std::shared_ptr<LinkReader> reader() { return nullptr; }
 };

@@ -103,16 +103,21 @@ class State : public ReactorEndpoint,
       if (input_ended_.load()) {
         deliver_locked_now();
       } else {
-        watch_input(true);
+        set_input(input_attached_, true);
       }
     }
   }
+
+  // The conversation holds as much unreceived input as it wants: the socket
+  // is left to fill, and the partner's sends wait for room.
+  void pause_input(bool paused) { set_input(input_paused_, paused); }
 
   void close(bool quietly) {
     if (!open_) return;
     open_ = false;
     closed_ = true;
     sink_ = nullptr;
+    drained_.notify_all();  // a sender held back gives up waiting
     bool retire;
     {
       std::lock_guard<std::mutex> hold(out_mutex_);
@@ -154,7 +159,7 @@ class State : public ReactorEndpoint,
   bool read_here(int wake_fd) override {
     if (input_ended_.load() || !claim_input()) return false;
     // The reactor would only find the socket taken; keep it out meanwhile.
-    watch_input(false);
+    set_input(reading_here_, true);
     std::vector<Frame> frames;
     run_without_process_lock([&] {
       pollfd polled[2] = {{fd_, POLLIN | POLLRDHUP, 0}, {wake_fd, POLLIN, 0}};
@@ -165,7 +170,7 @@ class State : public ReactorEndpoint,
       }
     });
     deliver_locked(frames);
-    watch_input(input_watched_ && open_);
+    set_input(reading_here_, false);
     while (!release_input()) {
       read_socket(frames, true);
       deliver_locked(frames);
@@ -243,16 +248,17 @@ class State : public ReactorEndpoint,
   // Asks the reactor for input (while nobody else reads the socket) and for
   // output (while the socket is full); only a change costs a system call.
   void update_watch_locked() {
-    const bool input = want_input_, output = blocked_;
+    const bool input = input_attached_ && !input_paused_ && !reading_here_ && !closed_.load();
+    const bool output = blocked_;
     if (input == watching_input_ && output == watching_output_) return;
     watching_input_ = input;
     watching_output_ = output;
     reactor_watch(key_, fd_, input, output);
   }
 
-  void watch_input(bool watch) {
+  void set_input(bool &flag, bool value) {
     std::lock_guard<std::mutex> hold(out_mutex_);
-    want_input_ = watch;
+    flag = value;
     update_watch_locked();
   }
 
@@ -306,7 +312,8 @@ class State : public ReactorEndpoint,
     const std::shared_ptr<State> keep = shared_from_this();
     senders_waiting_.fetch_add(1);
     wait_releasing_process_lock(drained_, std::chrono::milliseconds(-1), [&] {
-      return queued_bytes_.load() <= kSocketLinkQueueLimit || write_failed_.load();
+      return queued_bytes_.load() <= kSocketLinkQueueLimit || write_failed_.load() ||
+             closed_.load();
     });
     senders_waiting_.fetch_sub(1);
   }
@@ -457,7 +464,11 @@ class State : public ReactorEndpoint,
   std::deque<Outgoing> queue_;
   size_t front_written_ = 0;  // bytes of the front frame already written
   bool blocked_ = false;      // the socket was full: the reactor writes when it is not
-  bool want_input_ = false;   // the reactor should read (nobody else does)
+  // The reactor reads while the link has a sink, its conversation has room
+  // for more input, and no waiting thread reads the socket itself.
+  bool input_attached_ = false;
+  bool input_paused_ = false;
+  bool reading_here_ = false;
   bool watching_input_ = false;
   bool watching_output_ = false;
   bool closing_ = false;
@@ -491,6 +502,7 @@ class SocketLink : public Link {
   void send(Frame &&frame, bool more) override { state_->send(std::move(frame), more); }
   void attach(FrameSink *sink) override { state_->attach(sink); }
   void close(bool quietly) override { state_->close(quietly); }
+  void pause_input(bool paused) override { state_->pause_input(paused); }
   std::shared_ptr<LinkReader> reader() override {
     if (!state_->uses_process_lock()) return nullptr;
     return state_;
