@@ -120,6 +120,7 @@ bool Conversation::take_send_notice(Result &result) {
 bool Conversation::send_confirm(ConfirmKind kind, NAP_HDR &hdr, void *token) {
   Result result;
   if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
+  quiet_before_answer(caller_blocks_);
   send_buffer(true);
   state_ = ConvState::kSend;
   send_frame(FrameType::kConfirm, static_cast<uint8_t>(kind));
@@ -131,6 +132,7 @@ bool Conversation::turn_around(bool confirm_first, NAP_HDR &hdr, void *token) {
   if (confirm_first) return send_confirm(ConfirmKind::kChangeDirection, hdr, token);
   Result result;
   if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
+  quiet_before_answer(true);
   send_buffer(true);
   send_frame(FrameType::kChangeDirection, 0);
   state_ = ConvState::kReceive;
@@ -236,11 +238,13 @@ bool Conversation::receive(NAP_RECEIVE_VCB &vcb, bool wait, void *token) {
     if (!setup_.mapped && !out_cursor_.at_boundary()) return done(hdr, AP_STATE_CHECK);
     Result result;
     if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
+    quiet_before_answer(caller_blocks_);
     send_buffer(true);
     send_frame(FrameType::kChangeDirection, 0);
     state_ = ConvState::kReceive;
   }
   if (state_ != ConvState::kReceive) return done(hdr, AP_STATE_CHECK);
+  if (!wait) link_->pull();  // input in Receive state is the TP's to fetch
   if (try_receive(vcb)) return true;
   if (!wait) {
     vcb.rts_received = take_rts();
@@ -404,6 +408,11 @@ void Conversation::enqueue(InKind kind, std::vector<uint8_t> bytes, uint32_t cod
 }
 
 void Conversation::on_frame(Frame &&frame) {
+  take_frame(std::move(frame));
+  refresh_input_interest();
+}
+
+void Conversation::take_frame(Frame &&frame) {
   if (state_ == ConvState::kReset) return;
   if (frame.type == FrameType::kErrorSeen) {
     purging_ = false;
@@ -427,7 +436,6 @@ void Conversation::on_frame(Frame &&frame) {
       enqueue(InKind::kData, std::move(frame.payload));
     }
     if ((frame.flags & kDataMoreFollows) == 0) service_waiting();
-    pace();
     return;
   }
   if (frame.type == FrameType::kRequestToSend) {
@@ -491,6 +499,7 @@ void Conversation::link_lost() {
   truncate_incomplete_record();
   enqueue(InKind::kFailure);
   service_waiting();
+  refresh_input_interest();
 }
 
 void Conversation::report_rts_with_confirmed() {
@@ -541,17 +550,39 @@ void Conversation::recount_inbound() {
   for (const auto &item : inbound_) {
     if (item.kind == InKind::kData) inbound_data_ += item.bytes.size() - item.offset;
   }
-  pace();
 }
 
-void Conversation::pace() {
+// A link delivers input as it comes unless
+// - this side holds more than kInboundLimit of it unreceived (the partner,
+//   in another process, then waits for room: pacing), or
+// - the TP's own verb takes it: a verb waits whose thread waits for it (and
+//   reads the socket itself), or, in Receive state with no verb waiting, the
+//   next verb will (a blocked receive reads, a receive-immediate pulls); no
+//   other thread need wake for it then.
+void Conversation::refresh_input_interest() {
+  if (state_ == ConvState::kReset) return;
   if (!input_paused_ && inbound_data_ > kInboundLimit) {
     input_paused_ = true;
-    link_->pause_input(true);
   } else if (input_paused_ && inbound_data_ <= kInboundLimit / 2) {
     input_paused_ = false;
-    link_->pause_input(false);
   }
+  const bool tp_reads =
+      waiting_.vcb != nullptr ? waiting_.caller_blocks : state_ == ConvState::kReceive;
+  set_input_wanted(!input_paused_ && !tp_reads);
+}
+
+void Conversation::set_input_wanted(bool wanted) {
+  if (wanted == input_wanted_) return;
+  input_wanted_ = wanted;
+  link_->set_input_wanted(wanted);
+}
+
+// Called before sending what the partner answers (a turn, a confirmation
+// request) when this side's TP will be the one to read the answer: were the
+// reactor still watching, an answer quicker than this verb's return would
+// wake it for nothing.
+void Conversation::quiet_before_answer(bool tp_reads) {
+  if (tp_reads) set_input_wanted(false);
 }
 
 void Conversation::truncate_incomplete_record() {
@@ -584,7 +615,6 @@ void Conversation::deliver_data(NAP_RECEIVE_VCB &vcb, Inbound &item, size_t leng
   if (!setup_.mapped) in_cursor_.advance(item.bytes.data() + item.offset, length);
   item.offset += length;
   inbound_data_ -= length;
-  pace();
   vcb.data_length = static_cast<uint16_t>(length);
   vcb.what_received = what;
 }
@@ -693,7 +723,7 @@ bool Conversation::try_receive(NAP_RECEIVE_VCB &vcb) {
 // ---- waiting verbs -------------------------------------------------------------------
 
 void Conversation::wait_for(WaitKind kind, void *vcb, void *token, ConfirmKind after) {
-  waiting_ = Waiting{kind, vcb, token, after};
+  waiting_ = Waiting{kind, vcb, token, after, caller_blocks_};
 }
 
 void Conversation::service_waiting() {

@@ -73,6 +73,12 @@ class Conversation : public FrameSink {
   // Ended, and nothing left to tell the TP: the engine may drop it.
   bool finished() const { return state_ == ConvState::kReset && !has_waiting_verb(); }
 
+  // The engine says, before each verb, whether the caller's thread waits for
+  // it (and so reads the socket itself), and afterwards lets the
+  // conversation tell its link what input it wants.
+  void set_caller_blocks(bool blocks) { caller_blocks_ = blocks; }
+  void verb_done() { refresh_input_interest(); }
+
   bool send_data(NAP_SEND_DATA_VCB &vcb, void *token);
   bool receive(NAP_RECEIVE_VCB &vcb, bool wait, void *token);
   bool confirm(NAP_CONFIRM_VCB &vcb, void *token);
@@ -127,6 +133,7 @@ class Conversation : public FrameSink {
     void *vcb = nullptr;
     void *token = nullptr;
     ConfirmKind after = ConfirmKind::kPlain;  // what a kConfirmed wait asked for
+    bool caller_blocks = false;
   };
   struct Result {
     uint16_t primary = AP_OK;
@@ -164,11 +171,14 @@ class Conversation : public FrameSink {
   bool apply_status(InKind kind, uint16_t &what_received, bool with_data);
   bool terminal_result(const Inbound &item, Result &result) const;
   void purge_inbound();
-  // Keeps the unreceived data within kInboundLimit by pausing the link.
   void recount_inbound();
-  void pace();
+  // Tells the link whether to deliver input as it comes (see the .cpp).
+  void refresh_input_interest();
+  void set_input_wanted(bool wanted);
+  void quiet_before_answer(bool tp_reads);
   void truncate_incomplete_record();
   void enqueue(InKind kind, std::vector<uint8_t> bytes = {}, uint32_t code = 0);
+  void take_frame(Frame &&frame);
 
   // Waiting verbs.
   void wait_for(WaitKind kind, void *vcb, void *token, ConfirmKind after = ConfirmKind::kPlain);
@@ -197,8 +207,10 @@ class Conversation : public FrameSink {
   bool control_follows_ = false;  // the last frame was data with a status right behind it
   bool purging_ = false;          // a purging send-error went out, not yet answered
   size_t inbound_data_ = 0;       // bytes of data in inbound_ not yet received
-  bool input_paused_ = false;
-  RecordCursor in_cursor_;  // basic: where the received stream stands
+  bool input_paused_ = false;     // past kInboundLimit
+  bool input_wanted_ = true;      // as last told to the link
+  bool caller_blocks_ = false;    // the verb being carried out has a thread waiting for it
+  RecordCursor in_cursor_;        // basic: where the received stream stands
 };
 
 }  // namespace snanode::engine

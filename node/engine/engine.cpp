@@ -33,7 +33,7 @@ Engine::Engine(const config::NodeConfig &config, EngineHooks hooks)
 
 Engine::~Engine() = default;
 
-bool Engine::start(void *vcb, void *token) {
+bool Engine::start(void *vcb, void *token, bool caller_blocks) {
   bool completed = true;
   switch (opcode_of(vcb)) {
     case NAP_START_TP:
@@ -58,7 +58,7 @@ bool Engine::start(void *vcb, void *token) {
       cancel(*static_cast<NAP_HDR *>(vcb));
       break;
     default:
-      completed = conversation_verb(vcb, token);
+      completed = conversation_verb(vcb, token, caller_blocks);
       break;
   }
   reap();
@@ -137,7 +137,7 @@ void Engine::delete_local_tp(NAP_LOCAL_TP_VCB &vcb) {
 
 // ---- conversation verbs --------------------------------------------------------------
 
-bool Engine::conversation_verb(void *vcb, void *token) {
+bool Engine::conversation_verb(void *vcb, void *token, bool caller_blocks) {
   auto &hdr = *static_cast<NAP_HDR *>(vcb);
   put_result(hdr, AP_OK);
   auto it = convs_.find(hdr.conv_id);
@@ -162,6 +162,14 @@ bool Engine::conversation_verb(void *vcb, void *token) {
     put_result(hdr, AP_STATE_CHECK);
     return true;
   }
+  conv.set_caller_blocks(caller_blocks);
+  const bool completed = carry_out(conv, vcb, token);
+  conv.verb_done();
+  return completed;
+}
+
+bool Engine::carry_out(Conversation &conv, void *vcb, void *token) {
+  auto &hdr = *static_cast<NAP_HDR *>(vcb);
   // The conversation's own type decides how a verb is carried out; opext is
   // not checked, since the library sends the DEALLOCATE that follows an
   // abending SEND_DATA as basic whatever the conversation's type.

@@ -56,7 +56,9 @@ class Engine : private ConversationHost {
 
   // Carries out one verb.  True: completed, results in `vcb`.  False: the
   // verb waits and hooks.complete(token) follows exactly once.
-  bool start(void *vcb, void *token);
+  // `caller_blocks`: the caller's thread waits for it (and reads the
+  // conversation's socket itself, see reader_for) rather than a routine.
+  bool start(void *vcb, void *token, bool caller_blocks = false);
 
   // The process is leaving the node: every waiting verb completes with a
   // conversation failure and all state is dropped.
@@ -158,7 +160,8 @@ class Engine : private ConversationHost {
   void grant_sessions();
 
   // Conversation verbs and cancel.
-  bool conversation_verb(void *vcb, void *token);
+  bool conversation_verb(void *vcb, void *token, bool caller_blocks);
+  bool carry_out(Conversation &conv, void *vcb, void *token);
   void cancel(NAP_HDR &hdr);
   // Allocations of `tp` still waiting for a session end with 0x2100.
   void cancel_allocates(TpId tp);

@@ -19,6 +19,7 @@
 #include "client/daemon_remote.h"
 #include "client/socket_path.h"
 #include "config/node_config.h"
+#include "core/dispatcher.h"
 #include "core/file_limit.h"
 #include "core/path.h"
 #include "core/process_lock.h"
@@ -66,7 +67,7 @@ class EngineBackend : public VerbBackend {
       write_verb_result(vcb, AP_COMM_SUBSYSTEM_NOT_LOADED, 0);
       return true;
     }
-    return engine->start(vcb, ticket);
+    return engine->start(vcb, ticket, !ticket_has_routine(ticket));
   }
 
   void end_path() override {

@@ -45,11 +45,13 @@ class Link {
   virtual void attach(FrameSink *sink) = 0;
   // This end is going away: the peer hears link_lost() unless `quietly`.
   virtual void close(bool quietly) = 0;
-  // Stops taking in the peer's frames for now (or takes them in again): the
-  // receiving side holds as much as it will buffer, and the peer's sends are
-  // left to wait for room.  A link whose frames cost the peer nothing to
-  // deliver ignores it.
-  virtual void pause_input(bool paused) { (void)paused; }
+  // Whether the sink wants the peer's frames as they come.  Without, they wait
+  // (the peer's sends wait for room once they are many) until the sink wants
+  // them again, pull()s them, or a reader() reads them.  A link that hands
+  // frames over at once ignores it.
+  virtual void set_input_wanted(bool wanted) { (void)wanted; }
+  // Delivers, now, the frames that have come and not been delivered.
+  virtual void pull() {}
   // A reader for a waiting thread, or nullptr: wait for the link to deliver.
   virtual std::shared_ptr<LinkReader> reader() { return nullptr; }
 };

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -108,9 +109,16 @@ class State : public ReactorEndpoint,
     }
   }
 
-  // The conversation holds as much unreceived input as it wants: the socket
-  // is left to fill, and the partner's sends wait for room.
-  void pause_input(bool paused) { set_input(input_paused_, paused); }
+  void set_input_wanted(bool wanted) { set_input(input_wanted_, wanted); }
+
+  void pull() {
+    if (input_ended_.load() || !claim_input()) return;  // the reader there delivers
+    std::vector<Frame> frames;
+    do {
+      read_socket(frames, false);
+      deliver_locked(frames);
+    } while (!release_input());
+  }
 
   void close(bool quietly) {
     if (!open_) return;
@@ -157,7 +165,14 @@ class State : public ReactorEndpoint,
   // ---- LinkReader ----
 
   bool read_here(int wake_fd) override {
-    if (input_ended_.load() || !claim_input()) return false;
+    // The socket may be watched by nobody but this thread: when the reactor
+    // is reading it right now, wait for it to finish, then take over.
+    while (!input_ended_.load() && !claim_input()) {
+      run_without_process_lock([this] {
+        while (input_state_.load() != kInputIdle) std::this_thread::yield();
+      });
+    }
+    if (input_ended_.load()) return false;
     // The reactor would only find the socket taken; keep it out meanwhile.
     set_input(reading_here_, true);
     std::vector<Frame> frames;
@@ -248,7 +263,7 @@ class State : public ReactorEndpoint,
   // Asks the reactor for input (while nobody else reads the socket) and for
   // output (while the socket is full); only a change costs a system call.
   void update_watch_locked() {
-    const bool input = input_attached_ && !input_paused_ && !reading_here_ && !closed_.load();
+    const bool input = input_attached_ && input_wanted_ && !reading_here_ && !closed_.load();
     const bool output = blocked_;
     if (input == watching_input_ && output == watching_output_) return;
     watching_input_ = input;
@@ -464,10 +479,10 @@ class State : public ReactorEndpoint,
   std::deque<Outgoing> queue_;
   size_t front_written_ = 0;  // bytes of the front frame already written
   bool blocked_ = false;      // the socket was full: the reactor writes when it is not
-  // The reactor reads while the link has a sink, its conversation has room
-  // for more input, and no waiting thread reads the socket itself.
+  // The reactor reads while the link has a sink that wants input as it comes
+  // and no waiting thread reads the socket itself.
   bool input_attached_ = false;
-  bool input_paused_ = false;
+  bool input_wanted_ = true;
   bool reading_here_ = false;
   bool watching_input_ = false;
   bool watching_output_ = false;
@@ -502,7 +517,8 @@ class SocketLink : public Link {
   void send(Frame &&frame, bool more) override { state_->send(std::move(frame), more); }
   void attach(FrameSink *sink) override { state_->attach(sink); }
   void close(bool quietly) override { state_->close(quietly); }
-  void pause_input(bool paused) override { state_->pause_input(paused); }
+  void set_input_wanted(bool wanted) override { state_->set_input_wanted(wanted); }
+  void pull() override { state_->pull(); }
   std::shared_ptr<LinkReader> reader() override {
     if (!state_->uses_process_lock()) return nullptr;
     return state_;
