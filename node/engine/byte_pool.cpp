@@ -5,12 +5,15 @@
 namespace snanode::engine {
 namespace {
 
-constexpr size_t kMaxPooled = 32;
+// Enough for the queue of a link streaming large records (socket_link.h), but
+// bounded: a burst of buffers beyond it goes back to the allocator.
+constexpr size_t kMaxPooledBytes = 8u << 20;
 constexpr size_t kMaxPooledCapacity = 128 * 1024;  // larger ones are rare: freed
 
 struct Pool {
   std::mutex mutex;
   std::vector<std::vector<uint8_t>> buffers;
+  size_t bytes = 0;  // capacity of the buffers held
 };
 
 // Never destroyed: frames may still be freed while static destructors run.
@@ -29,6 +32,7 @@ std::vector<uint8_t> take_buffer(size_t size) {
     if (!p.buffers.empty() && p.buffers.back().capacity() >= size) {
       buffer = std::move(p.buffers.back());
       p.buffers.pop_back();
+      p.bytes -= buffer.capacity();
     }
   }
   buffer.resize(size);
@@ -41,7 +45,9 @@ void give_back_buffer(std::vector<uint8_t> &&buffer) {
   kept.clear();
   Pool &p = pool();
   std::lock_guard<std::mutex> hold(p.mutex);
-  if (p.buffers.size() < kMaxPooled) p.buffers.push_back(std::move(kept));
+  if (p.bytes + kept.capacity() > kMaxPooledBytes) return;
+  p.bytes += kept.capacity();
+  p.buffers.push_back(std::move(kept));
 }
 
 }  // namespace snanode::engine

@@ -96,7 +96,8 @@ void Conversation::send_buffer(bool more_follows) {
   out_size_ = 0;
 }
 
-bool Conversation::take_send_notice(Result &result) {
+bool Conversation::take_send_notice(Result &result, bool fetch) {
+  if (fetch) link_->pull();
   if (inbound_.empty()) return false;
   const Inbound &head = inbound_.front();
   if (head.kind == InKind::kErrorPurging) {
@@ -120,7 +121,6 @@ bool Conversation::take_send_notice(Result &result) {
 bool Conversation::send_confirm(ConfirmKind kind, NAP_HDR &hdr, void *token) {
   Result result;
   if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-  quiet_before_answer(caller_blocks_);
   send_buffer(true);
   state_ = ConvState::kSend;
   send_frame(FrameType::kConfirm, static_cast<uint8_t>(kind));
@@ -132,7 +132,6 @@ bool Conversation::turn_around(bool confirm_first, NAP_HDR &hdr, void *token) {
   if (confirm_first) return send_confirm(ConfirmKind::kChangeDirection, hdr, token);
   Result result;
   if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-  quiet_before_answer(true);
   send_buffer(true);
   send_frame(FrameType::kChangeDirection, 0);
   state_ = ConvState::kReceive;
@@ -188,7 +187,7 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
   // A refused attach is different: as over a real session, it is learnt only
   // by a verb that sends to the partner or waits for it.
   const bool refused_attach = !inbound_.empty() && inbound_.front().kind == InKind::kAttachFailed;
-  if (type != AP_SEND_DEALLOC_ABEND && !refused_attach && take_send_notice(result)) {
+  if (type != AP_SEND_DEALLOC_ABEND && !refused_attach && take_send_notice(result, false)) {
     return done(hdr, result.primary, result.secondary);
   }
   if (!buffer_data(vcb.data_pointer, vcb.data_length, result)) {
@@ -238,7 +237,6 @@ bool Conversation::receive(NAP_RECEIVE_VCB &vcb, bool wait, void *token) {
     if (!setup_.mapped && !out_cursor_.at_boundary()) return done(hdr, AP_STATE_CHECK);
     Result result;
     if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
-    quiet_before_answer(caller_blocks_);
     send_buffer(true);
     send_frame(FrameType::kChangeDirection, 0);
     state_ = ConvState::kReceive;
@@ -352,6 +350,7 @@ void Conversation::send_error(NAP_SEND_ERROR_VCB &vcb) {
 }
 
 void Conversation::test_rts(NAP_HDR &hdr) {
+  link_->pull();
   put_result(hdr, take_rts() ? AP_OK : AP_UNSUCCESSFUL);
 }
 
@@ -552,13 +551,14 @@ void Conversation::recount_inbound() {
   }
 }
 
-// A link delivers input as it comes unless
-// - this side holds more than kInboundLimit of it unreceived (the partner,
-//   in another process, then waits for room: pacing), or
-// - the TP's own verb takes it: a verb waits whose thread waits for it (and
-//   reads the socket itself), or, in Receive state with no verb waiting, the
-//   next verb will (a blocked receive reads, a receive-immediate pulls); no
-//   other thread need wake for it then.
+// A link delivers input as it comes only while a verb waits for it whose
+// completion routine (not a waiting thread) is to run, and this side holds
+// less than kInboundLimit unreceived: otherwise the TP's own verbs take the
+// input when they need it.  A blocked verb's thread reads the socket itself
+// (Engine::reader_for), a receive-immediate pulls what has come, and so does
+// every verb that sends to the partner (take_send_notice), to learn of an
+// error, a request-to-send or the partner's end.  No other thread wakes for a
+// frame then, and a partner that sends more than the TP takes waits for room.
 void Conversation::refresh_input_interest() {
   if (state_ == ConvState::kReset) return;
   if (!input_paused_ && inbound_data_ > kInboundLimit) {
@@ -566,23 +566,14 @@ void Conversation::refresh_input_interest() {
   } else if (input_paused_ && inbound_data_ <= kInboundLimit / 2) {
     input_paused_ = false;
   }
-  const bool tp_reads =
-      waiting_.vcb != nullptr ? waiting_.caller_blocks : state_ == ConvState::kReceive;
-  set_input_wanted(!input_paused_ && !tp_reads);
+  const bool routine_waits = waiting_.vcb != nullptr && !waiting_.caller_blocks;
+  set_input_wanted(!input_paused_ && routine_waits);
 }
 
 void Conversation::set_input_wanted(bool wanted) {
   if (wanted == input_wanted_) return;
   input_wanted_ = wanted;
   link_->set_input_wanted(wanted);
-}
-
-// Called before sending what the partner answers (a turn, a confirmation
-// request) when this side's TP will be the one to read the answer: were the
-// reactor still watching, an answer quicker than this verb's return would
-// wake it for nothing.
-void Conversation::quiet_before_answer(bool tp_reads) {
-  if (tp_reads) set_input_wanted(false);
 }
 
 void Conversation::truncate_incomplete_record() {
@@ -731,7 +722,7 @@ void Conversation::service_waiting() {
     if (try_receive(*static_cast<NAP_RECEIVE_VCB *>(waiting_.vcb))) complete_waiting(std::nullopt);
   } else if (waiting_.kind == WaitKind::kConfirmed) {
     Result result;
-    if (take_send_notice(result)) complete_waiting(result);
+    if (take_send_notice(result, false)) complete_waiting(result);
   }
 }
 

@@ -162,7 +162,8 @@ class Conversation : public FrameSink {
   void deallocate_abend(std::vector<uint8_t> log_data);
   // A notice from the partner (error, abend, failure) that ends this side's
   // sending, applied to `result`; false when there is none.
-  bool take_send_notice(Result &result);
+  // `fetch`: first take in what the link has not delivered yet.
+  bool take_send_notice(Result &result, bool fetch = true);
 
   // Receiving.
   bool try_receive(NAP_RECEIVE_VCB &vcb);
@@ -175,7 +176,6 @@ class Conversation : public FrameSink {
   // Tells the link whether to deliver input as it comes (see the .cpp).
   void refresh_input_interest();
   void set_input_wanted(bool wanted);
-  void quiet_before_answer(bool tp_reads);
   void truncate_incomplete_record();
   void enqueue(InKind kind, std::vector<uint8_t> bytes = {}, uint32_t code = 0);
   void take_frame(Frame &&frame);
@@ -208,7 +208,7 @@ class Conversation : public FrameSink {
   bool purging_ = false;          // a purging send-error went out, not yet answered
   size_t inbound_data_ = 0;       // bytes of data in inbound_ not yet received
   bool input_paused_ = false;     // past kInboundLimit
-  bool input_wanted_ = true;      // as last told to the link
+  bool input_wanted_ = true;      // as last told to the link (links start out wanting it)
   bool caller_blocks_ = false;    // the verb being carried out has a thread waiting for it
   RecordCursor in_cursor_;        // basic: where the received stream stands
 };

@@ -267,14 +267,16 @@ void Engine::set_remote(RemoteNode *remote) {
 
 std::shared_ptr<LinkReader> Engine::reader_for(const void *vcb) {
   switch (opcode_of(vcb)) {
-    case NAP_SEND_DATA:
-    case NAP_RECEIVE_AND_WAIT:
-    case NAP_CONFIRM:
-    case NAP_PREPARE_TO_RECEIVE:
-    case NAP_DEALLOCATE:
-      break;
+    case NAP_START_TP:
+    case NAP_TP_ENDED:
+    case NAP_DEFINE_LOCAL_TP:
+    case NAP_DELETE_LOCAL_TP:
+    case NAP_B_ALLOCATE:
+    case NAP_RECEIVE_ALLOCATE_CPIC:
+    case NAP_CANCEL:
+      return nullptr;  // not a verb of one conversation
     default:
-      return nullptr;  // waits for something other than its partner
+      break;
   }
   auto found = convs_.find(static_cast<const NAP_HDR *>(vcb)->conv_id);
   return found == convs_.end() ? nullptr : found->second.conv->link_reader();

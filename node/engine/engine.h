@@ -74,8 +74,9 @@ class Engine : private ConversationHost {
   // An attach from the daemon, with the attached side's end.
   void remote_attached(client::AttachDelivery attach, client::UniqueFd end);
 
-  // For a thread whose verb waits: a way to read the conversation's link
-  // itself (see LinkReader), or nullptr.
+  // For a thread whose verb on a conversation waits or has sent: a way to
+  // read and write the conversation's link itself (see LinkReader), or
+  // nullptr.
   std::shared_ptr<LinkReader> reader_for(const void *vcb);
 
  private:

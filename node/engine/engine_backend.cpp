@@ -67,7 +67,12 @@ class EngineBackend : public VerbBackend {
       write_verb_result(vcb, AP_COMM_SUBSYSTEM_NOT_LOADED, 0);
       return true;
     }
-    return engine->start(vcb, ticket, !ticket_has_routine(ticket));
+    const bool blocks = !ticket_has_routine(ticket);
+    const bool completed = engine->start(vcb, ticket, blocks);
+    if (completed && blocks) {
+      if (auto io = engine->reader_for(vcb)) io->finish_writing();
+    }
+    return completed;
   }
 
   void end_path() override {

@@ -32,6 +32,11 @@ class LinkReader {
   // `wake_fd` is readable, reads what has come and delivers it with the lock
   // taken back; true then.
   virtual bool read_here(int wake_fd) = 0;
+  // Called holding the process lock once a verb whose thread can wait has
+  // sent: past the link's queue limit, writes what the socket has not taken,
+  // waiting for room with the lock released, so a sender that outpaces its
+  // partner waits for it (pacing) instead of queueing without end.
+  virtual void finish_writing() {}
 };
 
 class Link {

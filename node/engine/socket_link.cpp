@@ -31,6 +31,7 @@ constexpr size_t kReadChunk = 64 * 1024;
 // saves copying it out of the read buffer.
 constexpr size_t kDirectPayload = 8 * 1024;
 constexpr size_t kMaxIovecs = 64;
+constexpr int kWriteCheckMs = 100;
 constexpr uint8_t kOrderlyEnd[4] = {0, 0, 0, 0};
 
 // Who reads the socket: nobody, one thread (the reactor or a waiting verb's
@@ -264,7 +265,7 @@ class State : public ReactorEndpoint,
   // output (while the socket is full); only a change costs a system call.
   void update_watch_locked() {
     const bool input = input_attached_ && input_wanted_ && !reading_here_ && !closed_.load();
-    const bool output = blocked_;
+    const bool output = blocked_ && !self_writing_;
     if (input == watching_input_ && output == watching_output_) return;
     watching_input_ = input;
     watching_output_ = output;
@@ -290,6 +291,38 @@ class State : public ReactorEndpoint,
       queue_.pop_front();
       front_written_ = 0;
     }
+  }
+
+  void finish_writing() override {
+    {
+      std::lock_guard<std::mutex> hold(out_mutex_);
+      if (queued_bytes_.load() <= kSocketLinkQueueLimit || write_failed_.load() ||
+          closed_.load()) {
+        return;
+      }
+      self_writing_ = true;  // the reactor need not wake for room
+      update_watch_locked();
+    }
+    const std::shared_ptr<State> keep = shared_from_this();
+    bool retire;
+    run_without_process_lock([&] {
+      std::unique_lock<std::mutex> hold(out_mutex_);
+      while (queued_bytes_.load() > kSocketLinkQueueLimit / 2 && !write_failed_.load() &&
+             !closed_.load()) {
+        hold.unlock();
+        // A bounded wait: a link closed meanwhile (a cancel) ends it.
+        pollfd polled{fd_, POLLOUT, 0};
+        while (::poll(&polled, 1, kWriteCheckMs) < 0 && errno == EINTR) {
+        }
+        hold.lock();
+        write_queue_locked();
+      }
+      self_writing_ = false;
+      update_watch_locked();
+      retire = ready_to_retire_locked();
+    });
+    notify_drained();
+    if (retire) this->retire();
   }
 
   // The reactor found the socket writable again.
@@ -477,8 +510,9 @@ class State : public ReactorEndpoint,
   // Output, guarded by out_mutex_.
   std::mutex out_mutex_;
   std::deque<Outgoing> queue_;
-  size_t front_written_ = 0;  // bytes of the front frame already written
-  bool blocked_ = false;      // the socket was full: the reactor writes when it is not
+  size_t front_written_ = 0;   // bytes of the front frame already written
+  bool blocked_ = false;       // the socket was full: the reactor writes when it is not
+  bool self_writing_ = false;  // ... unless a verb's thread writes it (finish_writing)
   // The reactor reads while the link has a sink that wants input as it comes
   // and no waiting thread reads the socket itself.
   bool input_attached_ = false;
