@@ -96,6 +96,11 @@ void Conversation::send_buffer(bool more_follows) {
   out_size_ = 0;
 }
 
+bool Conversation::sends_alone(uint8_t type, size_t length) const {
+  if (out_size_ != 0 || length < kPooledBufferSize) return false;
+  return type == AP_SEND_FLUSH || (type == AP_SEND_BUFFER && length >= setup_.send_buffer_size);
+}
+
 bool Conversation::take_send_notice(Result &result, bool fetch) {
   if (fetch) link_->pull();
   if (inbound_.empty()) return false;
@@ -189,6 +194,18 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
   const bool refused_attach = !inbound_.empty() && inbound_.front().kind == InKind::kAttachFailed;
   if (type != AP_SEND_DEALLOC_ABEND && !refused_attach && take_send_notice(result, false)) {
     return done(hdr, result.primary, result.secondary);
+  }
+  if (sends_alone(type, vcb.data_length)) {
+    // A large record that goes out at once on its own is written from the
+    // TP's buffer, not copied into the send buffer first.
+    if (!setup_.mapped && !out_cursor_.advance(vcb.data_pointer, vcb.data_length)) {
+      return done(hdr, AP_PARAMETER_CHECK, AP_BAD_FIELD);
+    }
+    state_ = ConvState::kSend;
+    vcb.rts_received = take_rts();
+    if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
+    link_->send_data(0, vcb.data_pointer, vcb.data_length, caller_blocks_);
+    return done(hdr, AP_OK);
   }
   if (!buffer_data(vcb.data_pointer, vcb.data_length, result)) {
     return done(hdr, result.primary, result.secondary);

@@ -71,7 +71,18 @@ class Conversation : public FrameSink {
   bool has_waiting_verb() const { return waiting_.vcb != nullptr; }
   std::shared_ptr<LinkReader> link_reader() const { return link_->reader(); }
   // Ended, and nothing left to tell the TP: the engine may drop it.
-  bool finished() const { return state_ == ConvState::kReset && !has_waiting_verb(); }
+  bool finished() const { return state_ == ConvState::kReset && !has_waiting_verb() && busy_ == 0; }
+  // A verb is being carried out on it: one that may release the node's lock
+  // while it writes (see Link::send_data).  No other verb but GET_STATE and a
+  // cancel runs meanwhile, and the engine keeps the conversation.
+  bool busy() const { return busy_ != 0; }
+  struct BusyScope {
+    explicit BusyScope(Conversation &c) : conv(c) { ++conv.busy_; }
+    ~BusyScope() { --conv.busy_; }
+    BusyScope(const BusyScope &) = delete;
+    BusyScope &operator=(const BusyScope &) = delete;
+    Conversation &conv;
+  };
 
   // The engine says, before each verb, whether the caller's thread waits for
   // it (and so reads the socket itself), and afterwards lets the
@@ -151,6 +162,8 @@ class Conversation : public FrameSink {
 
   // Sending.
   bool buffer_data(const uint8_t *data, size_t length, Result &result);
+  // Whether a SEND_DATA of `type` and `length` flushes nothing but its own data.
+  bool sends_alone(uint8_t type, size_t length) const;
   // Sends what is buffered; `more_follows` when a control frame comes next.
   void send_buffer(bool more_follows);
   // `more`: the verb sends another frame at once (see Link::send).
@@ -210,7 +223,8 @@ class Conversation : public FrameSink {
   bool input_paused_ = false;     // past kInboundLimit
   bool input_wanted_ = true;      // as last told to the link (links start out wanting it)
   bool caller_blocks_ = false;    // the verb being carried out has a thread waiting for it
-  RecordCursor in_cursor_;        // basic: where the received stream stands
+  int busy_ = 0;
+  RecordCursor in_cursor_;  // basic: where the received stream stands
 };
 
 }  // namespace snanode::engine

@@ -157,11 +157,12 @@ bool Engine::conversation_verb(void *vcb, void *token, bool caller_blocks) {
     return true;
   }
   Conversation &conv = *entry.conv;
-  if (conv.has_waiting_verb() && hdr.opcode != NAP_GET_STATE) {
+  if ((conv.has_waiting_verb() || conv.busy()) && hdr.opcode != NAP_GET_STATE) {
     // One verb at a time per conversation; only cancel runs beside it.
     put_result(hdr, AP_STATE_CHECK);
     return true;
   }
+  const Conversation::BusyScope busy(conv);
   conv.set_caller_blocks(caller_blocks);
   const bool completed = carry_out(conv, vcb, token);
   conv.verb_done();

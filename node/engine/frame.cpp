@@ -21,12 +21,19 @@ bool known_type(uint8_t type) {
 
 }  // namespace
 
+void encode_frame_header(const FrameHeader &header, uint8_t (&out)[kFrameHeaderSize]) {
+  if (header.payload_size > kMaxFramePayload) throw std::invalid_argument("frame too large");
+  put_u32(out, static_cast<uint32_t>(kFrameHeaderSize - 4 + header.payload_size));
+  out[4] = static_cast<uint8_t>(header.type);
+  out[5] = header.flags;
+  put_u32(out + 6, header.code);
+}
+
 void encode_frame_header(const Frame &frame, uint8_t (&out)[kFrameHeaderSize]) {
   if (frame.payload.size() > kMaxFramePayload) throw std::invalid_argument("frame too large");
-  put_u32(out, static_cast<uint32_t>(kFrameHeaderSize - 4 + frame.payload.size()));
-  out[4] = static_cast<uint8_t>(frame.type);
-  out[5] = frame.flags;
-  put_u32(out + 6, frame.code);
+  encode_frame_header(
+      FrameHeader{frame.type, frame.flags, frame.code, static_cast<uint32_t>(frame.payload.size())},
+      out);
 }
 
 FrameHeader decode_frame_header(const uint8_t *in) {

@@ -57,8 +57,10 @@ struct FrameHeader {
   uint32_t payload_size = 0;
 };
 
-// Writes the header of `frame`; its payload follows it on the stream.
+// Writes the header of `frame` (or of a frame that `header` describes); its
+// payload follows it on the stream.
 void encode_frame_header(const Frame &frame, uint8_t (&out)[kFrameHeaderSize]);
+void encode_frame_header(const FrameHeader &header, uint8_t (&out)[kFrameHeaderSize]);
 
 // Decodes a header from `in`, which holds at least kFrameHeaderSize bytes.
 // Throws std::invalid_argument for bytes that cannot start a frame.

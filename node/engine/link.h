@@ -46,6 +46,16 @@ class Link {
   // `more`: another frame of the same verb follows at once, so the link may
   // hold this one back and pass both together.
   virtual void send(Frame &&frame, bool more = false) = 0;
+  // Sends a DATA frame whose payload stays the caller's: the link copies
+  // what it cannot pass on before returning, unless `may_wait` lets it wait
+  // (with the process lock released) until the rest is written.
+  virtual void send_data(uint8_t flags, const uint8_t *data, size_t size, bool may_wait) {
+    (void)may_wait;
+    Frame frame;
+    frame.flags = flags;
+    frame.payload.assign(data, data + size);
+    send(std::move(frame));
+  }
   // Sets (or, with nullptr, clears) where this end's inbound frames go.
   virtual void attach(FrameSink *sink) = 0;
   // This end is going away: the peer hears link_lost() unless `quietly`.

@@ -97,6 +97,90 @@ class State : public ReactorEndpoint,
     apply_back_pressure();
   }
 
+  // The frame goes out from the caller's buffer when nothing is queued before
+  // it: at once as far as the socket takes it, the rest either written by
+  // this thread as room comes (`may_wait`) or copied into the queue.
+  void send_data(uint8_t flags, const uint8_t *data, size_t size, bool may_wait) {
+    if (!open_ || write_failed_.load()) return;
+    Outgoing head;
+    encode_frame_header(FrameHeader{FrameType::kData, flags, 0, static_cast<uint32_t>(size)},
+                        head.head);
+    head.head_size = kFrameHeaderSize;
+    std::unique_lock<std::mutex> hold(out_mutex_);
+    if (!queue_.empty() || blocked_) {
+      head.body = take_buffer(size);
+      if (size > 0) std::memcpy(head.body.data(), data, size);
+      enqueue_locked(std::move(head), false);
+      return;
+    }
+    size_t done = 0;
+    const size_t whole = kFrameHeaderSize + size;
+    const auto write_rest = [&]() -> bool {  // false: the socket is full or gone
+      iovec parts[2];
+      size_t count = 0;
+      if (done < kFrameHeaderSize) parts[count++] = {head.head + done, kFrameHeaderSize - done};
+      const size_t in_data = done > kFrameHeaderSize ? done - kFrameHeaderSize : 0;
+      if (in_data < size) parts[count++] = {const_cast<uint8_t *>(data) + in_data, size - in_data};
+      msghdr message{};
+      message.msg_iov = parts;
+      message.msg_iovlen = count;
+      for (;;) {
+        const ssize_t n = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n >= 0) {
+          done += static_cast<size_t>(n);
+          return n > 0;
+        }
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) write_failed_ = true;
+        return false;
+      }
+    };
+    while (done < whole && write_rest()) {
+    }
+    if (done == whole || write_failed_.load()) return;
+    // Frames sent meanwhile (a cancel's) queue behind the rest of this one,
+    // and nobody else writes until it is out.
+    blocked_ = true;
+    partial_out_ = true;
+    const std::shared_ptr<State> keep = shared_from_this();
+    if (may_wait && !run_locked_) {
+      self_writing_ = true;
+      update_watch_locked();
+      hold.unlock();
+      run_without_process_lock([&] {
+        while (done < whole && !write_failed_.load() && !closed_.load()) {
+          pollfd polled{fd_, POLLOUT, 0};
+          while (::poll(&polled, 1, kWriteCheckMs) < 0 && errno == EINTR) {
+          }
+          std::lock_guard<std::mutex> again(out_mutex_);
+          while (done < whole && write_rest()) {
+          }
+        }
+      });
+      hold.lock();
+      self_writing_ = false;
+    }
+    partial_out_ = false;
+    if (done < whole && !write_failed_.load()) {
+      // What is left keeps its place at the head of the queue.
+      Outgoing rest;
+      if (done < kFrameHeaderSize) {
+        std::memcpy(rest.head, head.head + done, kFrameHeaderSize - done);
+        rest.head_size = kFrameHeaderSize - done;
+      }
+      const size_t in_data = done > kFrameHeaderSize ? done - kFrameHeaderSize : 0;
+      rest.body = take_buffer(size - in_data);
+      std::memcpy(rest.body.data(), data + in_data, size - in_data);
+      queued_bytes_ += rest.size();
+      queue_.push_front(std::move(rest));
+      front_written_ = 0;
+    }
+    write_queue_locked();
+    const bool retire = ready_to_retire_locked();
+    hold.unlock();
+    if (retire) this->retire();
+  }
+
   void attach(FrameSink *sink) {
     if (!open_) return;
     sink_ = sink;
@@ -222,6 +306,7 @@ class State : public ReactorEndpoint,
   // Writes from the front of the queue until it is empty or the socket is
   // full; a peer that has gone drops everything queued.  `out_mutex_` is held.
   void write_queue_locked() {
+    if (partial_out_) return;  // a frame is half written from its sender's buffer
     while (!queue_.empty()) {
       iovec parts[kMaxIovecs];
       size_t count = 0;
@@ -296,8 +381,7 @@ class State : public ReactorEndpoint,
   void finish_writing() override {
     {
       std::lock_guard<std::mutex> hold(out_mutex_);
-      if (queued_bytes_.load() <= kSocketLinkQueueLimit || write_failed_.load() ||
-          closed_.load()) {
+      if (queued_bytes_.load() <= kSocketLinkQueueLimit || write_failed_.load() || closed_.load()) {
         return;
       }
       self_writing_ = true;  // the reactor need not wake for room
@@ -513,6 +597,7 @@ class State : public ReactorEndpoint,
   size_t front_written_ = 0;   // bytes of the front frame already written
   bool blocked_ = false;       // the socket was full: the reactor writes when it is not
   bool self_writing_ = false;  // ... unless a verb's thread writes it (finish_writing)
+  bool partial_out_ = false;   // send_data is writing a frame straight from its caller
   // The reactor reads while the link has a sink that wants input as it comes
   // and no waiting thread reads the socket itself.
   bool input_attached_ = false;
@@ -549,6 +634,9 @@ class SocketLink : public Link {
   ~SocketLink() override { state_->close(true); }
 
   void send(Frame &&frame, bool more) override { state_->send(std::move(frame), more); }
+  void send_data(uint8_t flags, const uint8_t *data, size_t size, bool may_wait) override {
+    state_->send_data(flags, data, size, may_wait);
+  }
   void attach(FrameSink *sink) override { state_->attach(sink); }
   void close(bool quietly) override { state_->close(quietly); }
   void set_input_wanted(bool wanted) override { state_->set_input_wanted(wanted); }
