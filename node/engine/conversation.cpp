@@ -102,7 +102,7 @@ bool Conversation::sends_alone(uint8_t type, size_t length) const {
 }
 
 bool Conversation::take_send_notice(Result &result, bool fetch) {
-  if (fetch) link_->pull();
+  if (fetch) link_->pull(true);
   if (inbound_.empty()) return false;
   const Inbound &head = inbound_.front();
   if (head.kind == InKind::kErrorPurging) {

@@ -66,7 +66,9 @@ class Link {
   // frames over at once ignores it.
   virtual void set_input_wanted(bool wanted) { (void)wanted; }
   // Delivers, now, the frames that have come and not been delivered.
-  virtual void pull() {}
+  // `recent_ok`: a look at the socket a few microseconds ago will do (as if
+  // what came since had come a moment later).
+  virtual void pull(bool recent_ok = false) { (void)recent_ok; }
   // A reader for a waiting thread, or nullptr: wait for the link to deliver.
   virtual std::shared_ptr<LinkReader> reader() { return nullptr; }
 };

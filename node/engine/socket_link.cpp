@@ -32,6 +32,9 @@ constexpr size_t kReadChunk = 64 * 1024;
 constexpr size_t kDirectPayload = 8 * 1024;
 constexpr size_t kMaxIovecs = 64;
 constexpr int kWriteCheckMs = 100;
+// A socket found empty this recently is taken to be empty still, by a verb
+// that only looks for news from the partner (see Link::pull).
+constexpr auto kStillEmpty = std::chrono::microseconds(50);
 constexpr uint8_t kOrderlyEnd[4] = {0, 0, 0, 0};
 
 // Who reads the socket: nobody, one thread (the reactor or a waiting verb's
@@ -196,8 +199,11 @@ class State : public ReactorEndpoint,
 
   void set_input_wanted(bool wanted) { set_input(input_wanted_, wanted); }
 
-  void pull() {
+  void pull(bool recent_ok) {
     if (input_ended_.load() || !claim_input()) return;  // the reader there delivers
+    if (recent_ok && std::chrono::steady_clock::now() - emptied_at_ < kStillEmpty) {
+      if (release_input()) return;
+    }
     std::vector<Frame> frames;
     do {
       read_socket(frames, false);
@@ -506,7 +512,10 @@ class State : public ReactorEndpoint,
       const ssize_t n = receive(scratch.data() + kept, kReadChunk);
       if (n <= 0) return;
       decode(scratch.data(), kept + static_cast<size_t>(n), frames);
-      if (static_cast<size_t>(n) < kReadChunk && !partial_ && !to_the_end) return;
+      if (static_cast<size_t>(n) < kReadChunk && !partial_ && !to_the_end) {
+        emptied_at_ = std::chrono::steady_clock::now();
+        return;
+      }
     }
   }
 
@@ -516,7 +525,10 @@ class State : public ReactorEndpoint,
       const ssize_t n = ::recv(fd_, into, size, MSG_DONTWAIT);
       if (n > 0) return n;
       if (n < 0 && errno == EINTR) continue;
-      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        emptied_at_ = std::chrono::steady_clock::now();
+        return 0;
+      }
       end_input(false);  // end of stream or a broken socket
       return -1;
     }
@@ -614,8 +626,9 @@ class State : public ReactorEndpoint,
 
   // Input, touched only by the thread that owns it (input_state_).
   std::atomic<uint32_t> input_state_{kInputIdle};
-  std::vector<uint8_t> rest_;     // the start of a frame not yet whole
-  std::optional<Frame> partial_;  // a large frame being read into its payload
+  std::vector<uint8_t> rest_;                         // the start of a frame not yet whole
+  std::optional<Frame> partial_;                      // a large frame being read into its payload
+  std::chrono::steady_clock::time_point emptied_at_;  // the last read that found no more
   size_t partial_filled_ = 0;
   std::atomic<bool> input_ended_{false};
   bool end_unreported_ = false;  // the stream broke; the sink has not heard it
@@ -640,7 +653,7 @@ class SocketLink : public Link {
   void attach(FrameSink *sink) override { state_->attach(sink); }
   void close(bool quietly) override { state_->close(quietly); }
   void set_input_wanted(bool wanted) override { state_->set_input_wanted(wanted); }
-  void pull() override { state_->pull(); }
+  void pull(bool recent_ok) override { state_->pull(recent_ok); }
   std::shared_ptr<LinkReader> reader() override {
     if (!state_->uses_process_lock()) return nullptr;
     return state_;
