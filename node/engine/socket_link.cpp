@@ -6,39 +6,33 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <mutex>
-#include <optional>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "core/process_lock.h"
 #include "engine/byte_pool.h"
+#include "engine/frame_reader.h"
 #include "engine/link_reactor.h"
+#include "engine/output_queue.h"
 
 namespace snanode::engine {
 namespace {
 
-constexpr size_t kReadChunk = 64 * 1024;
-// A frame at least this large is read straight into its own payload, which
-// saves copying it out of the read buffer.
-constexpr size_t kDirectPayload = 8 * 1024;
-constexpr size_t kMaxIovecs = 64;
+// How often a thread waiting for room to write checks that its link is still
+// open (a cancel closes it without a word to the socket).
 constexpr int kWriteCheckMs = 100;
 // A socket found empty this recently is taken to be empty still, by a verb
 // that only looks for news from the partner (see Link::pull).
 constexpr auto kStillEmpty = std::chrono::microseconds(50);
-constexpr uint8_t kOrderlyEnd[4] = {0, 0, 0, 0};
 
-// Who reads the socket: nobody, one thread (the reactor or a waiting verb's
-// thread), or one thread while another found input it could not take.
+// Who reads the socket: nobody, one thread (the reactor or a verb's thread),
+// or one thread while another found input it could not take.
 constexpr uint32_t kInputIdle = 0;
 constexpr uint32_t kInputOwned = 1;
 constexpr uint32_t kInputMore = 2;
@@ -54,19 +48,23 @@ bool write_all(int fd, const uint8_t *data, size_t size) {
   return true;
 }
 
-// One frame on its way out: its encoded header (or the orderly end) and its
-// payload, written with one system call for as many frames as are queued.
-struct Outgoing {
-  uint8_t head[kFrameHeaderSize];
-  size_t head_size = 0;
-  std::vector<uint8_t> body;
-  size_t size() const { return head_size + body.size(); }
-};
+void wait_for_room(int fd) {
+  pollfd polled{fd, POLLOUT, 0};
+  while (::poll(&polled, 1, kWriteCheckMs) < 0 && errno == EINTR) {
+  }
+}
 
 // One end of the socket and everything about it that outlives the Link
 // object: the reactor keeps it while output is still queued, and a thread
-// reading it in place of the reactor keeps it while it reads.  The socket
-// closes with the last owner.
+// reading or writing it in place of the reactor keeps it meanwhile.  The
+// socket closes with the last owner.
+//
+// Output: frames are written at once by the sending verb, as far as the
+// socket takes them; the rest waits in the queue for the reactor (told of
+// room only while there is some to wait for), or for the sending thread
+// itself where it can wait.  Input: read by whoever owns it (input_state_),
+// the reactor only while the conversation wants input as it comes and no
+// verb's thread reads.
 class State : public ReactorEndpoint,
               public LinkReader,
               public std::enable_shared_from_this<State> {
@@ -116,31 +114,9 @@ class State : public ReactorEndpoint,
       enqueue_locked(std::move(head), false);
       return;
     }
-    size_t done = 0;
-    const size_t whole = kFrameHeaderSize + size;
-    const auto write_rest = [&]() -> bool {  // false: the socket is full or gone
-      iovec parts[2];
-      size_t count = 0;
-      if (done < kFrameHeaderSize) parts[count++] = {head.head + done, kFrameHeaderSize - done};
-      const size_t in_data = done > kFrameHeaderSize ? done - kFrameHeaderSize : 0;
-      if (in_data < size) parts[count++] = {const_cast<uint8_t *>(data) + in_data, size - in_data};
-      msghdr message{};
-      message.msg_iov = parts;
-      message.msg_iovlen = count;
-      for (;;) {
-        const ssize_t n = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n >= 0) {
-          done += static_cast<size_t>(n);
-          return n > 0;
-        }
-        if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) write_failed_ = true;
-        return false;
-      }
-    };
-    while (done < whole && write_rest()) {
-    }
-    if (done == whole || write_failed_.load()) return;
+    BorrowedFrame frame{head.head, data, size};
+    frame.write(fd_, write_failed_);
+    if (frame.done() || write_failed_.load()) return;
     // Frames sent meanwhile (a cancel's) queue behind the rest of this one,
     // and nobody else writes until it is out.
     blocked_ = true;
@@ -151,33 +127,18 @@ class State : public ReactorEndpoint,
       update_watch_locked();
       hold.unlock();
       run_without_process_lock([&] {
-        while (done < whole && !write_failed_.load() && !closed_.load()) {
-          pollfd polled{fd_, POLLOUT, 0};
-          while (::poll(&polled, 1, kWriteCheckMs) < 0 && errno == EINTR) {
-          }
+        while (!frame.done() && !write_failed_.load() && !closed_.load()) {
+          wait_for_room(fd_);
           std::lock_guard<std::mutex> again(out_mutex_);
-          while (done < whole && write_rest()) {
-          }
+          frame.write(fd_, write_failed_);
         }
       });
       hold.lock();
       self_writing_ = false;
     }
     partial_out_ = false;
-    if (done < whole && !write_failed_.load()) {
-      // What is left keeps its place at the head of the queue.
-      Outgoing rest;
-      if (done < kFrameHeaderSize) {
-        std::memcpy(rest.head, head.head + done, kFrameHeaderSize - done);
-        rest.head_size = kFrameHeaderSize - done;
-      }
-      const size_t in_data = done > kFrameHeaderSize ? done - kFrameHeaderSize : 0;
-      rest.body = take_buffer(size - in_data);
-      std::memcpy(rest.body.data(), data + in_data, size - in_data);
-      queued_bytes_ += rest.size();
-      queue_.push_front(std::move(rest));
-      front_written_ = 0;
-    }
+    // What is left keeps its place at the head of the queue.
+    if (!frame.done() && !write_failed_.load()) queue_.push_front(frame.rest());
     write_queue_locked();
     const bool retire = ready_to_retire_locked();
     hold.unlock();
@@ -190,7 +151,7 @@ class State : public ReactorEndpoint,
     if (sink != nullptr && !input_watched_) {
       input_watched_ = true;
       if (input_ended_.load()) {
-        deliver_locked_now();
+        report_end_locked();
       } else {
         set_input(input_attached_, true);
       }
@@ -201,7 +162,7 @@ class State : public ReactorEndpoint,
 
   void pull(bool recent_ok) {
     if (input_ended_.load() || !claim_input()) return;  // the reader there delivers
-    if (recent_ok && std::chrono::steady_clock::now() - emptied_at_ < kStillEmpty) {
+    if (recent_ok && std::chrono::steady_clock::now() - reader_.emptied_at() < kStillEmpty) {
       if (release_input()) return;
     }
     std::vector<Frame> frames;
@@ -284,7 +245,82 @@ class State : public ReactorEndpoint,
     return true;
   }
 
+  void finish_writing() override {
+    {
+      std::lock_guard<std::mutex> hold(out_mutex_);
+      if (queue_.bytes() <= kSocketLinkQueueLimit || write_failed_.load() || closed_.load()) {
+        return;
+      }
+      self_writing_ = true;  // the reactor need not wake for room
+      update_watch_locked();
+    }
+    const std::shared_ptr<State> keep = shared_from_this();
+    bool retire;
+    run_without_process_lock([&] {
+      std::unique_lock<std::mutex> hold(out_mutex_);
+      while (queue_.bytes() > kSocketLinkQueueLimit / 2 && !write_failed_.load() &&
+             !closed_.load()) {
+        hold.unlock();
+        wait_for_room(fd_);
+        hold.lock();
+        write_queue_locked();
+      }
+      self_writing_ = false;
+      update_watch_locked();
+      retire = ready_to_retire_locked();
+    });
+    notify_drained();
+    if (retire) this->retire();
+  }
+
  private:
+  // A DATA frame written from its sender's buffer, as far as a socket takes it.
+  struct BorrowedFrame {
+    const uint8_t *head;
+    const uint8_t *data;
+    size_t size;
+    size_t written = 0;
+
+    bool done() const { return written == kFrameHeaderSize + size; }
+    // Writes on until the socket is full or the frame is out; sets `failed`
+    // when the peer is gone.
+    void write(int fd, std::atomic<bool> &failed) {
+      while (!done()) {
+        iovec pieces[2];
+        size_t count = 0;
+        if (written < kFrameHeaderSize) {
+          pieces[count++] = {const_cast<uint8_t *>(head) + written, kFrameHeaderSize - written};
+        }
+        const size_t sent = data_written();
+        if (sent < size) pieces[count++] = {const_cast<uint8_t *>(data) + sent, size - sent};
+        msghdr message{};
+        message.msg_iov = pieces;
+        message.msg_iovlen = count;
+        const ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+          if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) failed = true;
+          return;
+        }
+        written += static_cast<size_t>(n);
+      }
+    }
+    // What is not written yet, copied for the queue.
+    Outgoing rest() const {
+      Outgoing out;
+      if (written < kFrameHeaderSize) {
+        out.head_size = kFrameHeaderSize - written;
+        std::memcpy(out.head, head + written, out.head_size);
+      }
+      out.body = take_buffer(size - data_written());
+      std::memcpy(out.body.data(), data + data_written(), out.body.size());
+      return out;
+    }
+    size_t data_written() const {
+      return written > kFrameHeaderSize ? written - kFrameHeaderSize : 0;
+    }
+  };
+
   void with_node_lock(const std::function<void()> &work) {
     if (run_locked_) {
       run_locked_(work);
@@ -304,56 +340,30 @@ class State : public ReactorEndpoint,
   // when it can take more.  `out_mutex_` is held.
   void enqueue_locked(Outgoing &&out, bool more) {
     if (write_failed_.load()) return;
-    queued_bytes_ += out.size();
     queue_.push_back(std::move(out));
     if (!more && !blocked_) write_queue_locked();
   }
 
-  // Writes from the front of the queue until it is empty or the socket is
-  // full; a peer that has gone drops everything queued.  `out_mutex_` is held.
+  // `out_mutex_` is held.
   void write_queue_locked() {
     if (partial_out_) return;  // a frame is half written from its sender's buffer
-    while (!queue_.empty()) {
-      iovec parts[kMaxIovecs];
-      size_t count = 0;
-      size_t skip = front_written_;
-      for (auto &out : queue_) {
-        if (count + 2 > kMaxIovecs) break;
-        if (skip < out.head_size) {
-          parts[count++] = {out.head + skip, out.head_size - skip};
-          skip = 0;
-        } else {
-          skip -= out.head_size;
-        }
-        if (skip < out.body.size())
-          parts[count++] = {out.body.data() + skip, out.body.size() - skip};
-        skip = 0;
-      }
-      msghdr message{};
-      message.msg_iov = parts;
-      message.msg_iovlen = count;
-      const ssize_t n = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+    switch (queue_.write(fd_)) {
+      case OutputQueue::Written::kAll:
+        blocked_ = false;
+        break;
+      case OutputQueue::Written::kSocketFull:
         blocked_ = true;  // the reactor hears when the socket can take more
-        update_watch_locked();
-        return;
-      }
-      if (n < 0) {
+        break;
+      case OutputQueue::Written::kFailed:
         write_failed_ = true;
-        queue_.clear();
-        front_written_ = 0;
-        queued_bytes_ = 0;
-        return;
-      }
-      consume_locked(static_cast<size_t>(n));
+        break;
     }
-    blocked_ = false;
     update_watch_locked();
   }
 
-  // Asks the reactor for input (while nobody else reads the socket) and for
-  // output (while the socket is full); only a change costs a system call.
+  // Asks the reactor for input (see the class comment) and for room to write
+  // (while the socket is full and no verb's thread waits for it); only a
+  // change costs a system call.  `out_mutex_` is held.
   void update_watch_locked() {
     const bool input = input_attached_ && input_wanted_ && !reading_here_ && !closed_.load();
     const bool output = blocked_ && !self_writing_;
@@ -367,52 +377,6 @@ class State : public ReactorEndpoint,
     std::lock_guard<std::mutex> hold(out_mutex_);
     flag = value;
     update_watch_locked();
-  }
-
-  void consume_locked(size_t written) {
-    queued_bytes_ -= written;
-    while (written > 0) {
-      const size_t in_front = queue_.front().size() - front_written_;
-      if (written < in_front) {
-        front_written_ += written;
-        return;
-      }
-      written -= in_front;
-      give_back_buffer(std::move(queue_.front().body));
-      queue_.pop_front();
-      front_written_ = 0;
-    }
-  }
-
-  void finish_writing() override {
-    {
-      std::lock_guard<std::mutex> hold(out_mutex_);
-      if (queued_bytes_.load() <= kSocketLinkQueueLimit || write_failed_.load() || closed_.load()) {
-        return;
-      }
-      self_writing_ = true;  // the reactor need not wake for room
-      update_watch_locked();
-    }
-    const std::shared_ptr<State> keep = shared_from_this();
-    bool retire;
-    run_without_process_lock([&] {
-      std::unique_lock<std::mutex> hold(out_mutex_);
-      while (queued_bytes_.load() > kSocketLinkQueueLimit / 2 && !write_failed_.load() &&
-             !closed_.load()) {
-        hold.unlock();
-        // A bounded wait: a link closed meanwhile (a cancel) ends it.
-        pollfd polled{fd_, POLLOUT, 0};
-        while (::poll(&polled, 1, kWriteCheckMs) < 0 && errno == EINTR) {
-        }
-        hold.lock();
-        write_queue_locked();
-      }
-      self_writing_ = false;
-      update_watch_locked();
-      retire = ready_to_retire_locked();
-    });
-    notify_drained();
-    if (retire) this->retire();
   }
 
   // The reactor found the socket writable again.
@@ -442,16 +406,16 @@ class State : public ReactorEndpoint,
     return true;
   }
 
-  // Past the queue limit a sender waits, with the process lock released,
-  // until the reactor has written enough.  Only where the node's lock is the
-  // process lock: another lock cannot be released for the wait.
+  // A sender whose frames passed the queue limit within one verb waits, with
+  // the process lock released, until the reactor has written enough.  Only
+  // where the node's lock is the process lock: another lock cannot be
+  // released for the wait.
   void apply_back_pressure() {
-    if (run_locked_ || queued_bytes_.load() <= kSocketLinkQueueLimit) return;
+    if (run_locked_ || queue_.bytes() <= kSocketLinkQueueLimit) return;
     const std::shared_ptr<State> keep = shared_from_this();
     senders_waiting_.fetch_add(1);
     wait_releasing_process_lock(drained_, std::chrono::milliseconds(-1), [&] {
-      return queued_bytes_.load() <= kSocketLinkQueueLimit || write_failed_.load() ||
-             closed_.load();
+      return queue_.bytes() <= kSocketLinkQueueLimit || write_failed_.load() || closed_.load();
     });
     senders_waiting_.fetch_sub(1);
   }
@@ -485,100 +449,13 @@ class State : public ReactorEndpoint,
     return false;
   }
 
-  // Reads whatever the socket holds (without blocking) into whole frames.
-  // A short read means the socket was empty: later input is reported anew.
-  // But the end of the stream, once reported, is not reported again, so when
-  // the peer has ended (`to_the_end`) the socket is read until it says so.
-  // Runs only in the thread that owns the input.
+  // The input's owner reads.
   void read_socket(std::vector<Frame> &frames, bool to_the_end) {
-    while (!input_ended_.load()) {
-      if (partial_) {
-        auto &payload = partial_->payload;
-        const ssize_t n =
-            receive(payload.data() + partial_filled_, payload.size() - partial_filled_);
-        if (n <= 0) return;
-        partial_filled_ += static_cast<size_t>(n);
-        if (partial_filled_ < payload.size() && !to_the_end) return;  // the rest is to come
-        if (partial_filled_ < payload.size()) continue;
-        frames.push_back(std::move(*partial_));
-        partial_.reset();
-        continue;
-      }
-      // Read after what is left of an incomplete frame, in a buffer of the
-      // reading thread's own: a link keeps only that rest between reads.
-      thread_local std::vector<uint8_t> scratch(kReadChunk + kDirectPayload + kFrameHeaderSize);
-      const size_t kept = rest_.size();
-      std::memcpy(scratch.data(), rest_.data(), kept);
-      const ssize_t n = receive(scratch.data() + kept, kReadChunk);
-      if (n <= 0) return;
-      decode(scratch.data(), kept + static_cast<size_t>(n), frames);
-      if (static_cast<size_t>(n) < kReadChunk && !partial_ && !to_the_end) {
-        emptied_at_ = std::chrono::steady_clock::now();
-        return;
-      }
-    }
-  }
-
-  // recv without blocking; 0 when nothing is there, -1 once the stream ended.
-  ssize_t receive(uint8_t *into, size_t size) {
-    for (;;) {
-      const ssize_t n = ::recv(fd_, into, size, MSG_DONTWAIT);
-      if (n > 0) return n;
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        emptied_at_ = std::chrono::steady_clock::now();
-        return 0;
-      }
-      end_input(false);  // end of stream or a broken socket
-      return -1;
-    }
-  }
-
-  void end_input(bool orderly) {
+    if (input_ended_.load()) return;
+    reader_.read(fd_, frames, to_the_end);
+    if (reader_.end() == FrameReader::End::kNone) return;
     input_ended_ = true;
-    end_unreported_ = !orderly;
-  }
-
-  // Decodes the whole frames of `bytes`; a large frame that is not whole
-  // continues in its own payload, a smaller one is kept for the next read.
-  void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames) {
-    size_t offset = 0;
-    for (;;) {
-      const uint8_t *at = bytes + offset;
-      const size_t left = size - offset;
-      if (left >= sizeof kOrderlyEnd && std::memcmp(at, kOrderlyEnd, sizeof kOrderlyEnd) == 0) {
-        end_input(true);
-        break;
-      }
-      if (left < kFrameHeaderSize) break;
-      FrameHeader header;
-      try {
-        header = decode_frame_header(at);
-      } catch (const std::invalid_argument &) {
-        end_input(false);  // bytes that are not a frame: the peer is not one of ours
-        break;
-      }
-      Frame frame;
-      frame.type = header.type;
-      frame.flags = header.flags;
-      frame.code = header.code;
-      const size_t whole = kFrameHeaderSize + header.payload_size;
-      if (left >= whole || header.payload_size >= kDirectPayload) {
-        const size_t here = std::min(left, whole) - kFrameHeaderSize;
-        frame.payload = take_buffer(header.payload_size);
-        std::memcpy(frame.payload.data(), at + kFrameHeaderSize, here);
-        offset += kFrameHeaderSize + here;
-        if (here < header.payload_size) {
-          partial_filled_ = here;
-          partial_ = std::move(frame);
-          break;
-        }
-        frames.push_back(std::move(frame));
-        continue;
-      }
-      break;
-    }
-    rest_.assign(bytes + offset, bytes + size);
+    end_unreported_ = reader_.end() == FrameReader::End::kBroken;
   }
 
   // Hands what was read to the sink, and then the loss of the link if the
@@ -589,10 +466,10 @@ class State : public ReactorEndpoint,
       sink_->on_frame(std::move(frame));
     }
     frames.clear();
-    deliver_locked_now();
+    report_end_locked();
   }
 
-  void deliver_locked_now() {
+  void report_end_locked() {
     if (!end_unreported_ || !open_ || sink_ == nullptr) return;
     end_unreported_ = false;
     FrameSink *sink = std::exchange(sink_, nullptr);  // heard once
@@ -605,13 +482,10 @@ class State : public ReactorEndpoint,
 
   // Output, guarded by out_mutex_.
   std::mutex out_mutex_;
-  std::deque<Outgoing> queue_;
-  size_t front_written_ = 0;   // bytes of the front frame already written
+  OutputQueue queue_;
   bool blocked_ = false;       // the socket was full: the reactor writes when it is not
-  bool self_writing_ = false;  // ... unless a verb's thread writes it (finish_writing)
+  bool self_writing_ = false;  // ... unless a verb's thread writes it
   bool partial_out_ = false;   // send_data is writing a frame straight from its caller
-  // The reactor reads while the link has a sink that wants input as it comes
-  // and no waiting thread reads the socket itself.
   bool input_attached_ = false;
   bool input_wanted_ = true;
   bool reading_here_ = false;
@@ -619,17 +493,13 @@ class State : public ReactorEndpoint,
   bool watching_output_ = false;
   bool closing_ = false;
   bool retired_ = false;
-  std::atomic<size_t> queued_bytes_{0};
   std::atomic<bool> write_failed_{false};
   std::atomic<int> senders_waiting_{0};
   std::condition_variable_any drained_;  // waited on with the process lock
 
   // Input, touched only by the thread that owns it (input_state_).
   std::atomic<uint32_t> input_state_{kInputIdle};
-  std::vector<uint8_t> rest_;                         // the start of a frame not yet whole
-  std::optional<Frame> partial_;                      // a large frame being read into its payload
-  std::chrono::steady_clock::time_point emptied_at_;  // the last read that found no more
-  size_t partial_filled_ = 0;
+  FrameReader reader_;
   std::atomic<bool> input_ended_{false};
   bool end_unreported_ = false;  // the stream broke; the sink has not heard it
 

@@ -1,0 +1,53 @@
+// Cuts what a stream socket delivers into frames.
+//
+// Reads never block.  Small frames are decoded out of a read buffer of the
+// reading thread's own; the start of a frame that is not whole yet is kept
+// between reads (a few bytes, or a small frame), and a large frame is read
+// straight into its own payload buffer, which saves copying it.  The stream
+// ends in order with four zero bytes (no frame starts so), or broken: end of
+// file without them, a read error, or bytes that are not a frame.
+//
+// One thread at a time reads; the owner of the socket's input sees to that.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "engine/frame.h"
+
+namespace snanode::engine {
+
+// The bytes that end a stream in order.
+inline constexpr uint8_t kOrderlyEnd[4] = {0, 0, 0, 0};
+
+class FrameReader {
+ public:
+  enum class End : uint8_t { kNone, kOrderly, kBroken };
+
+  // Reads what `fd` holds and appends its whole frames to `frames`.  A read
+  // that comes back short means the socket was empty; `to_the_end` reads on
+  // until the socket says so itself, or the stream has ended (a reader told
+  // of a hang-up must not stop short of seeing the end).
+  void read(int fd, std::vector<Frame> &frames, bool to_the_end);
+
+  End end() const { return end_; }
+  // When a read last found the socket empty.
+  std::chrono::steady_clock::time_point emptied_at() const { return emptied_at_; }
+
+ private:
+  // recv without blocking: the bytes read, 0 when there were none, -1 once
+  // the stream has ended.
+  ssize_t receive(int fd, uint8_t *into, size_t size);
+  void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames);
+
+  std::vector<uint8_t> rest_;     // the start of a frame not yet whole
+  std::optional<Frame> partial_;  // a large frame being read into its payload
+  size_t partial_filled_ = 0;
+  End end_ = End::kNone;
+  std::chrono::steady_clock::time_point emptied_at_;
+};
+
+}  // namespace snanode::engine
