@@ -6,13 +6,10 @@
 // so backends always start verbs and complete them under the lock, and a
 // blocking caller's wait is a monitor wait that lets completions and other
 // threads' calls run meanwhile.
-#include <unistd.h>
 
 #include <cstring>
 #include <memory>
-#include <thread>
 #include <unordered_set>
-#include <utility>
 
 #include "core/completion_thread.h"
 #include "core/dispatcher.h"
@@ -32,9 +29,6 @@ struct VerbTicket {
   bool synchronous_entry = false;
   bool completed = false;  // the backend has written the results
   uint64_t serial = 0;
-  int wake_fd = -1;  // see set_ticket_wake_fd
-  std::thread::id waiter;
-  bool wake_written = false;
 };
 
 namespace {
@@ -111,12 +105,6 @@ bool ticket_completed(const VerbTicket *ticket) {
   return ticket->completed;
 }
 
-bool set_ticket_wake_fd(VerbTicket *ticket, int wake_fd) {
-  ticket->wake_fd = wake_fd;
-  ticket->waiter = std::this_thread::get_id();
-  return std::exchange(ticket->wake_written, false);
-}
-
 void VerbBackend::wait(VerbTicket *ticket) {
   wait_releasing_process_lock(node_state_cv(), std::chrono::milliseconds(-1),
                               [ticket] { return ticket->completed; });
@@ -126,13 +114,7 @@ void complete_verb(VerbTicket *ticket) {
   if (ticket->completed) return;
   ticket->completed = true;
   if (ticket->routine == nullptr) {
-    // The blocked caller rechecks; one waiting in poll needs its fd written,
-    // unless it is the thread completing the verb.
-    if (ticket->wake_fd >= 0 && ticket->waiter != std::this_thread::get_id()) {
-      const uint64_t one = 1;
-      ticket->wake_written = ::write(ticket->wake_fd, &one, sizeof one) == sizeof one;
-    }
-    notify_node_state_changed();
+    notify_node_state_changed();  // the blocked caller rechecks
     return;
   }
   post_completion_job([ticket] {

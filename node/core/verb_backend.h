@@ -45,12 +45,6 @@ void *ticket_vcb(const VerbTicket *ticket);
 // Whether complete_verb() has run for the ticket.  Process lock held.
 bool ticket_completed(const VerbTicket *ticket);
 
-// While a blocked caller waits somewhere other than on the node monitor (in
-// poll, say), complete_verb() from another thread also makes `wake_fd` (an
-// eventfd) readable; -1 stops that.  Returns whether the fd was written since
-// the last call.  Process lock held.
-bool set_ticket_wake_fd(VerbTicket *ticket, int wake_fd);
-
 // The conversation engine's backend, or nullptr while the node has none (the
 // verbs are then answered "node not reachable").
 VerbBackend *engine_backend();

@@ -1,5 +1,6 @@
 #include "engine/byte_pool.h"
 
+#include <map>
 #include <mutex>
 
 namespace snanode::engine {
@@ -12,8 +13,8 @@ constexpr size_t kMaxPooledCapacity = 128 * 1024;  // larger ones are rare: free
 
 struct Pool {
   std::mutex mutex;
-  std::vector<std::vector<uint8_t>> buffers;
-  size_t bytes = 0;  // capacity of the buffers held
+  std::multimap<size_t, std::vector<uint8_t>> buffers;  // by capacity
+  size_t bytes = 0;                                      // capacity of the buffers held
 };
 
 // Never destroyed: frames may still be freed while static destructors run.
@@ -29,9 +30,10 @@ std::vector<uint8_t> take_buffer(size_t size) {
   if (size >= kPooledBufferSize) {
     Pool &p = pool();
     std::lock_guard<std::mutex> hold(p.mutex);
-    if (!p.buffers.empty() && p.buffers.back().capacity() >= size) {
-      buffer = std::move(p.buffers.back());
-      p.buffers.pop_back();
+    // The smallest that is large enough.
+    if (auto found = p.buffers.lower_bound(size); found != p.buffers.end()) {
+      buffer = std::move(found->second);
+      p.buffers.erase(found);
       p.bytes -= buffer.capacity();
     }
   }
@@ -47,7 +49,8 @@ void give_back_buffer(std::vector<uint8_t> &&buffer) {
   std::lock_guard<std::mutex> hold(p.mutex);
   if (p.bytes + kept.capacity() > kMaxPooledBytes) return;
   p.bytes += kept.capacity();
-  p.buffers.push_back(std::move(kept));
+  const size_t capacity = kept.capacity();
+  p.buffers.emplace(capacity, std::move(kept));
 }
 
 }  // namespace snanode::engine

@@ -35,6 +35,8 @@ Conversation::Conversation(const ConversationSetup &setup, std::unique_ptr<Link>
       link_(std::move(link)),
       host_(host),
       state_(setup.starts_in_send ? ConvState::kSend : ConvState::kReceive) {
+  // Input waits for the TP's verbs (see refresh_input_interest).
+  link_->set_input_wanted(false);
   link_->attach(this);
 }
 
@@ -732,6 +734,7 @@ bool Conversation::try_receive(NAP_RECEIVE_VCB &vcb) {
 
 void Conversation::wait_for(WaitKind kind, void *vcb, void *token, ConfirmKind after) {
   waiting_ = Waiting{kind, vcb, token, after, caller_blocks_};
+  refresh_input_interest();
 }
 
 void Conversation::service_waiting() {

@@ -221,7 +221,7 @@ class Conversation : public FrameSink {
   bool purging_ = false;          // a purging send-error went out, not yet answered
   size_t inbound_data_ = 0;       // bytes of data in inbound_ not yet received
   bool input_paused_ = false;     // past kInboundLimit
-  bool input_wanted_ = true;      // as last told to the link (links start out wanting it)
+  bool input_wanted_ = false;     // as last told to the link
   bool caller_blocks_ = false;    // the verb being carried out has a thread waiting for it
   int busy_ = 0;
   RecordCursor in_cursor_;  // basic: where the received stream stands

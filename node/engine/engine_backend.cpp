@@ -8,7 +8,6 @@
 // dropped when the path ends; the next path user connects afresh.
 #include "engine/engine_backend.h"
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -35,27 +34,6 @@ namespace {
 // daemon the configuration requires that does not answer.
 constexpr uint32_t kConfigProblem = 0x10040002;
 constexpr uint32_t kNoDaemonProblem = 0x10040003;
-
-// The eventfd a thread's blocked verb is woken through while the thread
-// reads its conversation's socket itself; one per thread, made on first use.
-class WakeFd {
- public:
-  WakeFd() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
-  ~WakeFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  WakeFd(const WakeFd &) = delete;
-  WakeFd &operator=(const WakeFd &) = delete;
-  int get() const { return fd_; }
-  void drain() const {
-    uint64_t count;
-    while (::read(fd_, &count, sizeof count) == sizeof count) {
-    }
-  }
-
- private:
-  int fd_;
-};
 
 class EngineBackend : public VerbBackend {
  public:
@@ -87,14 +65,7 @@ class EngineBackend : public VerbBackend {
   void wait(VerbTicket *ticket) override {
     std::shared_ptr<engine::LinkReader> reader;
     if (instance_ != nullptr) reader = instance_->reader_for(ticket_vcb(ticket));
-    if (reader != nullptr) {
-      thread_local WakeFd wake;
-      while (wake.get() >= 0 && !ticket_completed(ticket)) {
-        set_ticket_wake_fd(ticket, wake.get());
-        const bool read = reader->read_here(wake.get());
-        if (set_ticket_wake_fd(ticket, -1)) wake.drain();
-        if (!read) break;  // another thread reads the socket: it completes the verb
-      }
+    while (reader != nullptr && !ticket_completed(ticket) && reader->read_here()) {
     }
     VerbBackend::wait(ticket);
   }

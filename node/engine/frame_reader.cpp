@@ -19,12 +19,12 @@ constexpr size_t kDirectPayload = 8 * 1024;
 
 }  // namespace
 
-void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end) {
-  while (end_ == End::kNone) {
+void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool wait) {
+  for (; end_ == End::kNone; wait = false) {
     if (partial_) {
       auto &payload = partial_->payload;
       const ssize_t n =
-          receive(fd, payload.data() + partial_filled_, payload.size() - partial_filled_);
+          receive(fd, payload.data() + partial_filled_, payload.size() - partial_filled_, wait);
       if (n <= 0) return;
       partial_filled_ += static_cast<size_t>(n);
       if (partial_filled_ < payload.size()) {
@@ -40,7 +40,7 @@ void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end) {
     thread_local std::vector<uint8_t> scratch(kReadChunk + kDirectPayload + kFrameHeaderSize);
     const size_t kept = rest_.size();
     std::memcpy(scratch.data(), rest_.data(), kept);
-    const ssize_t n = receive(fd, scratch.data() + kept, kReadChunk);
+    const ssize_t n = receive(fd, scratch.data() + kept, kReadChunk, wait);
     if (n <= 0) return;
     decode(scratch.data(), kept + static_cast<size_t>(n), frames);
     if (static_cast<size_t>(n) < kReadChunk && !partial_ && !to_the_end) {
@@ -50,9 +50,9 @@ void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end) {
   }
 }
 
-ssize_t FrameReader::receive(int fd, uint8_t *into, size_t size) {
+ssize_t FrameReader::receive(int fd, uint8_t *into, size_t size, bool wait) {
   for (;;) {
-    const ssize_t n = ::recv(fd, into, size, MSG_DONTWAIT);
+    const ssize_t n = ::recv(fd, into, size, wait ? 0 : MSG_DONTWAIT);
     if (n > 0) return n;
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {

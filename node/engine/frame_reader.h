@@ -30,8 +30,9 @@ class FrameReader {
   // Reads what `fd` holds and appends its whole frames to `frames`.  A read
   // that comes back short means the socket was empty; `to_the_end` reads on
   // until the socket says so itself, or the stream has ended (a reader told
-  // of a hang-up must not stop short of seeing the end).
-  void read(int fd, std::vector<Frame> &frames, bool to_the_end);
+  // of a hang-up must not stop short of seeing the end).  `wait`: the first
+  // read waits for something to come.
+  void read(int fd, std::vector<Frame> &frames, bool to_the_end, bool wait = false);
 
   End end() const { return end_; }
   // When a read last found the socket empty.
@@ -40,7 +41,7 @@ class FrameReader {
  private:
   // recv without blocking: the bytes read, 0 when there were none, -1 once
   // the stream has ended.
-  ssize_t receive(int fd, uint8_t *into, size_t size);
+  ssize_t receive(int fd, uint8_t *into, size_t size, bool wait);
   void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames);
 
   std::vector<uint8_t> rest_;     // the start of a frame not yet whole

@@ -27,11 +27,12 @@ class FrameSink {
 class LinkReader {
  public:
   virtual ~LinkReader() = default;
-  // Called holding the process lock.  Unless another thread is reading the
-  // link (false at once), releases the lock, waits until the socket or
-  // `wake_fd` is readable, reads what has come and delivers it with the lock
-  // taken back; true then.
-  virtual bool read_here(int wake_fd) = 0;
+  // Called holding the process lock.  Releases it, waits until the socket
+  // has something (or the link is closed: whatever else may end the verb a
+  // thread waits for, a cancel or the end of the path, closes its link),
+  // reads what has come and delivers it with the lock taken back.  False
+  // once the socket can bring nothing more.
+  virtual bool read_here() = 0;
   // Called holding the process lock once a verb whose thread can wait has
   // sent: past the link's queue limit, writes what the socket has not taken,
   // waiting for room with the lock released, so a sender that outpaces its

@@ -178,6 +178,9 @@ class State : public ReactorEndpoint,
     closed_ = true;
     sink_ = nullptr;
     drained_.notify_all();  // a sender held back gives up waiting
+    // A thread blocked reading the socket for a verb that this close ends
+    // (a cancel, the end of the path) wakes; what is queued still goes out.
+    ::shutdown(fd_, SHUT_RD);
     bool retire;
     {
       std::lock_guard<std::mutex> hold(out_mutex_);
@@ -216,26 +219,20 @@ class State : public ReactorEndpoint,
 
   // ---- LinkReader ----
 
-  bool read_here(int wake_fd) override {
-    // The socket may be watched by nobody but this thread: when the reactor
-    // is reading it right now, wait for it to finish, then take over.
-    while (!input_ended_.load() && !claim_input()) {
+  bool read_here() override {
+    if (input_ended_.load()) return false;
+    if (!claim_input()) {
+      // The reactor is reading it right now, and what it delivers may be
+      // what the verb waits for: let it finish, and the caller look again.
       run_without_process_lock([this] {
         while (input_state_.load() != kInputIdle) std::this_thread::yield();
       });
+      return true;
     }
-    if (input_ended_.load()) return false;
     // The reactor would only find the socket taken; keep it out meanwhile.
     set_input(reading_here_, true);
     std::vector<Frame> frames;
-    run_without_process_lock([&] {
-      pollfd polled[2] = {{fd_, POLLIN | POLLRDHUP, 0}, {wake_fd, POLLIN, 0}};
-      while (::poll(polled, 2, -1) < 0 && errno == EINTR) {
-      }
-      if (polled[0].revents != 0) {
-        read_socket(frames, (polled[0].revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0);
-      }
-    });
+    run_without_process_lock([&] { read_socket(frames, false, true); });
     deliver_locked(frames);
     set_input(reading_here_, false);
     while (!release_input()) {
@@ -450,9 +447,9 @@ class State : public ReactorEndpoint,
   }
 
   // The input's owner reads.
-  void read_socket(std::vector<Frame> &frames, bool to_the_end) {
+  void read_socket(std::vector<Frame> &frames, bool to_the_end, bool wait = false) {
     if (input_ended_.load()) return;
-    reader_.read(fd_, frames, to_the_end);
+    reader_.read(fd_, frames, to_the_end, wait);
     if (reader_.end() == FrameReader::End::kNone) return;
     input_ended_ = true;
     end_unreported_ = reader_.end() == FrameReader::End::kBroken;
