@@ -14,7 +14,7 @@ constexpr size_t kMaxPooledCapacity = 128 * 1024;  // larger ones are rare: free
 struct Pool {
   std::mutex mutex;
   std::multimap<size_t, std::vector<uint8_t>> buffers;  // by capacity
-  size_t bytes = 0;                                      // capacity of the buffers held
+  size_t bytes = 0;                                     // capacity of the buffers held
 };
 
 // Never destroyed: frames may still be freed while static destructors run.

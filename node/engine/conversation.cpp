@@ -444,6 +444,12 @@ void Conversation::take_frame(Frame &&frame) {
     return;
   }
   control_follows_ = frame.type == FrameType::kData && (frame.flags & kDataMoreFollows) != 0;
+  if (frame.type == FrameType::kData && frame.landed != 0) {
+    // Read into the receive that waits (mapped, nothing ahead of it).
+    inbound_.push_back(Inbound{InKind::kData, {}, 0, 0, frame.landed});
+    if ((frame.flags & kDataMoreFollows) == 0) service_waiting();
+    return;
+  }
   if (frame.type == FrameType::kData) {
     inbound_data_ += frame.payload.size();
     if (!setup_.mapped && !inbound_.empty() && inbound_.back().kind == InKind::kData) {
@@ -578,6 +584,17 @@ void Conversation::recount_inbound() {
 // every verb that sends to the partner (take_send_notice), to learn of an
 // error, a request-to-send or the partner's end.  No other thread wakes for a
 // frame then, and a partner that sends more than the TP takes waits for room.
+bool Conversation::landing(const void *vcb, Landing &landing) const {
+  if (!setup_.mapped || state_ != ConvState::kReceive || waiting_.kind != WaitKind::kReceive ||
+      waiting_.vcb != vcb || !inbound_.empty() || control_follows_ || purging_) {
+    return false;
+  }
+  const auto &receive = *static_cast<const NAP_RECEIVE_VCB *>(vcb);
+  if (receive.max_length == 0 || receive.data_pointer == nullptr) return false;
+  landing = Landing{receive.data_pointer, receive.max_length};
+  return true;
+}
+
 void Conversation::refresh_input_interest() {
   if (state_ == ConvState::kReset) return;
   if (!input_paused_ && inbound_data_ > kInboundLimit) {
@@ -632,6 +649,13 @@ void Conversation::deliver_data(NAP_RECEIVE_VCB &vcb, Inbound &item, size_t leng
 bool Conversation::receive_data(NAP_RECEIVE_VCB &vcb, Inbound &item) {
   const size_t available = item.bytes.size() - item.offset;
   const size_t max = vcb.max_length;
+  if (item.landed != 0) {
+    // Already in this receive's buffer, and it fit.
+    vcb.data_length = static_cast<uint16_t>(item.landed);
+    vcb.what_received = AP_WR_DATA_COMPLETE;
+    item.landed = 0;
+    return true;
+  }
   if (setup_.mapped) {
     const size_t length = std::min(max, available);
     deliver_data(vcb, item, length,

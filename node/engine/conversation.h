@@ -70,6 +70,9 @@ class Conversation : public FrameSink {
   ConvState state() const { return state_; }
   bool has_waiting_verb() const { return waiting_.vcb != nullptr; }
   std::shared_ptr<LinkReader> link_reader() const { return link_->reader(); }
+  // Where the next record may go for the receive `vcb`, while it waits on a
+  // mapped conversation with nothing received ahead of it (see Landing).
+  bool landing(const void *vcb, Landing &landing) const;
   // Ended, and nothing left to tell the TP: the engine may drop it.
   bool finished() const { return state_ == ConvState::kReset && !has_waiting_verb() && busy_ == 0; }
   // A verb is being carried out on it: one that may release the node's lock
@@ -137,6 +140,7 @@ class Conversation : public FrameSink {
     std::vector<uint8_t> bytes;  // data, or log data
     size_t offset = 0;           // data already received
     uint32_t code = 0;           // secondary return code of kAttachFailed
+    size_t landed = 0;           // a record already in the waiting receive's buffer
   };
   enum class WaitKind : uint8_t { kNone, kReceive, kConfirmed };
   struct Waiting {

@@ -283,6 +283,12 @@ std::shared_ptr<LinkReader> Engine::reader_for(const void *vcb) {
   return found == convs_.end() ? nullptr : found->second.conv->link_reader();
 }
 
+bool Engine::landing_for(const void *vcb, Landing &landing) {
+  if (opcode_of(vcb) != NAP_RECEIVE_AND_WAIT) return false;
+  auto found = convs_.find(static_cast<const NAP_HDR *>(vcb)->conv_id);
+  return found != convs_.end() && found->second.conv->landing(vcb, landing);
+}
+
 // ---- clean-up ------------------------------------------------------------------------
 
 uint32_t Engine::next_conv_id() {

@@ -78,6 +78,9 @@ class Engine : private ConversationHost {
   // read and write the conversation's link itself (see LinkReader), or
   // nullptr.
   std::shared_ptr<LinkReader> reader_for(const void *vcb);
+  // Where the link may put the next record for a receive that waits (see
+  // Landing); false when it may not.
+  bool landing_for(const void *vcb, Landing &landing);
 
  private:
   using TpId = uint64_t;

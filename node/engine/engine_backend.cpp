@@ -65,7 +65,10 @@ class EngineBackend : public VerbBackend {
   void wait(VerbTicket *ticket) override {
     std::shared_ptr<engine::LinkReader> reader;
     if (instance_ != nullptr) reader = instance_->reader_for(ticket_vcb(ticket));
-    while (reader != nullptr && !ticket_completed(ticket) && reader->read_here()) {
+    while (reader != nullptr && !ticket_completed(ticket)) {
+      engine::Landing landing;
+      const bool lands = instance_->landing_for(ticket_vcb(ticket), landing);
+      if (!reader->read_here(lands ? &landing : nullptr)) break;
     }
     VerbBackend::wait(ticket);
   }

@@ -44,6 +44,9 @@ struct Frame {
   uint8_t flags = 0;
   uint32_t code = 0;
   std::vector<uint8_t> payload;
+  // DATA whose payload a link read straight into the waiting receive's
+  // buffer (see Landing): its size; `payload` is then empty.
+  uint32_t landed = 0;
 };
 
 inline constexpr size_t kFrameHeaderSize = 10;          // length, type, flags, code

@@ -1,6 +1,7 @@
 #include "engine/frame_reader.h"
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -52,15 +53,115 @@ void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool
 
 ssize_t FrameReader::receive(int fd, uint8_t *into, size_t size, bool wait) {
   for (;;) {
-    const ssize_t n = ::recv(fd, into, size, wait ? 0 : MSG_DONTWAIT);
-    if (n > 0) return n;
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      emptied_at_ = std::chrono::steady_clock::now();
-      return 0;
+    const ssize_t n = received(::recv(fd, into, size, wait ? 0 : MSG_DONTWAIT));
+    if (n >= 0 || end_ != End::kNone) return n;
+  }
+}
+
+ssize_t FrameReader::received(ssize_t n) {
+  if (n > 0) return n;
+  if (n < 0 && errno == EINTR) return -1;  // the caller reads again
+  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+    emptied_at_ = std::chrono::steady_clock::now();
+    return 0;
+  }
+  end_ = End::kBroken;  // end of file without the orderly end, or a broken socket
+  return -1;
+}
+
+bool FrameReader::read_landing(int fd, const Landing &landing, std::vector<Frame> &frames,
+                               bool wait) {
+  if (end_ != End::kNone || partial_) return false;
+  uint8_t head[kFrameHeaderSize];
+  size_t head_have = 0;
+  std::optional<FrameHeader> header;
+  size_t filled = 0;  // bytes in the receive's buffer
+  if (!rest_.empty()) {
+    // A header read before, perhaps with some of its payload: the rest of
+    // that payload is read into the buffer when it is DATA that fits.
+    if (rest_.size() < kFrameHeaderSize) return false;
+    FrameHeader known;
+    try {
+      known = decode_frame_header(rest_.data());
+    } catch (const std::invalid_argument &) {
+      return false;
     }
-    end_ = End::kBroken;  // end of file without the orderly end, or a broken socket
-    return -1;
+    const size_t payload_here = rest_.size() - kFrameHeaderSize;
+    if (known.type != FrameType::kData || known.payload_size > landing.capacity ||
+        payload_here > known.payload_size) {
+      return false;
+    }
+    std::memcpy(head, rest_.data(), kFrameHeaderSize);
+    std::memcpy(landing.data, rest_.data() + kFrameHeaderSize, payload_here);
+    head_have = kFrameHeaderSize;
+    header = known;
+    filled = payload_here;
+    rest_.clear();
+  }
+  // Each read takes what the header still lacks, the payload into the
+  // receive's buffer, and whatever follows into the reading thread's buffer,
+  // decoded as usual (a status sent with the record, the records after it).
+  thread_local std::vector<uint8_t> scratch(kReadChunk + kDirectPayload + kFrameHeaderSize);
+  uint8_t *next = scratch.data();
+  for (bool first = true;; first = false) {
+    const size_t want = header ? header->payload_size - filled : landing.capacity;
+    iovec pieces[3];
+    size_t count = 0;
+    if (head_have < kFrameHeaderSize) {
+      pieces[count++] = {head + head_have, kFrameHeaderSize - head_have};
+    }
+    if (want > 0) pieces[count++] = {landing.data + filled, want};
+    pieces[count++] = {next, kReadChunk};
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = count;
+    // Past the first read the frame is known to be on its way: wait for it.
+    const bool block = first ? wait : true;
+    ssize_t n;
+    do {
+      n = received(::recvmsg(fd, &message, block ? 0 : MSG_DONTWAIT));
+    } while (n < 0 && end_ == End::kNone);
+    if (n <= 0) {
+      if (end_ == End::kNone && (head_have > 0 || filled > 0)) end_ = End::kBroken;
+      return true;
+    }
+    size_t left = static_cast<size_t>(n);
+    const size_t to_head = std::min(left, kFrameHeaderSize - head_have);
+    head_have += to_head;
+    left -= to_head;
+    const size_t to_landing = std::min(left, want);
+    filled += to_landing;
+    left -= to_landing;
+    const size_t to_next = left;
+    if (!header && head_have == kFrameHeaderSize) {
+      try {
+        header = decode_frame_header(head);
+      } catch (const std::invalid_argument &) {
+        end_ = End::kBroken;  // not a frame: the peer is not one of ours
+        return true;
+      }
+      if (header->type != FrameType::kData || header->payload_size > landing.capacity) {
+        // Not for the receive: the bytes in their order, decoded as usual.
+        std::vector<uint8_t> bytes(head, head + kFrameHeaderSize);
+        bytes.insert(bytes.end(), landing.data, landing.data + filled);
+        bytes.insert(bytes.end(), next, next + to_next);
+        decode(bytes.data(), bytes.size(), frames);
+        return true;
+      }
+    }
+    if (!header || filled < header->payload_size) continue;
+    // The whole record is in the buffer; what came after it is the next
+    // frames' (past the record in the buffer, when its size was not yet
+    // known, and in `next`).
+    std::vector<uint8_t> after(landing.data + header->payload_size, landing.data + filled);
+    after.insert(after.end(), next, next + to_next);
+    Frame frame;
+    frame.flags = header->flags;
+    frame.code = header->code;
+    frame.landed = header->payload_size;
+    frames.push_back(std::move(frame));
+    decode(after.data(), after.size(), frames);
+    return true;
   }
 }
 

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "engine/frame.h"
+#include "engine/link.h"
 
 namespace snanode::engine {
 
@@ -34,6 +35,12 @@ class FrameReader {
   // read waits for something to come.
   void read(int fd, std::vector<Frame> &frames, bool to_the_end, bool wait = false);
 
+  // One read that puts the first frame's payload straight into `landing`
+  // when it is DATA that fits and comes whole: that frame is delivered with
+  // `landed` set.  Anything else read with it is decoded as usual.  False
+  // when the reader is not between frames (nothing was read then).
+  bool read_landing(int fd, const Landing &landing, std::vector<Frame> &frames, bool wait);
+
   End end() const { return end_; }
   // When a read last found the socket empty.
   std::chrono::steady_clock::time_point emptied_at() const { return emptied_at_; }
@@ -42,6 +49,8 @@ class FrameReader {
   // recv without blocking: the bytes read, 0 when there were none, -1 once
   // the stream has ended.
   ssize_t receive(int fd, uint8_t *into, size_t size, bool wait);
+  // Takes a read's result as receive() does: the bytes, 0, or -1.
+  ssize_t received(ssize_t n);
   void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames);
 
   std::vector<uint8_t> rest_;     // the start of a frame not yet whole

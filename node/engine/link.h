@@ -20,6 +20,14 @@ class FrameSink {
   virtual void link_lost() = 0;
 };
 
+// Where the receive that waits on a conversation wants its next record: a
+// link may read the payload of a DATA frame that fits straight into it, the
+// one copy a bare socket costs, and deliver the frame as `landed`.
+struct Landing {
+  uint8_t *data = nullptr;
+  size_t capacity = 0;
+};
+
 // A way for a thread that waits for a link's next frame to read the link's
 // socket itself, instead of waiting for the reactor thread to read it and wake
 // it: one hand-over between threads less on every frame that completes a
@@ -31,8 +39,9 @@ class LinkReader {
   // has something (or the link is closed: whatever else may end the verb a
   // thread waits for, a cancel or the end of the path, closes its link),
   // reads what has come and delivers it with the lock taken back.  False
-  // once the socket can bring nothing more.
-  virtual bool read_here() = 0;
+  // once the socket can bring nothing more.  `landing`: see Landing; only
+  // for the first frame read, and only while the thread waits in here.
+  virtual bool read_here(const Landing *landing = nullptr) = 0;
   // Called holding the process lock once a verb whose thread can wait has
   // sent: past the link's queue limit, writes what the socket has not taken,
   // waiting for room with the lock released, so a sender that outpaces its

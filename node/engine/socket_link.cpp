@@ -219,7 +219,7 @@ class State : public ReactorEndpoint,
 
   // ---- LinkReader ----
 
-  bool read_here() override {
+  bool read_here(const Landing *landing) override {
     if (input_ended_.load()) return false;
     if (!claim_input()) {
       // The reactor is reading it right now, and what it delivers may be
@@ -232,7 +232,7 @@ class State : public ReactorEndpoint,
     // The reactor would only find the socket taken; keep it out meanwhile.
     set_input(reading_here_, true);
     std::vector<Frame> frames;
-    run_without_process_lock([&] { read_socket(frames, false, true); });
+    run_without_process_lock([&] { read_socket(frames, false, true, landing); });
     deliver_locked(frames);
     set_input(reading_here_, false);
     while (!release_input()) {
@@ -447,9 +447,12 @@ class State : public ReactorEndpoint,
   }
 
   // The input's owner reads.
-  void read_socket(std::vector<Frame> &frames, bool to_the_end, bool wait = false) {
+  void read_socket(std::vector<Frame> &frames, bool to_the_end, bool wait = false,
+                   const Landing *landing = nullptr) {
     if (input_ended_.load()) return;
-    reader_.read(fd_, frames, to_the_end, wait);
+    if (landing == nullptr || !reader_.read_landing(fd_, *landing, frames, wait)) {
+      reader_.read(fd_, frames, to_the_end, wait);
+    }
     if (reader_.end() == FrameReader::End::kNone) return;
     input_ended_ = true;
     end_unreported_ = reader_.end() == FrameReader::End::kBroken;
