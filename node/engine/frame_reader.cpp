@@ -40,7 +40,7 @@ void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool
     // reading thread's own: a reader keeps only that rest between reads.
     thread_local std::vector<uint8_t> scratch(kReadChunk + kDirectPayload + kFrameHeaderSize);
     const size_t kept = rest_.size();
-    std::memcpy(scratch.data(), rest_.data(), kept);
+    if (kept > 0) std::memcpy(scratch.data(), rest_.data(), kept);
     const ssize_t n = receive(fd, scratch.data() + kept, kReadChunk, wait);
     if (n <= 0) return;
     decode(scratch.data(), kept + static_cast<size_t>(n), frames);
@@ -92,7 +92,7 @@ bool FrameReader::read_landing(int fd, const Landing &landing, std::vector<Frame
       return false;
     }
     std::memcpy(head, rest_.data(), kFrameHeaderSize);
-    std::memcpy(landing.data, rest_.data() + kFrameHeaderSize, payload_here);
+    if (payload_here > 0) std::memcpy(landing.data, rest_.data() + kFrameHeaderSize, payload_here);
     head_have = kFrameHeaderSize;
     header = known;
     filled = payload_here;
@@ -190,7 +190,7 @@ void FrameReader::decode(const uint8_t *bytes, size_t size, std::vector<Frame> &
     frame.code = header.code;
     const size_t here = std::min(left, whole) - kFrameHeaderSize;
     frame.payload = take_buffer(header.payload_size);
-    std::memcpy(frame.payload.data(), at + kFrameHeaderSize, here);
+    if (here > 0) std::memcpy(frame.payload.data(), at + kFrameHeaderSize, here);
     offset += kFrameHeaderSize + here;
     if (here < header.payload_size) {
       partial_filled_ = here;

@@ -310,7 +310,7 @@ class State : public ReactorEndpoint,
         std::memcpy(out.head, head + written, out.head_size);
       }
       out.body = take_buffer(size - data_written());
-      std::memcpy(out.body.data(), data + data_written(), out.body.size());
+      if (!out.body.empty()) std::memcpy(out.body.data(), data + data_written(), out.body.size());
       return out;
     }
     size_t data_written() const {
