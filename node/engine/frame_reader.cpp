@@ -133,6 +133,8 @@ bool FrameReader::read_landing(int fd, const Landing &landing, std::vector<Frame
     filled += to_landing;
     left -= to_landing;
     const size_t to_next = left;
+    // A read that left room in the thread's buffer emptied the socket.
+    if (to_next < kReadChunk) emptied_at_ = std::chrono::steady_clock::now();
     if (!header && head_have == kFrameHeaderSize) {
       try {
         header = decode_frame_header(head);
