@@ -43,8 +43,9 @@ std::vector<uint8_t> take_buffer(size_t size) {
 
 void give_back_buffer(std::vector<uint8_t> &&buffer) {
   if (buffer.capacity() < kPooledBufferSize || buffer.capacity() > kMaxPooledCapacity) return;
+  // Kept at its size: a later take of no more bytes only shrinks it, where
+  // a cleared vector would be zero-filled again.
   std::vector<uint8_t> kept = std::move(buffer);
-  kept.clear();
   Pool &p = pool();
   std::lock_guard<std::mutex> hold(p.mutex);
   if (p.bytes + kept.capacity() > kMaxPooledBytes) return;

@@ -111,7 +111,11 @@ bool FrameReader::read_landing(int fd, const Landing &landing, std::vector<Frame
       pieces[count++] = {head + head_have, kFrameHeaderSize - head_have};
     }
     if (want > 0) pieces[count++] = {landing.data + filled, want};
-    pieces[count++] = {next, kReadChunk};
+    // After a large record, take only the start of what follows: the records
+    // after it are most likely large too, and left in the socket each lands
+    // in its own receive's buffer instead of being copied twice.
+    const size_t trailing = landed_large_ ? kDirectPayload + kFrameHeaderSize : kReadChunk;
+    pieces[count++] = {next, trailing};
     msghdr message{};
     message.msg_iov = pieces;
     message.msg_iovlen = count;
@@ -134,7 +138,7 @@ bool FrameReader::read_landing(int fd, const Landing &landing, std::vector<Frame
     left -= to_landing;
     const size_t to_next = left;
     // A read that left room in the thread's buffer emptied the socket.
-    if (to_next < kReadChunk) emptied_at_ = std::chrono::steady_clock::now();
+    if (to_next < trailing) emptied_at_ = std::chrono::steady_clock::now();
     if (!header && head_have == kFrameHeaderSize) {
       try {
         header = decode_frame_header(head);
@@ -147,7 +151,7 @@ bool FrameReader::read_landing(int fd, const Landing &landing, std::vector<Frame
         std::vector<uint8_t> bytes(head, head + kFrameHeaderSize);
         bytes.insert(bytes.end(), landing.data, landing.data + filled);
         bytes.insert(bytes.end(), next, next + to_next);
-        decode(bytes.data(), bytes.size(), frames);
+        decode(bytes.data(), bytes.size(), frames, true);
         return true;
       }
     }
@@ -162,12 +166,14 @@ bool FrameReader::read_landing(int fd, const Landing &landing, std::vector<Frame
     frame.code = header->code;
     frame.landed = header->payload_size;
     frames.push_back(std::move(frame));
-    decode(after.data(), after.size(), frames);
+    landed_large_ = header->payload_size >= kDirectPayload;
+    decode(after.data(), after.size(), frames, true);
     return true;
   }
 }
 
-void FrameReader::decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames) {
+void FrameReader::decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames,
+                         bool hold_data) {
   size_t offset = 0;
   for (;;) {
     const uint8_t *at = bytes + offset;
@@ -185,7 +191,13 @@ void FrameReader::decode(const uint8_t *bytes, size_t size, std::vector<Frame> &
       break;
     }
     const size_t whole = kFrameHeaderSize + header.payload_size;
-    if (left < whole && header.payload_size < kDirectPayload) break;  // kept for the next read
+    // Kept for the next read: a small frame, or the start of a record that a
+    // waiting receive may still take straight into its buffer.
+    if (left < whole &&
+        (header.payload_size < kDirectPayload || (hold_data && header.type == FrameType::kData &&
+                                                  left <= kDirectPayload + kFrameHeaderSize))) {
+      break;
+    }
     Frame frame;
     frame.type = header.type;
     frame.flags = header.flags;

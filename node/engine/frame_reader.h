@@ -51,12 +51,16 @@ class FrameReader {
   ssize_t receive(int fd, uint8_t *into, size_t size, bool wait);
   // Takes a read's result as receive() does: the bytes, 0, or -1.
   ssize_t received(ssize_t n);
-  void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames);
+  // `hold_data`: the start of an incomplete DATA frame, if short, stays in
+  // `rest_` for read_landing() rather than going into a payload of its own.
+  void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames,
+              bool hold_data = false);
 
   std::vector<uint8_t> rest_;     // the start of a frame not yet whole
   std::optional<Frame> partial_;  // a large frame being read into its payload
   size_t partial_filled_ = 0;
   End end_ = End::kNone;
+  bool landed_large_ = false;  // the last record landed was large
   std::chrono::steady_clock::time_point emptied_at_;
 };
 

@@ -73,6 +73,9 @@ class State : public ReactorEndpoint,
   ~State() override { ::close(fd_); }
 
   void start() {
+    // Bounds a write that waits for room (see send_data).
+    const timeval limit{0, kWriteCheckMs * 1000};
+    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     key_ = reactor_register(fd_, shared_from_this());
     if (key_ == 0) {
       write_failed_ = true;
@@ -126,11 +129,14 @@ class State : public ReactorEndpoint,
       self_writing_ = true;
       update_watch_locked();
       hold.unlock();
+      // Nobody else writes while `partial_out_` is set, so the rest goes out
+      // without the mutex, in writes that wait in the kernel for room as a
+      // plain blocking write does (one system call where a poll and a
+      // write would be two), each given up after the socket's send time-out
+      // to look whether the link has closed meanwhile.
       run_without_process_lock([&] {
         while (!frame.done() && !write_failed_.load() && !closed_.load()) {
-          wait_for_room(fd_);
-          std::lock_guard<std::mutex> again(out_mutex_);
-          frame.write(fd_, write_failed_);
+          frame.write(fd_, write_failed_, true);
         }
       });
       hold.lock();
@@ -279,9 +285,10 @@ class State : public ReactorEndpoint,
     size_t written = 0;
 
     bool done() const { return written == kFrameHeaderSize + size; }
-    // Writes on until the socket is full or the frame is out; sets `failed`
-    // when the peer is gone.
-    void write(int fd, std::atomic<bool> &failed) {
+    // Writes on until the socket is full (or, with `wait`, until the send
+    // time-out passes) or the frame is out; sets `failed` when the peer is
+    // gone.
+    void write(int fd, std::atomic<bool> &failed, bool wait = false) {
       while (!done()) {
         iovec pieces[2];
         size_t count = 0;
@@ -293,13 +300,14 @@ class State : public ReactorEndpoint,
         msghdr message{};
         message.msg_iov = pieces;
         message.msg_iovlen = count;
-        const ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL | (wait ? 0 : MSG_DONTWAIT));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
           if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) failed = true;
           return;
         }
         written += static_cast<size_t>(n);
+        if (wait) return;  // the caller looks at the link before writing on
       }
     }
     // What is not written yet, copied for the queue.
