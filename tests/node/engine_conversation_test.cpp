@@ -19,38 +19,6 @@ Options mapped(uint8_t sync = 0) {
   return o;
 }
 
-TEST(EngineConversation, PingPongOnBothConversationTypes) {
-  for (bool is_mapped : {true, false}) {
-    SCOPED_TRACE(is_mapped ? "mapped" : "basic");
-    EngineHarness h;
-    auto [a, b] = h.connect(is_mapped ? mapped() : basic());
-    EXPECT_EQ(h.state(a), AP_STATE_SEND);
-    EXPECT_EQ(h.state(b), AP_STATE_RECEIVE);
-    const std::string ping = is_mapped ? "ping" : record("ping");
-    const std::string pong = is_mapped ? "pong!" : record("pong!");
-    for (int round = 0; round < 3; ++round) {
-      // The receive-and-wait in Send state hands the turn over first.
-      std::vector<uint8_t> buffer(100);
-      auto wait = EngineHarness::receive_vcb(a, buffer, true);
-      ASSERT_EQ(h.send(a, ping), AP_OK);
-      EXPECT_FALSE(h.submit(&wait));
-      Received got = h.receive(b);
-      EXPECT_EQ(got.rc, AP_OK);
-      EXPECT_EQ(got.data, ping);
-      EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
-      got = h.receive(b);
-      EXPECT_EQ(got.what, AP_WR_SEND);
-      EXPECT_EQ(h.state(b), AP_STATE_SEND);
-      ASSERT_EQ(h.send(b, pong, AP_SEND_PTR_FLUSH), AP_OK);
-      ASSERT_TRUE(h.completed(&wait));
-      EXPECT_EQ(EngineHarness::result_of(wait, buffer).data, pong);
-      EXPECT_EQ(h.receive(a).what, AP_WR_SEND);
-    }
-    EXPECT_EQ(h.deallocate(a, AP_DEALLOC_FLUSH), AP_OK);
-    EXPECT_EQ(h.receive(b).rc, AP_DEALLOC_NORMAL);
-  }
-}
-
 TEST(EngineConversation, BufferedDataStaysUntilFlushedOrPastTheModeBufferSize) {
   config::NodeConfig cfg;
   cfg.modes.push_back({"#INTER", 8, 10});

@@ -51,46 +51,6 @@ Conv allocate(const std::string &name, bool mapped = true) {
   return Conv{tp, vcb.hdr.conv_id, mapped};
 }
 
-TEST(EngineDispatch, BlockingPingPongBetweenThreads) {
-  const std::string name = "ECHO";
-  serve(name);
-  Conv server;
-  std::thread echo([&] {
-    server = accept(name);
-    std::vector<uint8_t> buffer(256);
-    for (;;) {
-      auto rcv = EngineHarness::receive_vcb(server, buffer, true, 1, 1);
-      appc_c_version(APPC_INTERFACE_VERSION, &rcv);
-      if (rcv.hdr.primary_rc != AP_OK) {
-        EXPECT_EQ(rcv.hdr.primary_rc, AP_DEALLOC_NORMAL);
-        return;
-      }
-      EXPECT_EQ(rcv.what_received, AP_WR_DATA_COMPLETE | AP_WR_SEND);
-      const std::string reply(buffer.begin(), buffer.begin() + rcv.data_length);
-      auto send = EngineHarness::send_vcb(server, reply, AP_SEND_PTR_FLUSH);
-      appc_c_version(APPC_INTERFACE_VERSION, &send);
-      EXPECT_EQ(send.hdr.primary_rc, AP_OK);
-    }
-  });
-  Conv client = allocate(name);
-  std::vector<uint8_t> buffer(256);
-  for (int i = 0; i < 50; ++i) {
-    const std::string ping = "ping " + std::to_string(i);
-    auto send = EngineHarness::send_vcb(client, ping, AP_SEND_BUFFER);
-    appc_c_version(APPC_INTERFACE_VERSION, &send);
-    ASSERT_EQ(send.hdr.primary_rc, AP_OK);
-    auto rcv = EngineHarness::receive_vcb(client, buffer, true, 1, 1);
-    appc_c_version(APPC_INTERFACE_VERSION, &rcv);  // turns the conversation, then waits
-    ASSERT_EQ(rcv.hdr.primary_rc, AP_OK);
-    EXPECT_EQ(rcv.what_received, AP_WR_DATA_COMPLETE | AP_WR_SEND);
-    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + rcv.data_length), ping);
-  }
-  auto dealloc = EngineHarness::deallocate_vcb(client, AP_DEALLOC_FLUSH, "");
-  appc_c_version(APPC_INTERFACE_VERSION, &dealloc);
-  EXPECT_EQ(dealloc.hdr.primary_rc, AP_OK);
-  echo.join();
-}
-
 struct Completion {
   std::mutex mutex;
   std::condition_variable cv;
