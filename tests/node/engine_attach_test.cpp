@@ -84,19 +84,6 @@ TEST(EngineAttach, PartnerByQualifiedNameAndUnknownPartnerOrMode) {
   }
 }
 
-TEST(EngineAttach, TpNameNobodyServesFailsOnTheNextVerbThatSends) {
-  EngineHarness h;
-  auto tp = h.start_tp();
-  AllocateOptions o;
-  o.tp_name = "NOBODY";
-  Conv a = h.allocate(tp, o);
-  EXPECT_EQ(h.send(a, "buffered only"), AP_OK);  // nothing has gone to the partner yet
-  auto [primary, secondary] = error_on_flush(h, a);
-  EXPECT_EQ(primary, AP_ALLOCATION_ERROR);
-  EXPECT_EQ(secondary, AP_TP_NAME_NOT_RECOGNIZED);
-  EXPECT_EQ(h.simple(NAP_FLUSH, a), AP_PARAMETER_CHECK);  // the conversation is gone
-}
-
 TEST(EngineAttach, QueuedAttachIsTakenByALaterAcceptWithItsData) {
   EngineHarness h;
   ASSERT_EQ(h.local_tp(NAP_DEFINE_LOCAL_TP, "LATER"), AP_OK);
@@ -111,57 +98,6 @@ TEST(EngineAttach, QueuedAttachIsTakenByALaterAcceptWithItsData) {
   EXPECT_EQ(h.receive(EngineHarness::accepted(accept)).data, "early");
   ASSERT_EQ(h.local_tp(NAP_DELETE_LOCAL_TP, "LATER"), AP_OK);
   EXPECT_EQ(h.local_tp(NAP_DELETE_LOCAL_TP, "LATER"), AP_PARAMETER_CHECK);
-}
-
-TEST(EngineAttach, QueuedAttachTimesOutAndTheWaitingVerbLearnsIt) {
-  config::NodeConfig cfg;
-  cfg.attach_timeout_ms = 50;
-  EngineHarness h(cfg);
-  ASSERT_EQ(h.local_tp(NAP_DEFINE_LOCAL_TP, "SLOW"), AP_OK);
-  auto tp = h.start_tp();
-  AllocateOptions o;
-  o.tp_name = "SLOW";
-  Conv a = h.allocate(tp, o);
-  std::vector<uint8_t> buffer(10);
-  auto wait = EngineHarness::receive_vcb(a, buffer, true);
-  ASSERT_FALSE(h.submit(&wait));
-  ASSERT_TRUE(h.wait_completed(&wait, std::chrono::seconds(10)));
-  EXPECT_EQ(wait.hdr.primary_rc, AP_ALLOCATION_ERROR);
-  EXPECT_EQ(wait.hdr.secondary_rc, AP_TP_NOT_AVAILABLE_RETRY);
-}
-
-TEST(EngineAttach, ConversationTypeAndSyncLevelMustSuitTheTp) {
-  config::NodeConfig cfg;
-  auto mapped_only = invokable("MAPONLY");
-  mapped_only.accept_basic = false;
-  auto no_confirm = invokable("NOCONF");
-  no_confirm.accept_sync_confirm = false;
-  cfg.tps = {mapped_only, no_confirm, invokable("ANY")};
-  struct Case {
-    std::string tp_name;
-    bool mapped;
-    uint8_t sync;
-    uint32_t refusal;  // 0: accepted
-  };
-  const Case cases[] = {
-      {"MAPONLY", false, 0, AP_CONV_TYPE_MISMATCH},     {"MAPONLY", true, 0, 0},
-      {"NOCONF", true, 1, AP_SYNC_LEVEL_NOT_SUPPORTED}, {"NOCONF", true, 0, 0},
-      {"ANY", true, 2, AP_SYNC_LEVEL_NOT_SUPPORTED},    {"ANY", false, 1, 0},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.tp_name + " sync " + std::to_string(c.sync));
-    EngineHarness h(cfg);
-    AllocateOptions o;
-    o.tp_name = c.tp_name;
-    o.mapped = c.mapped;
-    o.sync_level = c.sync;
-    EngineHarness::Accept accept;
-    Conv a = allocate_to_waiting_accept(h, accept, o);
-    EXPECT_EQ(h.completed(&accept.vcb), c.refusal == 0);
-    auto [primary, secondary] = error_on_flush(h, a);
-    EXPECT_EQ(primary, c.refusal == 0 ? AP_OK : AP_ALLOCATION_ERROR);
-    EXPECT_EQ(secondary, c.refusal);
-  }
 }
 
 TEST(EngineAttach, ConversationSecurity) {
@@ -240,55 +176,6 @@ TEST(EngineAttach, SameSecurityFromAVerifiedTpPassesItsUserOn) {
   h.allocate(middle_tp, same);
   ASSERT_TRUE(h.completed(&last.vcb));
   EXPECT_EQ(ebcdic_name(last.vcb.rcv_user_id, 10), "ALICE");
-}
-
-TEST(EngineAttach, SessionLimitRefusesImmediateAndQueuesTheRest) {
-  config::NodeConfig cfg;
-  cfg.modes.push_back({"#INTER", 1, 4096});
-  EngineHarness h(cfg);
-  auto [a, b] = h.connect();
-  auto tp = h.start_tp();
-  AllocateOptions immediate;
-  immediate.return_control = 1;
-  NAP_ALLOCATE refused = h.allocate_vcb(tp, immediate);
-  ASSERT_TRUE(h.submit(&refused));
-  EXPECT_EQ(refused.hdr.primary_rc, AP_UNSUCCESSFUL);
-
-  NAP_ALLOCATE queued = h.allocate_vcb(tp, AllocateOptions{});
-  ASSERT_FALSE(h.submit(&queued));
-  EXPECT_EQ(h.send(a, "x", AP_SEND_FLUSH), AP_OK);
-  EXPECT_FALSE(h.completed(&queued));
-  // The session is free once the allocating side has ended the conversation.
-  EXPECT_EQ(h.deallocate(a, AP_DEALLOC_FLUSH), AP_OK);
-  ASSERT_TRUE(h.completed(&queued));
-  EXPECT_EQ(h.receive(b).data, "x");
-  EXPECT_EQ(queued.hdr.primary_rc, AP_OK);
-  EXPECT_NE(queued.hdr.conv_id, 0u);
-}
-
-TEST(EngineAttach, CancelEndsWaitingVerbsAndThePartnerSeesAnAbend) {
-  EngineHarness h;
-  auto [a, b] = h.connect();
-  std::vector<uint8_t> buffer(10);
-  auto wait = EngineHarness::receive_vcb(b, buffer, true);
-  ASSERT_FALSE(h.submit(&wait));
-  auto cancel = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_CANCEL, b);
-  ASSERT_TRUE(h.submit(&cancel));
-  EXPECT_EQ(cancel.hdr.primary_rc, AP_OK);
-  ASSERT_TRUE(h.completed(&wait));
-  EXPECT_EQ(wait.hdr.primary_rc, AP_CANCELLED);
-  EXPECT_EQ(h.send(a, "x", AP_SEND_FLUSH), AP_DEALLOC_ABEND_PROG);
-
-  // An accept still waiting is named by the library's own handle.
-  EngineHarness::Accept accept;
-  EngineHarness::prepare_accept(accept, {"SERVER"}, 4242);
-  ASSERT_FALSE(h.submit(&accept.vcb));
-  NAP_HDR cancel_accept{};
-  cancel_accept.opcode = NAP_CANCEL;
-  cancel_accept.conv_id = 4242;
-  ASSERT_TRUE(h.submit(&cancel_accept));
-  ASSERT_TRUE(h.completed(&accept.vcb));
-  EXPECT_EQ(accept.vcb.primary_rc, AP_CANCELLED);
 }
 
 TEST(EngineAttach, TpEndedEndsItsConversations) {
