@@ -149,6 +149,52 @@ TEST(SocketLink, LargePayloadsPassWithBackPressure) {
   for (size_t i = 0; i < count; ++i) expect_same(got[i], sent[i], i);
 }
 
+// A record sent from its caller's buffer that the socket cannot take whole:
+// the sender waits for room and the record arrives intact; with nobody
+// reading, closing the link (as a cancel does) ends the wait.
+TEST(SocketLink, ASenderWaitingForRoomFinishesOrIsReleasedByClose) {
+  std::vector<uint8_t> record(kMaxFramePayload);
+  for (size_t i = 0; i < record.size(); ++i) record[i] = static_cast<uint8_t>(i * 13);
+  // A send buffer far smaller than the record.
+  auto small_pair = [] {
+    SocketPair pair;
+    const int size = 4096;
+    EXPECT_EQ(::setsockopt(pair.fds[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size), 0);
+    return pair;
+  };
+  {
+    SocketPair pair = small_pair();
+    auto sender = make_socket_link(pair.fds[0]);
+    auto receiver = make_socket_link(pair.fds[1]);
+    RecordingSink sink;
+    {
+      snanode::ProcessLockGuard lock;
+      receiver->attach(&sink);
+      sender->send_data(0, record.data(), record.size(), true);
+    }
+    ASSERT_TRUE(sink.wait_for_frames(1, 20s));
+    EXPECT_TRUE(sink.frames()[0].payload == record);
+  }
+  for (bool quietly : {false, true}) {
+    SCOPED_TRACE(quietly ? "quietly" : "telling the peer");
+    SocketPair pair = small_pair();
+    auto sender = make_socket_link(pair.fds[0]);
+    std::thread closer([&] {
+      std::this_thread::sleep_for(50ms);
+      snanode::ProcessLockGuard lock;  // released by the waiting sender
+      sender->close(quietly);
+    });
+    const auto started = std::chrono::steady_clock::now();
+    {
+      snanode::ProcessLockGuard lock;
+      sender->send_data(0, record.data(), record.size(), true);
+    }
+    closer.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+    ::close(pair.fds[1]);
+  }
+}
+
 // A thread whose verb waits reads the socket itself: the frames are
 // delivered on that thread, in order with what the reactor delivered before;
 // closing the link (as a cancel does) ends its wait.
