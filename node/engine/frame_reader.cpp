@@ -22,6 +22,13 @@ constexpr size_t kDirectPayload = 8 * 1024;
 
 void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool wait) {
   for (; end_ == End::kNone; wait = false) {
+    if (!partial_ && rest_.size() > kDirectPayload + kFrameHeaderSize) {
+      // The start of a large record held for a landing that did not come:
+      // it goes into a payload of its own, read on as any large frame.
+      const std::vector<uint8_t> held = std::move(rest_);
+      rest_.clear();
+      decode(held.data(), held.size(), frames);
+    }
     if (partial_) {
       auto &payload = partial_->payload;
       const ssize_t n =
@@ -194,8 +201,7 @@ void FrameReader::decode(const uint8_t *bytes, size_t size, std::vector<Frame> &
     // Kept for the next read: a small frame, or the start of a record that a
     // waiting receive may still take straight into its buffer.
     if (left < whole &&
-        (header.payload_size < kDirectPayload || (hold_data && header.type == FrameType::kData &&
-                                                  left <= kDirectPayload + kFrameHeaderSize))) {
+        (header.payload_size < kDirectPayload || (hold_data && header.type == FrameType::kData))) {
       break;
     }
     Frame frame;

@@ -51,8 +51,8 @@ class FrameReader {
   ssize_t receive(int fd, uint8_t *into, size_t size, bool wait);
   // Takes a read's result as receive() does: the bytes, 0, or -1.
   ssize_t received(ssize_t n);
-  // `hold_data`: the start of an incomplete DATA frame, if short, stays in
-  // `rest_` for read_landing() rather than going into a payload of its own.
+  // `hold_data`: the start of an incomplete DATA frame stays in `rest_` for
+  // read_landing() rather than going into a payload of its own.
   void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames,
               bool hold_data = false);
 
