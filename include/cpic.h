@@ -289,8 +289,8 @@ CM_ENTRY cmchck(unsigned char CM_PTR conversation_ID, CM_RETURN_CODE CM_PTR retu
 CM_ENTRY cmcanc(unsigned char CM_PTR conversation_ID, CM_RETURN_CODE CM_PTR return_code);
 
 /* Setting characteristics */
-CM_ENTRY cmsct(unsigned char CM_PTR conversation_ID,
-               CM_CONVERSATION_TYPE CM_PTR conversation_type, CM_RETURN_CODE CM_PTR return_code);
+CM_ENTRY cmsct(unsigned char CM_PTR conversation_ID, CM_CONVERSATION_TYPE CM_PTR conversation_type,
+               CM_RETURN_CODE CM_PTR return_code);
 CM_ENTRY cmsdt(unsigned char CM_PTR conversation_ID, CM_DEALLOCATE_TYPE CM_PTR deallocate_type,
                CM_RETURN_CODE CM_PTR return_code);
 CM_ENTRY cmsed(unsigned char CM_PTR conversation_ID, CM_ERROR_DIRECTION CM_PTR error_direction,
@@ -322,8 +322,8 @@ CM_ENTRY cmspm(unsigned char CM_PTR conversation_ID, CM_PROCESSING_MODE CM_PTR p
                CM_RETURN_CODE CM_PTR return_code);
 
 /* Extracting characteristics */
-CM_ENTRY cmect(unsigned char CM_PTR conversation_ID,
-               CM_CONVERSATION_TYPE CM_PTR conversation_type, CM_RETURN_CODE CM_PTR return_code);
+CM_ENTRY cmect(unsigned char CM_PTR conversation_ID, CM_CONVERSATION_TYPE CM_PTR conversation_type,
+               CM_RETURN_CODE CM_PTR return_code);
 CM_ENTRY cmemn(unsigned char CM_PTR conversation_ID, unsigned char CM_PTR mode_name,
                CM_INT32 CM_PTR mode_name_length, CM_RETURN_CODE CM_PTR return_code);
 CM_ENTRY cmepln(unsigned char CM_PTR conversation_ID, unsigned char CM_PTR partner_LU_name,
@@ -418,55 +418,37 @@ CM_ENTRY CMSDT(unsigned char CM_PTR, CM_DEALLOCATE_TYPE CM_PTR, CM_RETURN_CODE C
 CM_ENTRY CMSED(unsigned char CM_PTR, CM_ERROR_DIRECTION CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSF(unsigned char CM_PTR, CM_FILL CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSLD(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMSLLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMSLLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSMN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMSPLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMSPLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSPTR(unsigned char CM_PTR, CM_PREPARE_TO_RECEIVE_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSRT(unsigned char CM_PTR, CM_RECEIVE_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSRC(unsigned char CM_PTR, CM_RETURN_CONTROL CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSST(unsigned char CM_PTR, CM_SEND_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSSL(unsigned char CM_PTR, CM_SYNC_LEVEL CM_PTR, CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMSTPN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMSTPN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSPM(unsigned char CM_PTR, CM_PROCESSING_MODE CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMECT(unsigned char CM_PTR, CM_CONVERSATION_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMEMN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMEPLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMELLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMEPLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMELLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMESL(unsigned char CM_PTR, CM_SYNC_LEVEL CM_PTR, CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMETPN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMETPN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMEMBS(CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
-CM_ENTRY XCSCST(unsigned char CM_PTR, XC_CONVERSATION_SECURITY_TYPE CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMSCST(unsigned char CM_PTR, CM_CONVERSATION_SECURITY_TYPE CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY XCSCSU(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMSCSU(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY XCSCSP(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMSCSP(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY XCECST(unsigned char CM_PTR, XC_CONVERSATION_SECURITY_TYPE CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMECST(unsigned char CM_PTR, CM_CONVERSATION_SECURITY_TYPE CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY XCECSU(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMECSU(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMESUI(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
+CM_ENTRY XCSCST(unsigned char CM_PTR, XC_CONVERSATION_SECURITY_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMSCST(unsigned char CM_PTR, CM_CONVERSATION_SECURITY_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY XCSCSU(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMSCSU(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY XCSCSP(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMSCSP(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY XCECST(unsigned char CM_PTR, XC_CONVERSATION_SECURITY_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMECST(unsigned char CM_PTR, CM_CONVERSATION_SECURITY_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY XCECSU(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMECSU(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMESUI(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSLTP(unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMRLTP(unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMECTX(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR,
-                CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMECTX(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMSCTX(unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY XCMSSI(unsigned char CM_PTR, SIDE_INFO CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY XCMESI(CM_INT32 CM_PTR, unsigned char CM_PTR, SIDE_INFO CM_PTR, CM_INT32 CM_PTR,

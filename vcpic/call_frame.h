@@ -30,8 +30,8 @@ inline constexpr const char *kUnitUtil = "vcpic/cpicutil";
 
 // Reports `text` through the node's assertion facility when `cond` is false;
 // processing continues either way.
-#define CPIC_ASSERT(unit, cond, text)                \
-  do {                                               \
+#define CPIC_ASSERT(unit, cond, text)                 \
+  do {                                                \
     if (!(cond)) v0_assert((unit), __LINE__, (text)); \
   } while (0)
 
@@ -45,7 +45,9 @@ inline bool audit_records_on() noexcept {
   return (ptrc[SNANODE_TRACE_NO_AUDIT_BYTE] & SNANODE_TRACE_NO_AUDIT_BIT) == 0;
 }
 
-inline uintptr_t trace_arg(const void *p) noexcept { return reinterpret_cast<uintptr_t>(p); }
+inline uintptr_t trace_arg(const void *p) noexcept {
+  return reinterpret_cast<uintptr_t>(p);
+}
 
 class CallFrame {
  public:
@@ -68,8 +70,8 @@ class CallFrame {
   void request(const CCCB *cccb, const void *arg4, const void *a1 = nullptr,
                const void *a2 = nullptr, const void *a3 = nullptr, const void *a4 = nullptr,
                const void *a5 = nullptr) const {
-    seputrcp(1, verb_, const_cast<CCCB *>(cccb), arg4, trace_arg(a1), trace_arg(a2),
-             trace_arg(a3), trace_arg(a4), trace_arg(a5));
+    seputrcp(1, verb_, const_cast<CCCB *>(cccb), arg4, trace_arg(a1), trace_arg(a2), trace_arg(a3),
+             trace_arg(a4), trace_arg(a5));
   }
 
   // Response record: the CCCB (or null), the return code and up to five

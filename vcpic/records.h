@@ -13,7 +13,7 @@
 #include "snanode/verbs.h"
 
 // Allocation classes handed to nba_mm_alloc.
-inline constexpr uint32_t kMemKept = 0x302;       // CCCBs and records the library keeps
+inline constexpr uint32_t kMemKept = 0x302;        // CCCBs and records the library keeps
 inline constexpr uint32_t kMemShortLived = 0x202;  // verb blocks that live for one verb
 
 // Side-information entry in internal form; also embedded in every CCCB.

@@ -61,8 +61,8 @@ typedef struct vtm_table *VTM_TABLE;
 #define NB_NULL_HANDLE 0u
 SNANODE_API void vtm_table_init(VTM_TABLE *field, uint32_t r1); /* *field NULL on failure */
 SNANODE_API void vtm_table_terminate(VTM_TABLE *field);
-SNANODE_API uint32_t vtm_get_free_entry(VTM_TABLE table, void *pointer);  /* 0 = full */
-SNANODE_API void *vtm_get_pointer(VTM_TABLE table, uint32_t handle);      /* NULL = unused */
+SNANODE_API uint32_t vtm_get_free_entry(VTM_TABLE table, void *pointer); /* 0 = full */
+SNANODE_API void *vtm_get_pointer(VTM_TABLE table, uint32_t handle);     /* NULL = unused */
 SNANODE_API void vtm_release_entry(VTM_TABLE table, uint32_t handle);
 SNANODE_API uint32_t vtm_get_next_used(VTM_TABLE table, uint32_t previous,
                                        void **pointer); /* 0 = end */

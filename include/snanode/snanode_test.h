@@ -22,10 +22,10 @@ extern "C" {
 SNANODE_API void snt_reset(void);
 
 /* ---- failure injection: each makes the next n operations of its kind fail ---- */
-SNANODE_API void snt_fail_allocations(uint32_t n);       /* nba_mm_alloc returns NULL */
-SNANODE_API void snt_fail_table_inserts(uint32_t n);     /* vtm_get_free_entry returns 0 */
-SNANODE_API void snt_fail_table_inits(uint32_t n);       /* vtm_table_init leaves NULL */
-SNANODE_API void snt_refuse_wait_objects(uint32_t n);    /* vpm_allocate_wait_object NULL */
+SNANODE_API void snt_fail_allocations(uint32_t n);        /* nba_mm_alloc returns NULL */
+SNANODE_API void snt_fail_table_inserts(uint32_t n);      /* vtm_get_free_entry returns 0 */
+SNANODE_API void snt_fail_table_inits(uint32_t n);        /* vtm_table_init leaves NULL */
+SNANODE_API void snt_refuse_wait_objects(uint32_t n);     /* vpm_allocate_wait_object NULL */
 SNANODE_API void snt_fail_path_registrations(uint32_t n); /* vpm_init_path_user leaves 0 */
 
 /* Ends the path as a lost node would: outstanding verbs complete with
@@ -39,10 +39,10 @@ typedef struct {
   uint32_t code;
   uint32_t probe;
   char arg_types[32];
-  uint32_t arg_count;    /* number of tokens in arg_types */
-  uint64_t args[8];      /* integers; for ba/ca/es the length, for s 0 */
-  uint8_t bytes[8][64];  /* for ba/ca/es/s the first bytes of the data */
-  char line[512];        /* the line written to the log file */
+  uint32_t arg_count;   /* number of tokens in arg_types */
+  uint64_t args[8];     /* integers; for ba/ca/es the length, for s 0 */
+  uint8_t bytes[8][64]; /* for ba/ca/es/s the first bytes of the data */
+  char line[512];       /* the line written to the log file */
 } SNT_RECORD;
 
 SNANODE_API uint32_t snt_problem_count(void);
@@ -67,12 +67,12 @@ SNANODE_API uint64_t snt_bytes_in_use(uint32_t mem_class);
  * RECEIVE_ALLOCATE_CPIC). */
 typedef void (*SNT_FILL)(void *vcb, void *context);
 typedef struct {
-  uint16_t opcode;        /* 0 = any */
+  uint16_t opcode; /* 0 = any */
   uint16_t primary_rc;
   uint32_t secondary_rc;
-  int complete_later;     /* 1: answer 0x17F0 (or, for a blocking verb, wait) until
-                             the test completes it; ignored for appc_c_version */
-  SNT_FILL fill;          /* optional: writes out-fields into the VCB */
+  int complete_later; /* 1: answer 0x17F0 (or, for a blocking verb, wait) until
+                         the test completes it; ignored for appc_c_version */
+  SNT_FILL fill;      /* optional: writes out-fields into the VCB */
   void *context;
 } SNT_VERB_SCRIPT;
 

@@ -142,37 +142,37 @@ typedef struct {
 
 typedef struct { /* opcode 1 */
   NAP_HDR hdr;
-  uint8_t reserv24;             /* 24: 0 */
-  uint8_t sync_level;           /* 25 */
-  uint8_t reserv26[2];          /* 26 */
-  uint8_t return_control;       /* 28 */
-  uint8_t reserv29[11];         /* 29 */
-  uint8_t partner_lu_alias[8];  /* 40: ASCII alias, when unqualified */
-  uint8_t mode_name[8];         /* 48: EBCDIC */
-  uint8_t tp_name[64];          /* 56: EBCDIC */
-  uint8_t security_type;        /* 120: CPI-C security type */
-  uint8_t reserv121[11];        /* 121 */
-  uint8_t password[10];         /* 132: EBCDIC */
-  uint8_t user_id[10];          /* 142: EBCDIC */
-  uint16_t reserv152;           /* 152: 0 */
-  uint8_t reserv154[15];        /* 154 */
-  uint8_t partner_lu_name[17];  /* 169: EBCDIC NETID.LUNAME, when qualified */
-  uint8_t reserv186[22];        /* 186 */
+  uint8_t reserv24;            /* 24: 0 */
+  uint8_t sync_level;          /* 25 */
+  uint8_t reserv26[2];         /* 26 */
+  uint8_t return_control;      /* 28 */
+  uint8_t reserv29[11];        /* 29 */
+  uint8_t partner_lu_alias[8]; /* 40: ASCII alias, when unqualified */
+  uint8_t mode_name[8];        /* 48: EBCDIC */
+  uint8_t tp_name[64];         /* 56: EBCDIC */
+  uint8_t security_type;       /* 120: CPI-C security type */
+  uint8_t reserv121[11];       /* 121 */
+  uint8_t password[10];        /* 132: EBCDIC */
+  uint8_t user_id[10];         /* 142: EBCDIC */
+  uint16_t reserv152;          /* 152: 0 */
+  uint8_t reserv154[15];       /* 154 */
+  uint8_t partner_lu_name[17]; /* 169: EBCDIC NETID.LUNAME, when qualified */
+  uint8_t reserv186[22];       /* 186 */
 } NAP_ALLOCATE;
 
-typedef struct { /* opcode 20; no common header */
-  uint16_t opcode;             /* 0 */
-  uint8_t reserv2[2];          /* 2 */
-  uint16_t primary_rc;         /* 4 */
-  uint8_t reserv6[2];          /* 6 */
-  uint32_t secondary_rc;       /* 8 */
-  uint8_t local_lu_name[8];    /* 12: ASCII; the node may fill it in */
-  uint8_t tp_id[8];            /* 20: out */
-  uint8_t tp_name[64];         /* 28: EBCDIC */
-  uint8_t reserv92[116];       /* 92 */
+typedef struct {            /* opcode 20; no common header */
+  uint16_t opcode;          /* 0 */
+  uint8_t reserv2[2];       /* 2 */
+  uint16_t primary_rc;      /* 4 */
+  uint8_t reserv6[2];       /* 6 */
+  uint32_t secondary_rc;    /* 8 */
+  uint8_t local_lu_name[8]; /* 12: ASCII; the node may fill it in */
+  uint8_t tp_id[8];         /* 20: out */
+  uint8_t tp_name[64];      /* 28: EBCDIC */
+  uint8_t reserv92[116];    /* 92 */
 } NAP_START_TP_VCB;
 
-typedef struct { /* opcode 19; no common header */
+typedef struct {         /* opcode 19; no common header */
   uint16_t opcode;       /* 0 */
   uint8_t reserv2[2];    /* 2 */
   uint16_t primary_rc;   /* 4 */
@@ -183,7 +183,7 @@ typedef struct { /* opcode 19; no common header */
   uint8_t reserv21[187]; /* 21 */
 } NAP_TP_ENDED_VCB;
 
-typedef struct { /* opcode 0xF100 */
+typedef struct {                   /* opcode 0xF100 */
   uint16_t opcode;                 /* 0 */
   uint8_t opext;                   /* 2 */
   uint8_t format;                  /* 3: 1 */
@@ -230,13 +230,13 @@ typedef struct { /* opcode 15 */
 
 typedef struct { /* opcode 16 */
   NAP_HDR hdr;
-  uint8_t rts_received;       /* 24: out */
-  uint8_t error_type;         /* 25: 0 (basic) */
-  uint8_t error_direction;    /* 26: 1 send error, 0 receive error */
-  uint8_t reserv27;           /* 27 */
-  uint16_t log_data_length;   /* 28: basic only */
-  uint8_t reserv30[2];        /* 30 */
-  uint8_t *log_data_pointer;  /* 32: basic only */
+  uint8_t rts_received;      /* 24: out */
+  uint8_t error_type;        /* 25: 0 (basic) */
+  uint8_t error_direction;   /* 26: 1 send error, 0 receive error */
+  uint8_t reserv27;          /* 27 */
+  uint16_t log_data_length;  /* 28: basic only */
+  uint8_t reserv30[2];       /* 30 */
+  uint8_t *log_data_pointer; /* 32: basic only */
 } NAP_SEND_ERROR_VCB;
 
 typedef struct { /* opcode 5 */
@@ -266,7 +266,7 @@ typedef struct { /* opcode 9 */
   uint8_t conv_state; /* 24: out */
 } NAP_GET_STATE_VCB;
 
-typedef struct { /* opcodes 0xF101 and 0xF102: 76 bytes */
+typedef struct {         /* opcodes 0xF101 and 0xF102: 76 bytes */
   uint16_t opcode;       /* 0 */
   uint8_t reserv2[2];    /* 2 */
   uint16_t primary_rc;   /* 4 */
@@ -281,7 +281,7 @@ typedef struct { /* opcodes 0xF101 and 0xF102: 76 bytes */
 #define NOF_CLOSE_OPCODE 0xF005u
 #define NOF_SIDE_INFO_DATA_SIZE 212u
 
-typedef struct { /* 232 bytes */
+typedef struct {          /* 232 bytes */
   uint16_t opcode;        /* 0 */
   uint8_t reserv2[2];     /* 2 */
   uint16_t primary_rc;    /* 4 */
@@ -293,7 +293,7 @@ typedef struct { /* 232 bytes */
   uint8_t reserv228[4];   /* 228 */
 } NOF_OPEN;
 
-typedef struct { /* 48 bytes */
+typedef struct {            /* 48 bytes */
   uint16_t opcode;          /* 0 */
   uint8_t reserv2;          /* 2 */
   uint8_t format;           /* 3: 1 */
@@ -312,7 +312,7 @@ typedef struct { /* 48 bytes */
   uint8_t reserv46[2];      /* 46 */
 } NOF_QUERY_SIDE_INFO;
 
-typedef struct { /* 12 bytes */
+typedef struct {         /* 12 bytes */
   uint16_t opcode;       /* 0 */
   uint8_t reserv2[2];    /* 2 */
   uint16_t primary_rc;   /* 4 */
@@ -320,20 +320,20 @@ typedef struct { /* 12 bytes */
   uint32_t secondary_rc; /* 8 */
 } NOF_CLOSE;
 
-typedef struct { /* 212 bytes, ASCII names, blank padded */
-  uint16_t overlay_size;            /* 0 */
-  uint8_t sym_dest_name[8];         /* 2 */
-  uint8_t description[50];          /* 10 */
-  uint8_t partner_lu_name[17];      /* 60: alias or NETID.LUNAME */
-  uint8_t reserv77[3];              /* 77 */
-  uint32_t tp_name_type;            /* 80 */
-  uint8_t tp_name[64];              /* 84 */
-  uint8_t mode_name[8];             /* 148 */
+typedef struct {                       /* 212 bytes, ASCII names, blank padded */
+  uint16_t overlay_size;               /* 0 */
+  uint8_t sym_dest_name[8];            /* 2 */
+  uint8_t description[50];             /* 10 */
+  uint8_t partner_lu_name[17];         /* 60: alias or NETID.LUNAME */
+  uint8_t reserv77[3];                 /* 77 */
+  uint32_t tp_name_type;               /* 80 */
+  uint8_t tp_name[64];                 /* 84 */
+  uint8_t mode_name[8];                /* 148 */
   uint32_t conversation_security_type; /* 156 */
-  uint8_t security_user_id[10];     /* 160 */
-  uint8_t security_password[10];    /* 170 */
-  uint8_t lu_alias[8];              /* 180 */
-  uint8_t reserv188[24];            /* 188 */
+  uint8_t security_user_id[10];        /* 160 */
+  uint8_t security_password[10];       /* 170 */
+  uint8_t lu_alias[8];                 /* 180 */
+  uint8_t reserv188[24];               /* 188 */
 } NOF_SIDE_INFO_DATA;
 
 /* ---- layout checks ------------------------------------------------------------- */
