@@ -34,6 +34,7 @@ dir = "$work"
 tp_name = "APINGD"
 program = "$PWD/build/samples/apingd"
 arguments = ["-n", "1"]    # serve one conversation, then exit
+user = "$(id -un)"         # the account it runs as
 EOF
 export SNANODE_CONFIG="$work/snanode.toml"
 

@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "client/daemon_identity.h"
 #include "client/message_channel.h"
 #include "core/process_lock.h"
 
@@ -63,7 +64,7 @@ void run_reader(const std::shared_ptr<DaemonClient::Shared> &shared) {
 std::unique_ptr<DaemonClient> DaemonClient::connect(const std::string &path, DaemonEvents &events,
                                                     std::function<void()> on_lost) {
   UniqueFd socket = connect_unix_socket(path);
-  if (!socket.valid()) return nullptr;
+  if (!socket.valid() || !daemon_is_trusted(socket.get(), path)) return nullptr;
   auto shared = std::make_shared<Shared>(std::move(socket), events, std::move(on_lost));
   const Hello hello{kProtocolVersion, static_cast<uint32_t>(::getpid()),
                     static_cast<uint32_t>(::getuid())};

@@ -17,8 +17,15 @@ std::string environment(const char *name) {
 std::string daemon_socket_path(const config::NodeConfig &config) {
   if (!config.socket_path.empty()) return config.socket_path;
   if (std::string path = environment("SNANODE_SOCKET"); !path.empty()) return path;
-  if (std::string dir = environment("XDG_RUNTIME_DIR"); !dir.empty()) return dir + "/snanode.sock";
-  return "/tmp/snanode-" + std::to_string(::getuid()) + ".sock";
+  // Never a world-writable directory such as /tmp, where another user could
+  // bind the name first: root's node lives in /run/snanode, which only root
+  // can create; another user's in the runtime directory only it can write.
+  if (::geteuid() != 0) {
+    if (std::string dir = environment("XDG_RUNTIME_DIR"); !dir.empty()) {
+      return dir + "/snanode.sock";
+    }
+  }
+  return kSystemSocketPath;
 }
 
 }  // namespace snanode::client

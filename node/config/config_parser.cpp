@@ -17,6 +17,9 @@
 namespace snanode::config {
 namespace {
 
+// No host runs more programs of one node than this.
+constexpr uint32_t kMaxStartedPrograms = 4096;
+
 void check(TableReader &reader, std::string_view key, const Problem &problem) {
   if (problem) reader.fail(key, *problem);
 }
@@ -74,6 +77,9 @@ class Parser {
     config_.attach_timeout_ms =
         r.integer("attach_timeout_ms", config_.attach_timeout_ms, 0, UINT32_MAX);
     config_.socket_path = r.string("socket_path", "");
+    config_.daemon_user = r.string("daemon_user", "");
+    config_.max_started_tps =
+        r.integer("max_started_tps", config_.max_started_tps, 1, kMaxStartedPrograms);
     const std::string daemon = r.string("daemon", "auto");
     const auto use = daemon_use_from_name(daemon);
     if (!use) r.fail("daemon", "must be \"auto\", \"required\" or \"off\", not \"" + daemon + "\"");
@@ -220,7 +226,8 @@ class Parser {
       }
       tp.security_required = r.boolean("security_required", false);
       tp.queue_timeout_ms = r.integer("queue_timeout_ms", tp.queue_timeout_ms, 0, UINT32_MAX);
-      tp.max_instances = r.integer("max_instances", 0, 0, UINT32_MAX);
+      tp.max_instances = r.integer("max_instances", tp.max_instances, 1, kMaxStartedPrograms);
+      tp.user = r.string("user", "");
       r.finish();
       config_.tps.push_back(tp);
     }

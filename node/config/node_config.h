@@ -56,7 +56,8 @@ struct InvokableTp {
   bool accept_sync_confirm = true;
   bool security_required = false;     // allocations must carry a verified user
   uint32_t queue_timeout_ms = 10000;  // an attach waits this long for the TP
-  uint32_t max_instances = 0;         // 0: no limit
+  uint32_t max_instances = 8;         // instances running at once
+  std::string user;                   // the account it runs as; empty: the daemon's own
 };
 
 struct User {
@@ -87,6 +88,8 @@ struct NodeConfig {
   std::string pam_service = "snanode";
   uint32_t attach_timeout_ms = 10000;  // attaches for non-invokable TP names
   std::string socket_path;             // daemon socket; empty: default
+  std::string daemon_user;             // the account the daemon may run as besides root
+  uint32_t max_started_tps = 64;       // started TP programs running at once, node-wide
   DaemonUse daemon = DaemonUse::kAuto;
   std::string log_dir;               // empty: default
   bool trace = false;                // API trace on

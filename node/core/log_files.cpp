@@ -6,7 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
-#include <system_error>
+
+#include "core/safe_directory.h"
 
 namespace snanode {
 namespace {
@@ -43,10 +44,13 @@ std::string log_directory() {
 
 void append_log_line(const char *file_name, const std::string &line) {
   const std::string directory = log_directory();
-  std::error_code ignored;
-  std::filesystem::create_directories(directory, ignored);
+  // A directory another user prepared (or a link planted where it belongs)
+  // could point the record anywhere: such a log is skipped, as is a log file
+  // that is a symbolic link.
+  std::string problem;
+  if (!prepare_own_directory(directory, 0750, problem)) return;
   const std::string path = directory + "/" + file_name;
-  const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+  const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
   if (fd < 0) return;
   const std::string text = line + "\n";
   ssize_t written = write(fd, text.data(), text.size());

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "client/attach_policy.h"
+#include "daemon/run_as.h"
 #include "engine/frame.h"
 #include "engine/security.h"
 #include "engine/socket_link.h"
@@ -22,13 +23,23 @@ bool is_program_security(uint8_t type) {
   return type == engine::kSecurityProgram || type == engine::kSecurityProgramStrong;
 }
 
+uid_t default_owner(const config::InvokableTp &tp) {
+  std::string ignored;
+  const auto account = tp_account(tp, ::geteuid(), ignored);
+  return account ? account->uid : ::geteuid();
+}
+
 }  // namespace
 
-Broker::Broker(const config::NodeConfig &config, BrokerOutput &output, PasswordCheck system_check)
+Broker::Broker(const config::NodeConfig &config, BrokerOutput &output, PasswordCheck system_check,
+               TpOwner owner)
     : config_(config),
       directory_(config_),
       output_(output),
-      system_check_(std::move(system_check)) {}
+      system_check_(std::move(system_check)) {
+  if (!owner) owner = default_owner;
+  for (const auto &tp : config_.tps) owners_[tp.tp_name] = owner(tp);
+}
 
 void Broker::connected(ClientId client, const PeerCredentials &peer) {
   clients_[client].peer = peer;
@@ -44,7 +55,7 @@ bool Broker::handle(ClientId client, client::ReceivedMessage &&received) {
     return hello != nullptr && greet(client, state, *hello);
   }
   if (const auto *m = std::get_if<client::RegisterTp>(&message)) {
-    state.tp_names.insert(m->tp_name);
+    if (may_take(client, state.peer.uid, m->tp_name)) state.tp_names.insert(m->tp_name);
   } else if (const auto *m = std::get_if<client::WithdrawTp>(&message)) {
     if (auto it = state.tp_names.find(m->tp_name); it != state.tp_names.end()) {
       state.tp_names.erase(it);
@@ -89,6 +100,25 @@ bool Broker::serves(const std::string &tp_name) const {
   }
   return std::any_of(accepts_.begin(), accepts_.end(),
                      [&](const WaitingAccept &accept) { return lists(accept.tp_names, tp_name); });
+}
+
+bool Broker::may_take(ClientId client, uid_t uid, const std::string &tp_name) {
+  std::optional<uid_t> holder;
+  if (auto owner = owners_.find(tp_name); owner != owners_.end()) {
+    holder = owner->second;
+  } else {
+    for (const auto &[id, other] : clients_) {
+      if (other.peer.uid != uid && other.tp_names.count(tp_name) != 0) holder = other.peer.uid;
+    }
+    for (const auto &accept : accepts_) {
+      const uid_t other = clients_.at(accept.client).peer.uid;
+      if (other != uid && lists(accept.tp_names, tp_name)) holder = other;
+    }
+  }
+  if (!holder || *holder == uid) return true;
+  output_.log("client " + std::to_string(client) + " (uid " + std::to_string(uid) +
+              ") refused TP name " + tp_name + ": it belongs to uid " + std::to_string(*holder));
+  return false;
 }
 
 const config::InvokableTp *Broker::invokable(const std::string &tp_name) const {
@@ -155,13 +185,7 @@ void Broker::allocate(ClientId client, Client &state, const client::AllocateRequ
   attach.info.user = user;
   attach.info.mode = request.mode;
   attach.info.partner_lu_name = request.allocator_lu;
-  attach.info.local_lu_alias = request.local_lu_alias;
-  if (attach.info.local_lu_alias.empty() && check.invokable != nullptr) {
-    attach.info.local_lu_alias = check.invokable->local_lu_alias;
-  }
-  if (attach.info.local_lu_alias.empty()) {
-    attach.info.local_lu_alias = directory_.default_local_lu().alias;
-  }
+  attach.info.local_lu_alias = local_lu_of(request, check.invokable);
   const uint32_t timeout_ms =
       check.invokable != nullptr ? check.invokable->queue_timeout_ms : config_.attach_timeout_ms;
   attach.deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -171,6 +195,16 @@ void Broker::allocate(ClientId client, Client &state, const client::AllocateRequ
   }
   log_request("allocation", client, request, "accepted");
   offer(std::move(attach));
+}
+
+std::string Broker::local_lu_of(const client::AllocateRequest &request,
+                                const config::InvokableTp *tp) const {
+  // An invokable TP is reachable at the LU of its definition; another name at
+  // the configured LU the allocation names.  What the allocating process
+  // wrote is never passed on as it came.
+  const std::string &wanted = tp != nullptr ? tp->local_lu_alias : request.local_lu_alias;
+  if (const config::LocalLu *lu = directory_.local_lu(wanted)) return lu->alias;
+  return directory_.default_local_lu().alias;
 }
 
 void Broker::refuse(ClientId client, const client::AllocateRequest &request, uint32_t secondary) {
@@ -199,9 +233,8 @@ void Broker::offer(PendingAttach attach) {
     return;
   }
   const std::string tp_name = attach.info.tp_name;
-  const std::string lu_alias = attach.info.local_lu_alias;
   attaches_.push_back(std::move(attach));
-  start_instance_if_needed(tp_name, lu_alias);
+  start_instance_if_needed(tp_name);
 }
 
 void Broker::deliver(PendingAttach &attach, const WaitingAccept &accept) {
@@ -219,6 +252,10 @@ void Broker::deliver(PendingAttach &attach, const WaitingAccept &accept) {
 }
 
 void Broker::accept_wait(ClientId client, client::AcceptWait &&wait) {
+  const uid_t uid = clients_.at(client).peer.uid;
+  std::erase_if(wait.tp_names,
+                [&](const std::string &name) { return !may_take(client, uid, name); });
+  if (wait.tp_names.empty()) return;  // it waits for nothing this node gives it
   for (const auto &name : wait.tp_names) {
     if (auto it = instances_.find(name); it != instances_.end() && it->second.starting > 0) {
       --it->second.starting;
@@ -243,7 +280,7 @@ void Broker::accept_cancel(ClientId client, uint32_t accept_id) {
   });
 }
 
-void Broker::start_instance_if_needed(const std::string &tp_name, const std::string &lu_alias) {
+void Broker::start_instance_if_needed(const std::string &tp_name) {
   const config::InvokableTp *tp = invokable(tp_name);
   if (tp == nullptr) return;
   Instances &instances = instances_[tp_name];
@@ -251,12 +288,18 @@ void Broker::start_instance_if_needed(const std::string &tp_name, const std::str
       std::count_if(attaches_.begin(), attaches_.end(),
                     [&](const PendingAttach &attach) { return attach.info.tp_name == tp_name; }));
   if (instances.starting >= queued) return;  // one is on its way for each
-  if (tp->max_instances != 0 && instances.running >= tp->max_instances) {
+  if (instances.running >= tp->max_instances) {
     output_.log("TP " + tp_name + " not started: " + std::to_string(instances.running) +
                 " instances run, the limit");
     return;
   }
-  const std::string alias = lu_alias.empty() ? tp->local_lu_alias : lu_alias;
+  if (started_running_ >= config_.max_started_tps) {
+    output_.log("TP " + tp_name + " not started: " + std::to_string(started_running_) +
+                " started programs run, the node's limit");
+    return;
+  }
+  const config::LocalLu *lu = directory_.local_lu(tp->local_lu_alias);
+  const std::string alias = lu != nullptr ? lu->alias : directory_.default_local_lu().alias;
   if (!output_.launch(*tp, alias)) {
     output_.log("TP " + tp_name + " could not be started (" + tp->program + ")");
     return;
@@ -264,12 +307,22 @@ void Broker::start_instance_if_needed(const std::string &tp_name, const std::str
   output_.log("TP " + tp_name + " started (" + tp->program + ")");
   ++instances.running;
   ++instances.starting;
+  ++started_running_;
 }
 
 void Broker::instance_exited(const std::string &tp_name) {
   Instances &instances = instances_[tp_name];
-  if (instances.running > 0) --instances.running;
+  if (instances.running > 0) {
+    --instances.running;
+    if (started_running_ > 0) --started_running_;
+  }
   instances.starting = std::min(instances.starting, instances.running);
+  // The room it leaves goes to attaches still queued: first its own TP's, then
+  // those held back by the node's limit.
+  start_instance_if_needed(tp_name);
+  for (const auto &tp : config_.tps) {
+    if (tp.tp_name != tp_name) start_instance_if_needed(tp.tp_name);
+  }
 }
 
 void Broker::expire(Clock::time_point now) {

@@ -37,7 +37,8 @@ class BrokerOutput {
   // Sends a message to a client, passing `descriptor` when >= 0.  False when
   // the client cannot be reached (the server then drops it).
   virtual bool send(ClientId client, const client::Message &message, int descriptor) = 0;
-  // Starts an instance of an invokable TP; false when it could not be started.
+  // Starts an instance of an invokable TP at the local LU `lu_alias` (the
+  // node's own definition); false when it could not be started.
   virtual bool launch(const config::InvokableTp &tp, const std::string &lu_alias) = 0;
   // One line of the daemon's log.
   virtual void log(const std::string &line) = 0;
@@ -51,9 +52,16 @@ struct PeerCredentials {
   uid_t uid = 0;
 };
 
+// The uid an invokable TP's programs run as, which alone may accept its
+// attaches: the uid its `user` names, else the daemon's own.
+using TpOwner = std::function<uid_t(const config::InvokableTp &tp)>;
+
 class Broker {
  public:
-  Broker(const config::NodeConfig &config, BrokerOutput &output, PasswordCheck system_check);
+  // `owner` defaults to the uid of the account named by the TP's `user`, or
+  // the daemon's effective uid.
+  Broker(const config::NodeConfig &config, BrokerOutput &output, PasswordCheck system_check,
+         TpOwner owner = nullptr);
 
   void connected(ClientId client, const PeerCredentials &peer);
   // False when the client broke the protocol and must be dropped.
@@ -73,7 +81,9 @@ class Broker {
     PeerCredentials peer;
     bool greeted = false;
     std::multiset<std::string> tp_names;
-    std::set<std::string> verified_users;  // users of attaches delivered to it
+    // Users of attaches delivered to this connection (one process, one uid)
+    // for names it was allowed to take.
+    std::set<std::string> verified_users;
   };
   struct WaitingAccept {
     ClientId client;
@@ -96,6 +106,10 @@ class Broker {
   void accept_wait(ClientId client, client::AcceptWait &&wait);
   void accept_cancel(ClientId client, uint32_t accept_id);
   bool serves(const std::string &tp_name) const;
+  // Whether a process of `uid` may accept conversations for the name: an
+  // invokable TP's only under its owner's uid, another name only when no
+  // process of another uid holds it.  Logs a refusal.
+  bool may_take(ClientId client, uid_t uid, const std::string &tp_name);
   const config::InvokableTp *invokable(const std::string &tp_name) const;
   // Verifies the allocation's security; the verified user, if any, in `user`.
   bool verify_security(const Client &state, const client::AllocateRequest &request,
@@ -104,7 +118,10 @@ class Broker {
   // Hands the attach to a waiting accept, or queues it (starting the TP).
   void offer(PendingAttach attach);
   void deliver(PendingAttach &attach, const WaitingAccept &accept);
-  void start_instance_if_needed(const std::string &tp_name, const std::string &lu_alias);
+  void start_instance_if_needed(const std::string &tp_name);
+  // The local LU alias of the node's own definition the attach arrives at.
+  std::string local_lu_of(const client::AllocateRequest &request,
+                          const config::InvokableTp *tp) const;
   void log_request(const char *what, ClientId client, const client::AllocateRequest &request,
                    const std::string &outcome);
 
@@ -116,6 +133,8 @@ class Broker {
   std::list<WaitingAccept> accepts_;
   std::list<PendingAttach> attaches_;
   std::map<std::string, Instances> instances_;
+  std::map<std::string, uid_t> owners_;  // invokable TP name -> its owner's uid
+  unsigned started_running_ = 0;         // started programs running, all TPs
 };
 
 }  // namespace snanode::daemon

@@ -2,10 +2,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <sstream>
 
 #include "client/socket_path.h"
+#include "daemon/daemon_config.h"
 
 namespace snanode::daemon {
 namespace {
@@ -25,6 +28,32 @@ bool program_found(const std::string &program) {
     if (is_executable(std::filesystem::path(dir.empty() ? "." : dir) / program)) return true;
   }
   return false;
+}
+
+// User IDs and passwords reach the node converted to EBCDIC with the
+// character set of the CPI-C library, which holds only letters, digits and
+// the characters below; any other character arrives as X'00', so a value
+// holding one could never be matched.
+void check_security_characters(const config::NodeConfig &config,
+                               std::vector<std::string> &problems) {
+  const auto carried = [](const std::string &value) {
+    return std::all_of(value.begin(), value.end(), [](char c) {
+      return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '#' || c == '$' || c == '@' ||
+             c == '.';
+    });
+  };
+  for (const auto &user : config.users) {
+    if (!carried(user.user_id)) {
+      problems.push_back("user " + user.user_id +
+                         ": the user ID holds characters a program cannot send (only A-Z, "
+                         "a-z, 0-9, #, $, @ and . reach the node)");
+    }
+    if (!carried(user.password)) {
+      problems.push_back("user " + user.user_id +
+                         ": the password holds characters a program cannot send (only A-Z, "
+                         "a-z, 0-9, #, $, @ and . reach the node), so it could never match");
+    }
+  }
 }
 
 }  // namespace
@@ -54,12 +83,18 @@ std::vector<std::string> check_deployment(const config::NodeConfig &config) {
     problems.push_back("socket " + socket.string() + ": directory " + dir.string() +
                        " is not writable");
   }
+  check_security_characters(config, problems);
   return problems;
 }
 
 std::vector<std::string> check_configuration(const std::filesystem::path &file) {
   try {
-    return check_deployment(config::load_config(file));
+    config::NodeConfig config = config::load_config(file);
+    std::vector<std::string> problems = check_deployment(config);
+    // What a daemon run by this user would refuse to start with.
+    if (auto why = untrusted_file(file, ::geteuid())) problems.push_back(*why);
+    for (auto &problem : daemon_trust_problems(config, ::geteuid())) problems.push_back(problem);
+    return problems;
   } catch (const config::ConfigError &e) {
     return {e.what()};
   }

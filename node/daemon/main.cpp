@@ -11,9 +11,11 @@
 #include <iostream>
 
 #include "client/socket_path.h"
+#include "config/config_defaults.h"
 #include "core/file_limit.h"
 #include "core/log_files.h"
 #include "daemon/config_check.h"
+#include "daemon/daemon_config.h"
 #include "daemon/server.h"
 
 namespace {
@@ -51,6 +53,32 @@ void detach_from_terminal() {
   }
 }
 
+// Reads the daemon's configuration, never one found in the working directory,
+// and only when the daemon may act on what it says; false when it must not
+// start, with the reasons on standard error.
+bool load_trusted_config(const std::string &named, NodeConfig &config) {
+  const std::string file = snanode::daemon::daemon_config_file(named);
+  std::vector<std::string> problems;
+  try {
+    if (file.empty()) {
+      config = snanode::config::default_config();
+    } else if (auto why = snanode::daemon::untrusted_file(file, ::geteuid())) {
+      problems.push_back(*why);
+    } else {
+      config = snanode::config::load_config(file);
+      // The TPs it starts (which inherit SNANODE_CONFIG) see the same node.
+      ::setenv("SNANODE_CONFIG", std::filesystem::absolute(file).c_str(), 1);
+    }
+    snanode::config::apply_environment(config);
+  } catch (const snanode::config::ConfigError &e) {
+    problems.push_back(e.what());
+  }
+  if (problems.empty()) problems = snanode::daemon::daemon_trust_problems(config, ::geteuid());
+  for (const auto &problem : problems) std::cerr << "snanoded: " << problem << "\n";
+  if (!problems.empty()) std::cerr << "snanoded: refusing to start\n";
+  return problems.empty();
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -59,9 +87,9 @@ int main(int argc, char **argv) {
   std::string socket_path;
   std::string check_file;
   bool foreground = false;
-  app.add_option(
-         "--config", config_file,
-         "Node configuration (TOML); default: $SNANODE_CONFIG, ./snanode.toml, built-in defaults")
+  app.add_option("--config", config_file,
+                 "Node configuration (TOML); default: $SNANODE_CONFIG, /etc/snanode/snanode.toml, "
+                 "built-in defaults")
       ->check(CLI::ExistingFile);
   app.add_option("--socket", socket_path, "Unix socket to serve (overrides the configuration)");
   app.add_flag("--foreground", foreground, "Stay attached to the terminal and log to stderr too");
@@ -70,18 +98,8 @@ int main(int argc, char **argv) {
 
   if (!check_file.empty()) return check(check_file);
 
-  // The daemon reads its configuration as every node process does, so the
-  // TPs it starts (which inherit SNANODE_CONFIG) see the same node.
-  if (!config_file.empty()) {
-    ::setenv("SNANODE_CONFIG", std::filesystem::absolute(config_file).c_str(), 1);
-  }
   NodeConfig config;
-  try {
-    config = snanode::config::current_config();
-  } catch (const snanode::config::ConfigError &e) {
-    std::cerr << e.what() << "\n";
-    return 1;
-  }
+  if (!load_trusted_config(config_file, config)) return 1;
   if (!config.log_dir.empty()) snanode::set_configured_log_directory(config.log_dir);
   if (socket_path.empty()) socket_path = snanode::client::daemon_socket_path(config);
 

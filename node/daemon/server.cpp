@@ -13,11 +13,14 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <iostream>
 #include <vector>
 
 #include "core/log_files.h"
+#include "core/safe_directory.h"
 #include "daemon/pam_check.h"
+#include "daemon/run_as.h"
 
 namespace snanode::daemon {
 namespace {
@@ -78,6 +81,13 @@ bool Server::listen(std::string &error) {
     return false;
   }
   const sockaddr_un address = socket_address(socket_path_);
+  // Its directory must be the daemon's own: where another user may create or
+  // remove names, that user could take the socket's place.
+  const std::string dir = std::filesystem::path(socket_path_).parent_path().string();
+  if (!prepare_own_directory(dir.empty() ? "." : dir, 0755, error)) {
+    error = "socket directory refused: " + error;
+    return false;
+  }
   if (::access(socket_path_.c_str(), F_OK) == 0) {
     client::UniqueFd probe = client::connect_unix_socket(socket_path_);
     if (probe.valid()) {
@@ -213,9 +223,19 @@ bool Server::launch(const config::InvokableTp &tp, const std::string &lu_alias) 
   std::vector<char *> argv;
   for (auto &word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
+  std::string problem;
+  const std::optional<RunAs> account = tp_account(tp, ::geteuid(), problem);
+  if (!account) {
+    log(problem);
+    return false;
+  }
   const pid_t pid = ::fork();
   if (pid < 0) return false;
   if (pid == 0) {
+    if (!become(*account)) ::_exit(126);
+    ::setenv("USER", account->name.c_str(), 1);
+    ::setenv("LOGNAME", account->name.c_str(), 1);
+    ::setenv("HOME", account->home.c_str(), 1);
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);

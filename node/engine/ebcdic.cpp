@@ -35,6 +35,21 @@ std::string ebcdic_name(const uint8_t *field, size_t size) {
   return out;
 }
 
+std::string ebcdic_secret(const uint8_t *field, size_t size) {
+  while (size > 0 && field[size - 1] == kEbcdicBlank) --size;
+  // A field nobody filled in (all zeros) holds nothing.
+  if (std::all_of(field, field + size, [](uint8_t b) { return b == 0; })) return "";
+  std::string out;
+  for (size_t i = 0; i < size; ++i) {
+    const char c = ebcdic_to_printable(field[i]);
+    // The shared table shows unprintable bytes as '.', which is also a
+    // character a password may hold.
+    const bool printable = c != '.' || field[i] == kAsciiToEbcdic['.'];
+    out.push_back(printable ? c : '\x7f');
+  }
+  return out;
+}
+
 std::string ascii_name(const uint8_t *field, size_t size) {
   std::string out;
   for (size_t i = 0; i < size; ++i) {

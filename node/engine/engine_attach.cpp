@@ -66,8 +66,8 @@ bool Engine::allocate(NAP_ALLOCATE &vcb, void *token) {
 
   SecurityRequest security;
   security.type = vcb.security_type;
-  security.user_id = ebcdic_name(vcb.user_id, sizeof vcb.user_id);
-  security.password = ebcdic_name(vcb.password, sizeof vcb.password);
+  security.user_id = ebcdic_secret(vcb.user_id, sizeof vcb.user_id);
+  security.password = ebcdic_secret(vcb.password, sizeof vcb.password);
   security.allocator_user = tp->verified_user;
 
   AllocateRequest request;

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "cpic.h"
+#include "support/tp_user.h"
 
 namespace e2e {
 
@@ -340,7 +341,7 @@ inline void run(const Scenario &scenario, Deploy how) {
       << "[node]\nattach_timeout_ms = " << scenario.attach_timeout_ms << "\nsocket_path = \""
       << (dir / "node.sock").string() << "\"\n[log]\ndir = \"" << dir.string()
       << "\"\n[[mode]]\nname = \"#INTER\"\nsession_limit = 2000\n"
-      << scenario.config;
+      << test_support::with_tp_user(scenario.config);
   Children children;
   if (how == Deploy::kProcesses) {
     ASSERT_TRUE(start_daemon(dir, children)) << "no daemon: see " << dir / "snanoded.out";

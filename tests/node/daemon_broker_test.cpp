@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "daemon/broker.h"
+#include "node/broker_test_support.h"
 #include "engine/frame.h"
 #include "snanode/verbs.h"
 
@@ -18,50 +19,12 @@ namespace {
 
 using namespace snanode;
 using namespace snanode::daemon;
+using broker_test::RecordingOutput;
+using broker_test::Sent;
 using client::AcceptWait;
 using client::AllocateRequest;
 using client::AllocateResult;
 using client::AttachDelivery;
-
-struct Sent {
-  ClientId client;
-  client::Message message;
-  client::UniqueFd descriptor;  // a duplicate of what was passed
-};
-
-class RecordingOutput : public BrokerOutput {
- public:
-  bool send(ClientId client, const client::Message &message, int descriptor) override {
-    if (unreachable.count(client) != 0) return false;
-    sent.push_back({client, message, client::UniqueFd(descriptor >= 0 ? ::dup(descriptor) : -1)});
-    return true;
-  }
-  bool launch(const config::InvokableTp &tp, const std::string &lu_alias) override {
-    launches.push_back(tp.tp_name + "@" + lu_alias);
-    return true;
-  }
-  void log(const std::string &line) override { logs.push_back(line); }
-
-  // The messages of one type sent to `client`, oldest first.
-  template <class M>
-  std::vector<Sent *> to(ClientId client) {
-    std::vector<Sent *> found;
-    for (auto &s : sent) {
-      if (s.client == client && std::holds_alternative<M>(s.message)) found.push_back(&s);
-    }
-    return found;
-  }
-  std::string all_logs() const {
-    std::string text;
-    for (const auto &line : logs) text += line + "\n";
-    return text;
-  }
-
-  std::deque<Sent> sent;  // stable addresses: tests keep pointers to entries
-  std::vector<std::string> launches;
-  std::vector<std::string> logs;
-  std::set<ClientId> unreachable;
-};
 
 config::InvokableTp invokable_tp(const std::string &name) {
   config::InvokableTp tp;

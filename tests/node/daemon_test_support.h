@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "client/message_channel.h"
+#include "support/tp_user.h"
 
 namespace daemon_test {
 
@@ -49,7 +50,8 @@ class DaemonFixture : public ::testing::Test {
   void SetUp() override {
     socket_ = (dir_.path / "node.sock").string();
     config_ = (dir_.path / "node.toml").string();
-    write_file(config_, "[node]\nname = \"TESTNODE\"\nattach_timeout_ms = 5000\n" + more_config());
+    write_file(config_, "[node]\nname = \"TESTNODE\"\nattach_timeout_ms = 5000\n" +
+                            test_support::with_tp_user(more_config()));
     daemon_ = ::fork();
     ASSERT_GE(daemon_, 0);
     if (daemon_ == 0) {

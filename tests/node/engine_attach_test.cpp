@@ -118,6 +118,9 @@ TEST(EngineAttach, ConversationSecurity) {
       {"program", "SECURE", 2, "ALICE", "SECRET", true, "ALICE"},
       {"program strong", "SECURE", 5, "ALICE", "SECRET", true, "ALICE"},
       {"wrong password", "OPEN", 2, "ALICE", "WRONG", false, ""},
+      // The library sends a character it cannot convert as X'00': the bytes
+      // after it are part of the password all the same.
+      {"right password, then more", "OPEN", 2, "ALICE", std::string("SECRET\0BAD", 10), false, ""},
       {"unknown user", "OPEN", 2, "BOB", "SECRET", false, ""},
       {"no password to check", "OPEN", 2, "PAMUSER", "", false, ""},
       {"none to a secure TP", "SECURE", 0, "", "", false, ""},
