@@ -10,32 +10,50 @@
 namespace snanode::daemon {
 namespace {
 
-bool is_executable(const std::filesystem::path &path) {
+enum class Program { kFound, kMissing, kNotExecutable };
+
+Program program_at(const std::filesystem::path &path) {
   std::error_code ignored;
-  return std::filesystem::is_regular_file(path, ignored) && ::access(path.c_str(), X_OK) == 0;
+  if (!std::filesystem::exists(path, ignored)) return Program::kMissing;
+  return std::filesystem::is_regular_file(path, ignored) && ::access(path.c_str(), X_OK) == 0
+             ? Program::kFound
+             : Program::kNotExecutable;
 }
 
-// A program named without a slash is looked up in PATH, as exec does.
-bool program_found(const std::string &program) {
-  if (program.find('/') != std::string::npos) return is_executable(program);
+// A program named without a slash is looked up in PATH, as exec does; found
+// nowhere, it counts as missing.
+Program find_program(const std::string &program) {
+  if (program.find('/') != std::string::npos) return program_at(program);
   const char *path = std::getenv("PATH");
   std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
   std::string dir;
   while (std::getline(dirs, dir, ':')) {
-    if (is_executable(std::filesystem::path(dir.empty() ? "." : dir) / program)) return true;
+    if (program_at(std::filesystem::path(dir.empty() ? "." : dir) / program) == Program::kFound) {
+      return Program::kFound;
+    }
   }
-  return false;
+  return Program::kMissing;
 }
 
 }  // namespace
 
-std::vector<std::string> check_deployment(const config::NodeConfig &config) {
-  std::vector<std::string> problems;
+CheckReport check_deployment(const config::NodeConfig &config, bool strict) {
+  CheckReport report;
+  std::vector<std::string> &problems = report.problems;
   for (const auto &tp : config.tps) {
-    if (!program_found(tp.program)) {
-      problems.push_back("TP " + tp.tp_name + ": program \"" + tp.program +
-                         "\" is not an executable file (it is started when an allocation "
-                         "arrives)");
+    const std::string program = "TP " + tp.tp_name + ": program \"" + tp.program + "\"";
+    switch (find_program(tp.program)) {
+      case Program::kFound:
+        break;
+      case Program::kMissing:
+        (strict ? problems : report.warnings)
+            .push_back(program + " is not installed; it would be started when an allocation for " +
+                       tp.tp_name + " arrives, and that allocation would then fail");
+        break;
+      case Program::kNotExecutable:
+        problems.push_back(program + " is not an executable file (it is started when an " +
+                           "allocation for " + tp.tp_name + " arrives)");
+        break;
     }
   }
   if (config.use_pam && !std::filesystem::exists("/etc/pam.d/" + config.pam_service) &&
@@ -54,14 +72,14 @@ std::vector<std::string> check_deployment(const config::NodeConfig &config) {
     problems.push_back("socket " + socket.string() + ": directory " + dir.string() +
                        " is not writable");
   }
-  return problems;
+  return report;
 }
 
-std::vector<std::string> check_configuration(const std::filesystem::path &file) {
+CheckReport check_configuration(const std::filesystem::path &file, bool strict) {
   try {
-    return check_deployment(config::load_config(file));
+    return check_deployment(config::load_config(file), strict);
   } catch (const config::ConfigError &e) {
-    return {e.what()};
+    return {{e.what()}, {}};
   }
 }
 
