@@ -4,20 +4,36 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <deque>
+#include <mutex>
 #include <thread>
 
 #include "client/message_channel.h"
+#include "client/outbox.h"
 #include "core/process_lock.h"
 
 namespace snanode::client {
 
+// What the client's threads share.  Three threads serve the connection, so
+// that neither direction ever waits for the node's lock while the other
+// needs the socket: the reader reads and parses without any lock; the
+// applier takes the lock to hand each message to the engine; the outbox's
+// writer writes what the socket could not take at once.
 struct DaemonClient::Shared {
   Shared(UniqueFd socket, DaemonEvents &e, std::function<void()> lost)
-      : channel(std::move(socket)), events(e), on_lost(std::move(lost)) {}
+      : channel(std::move(socket)), outbox(channel.fd()), events(e), on_lost(std::move(lost)) {}
   MessageChannel channel;
+  Outbox outbox;
   DaemonEvents &events;
   std::function<void()> on_lost;
   bool leaving = false;  // guarded by the process lock
+
+  // From the reader to the applier.
+  std::mutex inbox_mutex;
+  std::condition_variable inbox_changed;
+  std::deque<ReceivedMessage> inbox;
+  bool ended = false;  // the connection is over: nothing follows the inbox
 };
 
 namespace {
@@ -40,14 +56,44 @@ bool dispatch(DaemonClient::Shared &shared, ReceivedMessage &received) {
 }
 
 void run_reader(const std::shared_ptr<DaemonClient::Shared> &shared) {
+  std::deque<ReceivedMessage> parsed;
   try {
-    while (auto received = shared->channel.receive()) {
-      ProcessLockGuard lock;
-      if (shared->leaving) return;
-      if (!dispatch(*shared, *received)) break;
+    while (shared->channel.read_some()) {
+      while (auto received = shared->channel.next()) parsed.push_back(std::move(*received));
+      std::lock_guard<std::mutex> hold(shared->inbox_mutex);
+      for (auto &received : parsed) shared->inbox.push_back(std::move(received));
+      parsed.clear();
+      shared->inbox_changed.notify_one();
     }
   } catch (const ProtocolError &) {
-    // A daemon that speaks nonsense is as good as gone.
+    // A daemon that speaks nonsense is as good as gone; what it said before
+    // that is still applied.
+  }
+  std::lock_guard<std::mutex> hold(shared->inbox_mutex);
+  for (auto &received : parsed) shared->inbox.push_back(std::move(received));
+  shared->ended = true;
+  shared->inbox_changed.notify_one();
+}
+
+// Takes what the reader has parsed, all of it under one hold of the lock,
+// until the connection ends; then ends the path unless the process left.
+void run_applier(const std::shared_ptr<DaemonClient::Shared> &shared) {
+  for (bool ended = false; !ended;) {
+    std::deque<ReceivedMessage> batch;
+    {
+      std::unique_lock<std::mutex> hold(shared->inbox_mutex);
+      shared->inbox_changed.wait(hold, [&] { return shared->ended || !shared->inbox.empty(); });
+      batch.swap(shared->inbox);
+      ended = shared->ended;
+    }
+    ProcessLockGuard lock;
+    if (shared->leaving) return;
+    for (auto &received : batch) {
+      if (!dispatch(*shared, received)) {
+        ended = true;
+        break;
+      }
+    }
   }
   {
     ProcessLockGuard lock;
@@ -55,6 +101,7 @@ void run_reader(const std::shared_ptr<DaemonClient::Shared> &shared) {
     shared->leaving = true;
   }
   ::shutdown(shared->channel.fd(), SHUT_RDWR);
+  shared->outbox.close();
   if (shared->on_lost) shared->on_lost();
 }
 
@@ -83,6 +130,8 @@ std::unique_ptr<DaemonClient> DaemonClient::connect(const std::string &path, Dae
   const timeval no_limit = {0, 0};
   ::setsockopt(shared->channel.fd(), SOL_SOCKET, SO_RCVTIMEO, &no_limit, sizeof no_limit);
   std::thread([shared] { run_reader(shared); }).detach();
+  std::thread([shared] { run_applier(shared); }).detach();
+  std::thread([shared] { shared->outbox.run(); }).detach();
   return std::unique_ptr<DaemonClient>(new DaemonClient(shared, greeting->node_name));
 }
 
@@ -92,12 +141,16 @@ DaemonClient::DaemonClient(std::shared_ptr<Shared> shared, std::string node_name
 DaemonClient::~DaemonClient() {
   ProcessLockGuard lock;
   shared_->leaving = true;
-  // Wakes the reader, which then sees `leaving` and ends quietly.
+  // Wakes the reader, whose end the applier then takes quietly.
   ::shutdown(shared_->channel.fd(), SHUT_RDWR);
+  shared_->outbox.close();
 }
 
+// Never blocks: the caller holds the process lock.
 bool DaemonClient::send(const Message &message) {
-  return shared_->channel.send(message);
+  std::vector<uint8_t> bytes;
+  encode_message(message, false, bytes);
+  return shared_->outbox.post(bytes);
 }
 
 bool DaemonClient::register_tp(const std::string &tp_name) {
