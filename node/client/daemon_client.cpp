@@ -1,5 +1,6 @@
 #include "client/daemon_client.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include "client/message_channel.h"
 #include "client/outbox.h"
 #include "core/process_lock.h"
+#include "snanode/snanode.h"
 
 namespace snanode::client {
 
@@ -28,6 +30,7 @@ struct DaemonClient::Shared {
   DaemonEvents &events;
   std::function<void()> on_lost;
   bool leaving = false;  // guarded by the process lock
+  UniqueFd spare;        // given up to write a problem at the open-file limit (lock held)
 
   // From the reader to the applier.
   std::mutex inbox_mutex;
@@ -40,15 +43,40 @@ namespace {
 
 constexpr timeval kWelcomeTimeout = {5, 0};
 
+UniqueFd open_spare() {
+  return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+// Records that the conversation socket of `what` could not be taken in.  The
+// process is at its open-file limit then, so the spare descriptor kept for
+// this makes room for the problem log to be opened.
+void report_lost_descriptor(DaemonClient::Shared &shared, uint32_t id, const std::string &what) {
+  shared.spare.reset();
+  const std::string problem = what + ": its conversation socket could not be received (the " +
+                              "process is at its limit of open files)";
+  nba_pd_print_problem(kLostDescriptorProblem, id, "s", problem.c_str());
+  shared.spare = open_spare();
+}
+
 // Hands one daemon message to the engine; false for one a client never gets.
+// A message whose descriptor was lost fails alone: an allocation result
+// without its end fails that allocation, an attach without its end is
+// dropped (its accept goes on waiting).
 bool dispatch(DaemonClient::Shared &shared, ReceivedMessage &received) {
   if (auto *result = std::get_if<AllocateResult>(&received.message)) {
+    if (received.descriptor_lost) {
+      report_lost_descriptor(shared, result->request_id, "allocation");
+    }
     shared.events.allocated(result->request_id, result->primary, result->secondary,
                             std::move(received.descriptor));
     return true;
   }
   if (auto *attach = std::get_if<AttachDelivery>(&received.message)) {
-    if (!received.descriptor.valid()) return false;
+    if (received.descriptor_lost) {
+      report_lost_descriptor(shared, attach->accept_id, "attach for TP " + attach->tp_name);
+    } else if (!received.descriptor.valid()) {
+      return false;
+    }
     shared.events.attached(std::move(*attach), std::move(received.descriptor));
     return true;
   }
@@ -112,6 +140,7 @@ std::unique_ptr<DaemonClient> DaemonClient::connect(const std::string &path, Dae
   UniqueFd socket = connect_unix_socket(path);
   if (!socket.valid()) return nullptr;
   auto shared = std::make_shared<Shared>(std::move(socket), events, std::move(on_lost));
+  shared->spare = open_spare();
   const Hello hello{kProtocolVersion, static_cast<uint32_t>(::getpid()),
                     static_cast<uint32_t>(::getuid())};
   if (!shared->channel.send(hello)) return nullptr;

@@ -22,6 +22,11 @@
 
 namespace snanode::client {
 
+// Problem-log code: a conversation socket the daemon passed could not be
+// received (the process was at its open-file limit); the probe is the
+// allocation's request ID or the attach's accept ID.
+inline constexpr uint32_t kLostDescriptorProblem = 0x10040004;
+
 class DaemonEvents {
  public:
   virtual ~DaemonEvents() = default;
