@@ -329,7 +329,7 @@ CM_ENTRY cmemn(unsigned char CM_PTR conversation_ID, unsigned char CM_PTR mode_n
 CM_ENTRY cmepln(unsigned char CM_PTR conversation_ID, unsigned char CM_PTR partner_LU_name,
                 CM_INT32 CM_PTR partner_LU_name_length, CM_RETURN_CODE CM_PTR return_code);
 CM_ENTRY cmelln(unsigned char CM_PTR conversation_ID, unsigned char CM_PTR local_LU_name,
-                CM_INT32 CM_PTR local_LU_name_length, CM_RETURN_CODE CM_PTR return_code);
+                CM_RETURN_CODE CM_PTR return_code);
 CM_ENTRY cmesl(unsigned char CM_PTR conversation_ID, CM_SYNC_LEVEL CM_PTR sync_level,
                CM_RETURN_CODE CM_PTR return_code);
 CM_ENTRY cmetpn(unsigned char CM_PTR conversation_ID, unsigned char CM_PTR TP_name,
@@ -431,7 +431,7 @@ CM_ENTRY CMSPM(unsigned char CM_PTR, CM_PROCESSING_MODE CM_PTR, CM_RETURN_CODE C
 CM_ENTRY CMECT(unsigned char CM_PTR, CM_CONVERSATION_TYPE CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMEMN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMEPLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
-CM_ENTRY CMELLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
+CM_ENTRY CMELLN(unsigned char CM_PTR, unsigned char CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMESL(unsigned char CM_PTR, CM_SYNC_LEVEL CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMETPN(unsigned char CM_PTR, unsigned char CM_PTR, CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);
 CM_ENTRY CMEMBS(CM_INT32 CM_PTR, CM_RETURN_CODE CM_PTR);

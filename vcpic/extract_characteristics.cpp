@@ -118,12 +118,11 @@ void cmetpn(unsigned char *conversation_id, unsigned char *tp_name, CM_INT32 *tp
 }
 
 // The name is written even when none is set (eight zero bytes), so a caller
-// that ignores the return code still sees an empty string; the length
-// out-parameter is not written: the name is always its eight bytes and a
-// terminator.
+// that ignores the return code still sees an empty string.  There is no length
+// out-parameter: the name is always its eight bytes and a terminator, and the
+// trace shows that fixed length.
 void cmelln(unsigned char *conversation_id, unsigned char *local_lu_name,
-            CM_INT32 *local_lu_name_length, CM_RETURN_CODE *return_code) {
-  (void)local_lu_name_length;
+            CM_RETURN_CODE *return_code) {
   run_characteristic_call(kVerbCMELLN, conversation_id, return_code,
                           extract_trace(local_lu_name, &kLocalLUNameTraceLength),
                           [&](const CallFrame &frame) {

@@ -4,10 +4,12 @@
 // receive-allocates wait, and which allocations it cannot serve in the
 // process; the daemon's answers (allocation results, attaches, each with its
 // end of the conversation's socketpair) come back through DaemonEvents on the
-// client's reader thread, with the process lock held.  When the daemon goes
-// away, `on_lost` runs (without the lock): the node library ends the path
-// there, so every outstanding verb completes with an error and the path
-// routines hear that the node is gone.
+// client's applier thread, with the process lock held.  Sending never blocks
+// (the engine sends with the process lock held), and the connection is read
+// without the lock, so neither side of it can stall the other.  When the
+// daemon goes away, `on_lost` runs (without the lock): the node library ends
+// the path there, so every outstanding verb completes with an error and the
+// path routines hear that the node is gone.
 #pragma once
 
 #include <functional>
@@ -19,6 +21,11 @@
 #include "client/unique_fd.h"
 
 namespace snanode::client {
+
+// Problem-log code: a conversation socket the daemon passed could not be
+// received (the process was at its open-file limit); the probe is the
+// allocation's request ID or the attach's accept ID.
+inline constexpr uint32_t kLostDescriptorProblem = 0x10040004;
 
 class DaemonEvents {
  public:

@@ -56,19 +56,29 @@ bool MessageChannel::read_some() {
     msg.msg_controllen = sizeof control;
     const ssize_t n = ::recvmsg(socket_.get(), &msg, MSG_CMSG_CLOEXEC);
     if (n < 0 && errno == EINTR) continue;
-    for (cmsghdr *cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
-      if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) continue;
-      const size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-      for (size_t i = 0; i < count; ++i) {
-        int fd;
-        std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof fd);
-        descriptors_.emplace_back(fd);
-      }
-    }
+    if (n >= 0) take_descriptors(msg);
     if (n <= 0) return false;
     inbound_.insert(inbound_.end(), chunk, chunk + n);
     return true;
   }
+}
+
+void MessageChannel::take_descriptors(msghdr &msg) {
+  for (cmsghdr *cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
+    if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) continue;
+    const size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; ++i) {
+      int fd;
+      std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof fd);
+      descriptors_.emplace_back(fd);
+    }
+  }
+  // The control buffer has room for more descriptors than a read can bring
+  // (a stream read stops after the one message that passes some), so a
+  // truncation means the kernel could not install one in this process: at
+  // its open-file limit.  It closed the descriptor; its message still comes,
+  // and only that message loses its descriptor.
+  if ((msg.msg_flags & MSG_CTRUNC) != 0) descriptors_.emplace_back();
 }
 
 std::optional<ReceivedMessage> MessageChannel::next() {
@@ -80,6 +90,7 @@ std::optional<ReceivedMessage> MessageChannel::next() {
   if (decoded->passes_descriptor) {
     if (descriptors_.empty()) throw ProtocolError("descriptor missing");
     received.descriptor = std::move(descriptors_.front());
+    received.descriptor_lost = !received.descriptor.valid();
     descriptors_.pop_front();
   }
   return received;

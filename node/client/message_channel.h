@@ -2,6 +2,8 @@
 // the descriptors they pass.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -15,6 +17,9 @@ namespace snanode::client {
 struct ReceivedMessage {
   Message message;
   UniqueFd descriptor;  // the one passed with the message, if any
+  // The message passed a descriptor that this process could not take in (it
+  // had no descriptor left): `descriptor` is invalid, the rest is intact.
+  bool descriptor_lost = false;
 };
 
 class MessageChannel {
@@ -33,7 +38,8 @@ class MessageChannel {
   bool read_some();
 
   // The next whole message read so far.  Throws ProtocolError for bytes that
-  // are not one, or when a message announces a descriptor that did not come.
+  // are not one, or when a message announces a descriptor that was never
+  // sent; one that was sent but could not be taken in is `descriptor_lost`.
   std::optional<ReceivedMessage> next();
 
   // Waits for the next whole message: next() and read_some() until one has
@@ -41,6 +47,10 @@ class MessageChannel {
   std::optional<ReceivedMessage> receive();
 
  private:
+  // Queues the descriptors a read brought, in order, with a placeholder for
+  // one the kernel could not install.
+  void take_descriptors(msghdr &msg);
+
   UniqueFd socket_;
   std::mutex send_mutex_;
   std::vector<uint8_t> inbound_;

@@ -13,21 +13,29 @@
 namespace snanode::daemon {
 namespace {
 
-bool is_executable(const std::filesystem::path &path) {
+enum class Program { kFound, kMissing, kNotExecutable };
+
+Program program_at(const std::filesystem::path &path) {
   std::error_code ignored;
-  return std::filesystem::is_regular_file(path, ignored) && ::access(path.c_str(), X_OK) == 0;
+  if (!std::filesystem::exists(path, ignored)) return Program::kMissing;
+  return std::filesystem::is_regular_file(path, ignored) && ::access(path.c_str(), X_OK) == 0
+             ? Program::kFound
+             : Program::kNotExecutable;
 }
 
-// A program named without a slash is looked up in PATH, as exec does.
-bool program_found(const std::string &program) {
-  if (program.find('/') != std::string::npos) return is_executable(program);
+// A program named without a slash is looked up in PATH, as exec does; found
+// nowhere, it counts as missing.
+Program find_program(const std::string &program) {
+  if (program.find('/') != std::string::npos) return program_at(program);
   const char *path = std::getenv("PATH");
   std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
   std::string dir;
   while (std::getline(dirs, dir, ':')) {
-    if (is_executable(std::filesystem::path(dir.empty() ? "." : dir) / program)) return true;
+    if (program_at(std::filesystem::path(dir.empty() ? "." : dir) / program) == Program::kFound) {
+      return Program::kFound;
+    }
   }
-  return false;
+  return Program::kMissing;
 }
 
 // User IDs and passwords reach the node converted to EBCDIC with the
@@ -58,13 +66,23 @@ void check_security_characters(const config::NodeConfig &config,
 
 }  // namespace
 
-std::vector<std::string> check_deployment(const config::NodeConfig &config) {
-  std::vector<std::string> problems;
+CheckReport check_deployment(const config::NodeConfig &config, bool strict) {
+  CheckReport report;
+  std::vector<std::string> &problems = report.problems;
   for (const auto &tp : config.tps) {
-    if (!program_found(tp.program)) {
-      problems.push_back("TP " + tp.tp_name + ": program \"" + tp.program +
-                         "\" is not an executable file (it is started when an allocation "
-                         "arrives)");
+    const std::string program = "TP " + tp.tp_name + ": program \"" + tp.program + "\"";
+    switch (find_program(tp.program)) {
+      case Program::kFound:
+        break;
+      case Program::kMissing:
+        (strict ? problems : report.warnings)
+            .push_back(program + " is not installed; it would be started when an allocation for " +
+                       tp.tp_name + " arrives, and that allocation would then fail");
+        break;
+      case Program::kNotExecutable:
+        problems.push_back(program + " is not an executable file (it is started when an " +
+                           "allocation for " + tp.tp_name + " arrives)");
+        break;
     }
   }
   if (config.use_pam && !std::filesystem::exists("/etc/pam.d/" + config.pam_service) &&
@@ -76,27 +94,40 @@ std::vector<std::string> check_deployment(const config::NodeConfig &config) {
   const std::filesystem::path socket = client::daemon_socket_path(config);
   const std::filesystem::path dir = socket.has_parent_path() ? socket.parent_path() : ".";
   std::error_code ignored;
+  // The daemon makes the socket's own directory (with a mode only it can
+  // write), so that one may be missing as long as it can be made.
+  const std::filesystem::path parent = dir.has_parent_path() ? dir.parent_path() : ".";
   if (!std::filesystem::is_directory(dir, ignored)) {
-    problems.push_back("socket " + socket.string() + ": directory " + dir.string() +
-                       " does not exist");
+    if (!std::filesystem::is_directory(parent, ignored)) {
+      problems.push_back("socket " + socket.string() + ": directory " + dir.string() +
+                         " does not exist, nor does " + parent.string());
+    } else if (::access(parent.c_str(), W_OK | X_OK) != 0) {
+      problems.push_back("socket " + socket.string() + ": directory " + dir.string() +
+                         " does not exist and cannot be made in " + parent.string());
+    }
   } else if (::access(dir.c_str(), W_OK | X_OK) != 0) {
     problems.push_back("socket " + socket.string() + ": directory " + dir.string() +
                        " is not writable");
   }
   check_security_characters(config, problems);
-  return problems;
+  return report;
 }
 
-std::vector<std::string> check_configuration(const std::filesystem::path &file) {
+CheckReport check_configuration(const std::filesystem::path &file, bool strict) {
   try {
     config::NodeConfig config = config::load_config(file);
-    std::vector<std::string> problems = check_deployment(config);
-    // What a daemon run by this user would refuse to start with.
-    if (auto why = untrusted_file(file, ::geteuid())) problems.push_back(*why);
-    for (auto &problem : daemon_trust_problems(config, ::geteuid())) problems.push_back(problem);
-    return problems;
+    CheckReport report = check_deployment(config, strict);
+    // What a daemon run by this user would refuse to start with, or would
+    // refuse to start a TP's program for.
+    if (auto why = untrusted_file(file, ::geteuid())) report.problems.push_back(*why);
+    TrustReport trust = daemon_trust_problems(config, ::geteuid());
+    for (auto &problem : trust.problems) report.problems.push_back(std::move(problem));
+    for (auto &warning : trust.unstartable_tps) {
+      (strict ? report.problems : report.warnings).push_back(std::move(warning));
+    }
+    return report;
   } catch (const config::ConfigError &e) {
-    return {e.what()};
+    return {{e.what()}, {}};
   }
 }
 

@@ -49,11 +49,12 @@ std::optional<std::string> untrusted_file(const std::filesystem::path &file, uid
   return std::nullopt;
 }
 
-std::vector<std::string> daemon_trust_problems(config::NodeConfig &config, uid_t daemon_uid) {
-  std::vector<std::string> problems;
+TrustReport daemon_trust_problems(config::NodeConfig &config, uid_t daemon_uid) {
+  TrustReport report;
+  std::vector<std::string> &problems = report.problems;
   for (auto &tp : config.tps) {
     std::string problem;
-    if (!tp_account(tp, daemon_uid, problem)) problems.push_back(problem);
+    if (!tp_account(tp, daemon_uid, problem)) report.unstartable_tps.push_back(problem);
     const auto program = locate_program(tp.program);
     std::error_code ignored;
     // A missing program is --check's to name; starting it fails and is logged.
@@ -76,7 +77,7 @@ std::vector<std::string> daemon_trust_problems(config::NodeConfig &config, uid_t
                          "node daemon");
     }
   }
-  return problems;
+  return report;
 }
 
 }  // namespace snanode::daemon

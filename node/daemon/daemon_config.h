@@ -26,11 +26,22 @@ std::string daemon_config_file(const std::string &named);
 // nobody else.
 std::optional<std::string> untrusted_file(const std::filesystem::path &file, uid_t daemon_uid);
 
-// Everything that makes a daemon of effective uid `daemon_uid` refuse the
-// configuration: programs it would start that another user could change or
-// that are missing, TPs with no account to run as, a daemon_user the clients
-// would not take this daemon for.  Each program is replaced by the absolute
-// path that was checked, which is what the daemon then starts.
-std::vector<std::string> daemon_trust_problems(config::NodeConfig &config, uid_t daemon_uid);
+struct TrustReport {
+  // The daemon refuses the configuration: programs it would start that
+  // another user could change, a daemon_user the clients would not take this
+  // daemon for.
+  std::vector<std::string> problems;
+  // TPs with no account this daemon may run them as (none named while the
+  // daemon is root, an unknown account, another account while it is not
+  // root).  The node still serves everything else; an allocation that would
+  // start such a TP is refused and the reason logged, as when its program
+  // cannot be started.  One wrong definition does not take the node down.
+  std::vector<std::string> unstartable_tps;
+};
+
+// What a daemon of effective uid `daemon_uid` would make of the
+// configuration.  Each program is replaced by the absolute path that was
+// checked, which is what the daemon then starts.
+TrustReport daemon_trust_problems(config::NodeConfig &config, uid_t daemon_uid);
 
 }  // namespace snanode::daemon

@@ -22,15 +22,24 @@ namespace {
 
 using snanode::config::NodeConfig;
 
-int check(const std::string &file) {
-  const auto problems = snanode::daemon::check_configuration(file);
-  for (const auto &problem : problems) std::cout << problem << "\n";
-  if (problems.empty()) {
-    std::cout << file << ": configuration is valid\n";
+// Problems and warnings each on a line of their own; the exit status says
+// whether the daemon could run with the file.
+int check(const std::string &file, bool strict) {
+  const auto report = snanode::daemon::check_configuration(file, strict);
+  for (const auto &problem : report.problems) std::cout << problem << "\n";
+  for (const auto &warning : report.warnings) std::cout << "warning: " << warning << "\n";
+  const auto count = [](size_t n, const char *what) {
+    return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+  };
+  if (report.problems.empty()) {
+    std::cout << file << ": configuration is valid";
+    if (!report.warnings.empty()) {
+      std::cout << " (" << count(report.warnings.size(), "warning") << ")";
+    }
+    std::cout << "\n";
     return 0;
   }
-  std::cout << file << ": " << problems.size()
-            << (problems.size() == 1 ? " problem\n" : " problems\n");
+  std::cout << file << ": " << count(report.problems.size(), "problem") << "\n";
   return 1;
 }
 
@@ -73,7 +82,13 @@ bool load_trusted_config(const std::string &named, NodeConfig &config) {
   } catch (const snanode::config::ConfigError &e) {
     problems.push_back(e.what());
   }
-  if (problems.empty()) problems = snanode::daemon::daemon_trust_problems(config, ::geteuid());
+  if (problems.empty()) {
+    auto trust = snanode::daemon::daemon_trust_problems(config, ::geteuid());
+    problems = std::move(trust.problems);
+    for (const auto &tp : trust.unstartable_tps) {
+      std::cerr << "snanoded: warning: " << tp << "; it will not be started\n";
+    }
+  }
   for (const auto &problem : problems) std::cerr << "snanoded: " << problem << "\n";
   if (!problems.empty()) std::cerr << "snanoded: refusing to start\n";
   return problems.empty();
@@ -87,6 +102,7 @@ int main(int argc, char **argv) {
   std::string socket_path;
   std::string check_file;
   bool foreground = false;
+  bool strict = false;
   app.add_option("--config", config_file,
                  "Node configuration (TOML); default: $SNANODE_CONFIG, /etc/snanode/snanode.toml, "
                  "built-in defaults")
@@ -94,9 +110,12 @@ int main(int argc, char **argv) {
   app.add_option("--socket", socket_path, "Unix socket to serve (overrides the configuration)");
   app.add_flag("--foreground", foreground, "Stay attached to the terminal and log to stderr too");
   app.add_option("--check", check_file, "Validate a configuration file, explain every problem");
+  app.add_flag("--strict", strict,
+               "With --check: an invokable TP's program that is not installed is a problem, "
+               "not a warning");
   CLI11_PARSE(app, argc, argv);
 
-  if (!check_file.empty()) return check(check_file);
+  if (!check_file.empty()) return check(check_file, strict);
 
   NodeConfig config;
   if (!load_trusted_config(config_file, config)) return 1;

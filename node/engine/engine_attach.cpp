@@ -159,6 +159,8 @@ void Engine::remote_allocated(uint32_t request_id, uint16_t primary, uint32_t se
   WaitingAllocate waiting = std::move(found->second);
   remote_allocates_.erase(found);
   const AllocateRequest &request = waiting.request;
+  // An answer without its socket (this process could not receive it: at its
+  // open-file limit) fails this allocation alone, as one that may be retried.
   if (waiting.vcb == nullptr || (primary != AP_OK && primary != AP_ALLOCATION_ERROR) ||
       (primary == AP_OK && !end.valid())) {
     --sessions_in_use_[request.session];
@@ -259,6 +261,17 @@ void Engine::queue_attach(PendingAttach attach, uint32_t timeout_ms) {
 }
 
 void Engine::remote_attached(client::AttachDelivery attach, client::UniqueFd end) {
+  if (!end.valid()) {
+    // Its socket could not be received: that attach is lost (its allocating
+    // side sees the conversation fail), but the accept it was meant for still
+    // waits, and the daemon forgot it when it delivered.
+    for (const WaitingAccept &accept : accepts_) {
+      if (accept.accept_id != attach.accept_id) continue;
+      if (remote_ != nullptr) remote_->accept_waiting(accept.accept_id, accept.names);
+      break;
+    }
+    return;
+  }
   const config::Mode *mode = directory_.mode(attach.mode);
   ConversationSetup setup;
   setup.mapped = attach.mapped;

@@ -327,8 +327,13 @@ TEST_F(Trace, CallsTraceTheirArgumentsAndTheConversationBeforeAndAfter) {
   initialized_conversation(id);
   CM_RETURN_CODE rc = -1;
   ASSERT_EQ(set_text(cmstpn, id, "TPX"), CM_OK);
+  ASSERT_EQ(set_text(cmslln, id, "LU1"), CM_OK);
   records();
   const Extracted tp = extract_text(cmetpn, id);
+  // The local LU name call has no length parameter; its record shows eight.
+  unsigned char lu[9];
+  CM_RETURN_CODE lu_rc = -1;
+  cmelln(id.data(), lu, &lu_rc);
   ConvId unknown = kUnknownId;
   CM_INT32 type = CM_MAPPED_CONVERSATION;
   cmsct(unknown.data(), &type, &rc);
@@ -340,6 +345,9 @@ TEST_F(Trace, CallsTraceTheirArgumentsAndTheConversationBeforeAndAfter) {
   const std::vector<Lines> expected = {
       {"CMETPN request", id_line(id)},
       {"CMETPN response, result = CM_OK", " Local TP name =", "dump 545058", " TP name length = 3"},
+      {"CMELLN request", id_line(id)},
+      {"CMELLN response, result = CM_OK", " Local LU name =", "dump 4C55312020202020",
+       " Local LU name length = 8"},
       // An unknown conversation has no record: the characteristics print as zero.
       {"CMSCT request", " Conversation ID = 77665544",
        " Conversation type = CM_MAPPED_CONVERSATION", chars,
@@ -357,6 +365,7 @@ TEST_F(Trace, CallsTraceTheirArgumentsAndTheConversationBeforeAndAfter) {
   }
   EXPECT_EQ(got, expected);
   EXPECT_EQ(tp.rc, CM_OK);
+  EXPECT_EQ(lu_rc, CM_OK);
 }
 
 TEST_F(Trace, SetCallsShowTheStoredValueAndNeverThePassword) {

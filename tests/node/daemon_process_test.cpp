@@ -62,25 +62,48 @@ TEST(DaemonProcess, CheckAcceptsAGoodFileAndExplainsEveryProblemOfABadOne) {
   EXPECT_NE(parse.output.find("unparsable.toml:2"), std::string::npos) << parse.output;
   EXPECT_NE(parse.output.find("1 problem"), std::string::npos) << parse.output;
 
-  // Parses, but the daemon could not work with it: five problems, all named.
+  // Parses, but the daemon could not work with it: four problems, all named,
+  // and a program not installed yet, which is only a warning...
   const fs::path unusable = dir.path / "unusable.toml";
   write_file(unusable, test_support::with_tp_user(
                            "[node]\ndaemon_user = \"no-such-account-zz\"\n"
                            "socket_path = \"" +
-                           (dir.path / "missing" / "s.sock").string() +
+                           (dir.path / "missing" / "deeper" / "s.sock").string() +
                            "\"\n[[tp]]\ntp_name = \"ECHOTP\"\nprogram = \"" +
                            (dir.path / "no-such-program").string() +
                            "\"\n[[tp]]\ntp_name = \"DIRTP\"\nprogram = \"" + dir.path.string() +
                            "\"\n[[user]]\nuser_id = \"CLERK\"\npassword = \"Pw-1234\"\n"));
   const auto bad = run(std::string(SNANODED_PATH) + " --check " + unusable.string());
   EXPECT_EQ(bad.status, 1) << bad.output;
-  EXPECT_NE(bad.output.find("TP ECHOTP: program"), std::string::npos) << bad.output;
+  EXPECT_NE(bad.output.find("warning: TP ECHOTP: program \"" +
+                            (dir.path / "no-such-program").string() + "\" is not installed"),
+            std::string::npos)
+      << bad.output;
   EXPECT_NE(bad.output.find("TP DIRTP: program"), std::string::npos) << bad.output;
   EXPECT_NE(bad.output.find("does not exist"), std::string::npos) << bad.output;
   // A password the library sends with a '-' turned into X'00' could never match.
   EXPECT_NE(bad.output.find("user CLERK: the password"), std::string::npos) << bad.output;
   EXPECT_NE(bad.output.find("daemon_user \"no-such-account-zz\""), std::string::npos) << bad.output;
-  EXPECT_NE(bad.output.find("5 problems"), std::string::npos) << bad.output;
+  EXPECT_NE(bad.output.find("4 problems"), std::string::npos) << bad.output;
+  // ...but a problem under --strict.
+  const auto strict =
+      run(std::string(SNANODED_PATH) + " --check " + unusable.string() + " --strict");
+  EXPECT_NE(strict.output.find("5 problems"), std::string::npos) << strict.output;
+  EXPECT_EQ(strict.output.find("warning:"), std::string::npos) << strict.output;
+
+  // Warnings alone leave the file valid.
+  const fs::path uninstalled = dir.path / "uninstalled.toml";
+  write_file(uninstalled,
+             test_support::with_tp_user(
+                 "[[tp]]\ntp_name = \"LATER\"\nprogram = \"no-such-program-in-path\"\n"));
+  const auto later = run(std::string(SNANODED_PATH) + " --check " + uninstalled.string());
+  EXPECT_EQ(later.status, 0) << later.output;
+  EXPECT_NE(later.output.find("an allocation for LATER arrives"), std::string::npos)
+      << later.output;
+  EXPECT_NE(later.output.find("configuration is valid (1 warning)"), std::string::npos)
+      << later.output;
+  EXPECT_EQ(
+      run(std::string(SNANODED_PATH) + " --check " + uninstalled.string() + " --strict").status, 1);
 }
 
 // Connects and greets the daemon; an empty channel pointer on failure.

@@ -305,8 +305,12 @@ TEST_F(RootDaemon, RefusesWhatAnotherUserCouldHavePutInItsWay) {
 
   const fs::path as_root =
       config("root.toml", "[[tp]]\ntp_name = \"T\"\nprogram = \"/bin/true\"\n");
-  EXPECT_EQ(start({"--config", as_root}, scratch_.path), 1);
+  // A TP that would run as root by default is never started; the rest of the
+  // node serves on.
+  EXPECT_EQ(start({"--config", as_root}, scratch_.path), -1);
+  std::getline(std::ifstream(scratch_.path / "daemon.out"), output_, '\0');
   EXPECT_NE(output_.find("names no user"), std::string::npos) << output_;
+  EXPECT_NE(output_.find("it will not be started"), std::string::npos) << output_;
 
   // A socket in a directory another user owns could be taken from under it.
   const fs::path their_dir = scratch_.owned_by("their-dir", kIntruderUid);

@@ -164,6 +164,13 @@ TEST(EngineRemote, AttachesFromTheDaemonReachTheirAcceptOrWaitForTheNext) {
   attach.mode = "#INTER";
   attach.partner_lu_name = "APPN.OTHER";
   attach.local_lu_alias = "LOCAL";
+  // An attach whose socket this process could not receive is dropped; its
+  // accept waits on, and the daemon hears of it again.
+  daemon.events.clear();
+  h.run([&](Engine &e) { e.remote_attached(attach, UniqueFd()); });
+  EXPECT_FALSE(h.completed(&accept.vcb));
+  EXPECT_EQ(daemon.events, std::vector<std::string>{"accept SERVER"});
+
   FarEnd far;
   h.run([&](Engine &e) { e.remote_attached(attach, far.near()); });
   ASSERT_TRUE(h.completed(&accept.vcb));
