@@ -159,7 +159,10 @@ Result<Attach> decode_attach(ByteReader &outer) {
   if (!in.copy(tp_length, a.tp_name)) return R::refused(sense::kFmhLengthWrong);
   if (tp_length == 0 || tp_length > kMaxTpName) return R::refused(sense::kInvalidAttachParameter);
   // The fields after the TP name may be left off from the end.
-  if (in.at_end()) return a;
+  if (in.at_end()) {
+    if (uint32_t s = check_security(a)) return R::refused(s);
+    return a;
+  }
   const ByteSpan security = in.take(in.u8());
   if (!in.ok()) return R::refused(sense::kAccessSecurityLengthWrong);
   if (uint32_t s = decode_security(security, a)) return R::refused(s);

@@ -23,8 +23,8 @@ inline constexpr uint8_t kBindCommonProtocols6 = 0x50;  // FM headers, bracket r
 inline constexpr uint8_t kBindByte22 = 0x00;
 
 // D12: a maximum RU size is always sent encoded (never X'00'); a received X'00'
-// is read as "no maximum".
-inline constexpr uint32_t kNoMaximumRuSize = 0;
+// ("no maximum") is read as the largest encodable size, X'FF' = 15 * 2^15.
+inline constexpr uint32_t kNoMaximumRuSize = 15u << 15;
 
 // D13: −RSP RUs to SC and DFC requests carry the request code after the sense
 // data; −RSP to FMD requests carry only the sense data.
