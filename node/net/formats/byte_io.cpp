@@ -2,46 +2,33 @@
 
 namespace snanode::net {
 
+bool ByteReader::need(size_t count) {
+  if (remaining() >= count) return true;
+  failed_ = true;
+  offset_ = bytes_.size();
+  return false;
+}
+
 uint8_t ByteReader::u8() {
-  if (remaining() < 1) {
-    failed_ = true;
-    offset_ = bytes_.size();
-    return 0;
-  }
-  return bytes_[offset_++];
+  return need(1) ? bytes_[offset_++] : 0;
 }
 
 uint16_t ByteReader::u16() {
-  if (remaining() < 2) {
-    failed_ = true;
-    offset_ = bytes_.size();
-    return 0;
-  }
-  const uint16_t value = load_u16(bytes_.data() + offset_);
+  if (!need(2)) return 0;
   offset_ += 2;
-  return value;
+  return load_u16(bytes_.data() + offset_ - 2);
 }
 
 uint32_t ByteReader::u32() {
-  if (remaining() < 4) {
-    failed_ = true;
-    offset_ = bytes_.size();
-    return 0;
-  }
-  const uint32_t value = load_u32(bytes_.data() + offset_);
+  if (!need(4)) return 0;
   offset_ += 4;
-  return value;
+  return load_u32(bytes_.data() + offset_ - 4);
 }
 
 ByteSpan ByteReader::take(size_t count) {
-  if (remaining() < count) {
-    failed_ = true;
-    offset_ = bytes_.size();
-    return {};
-  }
-  const ByteSpan part = bytes_.subspan(offset_, count);
+  if (!need(count)) return {};
   offset_ += count;
-  return part;
+  return bytes_.subspan(offset_ - count, count);
 }
 
 bool ByteReader::copy(size_t count, Bytes &out) {

@@ -36,6 +36,9 @@ class ByteReader {
   uint8_t peek(size_t ahead = 0) const { return ahead < remaining() ? bytes_[offset_ + ahead] : 0; }
 
  private:
+  // False (and the reader failed, at its end) when fewer than `count` remain.
+  bool need(size_t count);
+
   ByteSpan bytes_;
   size_t offset_ = 0;
   bool failed_ = false;
