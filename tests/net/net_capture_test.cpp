@@ -13,6 +13,7 @@
 
 #include "net/capture/pcap_writer.h"
 #include "net/formats/biu.h"
+#include "net/formats/xid3.h"
 #include "net/golden_units.h"
 
 namespace snanode::net {
@@ -190,6 +191,31 @@ TEST(NetCapture, TsharkShowsEveryUnitAsTheNodeMeantIt) {
       run("tshark -r " + cut_path + " -T fields -e _ws.malformed 2>/dev/null").find("malformed"),
       std::string::npos);
   std::remove(cut_path.c_str());
+}
+
+TEST(NetCapture, TsharkShowsAnXid3AsTheNodeMeantIt) {
+  if (!have_tshark()) GTEST_SKIP() << "tshark is not installed";
+  const std::string path = temp_path("net_capture_xid");
+  {
+    std::string error;
+    auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
+    ASSERT_TRUE(writer) << error;
+    Bytes datagram = {kLinkSap, kLinkSap, kLlcXidCommandPoll};
+    datagram.insert(datagram.end(), golden::kXid3.begin(), golden::kXid3.end());
+    ASSERT_TRUE(writer->write_datagram(CaptureDirection::kSent, kEePortLlc, datagram));
+  }
+  const std::string out =
+      run("tshark -r " + path +
+          " -T fields -E separator='|' -e udp.dstport -e llc.dsap -e sna.xid.format -e sna.xid.type"
+          " -e sna.xid.len -e sna.xid.idblock -e sna.xid.idnum -e sna.xid.type3.8"
+          " -e sna.xid.type3.state -e sna.xid.type3.10 -e sna.xid.type3.negcsup -e sna.xid.type3.tg"
+          " -e sna.xid.type3.dlc -e sna.xid.type3.dlen -e sna.control.key -e sna.control.len"
+          " -e sna.control.0e.type -e sna.control.0e.value -e _ws.expert -e _ws.malformed"
+          " 2>/dev/null");
+  EXPECT_EQ(out,
+            "12000|0x04|3|2|40|0x0000005d|0x00012345|0x7038|0x0002|0xc0|1|0x00|0x01|11|0x0e|9|0xf4|"
+            "NETA.CPA||\n");
+  std::remove(path.c_str());
 }
 
 TEST(NetCapture, PasswordsAreBlankedInTheFileAndTheAttachStillDecodes) {

@@ -16,6 +16,7 @@
 #include "net/formats/gds.h"
 #include "net/formats/nlp.h"
 #include "net/formats/sense_codes.h"
+#include "net/formats/xid3.h"
 #include "net/golden_units.h"
 
 namespace snanode::net {
@@ -245,6 +246,44 @@ TEST(NetFormats, GoldenDatagramDecodesLayerByLayerAndReencodes) {
   encode_biu(biu->th, biu->rh, biu->ru, biu_bytes);
   ASSERT_TRUE(encode_nlp(nlp->nhdr, nlp->thdr, biu_bytes, out));
   EXPECT_EQ(out, golden::kDataDatagram);
+}
+
+TEST(NetFormats, GoldenXid3DecodesAndReencodes) {
+  Result<Xid3> xid = decode_xid3(golden::kXid3);
+  ASSERT_TRUE(xid) << std::hex << xid.sense();
+  EXPECT_EQ(xid->node_type, 2);
+  EXPECT_EQ(xid->id_block, 0x05D);
+  EXPECT_EQ(xid->id_number, 0x12345u);
+  EXPECT_TRUE(xid->standalone_bind && xid->whole_bind_generated && xid->whole_bind_required);
+  EXPECT_TRUE(xid->cp_services && xid->cp_cp_sessions);
+  EXPECT_FALSE(xid->network_node);
+  EXPECT_EQ(xid->state, XidExchangeState::kPrenegotiation);
+  EXPECT_TRUE(xid->negotiation_complete_supported);
+  EXPECT_EQ(xid->link_station_role, decision::kXidRoleNegotiable);
+  EXPECT_EQ(xid->max_btu, 1461);
+  ASSERT_EQ(xid->control_vectors.size(), 1u);
+  EXPECT_EQ(xid->control_vectors[0], network_name_cv(kNetworkNameCp, ebcdic("NETA.CPA")));
+
+  Xid3 built;
+  built.id_block = 0x05D;
+  built.id_number = 0x12345;
+  built.cp_cp_sessions = true;
+  built.control_vectors.push_back(network_name_cv(kNetworkNameCp, ebcdic("NETA.CPA")));
+  Bytes out;
+  ASSERT_TRUE(encode_xid3(built, out));
+  EXPECT_EQ(out, golden::kXid3);
+
+  Bytes bad = golden::kXid3;
+  bad[18] = 0x0A;  // DLC section of another size
+  EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat | 18);
+  bad = golden::kXid3;
+  bad[30] = 0x0A;  // network name CV past the end
+  EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat | 29);
+  bad = golden::kXid3;
+  bad[1] = 0x29;  // length past the I-field
+  EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat | 1);
+  bad[0] = 0x12;  // format 1
+  EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat);
 }
 
 TEST(NetFormats, RhIndicatorsSitAtTheirMasks) {

@@ -19,6 +19,7 @@
 #include "net/formats/fmh7.h"
 #include "net/formats/gds.h"
 #include "net/formats/nlp.h"
+#include "net/formats/xid3.h"
 #include "net/golden_units.h"
 
 namespace snanode::net {
@@ -123,6 +124,12 @@ const std::vector<std::pair<const char *, std::function<bool(ByteSpan)>>> &decod
                 (nlp->nhdr.mode != SwitchingMode::kAnr || re->thdr == nlp->thdr) &&
                 std::equal(re->data.begin(), re->data.end(), nlp->data.begin(), nlp->data.end());
        }},
+      {"xid3",
+       [](ByteSpan b) {
+         return stable<Xid3>(
+             decode_xid3(b), [](const Xid3 &v, Bytes &o) { return encode_xid3(v, o).ok(); },
+             decode_xid3);
+       }},
       {"records",
        [](ByteSpan b) {
          for (RecordFraming framing : {RecordFraming::kMapped, RecordFraming::kBasic}) {
@@ -152,7 +159,8 @@ TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
                                                     &golden::kIpmSolicited,
                                                     &golden::kCnos,
                                                     &golden::kDataDatagram,
-                                                    &golden::kChainFirst};
+                                                    &golden::kChainFirst,
+                                                    &golden::kXid3};
   std::mt19937 random(20261125);
   std::string error;
   auto capture = CaptureWriter::open("/dev/null", CaptureEndpoints{}, &error);
@@ -209,7 +217,7 @@ TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
       run(mutant);
     }
   }
-  EXPECT_GT(inputs, 36000u);
+  EXPECT_GT(inputs, 39000u);
   EXPECT_EQ(accepted_faults, 0u) << "first: " << first_fault.str();
 }
 

@@ -14,6 +14,18 @@ inline constexpr uint8_t kNhdrReservedAfterAnr = 0x00;
 // D3: one 8-byte FID5 session address, chosen by the BIND sender and used in
 // both directions of the session.  (No constant: the session layer holds it.)
 
+// D7: XID3 uses the LAN form of the DLC-dependent section on EE: DLC type
+// X'01', section of 11 bytes, maximum BTU 1461.  Link station role in byte 19
+// bits X'30': 00 secondary, 01 primary, 11 negotiable.
+inline constexpr uint8_t kXidDlcTypeIp = 0x01;
+inline constexpr uint16_t kXidMaxBtu = 1461;
+inline constexpr uint8_t kXidRoleSecondary = 0;
+inline constexpr uint8_t kXidRolePrimary = 1;
+inline constexpr uint8_t kXidRoleNegotiable = 3;
+
+// D8: XID exchange states numbered as Wireshark's dissector names them (see
+// XidExchangeState).
+
 // D10: the response form asked for by Confirm and Deallocate(confirm): DR1 and
 // DR2 (RQD3).  Receivers accept RQD2 as well.
 inline constexpr bool kConfirmSetsDr1 = true;
@@ -79,6 +91,9 @@ inline constexpr uint32_t kSenseInvalidFid = 0x80060000;     // FID not 5
 inline constexpr uint32_t kSenseTooShortRh = 0x40050000;     // incomplete RH
 inline constexpr uint32_t kSenseRuLength = 0x10020000;       // RU length error
 inline constexpr uint32_t kSenseRecordFraming = 0x10010000;  // bad LL in a record stream
+// A malformed XID3: the low half is the offset of the field at fault, as the
+// XID negotiation error CV (X'22') reports it.
+inline constexpr uint32_t kSenseXidFormat = 0x10160000;
 // HPR drops a malformed NLP; the code only names the refusal in traces.
 inline constexpr uint32_t kSenseNlpHeader = 0x800B0000;
 
