@@ -15,6 +15,7 @@
 #include "net/formats/fmh7.h"
 #include "net/formats/gds.h"
 #include "net/formats/nlp.h"
+#include "net/formats/pip.h"
 #include "net/formats/sense_codes.h"
 #include "net/formats/xid3.h"
 #include "net/golden_units.h"
@@ -129,6 +130,18 @@ TEST(NetFormats, GoldenAttachesDecodeAndReencode) {
   out.clear();
   ASSERT_TRUE(encode_attach(secure.value(), out));
   EXPECT_EQ(out, golden::kAttachWithPassword);
+
+  // PIP after an Attach: a X'12F5' variable of X'12E2' subfields.
+  Bytes pip;
+  append_pip({ebcdic("ONE"), {}, ebcdic("THREE")}, pip);
+  EXPECT_EQ(pip, golden::kPip);
+  ByteReader pip_in(pip);
+  Result<std::vector<Bytes>> parameters = read_pip(pip_in);
+  ASSERT_TRUE(parameters);
+  EXPECT_EQ(parameters.value(), (std::vector<Bytes>{ebcdic("ONE"), {}, ebcdic("THREE")}));
+  pip[14] = 0xE3;  // second subfield of another ID
+  ByteReader bad_pip(pip);
+  EXPECT_EQ(read_pip(bad_pip).sense(), sense::kPipNotSpecifiedCorrectly);
 
   // Blanking touches the password bytes only.
   Bytes blanked = golden::kAttachWithPassword;

@@ -19,6 +19,7 @@
 #include "net/formats/fmh7.h"
 #include "net/formats/gds.h"
 #include "net/formats/nlp.h"
+#include "net/formats/pip.h"
 #include "net/formats/xid3.h"
 #include "net/golden_units.h"
 
@@ -141,6 +142,8 @@ const std::vector<std::pair<const char *, std::function<bool(ByteSpan)>>> &decod
          }
          ByteReader in(b);
          (void)read_gds(in);
+         ByteReader pip(b);
+         (void)read_pip(pip);
          return true;
        }},
   };
@@ -160,7 +163,8 @@ TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
                                                     &golden::kCnos,
                                                     &golden::kDataDatagram,
                                                     &golden::kChainFirst,
-                                                    &golden::kXid3};
+                                                    &golden::kXid3,
+                                                    &golden::kPip};
   std::mt19937 random(20261125);
   std::string error;
   auto capture = CaptureWriter::open("/dev/null", CaptureEndpoints{}, &error);
@@ -217,7 +221,7 @@ TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
       run(mutant);
     }
   }
-  EXPECT_GT(inputs, 39000u);
+  EXPECT_GT(inputs, 42000u);
   EXPECT_EQ(accepted_faults, 0u) << "first: " << first_fault.str();
 }
 
