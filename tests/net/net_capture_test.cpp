@@ -13,6 +13,7 @@
 
 #include "net/capture/pcap_writer.h"
 #include "net/formats/biu.h"
+#include "net/formats/thdr_segments.h"
 #include "net/formats/xid3.h"
 #include "net/golden_units.h"
 
@@ -215,6 +216,70 @@ TEST(NetCapture, TsharkShowsAnXid3AsTheNodeMeantIt) {
   EXPECT_EQ(out,
             "12000|0x04|3|2|40|0x0000005d|0x00012345|0x7038|0x0002|0xc0|1|0x00|0x01|11|0x0e|9|0xf4|"
             "NETA.CPA||\n");
+  std::remove(path.c_str());
+}
+
+TEST(NetCapture, TsharkShowsTransportSegmentsAsTheNodeMeantThem) {
+  if (!have_tshark()) GTEST_SKIP() << "tshark is not installed";
+  const std::string path = temp_path("net_capture_segments");
+  {
+    std::string error;
+    auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
+    ASSERT_TRUE(writer) << error;
+    // Connection setup carrying the BIND: SETUPI with segments X'0D', X'14', X'22', X'10'.
+    Nhdr nhdr;
+    nhdr.priority = Priority::kNetwork;
+    nhdr.labels = {0x80, 0x01};
+    Thdr setup;
+    setup.tcid = {1, 2, 3, 4, 5, 6, 7, 8};
+    setup.setup = setup.optional_segments = true;
+    append_connection_setup(ConnectionSetup{}, setup.options);
+    SwitchingInformation si;
+    si.max_packet_size = 1461;
+    si.path_switch_time = 180;
+    si.alive_timer = 30;
+    si.return_route = {0x04, 0x85, 0x00, 0x00};
+    EXPECT_FALSE(append_switching_information(si, setup.options));
+    si.nested_cvs = {0x0B, 0x0E, 0xF4, 0xD5, 0xC5, 0xE3, 0xC1, 0x4B, 0xC3, 0xD7, 0xC1};  // NETA.CPA
+    ASSERT_TRUE(append_switching_information(si, setup.options));
+    append_arb(Arb{ArbMessage::kSetup, 0, false, 1, 0, 0, 1000, 2000, 3000, 4000}, setup.options);
+    append_connection_id({9, 9, 9, 9, 9, 9, 9, 9}, setup.options);
+    Bytes biu = {0x5D, 0x00, 0x00, 0x01, 0x80, 0, 0, 0, 0, 0, 0, 0x01, 0x6B, 0x80, 0x00};
+    biu.insert(biu.end(), golden::kBind.begin(), golden::kBind.end());
+    Bytes datagram = {kHprSap, kHprSap, kLlcUi};
+    ASSERT_TRUE(encode_nlp(nhdr, setup, biu, datagram));
+    ASSERT_TRUE(writer->write_datagram(CaptureDirection::kSent, 12001, datagram));
+    // A status message: one gap, no data.
+    Thdr status;
+    status.tcid = {8, 7, 6, 5, 4, 3, 2, 1};
+    status.start_of_message = status.end_of_message = false;
+    status.optional_segments = true;
+    append_status(StatusReport{true, false, 3, 2, 0x1000, {{0x1100, 0x11FF}}}, status.options);
+    append_client_bits(0x8000, status.options);
+    datagram = {kHprSap, kHprSap, kLlcUi};
+    ASSERT_TRUE(encode_nlp(nhdr, status, {}, datagram));
+    ASSERT_TRUE(writer->write_datagram(CaptureDirection::kReceived, 12001, datagram));
+  }
+  const std::string prefix = " -e sna.nlp.thdr.optional.";
+  const std::string out =
+      run("tshark -r " + path +
+          " -T fields -E separator='|' -e sna.nlp.thdr.setupi -e sna.nlp.thdr.osi"
+          " -e sna.nlp.thdr.offset" +
+          prefix + "type" + prefix + "len" + prefix + "0d.version" + prefix + "0d.arb" + prefix +
+          "0d.reliable" + prefix + "14.si.key" + prefix + "14.si.refifo" + prefix +
+          "14.si.maxpsize" + prefix + "14.si.switch" + prefix + "14.si.alive" + prefix +
+          "14.rr.key" + prefix + "22.type" + prefix + "22.arb" + prefix + "22.field1" + prefix +
+          "22.field4" + prefix + "10.tcid" + " -e sna.th.efi -e sna.rh.0" + prefix + "0e.gap" +
+          prefix + "0e.nabsp" + prefix + "0e.sync" + prefix + "0e.echo" + prefix + "0e.rseq" +
+          prefix + "0f.bits -e _ws.expert -e _ws.malformed 2>/dev/null");
+  const std::vector<std::string> lines = split(out, '\n');
+  ASSERT_EQ(lines.size(), 2u) << out;
+  EXPECT_EQ(lines[0],
+            "1|1|0x0018|0x0d,0x14,0x22,0x10|2,9,5,3|0x0101|1|1|0x83|1|1461|180|30|0x85|0x00|"
+            "0x01|1000|4000|0909090909090909|1|0x6b||||||||");
+  EXPECT_EQ(lines[1],
+            "0|1|0x000d|0x0e,0x0f|7,1|||||||||||||||||1|1|0x0003|0x0002|0x00001000|"
+            "0x8000||");
   std::remove(path.c_str());
 }
 

@@ -17,6 +17,7 @@
 #include "net/formats/nlp.h"
 #include "net/formats/pip.h"
 #include "net/formats/sense_codes.h"
+#include "net/formats/thdr_segments.h"
 #include "net/formats/xid3.h"
 #include "net/golden_units.h"
 
@@ -297,6 +298,31 @@ TEST(NetFormats, GoldenXid3DecodesAndReencodes) {
   EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat | 1);
   bad[0] = 0x12;  // format 1
   EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat);
+}
+
+TEST(NetFormats, GoldenTransportSegmentsDecodeAndReencode) {
+  Result<std::vector<OptionalSegment>> segments = split_segments(golden::kSegments);
+  ASSERT_TRUE(segments);
+  ASSERT_EQ(segments->size(), 3u);
+  const StatusReport status{true, false, 3, 2, 0x1000, {{0x1100, 0x11FF}}};
+  EXPECT_EQ(decode_status(segments->at(0)).value(), status);
+  const Arb arb{ArbMessage::kRateRequest, 0, true, 1, 3, 0, 1000, 2000, 0, 0};
+  EXPECT_EQ(decode_arb(segments->at(1)).value(), arb);
+  EXPECT_EQ(decode_connection_fault(segments->at(2)).value(), sense::kLinkFailure);
+  EXPECT_FALSE(decode_arb(segments->at(0)));  // a status segment is not an ARB segment
+  Bytes out;
+  append_status(status, out);
+  append_arb(arb, out);
+  append_connection_fault(sense::kLinkFailure, out);
+  EXPECT_EQ(out, golden::kSegments);
+
+  Bytes bad = golden::kSegments;
+  bad[3] = 0x02;  // two gaps in a segment with room for one
+  EXPECT_EQ(decode_status(split_segments(bad)->at(0)).sense(), decision::kSenseNlpHeader);
+  bad[28] = 0x00;  // a segment of no words
+  EXPECT_EQ(split_segments(bad).sense(), decision::kSenseNlpHeader);
+  bad[28] = 0x09;  // a segment past the options
+  EXPECT_EQ(split_segments(bad).sense(), decision::kSenseNlpHeader);
 }
 
 TEST(NetFormats, RhIndicatorsSitAtTheirMasks) {

@@ -20,6 +20,7 @@
 #include "net/formats/gds.h"
 #include "net/formats/nlp.h"
 #include "net/formats/pip.h"
+#include "net/formats/thdr_segments.h"
 #include "net/formats/xid3.h"
 #include "net/golden_units.h"
 
@@ -131,6 +132,29 @@ const std::vector<std::pair<const char *, std::function<bool(ByteSpan)>>> &decod
              decode_xid3(b), [](const Xid3 &v, Bytes &o) { return encode_xid3(v, o).ok(); },
              decode_xid3);
        }},
+      {"segments",
+       [](ByteSpan b) {
+         Result<std::vector<OptionalSegment>> segments = split_segments(b);
+         if (!segments) return true;
+         Bytes again;
+         size_t typed = 0;
+         for (const OptionalSegment &segment : segments.value()) {
+           // A typed decoder refuses, or gives what re-encodes to one segment.
+           const size_t before = again.size();
+           if (auto s = decode_status(segment)) append_status(s.value(), again);
+           if (auto a = decode_arb(segment)) append_arb(a.value(), again);
+           if (auto c = decode_connection_setup(segment)) append_connection_setup(c.value(), again);
+           if (auto t = decode_connection_id(segment)) append_connection_id(t.value(), again);
+           if (auto f = decode_connection_fault(segment)) append_connection_fault(f.value(), again);
+           if (auto o = decode_client_bits(segment)) append_client_bits(o.value(), again);
+           if (auto w = decode_switching_information(segment)) {
+             if (!append_switching_information(w.value(), again)) return false;
+           }
+           typed += again.size() > before ? 1 : 0;
+         }
+         Result<std::vector<OptionalSegment>> re = split_segments(again);
+         return re && re->size() == typed;
+       }},
       {"records",
        [](ByteSpan b) {
          for (RecordFraming framing : {RecordFraming::kMapped, RecordFraming::kBasic}) {
@@ -164,7 +188,8 @@ TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
                                                     &golden::kDataDatagram,
                                                     &golden::kChainFirst,
                                                     &golden::kXid3,
-                                                    &golden::kPip};
+                                                    &golden::kPip,
+                                                    &golden::kSegments};
   std::mt19937 random(20261125);
   std::string error;
   auto capture = CaptureWriter::open("/dev/null", CaptureEndpoints{}, &error);
@@ -221,7 +246,7 @@ TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
       run(mutant);
     }
   }
-  EXPECT_GT(inputs, 42000u);
+  EXPECT_GT(inputs, 45000u);
   EXPECT_EQ(accepted_faults, 0u) << "first: " << first_fault.str();
 }
 

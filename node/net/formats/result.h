@@ -12,7 +12,7 @@ template <class T>
 class Result {
  public:
   Result(T value) : value_(std::move(value)) {}  // NOLINT: implicit on purpose
-  static Result refused(uint32_t sense) { return Result(sense); }
+  static Result refused(uint32_t sense) { return Result(Refused{}, sense); }
 
   bool ok() const { return value_.has_value(); }
   explicit operator bool() const { return ok(); }
@@ -24,7 +24,8 @@ class Result {
   T *operator->() { return &*value_; }
 
  private:
-  explicit Result(uint32_t sense) : sense_(sense) {}
+  struct Refused {};
+  Result(Refused, uint32_t sense) : sense_(sense) {}
   std::optional<T> value_;
   uint32_t sense_ = 0;
 };
