@@ -175,21 +175,32 @@ const std::vector<std::pair<const char *, std::function<bool(ByteSpan)>>> &decod
 }
 
 TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
-  const std::vector<const golden::Bytes *> seeds = {&golden::kBind,
-                                                    &golden::kAttachWithData,
-                                                    &golden::kAttachWithPassword,
-                                                    &golden::kFmh7Abend,
-                                                    &golden::kFmh7WithLog,
-                                                    &golden::kUnbindNormal,
-                                                    &golden::kSignalRequestToSend,
-                                                    &golden::kLustatNull,
-                                                    &golden::kIpmSolicited,
-                                                    &golden::kCnos,
-                                                    &golden::kDataDatagram,
-                                                    &golden::kChainFirst,
-                                                    &golden::kXid3,
-                                                    &golden::kPip,
-                                                    &golden::kSegments};
+  std::vector<const golden::Bytes *> seeds = {&golden::kBind,
+                                              &golden::kAttachWithData,
+                                              &golden::kAttachWithPassword,
+                                              &golden::kFmh7Abend,
+                                              &golden::kFmh7WithLog,
+                                              &golden::kUnbindNormal,
+                                              &golden::kSignalRequestToSend,
+                                              &golden::kLustatNull,
+                                              &golden::kIpmSolicited,
+                                              &golden::kCnos,
+                                              &golden::kDataDatagram,
+                                              &golden::kChainFirst,
+                                              &golden::kXid3,
+                                              &golden::kPip,
+                                              &golden::kSegments};
+  // The segments of a connection setup, as the encoders build them.
+  Bytes setup_segments;
+  append_connection_setup(ConnectionSetup{}, setup_segments);
+  SwitchingInformation switching;
+  switching.nested_cvs = {0x0B, 0x0E, 0xF4, 0xD5, 0xC5, 0xE3, 0xC1, 0x4B, 0xC3, 0xD7, 0xC1};
+  switching.return_route = {0x04, 0x85, 0x00, 0x00};
+  ASSERT_TRUE(append_switching_information(switching, setup_segments));
+  append_arb(Arb{}, setup_segments);
+  append_connection_id({1, 2, 3, 4, 5, 6, 7, 8}, setup_segments);
+  append_client_bits(0x0001, setup_segments);
+  seeds.push_back(&setup_segments);
   std::mt19937 random(20261125);
   std::string error;
   auto capture = CaptureWriter::open("/dev/null", CaptureEndpoints{}, &error);
@@ -217,6 +228,14 @@ TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
   for (const golden::Bytes *seed : seeds) {
     for (size_t size = 0; size <= seed->size(); ++size) {
       run(Bytes(seed->begin(), seed->begin() + static_cast<std::ptrdiff_t>(size)));
+    }
+    // Every value at every position: length bytes reach every boundary.
+    for (size_t at = 0; at < seed->size(); ++at) {
+      Bytes mutant = *seed;
+      for (int value = 0; value < 256; ++value) {
+        mutant[at] = static_cast<uint8_t>(value);
+        run(mutant);
+      }
     }
     for (int i = 0; i < 3000; ++i) {
       Bytes mutant = *seed;
@@ -246,7 +265,7 @@ TEST(NetFuzz, MutatedUnitsNeverCrashAndAcceptedOnesRoundTrip) {
       run(mutant);
     }
   }
-  EXPECT_GT(inputs, 45000u);
+  EXPECT_GT(inputs, 150000u);
   EXPECT_EQ(accepted_faults, 0u) << "first: " << first_fault.str();
 }
 

@@ -187,7 +187,8 @@ Result<uint16_t> decode_client_bits(const OptionalSegment &segment) {
 
 Status append_switching_information(const SwitchingInformation &s, Bytes &options) {
   const size_t cv_size = kSwitchingInformationFixed + s.nested_cvs.size();
-  if (s.nested_cvs.empty() || cv_size > 0xFF) return {decision::kSenseNlpHeader};
+  if (s.nested_cvs.size() < decision::kSwitchingInformationMinNested || cv_size > 0xFF)
+    return {decision::kSenseNlpHeader};
   Bytes body = {0, 0};
   ByteWriter w(body);
   w.u8(static_cast<uint8_t>(cv_size));
@@ -217,7 +218,7 @@ Result<SwitchingInformation> decode_switching_information(const OptionalSegment 
   s.path_switch_time = in.u32();
   s.alive_timer = in.u32();
   if (segment.type != kSegmentSwitchingInformation || !in.ok() || key != kCvSwitchingInformation ||
-      cv_size < kSwitchingInformationFixed ||
+      cv_size < kSwitchingInformationFixed + decision::kSwitchingInformationMinNested ||
       !in.copy(cv_size - kSwitchingInformationFixed, s.nested_cvs)) {
     return refuse<SwitchingInformation>();
   }

@@ -3,6 +3,7 @@
 // has a row in docs/network.md (the "decisions" table) giving the reasoning.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace snanode::net::decision {
@@ -96,6 +97,10 @@ inline constexpr uint32_t kSenseRecordFraming = 0x10010000;  // bad LL in a reco
 inline constexpr uint32_t kSenseXidFormat = 0x10160000;
 // HPR drops a malformed NLP; the code only names the refusal in traces.
 inline constexpr uint32_t kSenseNlpHeader = 0x800B0000;
+
+// D28: a Switching Information CV (X'83') carries at least this many bytes of
+// nested CVs after its 16 fixed bytes; one that does not is refused both ways.
+inline constexpr size_t kSwitchingInformationMinNested = 1;
 
 // D26: the capture writer replaces passwords and password substitutes in an
 // Attach with the same number of EBCDIC blanks, so every length field and byte
