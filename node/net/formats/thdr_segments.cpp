@@ -92,6 +92,9 @@ void append_status(const StatusReport &s, Bytes &options) {
 }
 
 Result<StatusReport> decode_status(const OptionalSegment &segment) {
+  if (segment.type != kSegmentStatus || segment.body.size() < kStatusFixedBody) {
+    return refuse<StatusReport>();
+  }
   ByteReader in(segment.body);
   StatusReport s;
   const uint8_t flags = in.u8();
@@ -100,7 +103,7 @@ Result<StatusReport> decode_status(const OptionalSegment &segment) {
   s.acknowledged_report = in.u16();
   s.received_sequence = in.u32();
   in.take(8);
-  if (segment.type != kSegmentStatus || !in.ok() || in.remaining() < gaps * 8u) {
+  if (in.remaining() < gaps * 8u) {
     return refuse<StatusReport>();
   }
   s.gap_detected = flags & 0x80;
