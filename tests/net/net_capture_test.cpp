@@ -5,7 +5,11 @@
 // the file.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -300,6 +304,35 @@ TEST(NetCapture, PasswordsAreBlankedInTheFileAndTheAttachStillDecodes) {
   std::fill(blanked.begin() + 25, blanked.begin() + 31, 0x40);
   EXPECT_NE(std::search(content.begin(), content.end(), blanked.begin(), blanked.end()),
             content.end());
+
+  // An Attach cut by the end of an NLP inside its password: neither part of the
+  // password reaches the file.
+  const std::string split_path = temp_path("net_capture_split");
+  {
+    std::string error;
+    auto writer = CaptureWriter::open(split_path, CaptureEndpoints{}, &error);
+    ASSERT_TRUE(writer) << error;
+    Bytes biu = {0x5C, 0x00, 0x00, 0x01, 0x80, 0, 0, 0, 0, 0, 0, 0x01, 0x0B, 0x90, 0x80};
+    biu.insert(biu.end(), golden::kAttachWithPassword.begin(), golden::kAttachWithPassword.end());
+    const size_t cut = 15 + 27;  // TH, RH, and the Attach up to two bytes into the password
+    Nhdr nhdr;
+    Thdr first, second;
+    first.end_of_message = false;
+    second.start_of_message = false;
+    second.bsn = cut;
+    for (const auto &[thdr, part] : {std::pair{first, ByteSpan(biu).first(cut)},
+                                     std::pair{second, ByteSpan(biu).subspan(cut)}}) {
+      Bytes datagram = {kHprSap, kHprSap, kLlcUi};
+      ASSERT_TRUE(encode_nlp(nhdr, thdr, part, datagram));
+      ASSERT_TRUE(writer->write_datagram(CaptureDirection::kSent, 12002, datagram));
+    }
+  }
+  std::ifstream split_file(split_path, std::ios::binary);
+  const Bytes split((std::istreambuf_iterator<char>(split_file)), std::istreambuf_iterator<char>());
+  const Bytes head = {0x07, 0x01, 0xE2, 0xC5}, tail = {0xC3, 0xD9, 0xC5, 0xE3};
+  EXPECT_EQ(std::search(split.begin(), split.end(), head.begin(), head.end()), split.end());
+  EXPECT_EQ(std::search(split.begin(), split.end(), tail.begin(), tail.end()), split.end());
+  std::remove(split_path.c_str());
 
   if (have_tshark()) {
     const std::string out = run("tshark -r " + path +

@@ -107,7 +107,18 @@ void CaptureWriter::blank_secrets(Bytes &payload) {
   }
   if (pending != blank_until_end_.end()) blank_until_end_.erase(pending);
   Result<BiuView> biu = decode_biu(nlp->data);
-  if (!biu || classify(biu.value()) != RuKind::kAttach) return;
+  if (!biu) {
+    // Not even the TH and RH fit: whatever follows may hold an Attach.
+    if (!thdr.end_of_message) blank_until_end_.push_back(thdr.tcid);
+    return;
+  }
+  // An FM header cut before its type byte may be an Attach: blank what follows.
+  const Rh &rh = biu->rh;
+  if (!rh.response && rh.category == RuCategory::kFmd && rh.fi && biu->ru.size() < 2) {
+    if (!thdr.end_of_message) blank_until_end_.push_back(thdr.tcid);
+    return;
+  }
+  if (classify(biu.value()) != RuKind::kAttach) return;
   const auto ru_at = static_cast<size_t>(biu->ru.data() - payload.data());
   const Blanking done = blank_attach_password(
       std::span<uint8_t>(payload.data() + ru_at, biu->ru.size()), decision::kCaptureBlank);

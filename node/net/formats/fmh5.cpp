@@ -187,15 +187,17 @@ Result<Attach> decode_attach(ByteReader &outer) {
 }
 
 Blanking blank_attach_password(std::span<uint8_t> fmh, uint8_t blank) {
-  if (fmh.size() < 10 || (fmh[1] & 0x7F) != kFmhTypeAttach || load_u16(&fmh[2]) != kAttachCommand) {
-    return Blanking::kNothingToBlank;
-  }
-  const size_t end = std::min<size_t>(fmh[0], fmh.size());
   auto blank_from = [&](size_t at) {
     std::fill(fmh.begin() + static_cast<std::ptrdiff_t>(std::min(at, fmh.size())), fmh.end(),
               blank);
     return Blanking::kBlankedRemainder;
   };
+  if (fmh.size() < 2 || (fmh[1] & 0x7F) != kFmhTypeAttach) return Blanking::kNothingToBlank;
+  // Too short to tell the command or find the TP name: the rest may follow.
+  if (fmh.size() < 4) return blank_from(fmh.size());
+  if (load_u16(&fmh[2]) != kAttachCommand) return Blanking::kNothingToBlank;
+  if (fmh.size() < 6) return blank_from(fmh.size());
+  const size_t end = std::min<size_t>(fmh[0], fmh.size());
   size_t at = 6 + size_t{fmh[5]};  // past the fixed part: the TP name length
   if (at >= end) return blank_from(at);
   at += 1 + size_t{fmh[at]};  // the access security length

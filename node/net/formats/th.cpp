@@ -1,5 +1,7 @@
 #include "net/formats/th.h"
 
+#include <algorithm>
+
 namespace snanode::net {
 
 namespace {

@@ -1,5 +1,7 @@
 #include "net/formats/thdr_segments.h"
 
+#include <algorithm>
+
 #include "net/formats/wire_decisions.h"
 
 namespace snanode::net {
