@@ -71,7 +71,7 @@ struct Unit {
   CaptureDirection direction;
   bool expedited;
   uint16_t snf;
-  Bytes rh;  // as the reference gives it for this flow
+  Bytes rh;  // as the published flows give it
   Bytes ru;
   Priority priority = Priority::kHigh;
 };
