@@ -7,6 +7,7 @@
 
 #include "net/formats/byte_io.h"
 #include "net/formats/result.h"
+#include "net/formats/wire_decisions.h"
 
 namespace snanode::net {
 
@@ -19,7 +20,7 @@ inline constexpr uint8_t kRequestBid = 0xC8;
 inline constexpr uint8_t kRequestSig = 0xC9;
 
 struct Unbind {
-  uint8_t type = 0x01;  // decision::kUnbindNormal
+  uint8_t type = decision::kUnbindNormal;
   uint32_t sense = 0;
   Bytes control_vectors;  // key-length form, e.g. Extended Sense Data X'35'
   bool operator==(const Unbind &) const = default;

@@ -27,13 +27,14 @@ inline constexpr uint8_t kXidRoleNegotiable = 3;
 // D8: XID exchange states numbered as Wireshark's dissector names them (see
 // XidExchangeState).
 
-// D10: the response form asked for by Confirm and Deallocate(confirm): DR1 and
-// DR2 (RQD3).  Receivers accept RQD2 as well.
-inline constexpr bool kConfirmSetsDr1 = true;
+// D10: the response form asked for by Confirm and Deallocate(confirm), as RH
+// byte 1: DR1 and DR2 (RQD3).  Receivers accept RQD2 (X'20') as well.
+inline constexpr uint8_t kConfirmResponseForm = 0xA0;
 
-// D11: BIND bytes this node sends with these values.
-inline constexpr uint8_t kBindCommonProtocols6 = 0x50;  // FM headers, bracket rule 1
-inline constexpr uint8_t kBindByte22 = 0x00;
+// D11: the BIND this node sends starts from the default `Bind` of bind.h:
+// byte 6 X'50' (FM headers, bracket termination rule 1), byte 7 X'A1'
+// (half-duplex flip-flop, symmetric recovery, secondary contention winner,
+// primary sends first), byte 22 X'00'.
 
 // D12: a maximum RU size is always sent encoded (never X'00'); a received X'00'
 // ("no maximum") is read as the largest encodable size, X'FF' = 15 * 2^15.
