@@ -34,6 +34,8 @@ Engine::Engine(const config::NodeConfig &config, EngineHooks hooks)
 Engine::~Engine() = default;
 
 bool Engine::start(void *vcb, void *token, bool caller_blocks) {
+  ended_vcb_ = nullptr;
+  ended_link_.reset();
   bool completed = true;
   switch (opcode_of(vcb)) {
     case NAP_START_TP:
@@ -166,6 +168,13 @@ bool Engine::conversation_verb(void *vcb, void *token, bool caller_blocks) {
   conv.set_caller_blocks(caller_blocks);
   const bool completed = carry_out(conv, vcb, token);
   conv.verb_done();
+  if (completed && caller_blocks && conv.state() == ConvState::kReset) {
+    // What this verb and the ones before it sent may still be queued: the
+    // caller's thread writes it out before the verb returns (see reader_for),
+    // so it reaches the partner even if the process exits right after.
+    ended_vcb_ = vcb;
+    ended_link_ = conv.link_reader();
+  }
   return completed;
 }
 
@@ -267,6 +276,10 @@ void Engine::set_remote(RemoteNode *remote) {
 }
 
 std::shared_ptr<LinkReader> Engine::reader_for(const void *vcb) {
+  if (vcb == ended_vcb_) {
+    ended_vcb_ = nullptr;
+    return std::move(ended_link_);
+  }
   switch (opcode_of(vcb)) {
     case NAP_START_TP:
     case NAP_TP_ENDED:
@@ -342,6 +355,8 @@ void Engine::end_path() {
     put_result(allocate.vcb->hdr, AP_CONV_FAILURE_NO_RETRY);
     tokens.push_back(allocate.token);
   }
+  ended_vcb_ = nullptr;
+  ended_link_.reset();
   accepts_.clear();
   allocates_.clear();
   remote_allocates_.clear();

@@ -76,7 +76,8 @@ class Engine : private ConversationHost {
 
   // For a thread whose verb on a conversation waits or has sent: a way to
   // read and write the conversation's link itself (see LinkReader), or
-  // nullptr.
+  // nullptr.  Also for one whose verb has just ended its conversation (the
+  // engine has let go of it): the link, to write out before the verb returns.
   std::shared_ptr<LinkReader> reader_for(const void *vcb);
   // Where the link may put the next record for a receive that waits (see
   // Landing); false when it may not.
@@ -192,6 +193,10 @@ class Engine : private ConversationHost {
   uint32_t next_accept_id_ = 0;
   // Allocations the daemon has not answered; a null vcb: the TP gave up.
   std::map<uint32_t, WaitingAllocate> remote_allocates_;
+  // The link of the conversation that the last verb ended, while its caller's
+  // thread has yet to write it out (reader_for).
+  const void *ended_vcb_ = nullptr;
+  std::shared_ptr<LinkReader> ended_link_;
   DeadlineTimer timer_;  // last: stopped before the state it looks at goes
 };
 

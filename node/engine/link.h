@@ -45,7 +45,10 @@ class LinkReader {
   // Called holding the process lock once a verb whose thread can wait has
   // sent: past the link's queue limit, writes what the socket has not taken,
   // waiting for room with the lock released, so a sender that outpaces its
-  // partner waits for it (pacing) instead of queueing without end.
+  // partner waits for it (pacing) instead of queueing without end.  Once the
+  // link is closed (the verb ended its conversation), writes all of it and
+  // the end of the stream, unless the peer is gone or stuck: what a verb
+  // accepted is then out of the process's hands.
   virtual void finish_writing() {}
 };
 

@@ -105,4 +105,13 @@ void reactor_unregister(uint64_t key, int fd) {
   reactor->endpoints.erase(found);
 }
 
+std::vector<std::shared_ptr<ReactorEndpoint>> reactor_endpoints() {
+  std::vector<std::shared_ptr<ReactorEndpoint>> endpoints;
+  Reactor *reactor = g_reactor.load(std::memory_order_acquire);  // never made here
+  if (reactor == nullptr) return endpoints;
+  std::lock_guard<std::mutex> hold(reactor->mutex);
+  for (const auto &[key, endpoint] : reactor->endpoints) endpoints.push_back(endpoint);
+  return endpoints;
+}
+
 }  // namespace snanode::engine

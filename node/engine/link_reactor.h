@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace snanode::engine {
 
@@ -36,5 +37,9 @@ void reactor_watch(uint64_t key, int fd, bool input, bool output);
 // reactor thread (inside on_events) included; an event already under way may
 // still reach the endpoint once.
 void reactor_unregister(uint64_t key, int fd);
+
+// The endpoints registered now, for a last look at process exit.  None in a
+// forked child until it registers its own: it never acts on its parent's.
+std::vector<std::shared_ptr<ReactorEndpoint>> reactor_endpoints();
 
 }  // namespace snanode::engine

@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -27,6 +29,15 @@ namespace {
 // How often a thread waiting for room to write checks that its link is still
 // open (a cancel closes it without a word to the socket).
 constexpr int kWriteCheckMs = 100;
+
+using Clock = std::chrono::steady_clock;
+
+std::atomic<int64_t> g_stall_limit_ms{
+    std::chrono::duration_cast<std::chrono::milliseconds>(kSocketLinkStallLimit).count()};
+
+Clock::duration stall_limit() {
+  return std::chrono::milliseconds(g_stall_limit_ms.load());
+}
 // A socket found empty this recently is taken to be empty still, by a verb
 // that only looks for news from the partner (see Link::pull).
 constexpr auto kStillEmpty = std::chrono::microseconds(50);
@@ -79,8 +90,8 @@ class State : public ReactorEndpoint,
     key_ = reactor_register(fd_, shared_from_this());
     if (key_ == 0) {
       write_failed_ = true;
-      input_ended_ = true;
       end_unreported_ = true;
+      input_ended_ = true;
     }
   }
 
@@ -248,25 +259,38 @@ class State : public ReactorEndpoint,
     return true;
   }
 
+  // Past the queue limit, writes down to half of it; once the link is closed
+  // (the verb ended the conversation), writes everything and the end of the
+  // stream, so it has reached the kernel, which keeps it for the peer however
+  // soon this process exits.  Either way with the node's lock released, and
+  // for an ending link only while the peer takes something at least every
+  // stall limit: a peer that is stuck does not hold the verb for ever (what
+  // is left then waits for the reactor, or for the exit, see
+  // write_out_at_exit).
   void finish_writing() override {
+    bool ending;
     {
       std::lock_guard<std::mutex> hold(out_mutex_);
-      if (queue_.bytes() <= kSocketLinkQueueLimit || write_failed_.load() || closed_.load()) {
-        return;
-      }
+      ending = closing_;
+      if (write_failed_.load() || queue_.empty()) return;
+      if (!ending && (queue_.bytes() <= kSocketLinkQueueLimit || closed_.load())) return;
       self_writing_ = true;  // the reactor need not wake for room
       update_watch_locked();
     }
-    const std::shared_ptr<State> keep = shared_from_this();
+    const size_t keep = ending ? 0 : kSocketLinkQueueLimit / 2;
+    const std::shared_ptr<State> keep_alive = shared_from_this();
     bool retire;
     run_without_process_lock([&] {
       std::unique_lock<std::mutex> hold(out_mutex_);
-      while (queue_.bytes() > kSocketLinkQueueLimit / 2 && !write_failed_.load() &&
-             !closed_.load()) {
+      Clock::time_point progress = Clock::now();
+      while (queue_.bytes() > keep && !write_failed_.load() && (ending || !closed_.load())) {
+        if (ending && Clock::now() - progress > stall_limit()) break;
         hold.unlock();
         wait_for_room(fd_);
         hold.lock();
+        const size_t before = queue_.bytes();
         write_queue_locked();
+        if (queue_.bytes() < before) progress = Clock::now();
       }
       self_writing_ = false;
       update_watch_locked();
@@ -275,6 +299,38 @@ class State : public ReactorEndpoint,
     notify_drained();
     if (retire) this->retire();
   }
+
+  // ---- at process exit ----
+
+  enum class ExitWrite : uint8_t { kDone, kWaiting, kGivenUp };
+
+  // One round of writing out a closed link's queue at exit, without the
+  // node's lock (its holder may be the exiting thread).  kWaiting: the socket
+  // is full, poll fd() for room.  A peer that has taken nothing for the stall
+  // limit is given up: its stream is cut, so it learns of the loss.
+  ExitWrite write_before_exit(Clock::time_point now) {
+    ExitWrite result = ExitWrite::kWaiting;
+    bool retire = false;
+    {
+      std::lock_guard<std::mutex> hold(out_mutex_);
+      if (!closing_ || retired_) return ExitWrite::kDone;  // open links just break
+      if (exit_progress_ == Clock::time_point{}) exit_progress_ = now;
+      const size_t before = queue_.bytes();
+      write_queue_locked();
+      if (queue_.bytes() < before) exit_progress_ = now;
+      if (queue_.empty() || write_failed_.load()) {
+        retire = ready_to_retire_locked();
+        result = ExitWrite::kDone;
+      } else if (now - exit_progress_ > stall_limit()) {
+        result = ExitWrite::kGivenUp;
+      }
+    }
+    if (retire) this->retire();
+    if (result == ExitWrite::kGivenUp) ::shutdown(fd_, SHUT_RDWR);
+    return result;
+  }
+
+  int fd() const { return fd_; }
 
  private:
   // A DATA frame written from its sender's buffer, as far as a socket takes it.
@@ -462,8 +518,10 @@ class State : public ReactorEndpoint,
       reader_.read(fd_, frames, to_the_end, wait);
     }
     if (reader_.end() == FrameReader::End::kNone) return;
-    input_ended_ = true;
+    // Before input_ended_: whoever sees the input ended also sees whether the
+    // sink is still to hear of it (attach looks without owning the input).
     end_unreported_ = reader_.end() == FrameReader::End::kBroken;
+    input_ended_ = true;
   }
 
   // Hands what was read to the sink, and then the loss of the link if the
@@ -478,8 +536,7 @@ class State : public ReactorEndpoint,
   }
 
   void report_end_locked() {
-    if (!end_unreported_ || !open_ || sink_ == nullptr) return;
-    end_unreported_ = false;
+    if (!open_ || sink_ == nullptr || !end_unreported_.exchange(false)) return;
     FrameSink *sink = std::exchange(sink_, nullptr);  // heard once
     sink->link_lost();
   }
@@ -501,6 +558,7 @@ class State : public ReactorEndpoint,
   bool watching_output_ = false;
   bool closing_ = false;
   bool retired_ = false;
+  Clock::time_point exit_progress_;  // the last write at exit (zero: none yet)
   std::atomic<bool> write_failed_{false};
   std::atomic<int> senders_waiting_{0};
   std::condition_variable_any drained_;  // waited on with the process lock
@@ -509,7 +567,9 @@ class State : public ReactorEndpoint,
   std::atomic<uint32_t> input_state_{kInputIdle};
   FrameReader reader_;
   std::atomic<bool> input_ended_{false};
-  bool end_unreported_ = false;  // the stream broke; the sink has not heard it
+  // The stream broke and the sink has not heard it: set by the input's owner,
+  // taken under the node's lock by whoever reports it (attach included).
+  std::atomic<bool> end_unreported_{false};
 
   std::atomic<bool> closed_{false};  // open_, for threads without the node's lock
 
@@ -541,9 +601,40 @@ class SocketLink : public Link {
   std::shared_ptr<State> state_;
 };
 
+// Registered with atexit when the process makes its first link: writes out
+// the links that were closed with output still queued (a verb that ended a
+// conversation with no thread waiting for it, a TP that ended, a verb that
+// gave up on a stuck peer), all at once, until each is written, its peer gone
+// or given up.  Only the reactor's links are looked at: a forked child has
+// none of its parent's, so it never writes its parent's output.
+void write_out_at_exit() {
+  std::vector<std::shared_ptr<State>> pending;
+  for (auto &endpoint : reactor_endpoints()) {
+    if (auto state = std::dynamic_pointer_cast<State>(endpoint))
+      pending.push_back(std::move(state));
+  }
+  std::vector<pollfd> waiting;
+  while (!pending.empty()) {
+    waiting.clear();
+    const Clock::time_point now = Clock::now();
+    std::erase_if(pending, [&](const std::shared_ptr<State> &state) {
+      if (state->write_before_exit(now) != State::ExitWrite::kWaiting) return true;
+      waiting.push_back(pollfd{state->fd(), POLLOUT, 0});
+      return false;
+    });
+    if (!waiting.empty()) ::poll(waiting.data(), waiting.size(), kWriteCheckMs);
+  }
+}
+
 }  // namespace
 
+void set_socket_link_stall_limit(std::chrono::milliseconds limit) {
+  g_stall_limit_ms = limit.count();
+}
+
 std::unique_ptr<Link> make_socket_link(int fd, RunLocked run_locked) {
+  static std::once_flag exit_handler;
+  std::call_once(exit_handler, [] { std::atexit(write_out_at_exit); });
   auto state = std::make_shared<State>(fd, std::move(run_locked));
   state->start();
   return std::make_unique<SocketLink>(std::move(state));

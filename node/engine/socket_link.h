@@ -2,22 +2,27 @@
 // process, its partner in another (or, in tests, in this one).
 //
 // Frames travel in the encoding of frame.h.  send() writes a frame at once
-// when the socket takes it without blocking, so it is on its way when the verb
-// returns (a TP may exit right after its last verb); what the socket cannot
-// take yet goes to a writer thread, so send() never blocks on the socket while
-// the caller holds the node's lock.  A reader thread decodes inbound frames
-// and hands them to the sink under that lock.  The node's lock is the process
-// lock unless the link is given another way to take it (`run_locked`, as a
-// test of the engine alone does).  Under the process lock, send() also applies
-// back-pressure: when the writer's queue passes a limit it waits, with the
-// lock released, until the writer catches up.
+// when the socket takes it without blocking; what the socket cannot take yet
+// waits in the link's queue for the reactor thread (link_reactor.h), so
+// send() never blocks on the socket while the caller holds the node's lock.
+// Under the process lock, a sender whose queue passes a limit waits, with the
+// lock released, until it is written down (pacing).  The node's lock is the
+// process lock unless the link is given another way to take it (`run_locked`,
+// as a test of the engine alone does).
 //
+// Queued output dies with the process, so a link whose conversation has
+// ended is written out before the process may go: by the ending verb's thread
+// (LinkReader::finish_writing), or, for whatever is left, at exit (atexit).
+// Either gives up on a peer that takes nothing for kSocketLinkStallLimit, and
+// cuts its stream, so the peer learns the conversation failed.
+
 // An orderly close ends the stream with a four-byte zero length, which no
 // frame can have; end-of-stream without it (the partner process died, its
 // socket broke, it closed abnormally) is reported to the sink as link_lost(),
 // once.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -28,6 +33,13 @@ namespace snanode::engine {
 
 // Encoded bytes a link may hold unsent before send() waits for the writer.
 inline constexpr size_t kSocketLinkQueueLimit = 4u << 20;
+
+// How long a link whose conversation has ended waits for a peer that takes
+// nothing before it gives up writing its output out (see
+// LinkReader::finish_writing, and the writing at process exit).
+inline constexpr std::chrono::seconds kSocketLinkStallLimit{30};
+// Changes that limit for the process (tests).
+void set_socket_link_stall_limit(std::chrono::milliseconds limit);
 
 // Runs `work` holding the node's lock.
 using RunLocked = std::function<void(const std::function<void()> &work)>;

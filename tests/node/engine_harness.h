@@ -83,6 +83,16 @@ class EngineHarness {
     };
     engine_ = std::make_unique<Engine>(cfg, hooks);
   }
+  // The engine's state goes under the lock its links deliver under (a link's
+  // reader may be delivering to a conversation right then); the engine itself
+  // without it, since stopping its timer waits for a callback that takes it.
+  ~EngineHarness() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      engine_->end_path();
+    }
+    engine_.reset();
+  }
 
   // Runs `work` on the engine under the harness's lock.
   void run(const std::function<void(Engine &)> &work) {

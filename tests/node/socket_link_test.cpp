@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -81,6 +82,19 @@ void expect_same(const Frame &got, const Frame &sent, size_t index) {
   EXPECT_TRUE(got.payload == sent.payload) << index;
 }
 
+// A link that goes, as every link of the node does, under the process lock:
+// its reader may be delivering to it right then.
+struct CloseLocked {
+  void operator()(Link *link) const {
+    snanode::ProcessLockGuard lock;
+    delete link;
+  }
+};
+using LinkPtr = std::unique_ptr<Link, CloseLocked>;
+LinkPtr socket_link(int fd, RunLocked run_locked = nullptr) {
+  return LinkPtr(make_socket_link(fd, std::move(run_locked)).release());
+}
+
 void send_locked(Link &link, Frame frame) {
   snanode::ProcessLockGuard lock;
   link.send(std::move(frame));
@@ -88,8 +102,8 @@ void send_locked(Link &link, Frame frame) {
 
 TEST(SocketLink, FramesArriveInOrderBothWays) {
   SocketPair pair;
-  auto left = make_socket_link(pair.fds[0]);
-  auto right = make_socket_link(pair.fds[1]);
+  auto left = socket_link(pair.fds[0]);
+  auto right = socket_link(pair.fds[1]);
   RecordingSink left_sink, right_sink;
   {
     snanode::ProcessLockGuard lock;
@@ -127,8 +141,8 @@ TEST(SocketLink, FramesArriveInOrderBothWays) {
 // the reader (which needs the same process lock) catches up, without deadlock.
 TEST(SocketLink, LargePayloadsPassWithBackPressure) {
   SocketPair pair;
-  auto sender = make_socket_link(pair.fds[0]);
-  auto receiver = make_socket_link(pair.fds[1]);
+  auto sender = socket_link(pair.fds[0]);
+  auto receiver = socket_link(pair.fds[1]);
   RecordingSink sink;
   {
     snanode::ProcessLockGuard lock;
@@ -164,8 +178,8 @@ TEST(SocketLink, ASenderWaitingForRoomFinishesOrIsReleasedByClose) {
   };
   {
     SocketPair pair = small_pair();
-    auto sender = make_socket_link(pair.fds[0]);
-    auto receiver = make_socket_link(pair.fds[1]);
+    auto sender = socket_link(pair.fds[0]);
+    auto receiver = socket_link(pair.fds[1]);
     RecordingSink sink;
     {
       snanode::ProcessLockGuard lock;
@@ -178,7 +192,7 @@ TEST(SocketLink, ASenderWaitingForRoomFinishesOrIsReleasedByClose) {
   for (bool quietly : {false, true}) {
     SCOPED_TRACE(quietly ? "quietly" : "telling the peer");
     SocketPair pair = small_pair();
-    auto sender = make_socket_link(pair.fds[0]);
+    auto sender = socket_link(pair.fds[0]);
     std::thread closer([&] {
       std::this_thread::sleep_for(50ms);
       snanode::ProcessLockGuard lock;  // released by the waiting sender
@@ -200,8 +214,8 @@ TEST(SocketLink, ASenderWaitingForRoomFinishesOrIsReleasedByClose) {
 // takes no more than the start of the record behind the one it lands.
 TEST(SocketLink, LargeRecordsLandInTheWaitingReceivesBuffer) {
   SocketPair pair;
-  auto receiver = make_socket_link(pair.fds[0]);
-  auto sender = make_socket_link(pair.fds[1]);
+  auto receiver = socket_link(pair.fds[0]);
+  auto sender = socket_link(pair.fds[1]);
   std::vector<uint8_t> buffer(32767);
   struct LandingSink : RecordingSink {
     const std::vector<uint8_t> *buffer = nullptr;
@@ -243,8 +257,8 @@ TEST(SocketLink, LargeRecordsLandInTheWaitingReceivesBuffer) {
 // closing the link (as a cancel does) ends its wait.
 TEST(SocketLink, AWaitingThreadReadsItsSocketUntilTheLinkCloses) {
   SocketPair pair;
-  auto receiver = make_socket_link(pair.fds[0]);
-  auto sender = make_socket_link(pair.fds[1]);
+  auto receiver = socket_link(pair.fds[0]);
+  auto sender = socket_link(pair.fds[1]);
   struct ThreadSink : RecordingSink {
     std::vector<std::thread::id> threads;
     void on_frame(Frame &&frame) override {
@@ -260,6 +274,9 @@ TEST(SocketLink, AWaitingThreadReadsItsSocketUntilTheLinkCloses) {
   ASSERT_TRUE(sink.wait_for_frames(1));  // the reactor delivers while no one waits
 
   snanode::ProcessLockGuard lock;
+  // As the engine does while a verb's own thread waits: otherwise the reactor
+  // may take a frame that arrives between two reads of this thread.
+  receiver->set_input_wanted(false);
   auto reader = receiver->reader();
   ASSERT_NE(reader, nullptr);
   std::thread later([&] {
@@ -290,8 +307,8 @@ TEST(SocketLink, CloseTellsThePeerOnlyWhenNotQuiet) {
   for (const bool quietly : {false, true}) {
     SCOPED_TRACE(quietly ? "quiet close" : "abnormal close");
     SocketPair pair;
-    auto closing = make_socket_link(pair.fds[0]);
-    auto peer = make_socket_link(pair.fds[1]);
+    auto closing = socket_link(pair.fds[0]);
+    auto peer = socket_link(pair.fds[1]);
     RecordingSink sink;
     {
       snanode::ProcessLockGuard lock;
@@ -326,7 +343,7 @@ TEST(SocketLink, PeerDeathIsReportedOnceAfterItsFrames) {
     for (;;) ::pause();
   }
   ::close(pair.fds[1]);
-  auto link = make_socket_link(pair.fds[0]);
+  auto link = socket_link(pair.fds[0]);
   RecordingSink sink;
   {
     snanode::ProcessLockGuard lock;
@@ -344,9 +361,66 @@ TEST(SocketLink, PeerDeathIsReportedOnceAfterItsFrames) {
   EXPECT_EQ(sink.frames().size(), 1u);
 }
 
+// A process that closes a link with far more queued than its socket holds
+// and goes at once: the frames and the orderly end still reach the peer,
+// written out by the closing thread before it goes (even by _exit), or else
+// at exit.  A peer that takes nothing is given up on within the stall limit,
+// and its stream is cut, so it learns the conversation broke.  The children
+// are forked before this process has threads (the sanitizers want that).
+TEST(SocketLink, AClosedLinkIsWrittenOutBeforeItsProcessGoes) {
+  enum Going { kWrittenOutThenUnderscoreExit, kExit, kExitToAStuckPeer, kWays };
+  constexpr size_t kFrames = 64;  // 4 MiB
+  const auto data_frame = [](size_t i) {
+    return make_frame(FrameType::kData, 0, 0, 65536, static_cast<uint8_t>(i));
+  };
+  SocketPair pairs[kWays];
+  pid_t children[kWays];
+  for (int going = 0; going < kWays; ++going) {
+    children[going] = ::fork();
+    ASSERT_GE(children[going], 0);
+    if (children[going] != 0) continue;
+    if (going == kExitToAStuckPeer) set_socket_link_stall_limit(300ms);
+    auto link = socket_link(pairs[going].fds[0]);
+    snanode::ProcessLockGuard lock;
+    for (size_t i = 0; i < kFrames; ++i) link->send(data_frame(i));
+    link->send(make_frame(FrameType::kDeallocate, 0, 0, 0, 0));
+    link->close(true);
+    if (going != kWrittenOutThenUnderscoreExit) std::exit(0);
+    link->reader()->finish_writing();
+    ::_exit(0);
+  }
+  for (SocketPair &pair : pairs) ::close(pair.fds[0]);
+  const auto started = std::chrono::steady_clock::now();
+  int status[kWays];
+  ASSERT_EQ(::waitpid(children[kExitToAStuckPeer], &status[kExitToAStuckPeer], 0),
+            children[kExitToAStuckPeer]);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 3s);
+  for (int going = 0; going < kWays; ++going) {
+    SCOPED_TRACE(going);
+    auto receiver = socket_link(pairs[going].fds[1]);
+    RecordingSink sink;
+    {
+      snanode::ProcessLockGuard lock;
+      receiver->attach(&sink);
+    }
+    if (going == kExitToAStuckPeer) {
+      EXPECT_TRUE(sink.wait_for_lost());
+      EXPECT_LT(sink.frames().size(), kFrames + 1);
+      continue;
+    }
+    ASSERT_TRUE(sink.wait_for_frames(kFrames + 1));
+    const auto frames = sink.frames();
+    for (size_t i = 0; i < kFrames; ++i) expect_same(frames[i], data_frame(i), i);
+    EXPECT_EQ(frames[kFrames].type, FrameType::kDeallocate);
+    EXPECT_FALSE(sink.wait_for_lost(300ms));
+    ASSERT_EQ(::waitpid(children[going], &status[going], 0), children[going]);
+  }
+  for (const int ended : status) EXPECT_TRUE(WIFEXITED(ended) && WEXITSTATUS(ended) == 0) << ended;
+}
+
 TEST(SocketLink, UndecodableStreamCountsAsLost) {
   SocketPair pair;
-  auto link = make_socket_link(pair.fds[0]);
+  auto link = socket_link(pair.fds[0]);
   RecordingSink sink;
   {
     snanode::ProcessLockGuard lock;
@@ -384,8 +458,8 @@ TEST(SocketLink, DeliversUnderTheLockItWasGiven) {
    private:
     const bool &inside_;
   } sink(inside);
-  auto receiver = make_socket_link(pair.fds[1], run_locked);
-  auto sender = make_socket_link(pair.fds[0]);
+  auto receiver = socket_link(pair.fds[1], run_locked);
+  auto sender = socket_link(pair.fds[0]);
   {
     std::lock_guard<std::mutex> hold(node_lock);
     receiver->attach(&sink);
