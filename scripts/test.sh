@@ -21,7 +21,7 @@ case "${1:-}" in
     # report makes the test's process exit with status 66.
     build=build-tsan
     flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCPIC_TSAN=ON -DCPIC_BUILD_BENCH=OFF)
-    export TSAN_OPTIONS=second_deadlock_stack=1
+    export TSAN_OPTIONS=second_deadlock_stack=1:die_after_fork=0
     ;;
   "") ;;
   *)
