@@ -191,6 +191,11 @@ std::optional<DecodedMessage> decode_message(const uint8_t *in, size_t size, siz
 #pragma GCC diagnostic pop
 #endif
 
+bool may_pass_descriptor(const Message &message) {
+  return std::holds_alternative<AllocateResult>(message) ||
+         std::holds_alternative<AttachDelivery>(message);
+}
+
 const char *message_name(const Message &message) {
   static constexpr const char *kNames[] = {"hello",    "welcome",         "register",
                                            "withdraw", "accept-wait",     "accept-cancel",

@@ -11,10 +11,14 @@ namespace {
 
 constexpr size_t kReadChunk = 16 * 1024;
 constexpr size_t kMaxDescriptorsPerRead = 16;
+// Descriptors held for messages not yet taken; a peer that passes more than
+// its messages account for is cut off here rather than filling the table.
+constexpr size_t kMaxHeldDescriptors = 16;
 
 }  // namespace
 
-MessageChannel::MessageChannel(UniqueFd socket) : socket_(std::move(socket)) {}
+MessageChannel::MessageChannel(UniqueFd socket, DescriptorPolicy policy)
+    : socket_(std::move(socket)), policy_(policy) {}
 
 bool MessageChannel::send(const Message &message, int descriptor) {
   std::vector<uint8_t> bytes;
@@ -22,21 +26,8 @@ bool MessageChannel::send(const Message &message, int descriptor) {
   std::lock_guard<std::mutex> hold(send_mutex_);
   size_t sent = 0;
   while (sent < bytes.size()) {
-    iovec iov{bytes.data() + sent, bytes.size() - sent};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    if (sent == 0 && descriptor >= 0) {
-      msg.msg_control = control;
-      msg.msg_controllen = sizeof control;
-      cmsghdr *cmsg = CMSG_FIRSTHDR(&msg);
-      cmsg->cmsg_level = SOL_SOCKET;
-      cmsg->cmsg_type = SCM_RIGHTS;
-      cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-      std::memcpy(CMSG_DATA(cmsg), &descriptor, sizeof(int));
-    }
-    const ssize_t n = ::sendmsg(socket_.get(), &msg, MSG_NOSIGNAL);
+    const ssize_t n = send_passing(socket_.get(), bytes.data() + sent, bytes.size() - sent,
+                                   sent == 0 ? descriptor : -1, 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     sent += static_cast<size_t>(n);
@@ -56,25 +47,47 @@ bool MessageChannel::read_some() {
     msg.msg_controllen = sizeof control;
     const ssize_t n = ::recvmsg(socket_.get(), &msg, MSG_CMSG_CLOEXEC);
     if (n < 0 && errno == EINTR) continue;
-    for (cmsghdr *cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
-      if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) continue;
-      const size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-      for (size_t i = 0; i < count; ++i) {
-        int fd;
-        std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof fd);
-        descriptors_.emplace_back(fd);
-      }
-    }
+    take_descriptors(msg);
     if (n <= 0) return false;
     inbound_.insert(inbound_.end(), chunk, chunk + n);
     return true;
   }
 }
 
+void MessageChannel::take_descriptors(msghdr &msg) {
+  // The kernel has closed what did not fit the control buffer (MSG_CTRUNC).
+  if ((msg.msg_flags & MSG_CTRUNC) != 0) ++refused_descriptors_;
+  for (cmsghdr *cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
+    if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) continue;
+    const size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; ++i) {
+      int fd;
+      std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof fd);
+      UniqueFd passed(fd);
+      if (policy_ == DescriptorPolicy::kNone || descriptors_.size() >= kMaxHeldDescriptors) {
+        ++refused_descriptors_;  // closed here, at once
+      } else {
+        descriptors_.push_back(std::move(passed));
+      }
+    }
+  }
+}
+
+void MessageChannel::check_descriptors(const DecodedMessage *decoded) const {
+  if (refused_descriptors_ > 0) throw ProtocolError("descriptors passed that no message takes");
+  if (decoded != nullptr && decoded->passes_descriptor &&
+      (policy_ == DescriptorPolicy::kNone || !may_pass_descriptor(decoded->message))) {
+    throw ProtocolError(std::string("a ") + message_name(decoded->message) +
+                        " message cannot pass a descriptor");
+  }
+}
+
 std::optional<ReceivedMessage> MessageChannel::next() {
   size_t consumed = 0;
+  check_descriptors(nullptr);
   auto decoded = decode_message(inbound_.data(), inbound_.size(), consumed);
   if (!decoded) return std::nullopt;
+  check_descriptors(&*decoded);
   inbound_.erase(inbound_.begin(), inbound_.begin() + static_cast<std::ptrdiff_t>(consumed));
   ReceivedMessage received{std::move(decoded->message), UniqueFd()};
   if (decoded->passes_descriptor) {
@@ -90,6 +103,24 @@ std::optional<ReceivedMessage> MessageChannel::receive() {
     if (auto message = next()) return message;
     if (!read_some()) return std::nullopt;
   }
+}
+
+ssize_t send_passing(int socket, const uint8_t *data, size_t size, int descriptor, int flags) {
+  iovec iov{const_cast<uint8_t *>(data), size};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  if (descriptor >= 0) {
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    cmsghdr *cmsg = CMSG_FIRSTHDR(&msg);
+    cmsg->cmsg_level = SOL_SOCKET;
+    cmsg->cmsg_type = SCM_RIGHTS;
+    cmsg->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(cmsg), &descriptor, sizeof(int));
+  }
+  return ::sendmsg(socket, &msg, flags | MSG_NOSIGNAL);
 }
 
 UniqueFd connect_unix_socket(const std::string &path) {

@@ -2,6 +2,8 @@
 // the descriptors they pass.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -17,9 +19,15 @@ struct ReceivedMessage {
   UniqueFd descriptor;  // the one passed with the message, if any
 };
 
+// Which descriptors an end takes.  The daemon takes none: every descriptor a
+// client passes is closed as it arrives and the client is in breach of the
+// protocol.  A process takes one with each message whose type passes one.
+enum class DescriptorPolicy { kWithTheirMessages, kNone };
+
 class MessageChannel {
  public:
-  explicit MessageChannel(UniqueFd socket);
+  explicit MessageChannel(UniqueFd socket,
+                          DescriptorPolicy policy = DescriptorPolicy::kWithTheirMessages);
 
   int fd() const { return socket_.get(); }
 
@@ -33,7 +41,9 @@ class MessageChannel {
   bool read_some();
 
   // The next whole message read so far.  Throws ProtocolError for bytes that
-  // are not one, or when a message announces a descriptor that did not come.
+  // are not one, when a message announces a descriptor that did not come or
+  // that its type never passes, or when descriptors came that the policy
+  // refuses (they are closed already).
   std::optional<ReceivedMessage> next();
 
   // Waits for the next whole message: next() and read_some() until one has
@@ -41,11 +51,22 @@ class MessageChannel {
   std::optional<ReceivedMessage> receive();
 
  private:
+  // Keeps or closes the descriptors of one read, as the policy says.
+  void take_descriptors(msghdr &msg);
+  // Throws for descriptors refused on arrival, or announced by a message
+  // type that never passes one.
+  void check_descriptors(const DecodedMessage *decoded) const;
+
   UniqueFd socket_;
+  DescriptorPolicy policy_;
+  size_t refused_descriptors_ = 0;
   std::mutex send_mutex_;
   std::vector<uint8_t> inbound_;
   std::deque<UniqueFd> descriptors_;
 };
+
+// One sendmsg(2) of `size` bytes, passing `descriptor` with them when >= 0.
+ssize_t send_passing(int socket, const uint8_t *data, size_t size, int descriptor, int flags);
 
 // Connects to the daemon's socket; an invalid descriptor on failure.
 UniqueFd connect_unix_socket(const std::string &path);
