@@ -71,12 +71,15 @@ void MessageChannel::take_descriptors(msghdr &msg) {
       }
     }
   }
+  // A peer in breach of the protocol gets nothing it passed held here.
+  if (refused_descriptors_ > 0) descriptors_.clear();
 }
 
-void MessageChannel::check_descriptors(const DecodedMessage *decoded) const {
+void MessageChannel::check_descriptors(const DecodedMessage *decoded) {
   if (refused_descriptors_ > 0) throw ProtocolError("descriptors passed that no message takes");
   if (decoded != nullptr && decoded->passes_descriptor &&
       (policy_ == DescriptorPolicy::kNone || !may_pass_descriptor(decoded->message))) {
+    descriptors_.clear();
     throw ProtocolError(std::string("a ") + message_name(decoded->message) +
                         " message cannot pass a descriptor");
   }

@@ -54,8 +54,8 @@ class MessageChannel {
   // Keeps or closes the descriptors of one read, as the policy says.
   void take_descriptors(msghdr &msg);
   // Throws for descriptors refused on arrival, or announced by a message
-  // type that never passes one.
-  void check_descriptors(const DecodedMessage *decoded) const;
+  // type that never passes one (closing the ones held).
+  void check_descriptors(const DecodedMessage *decoded);
 
   UniqueFd socket_;
   DescriptorPolicy policy_;

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -43,6 +44,18 @@ inline client::AllocateRequest request_for(const std::string &tp_name) {
   return request;
 }
 
+// Connects and greets the daemon; an empty channel pointer on failure.
+inline std::unique_ptr<client::MessageChannel> greet(const std::string &socket) {
+  auto channel = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
+  if (!channel->send(client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
+                                   static_cast<uint32_t>(::getuid())})) {
+    return nullptr;
+  }
+  auto welcome = channel->receive();
+  if (!welcome || !std::holds_alternative<client::Welcome>(welcome->message)) return nullptr;
+  return channel;
+}
+
 // A daemon of its own in a temporary directory, stopped with SIGTERM.
 class DaemonFixture : public ::testing::Test {
  protected:
@@ -54,6 +67,7 @@ class DaemonFixture : public ::testing::Test {
     ASSERT_GE(daemon_, 0);
     if (daemon_ == 0) {
       ::setenv("SNANODE_LOG_DIR", dir_.path.c_str(), 1);
+      before_exec();
       ::execl(SNANODED_PATH, SNANODED_PATH, "--foreground", "--socket", socket_.c_str(), "--config",
               config_.c_str(), static_cast<char *>(nullptr));
       ::_exit(127);
@@ -64,6 +78,8 @@ class DaemonFixture : public ::testing::Test {
     }
     FAIL() << "the daemon did not come up";
   }
+  // Runs in the daemon's process just before it starts snanoded.
+  virtual void before_exec() const {}
   // Configuration a test adds after the [node] table.
   virtual std::string more_config() const { return ""; }
 
