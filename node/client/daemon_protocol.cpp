@@ -171,7 +171,7 @@ std::optional<DecodedMessage> decode_message(const uint8_t *in, size_t size, siz
   consumed = 0;
   if (size < 4) return std::nullopt;
   const uint32_t rest = get_u32(in);
-  if (rest < kMessageHeaderSize - 4 || rest + 4 > kMaxMessageSize) {
+  if (rest < kMessageHeaderSize - 4 || rest > kMaxMessageSize - 4) {  // no wrap-around
     throw ProtocolError("bad message length");
   }
   if (size - 4 < rest) return std::nullopt;

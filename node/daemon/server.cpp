@@ -306,7 +306,9 @@ void Server::expire_silent_clients(Clock::time_point now) {
     const ClientId id = hello_deadlines_.front().second;
     hello_deadlines_.pop_front();
     auto found = clients_.find(id);
-    if (found != clients_.end() && !found->second.greeted) unreachable(id, "no hello in time");
+    if (found != clients_.end() && !found->second.greeted && unreachable_.insert(id).second) {
+      log_limited("hello", "client " + std::to_string(id) + " dropped: no hello in time");
+    }
   }
 }
 

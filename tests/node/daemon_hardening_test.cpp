@@ -36,32 +36,6 @@ size_t open_descriptors() {
       std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-// Sends raw bytes with `count` descriptors (copies of standard input).
-void send_raw(int socket, const std::vector<uint8_t> &bytes, size_t count) {
-  std::vector<int> fds(count, STDIN_FILENO);
-  iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
-  msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
-  if (count > 0) {
-    msg.msg_control = control.data();
-    msg.msg_controllen = control.size();
-    cmsghdr *cmsg = CMSG_FIRSTHDR(&msg);
-    cmsg->cmsg_level = SOL_SOCKET;
-    cmsg->cmsg_type = SCM_RIGHTS;
-    cmsg->cmsg_len = CMSG_LEN(sizeof(int) * count);
-    std::memcpy(CMSG_DATA(cmsg), fds.data(), sizeof(int) * count);
-  }
-  ASSERT_EQ(::sendmsg(socket, &msg, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-}
-
-std::vector<uint8_t> encoded(const client::Message &message, bool passes_descriptor) {
-  std::vector<uint8_t> bytes;
-  client::encode_message(message, passes_descriptor, bytes);
-  return bytes;
-}
-
 // The daemon's end takes no descriptor at all; a process's end takes one
 // only with a message that passes one.  Refused descriptors are closed at
 // once, and the sender is in breach of the protocol.

@@ -4,15 +4,18 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "client/message_channel.h"
 
@@ -42,6 +45,32 @@ inline client::AllocateRequest request_for(const std::string &tp_name) {
   request.mode = "#INTER";
   request.allocator_lu = "APPN.LOCAL";
   return request;
+}
+
+// Sends raw bytes with `count` descriptors (copies of standard input).
+inline void send_raw(int socket, const std::vector<uint8_t> &bytes, size_t count) {
+  std::vector<int> fds(count, STDIN_FILENO);
+  iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
+  if (count > 0) {
+    msg.msg_control = control.data();
+    msg.msg_controllen = control.size();
+    cmsghdr *cmsg = CMSG_FIRSTHDR(&msg);
+    cmsg->cmsg_level = SOL_SOCKET;
+    cmsg->cmsg_type = SCM_RIGHTS;
+    cmsg->cmsg_len = CMSG_LEN(sizeof(int) * count);
+    std::memcpy(CMSG_DATA(cmsg), fds.data(), sizeof(int) * count);
+  }
+  ASSERT_EQ(::sendmsg(socket, &msg, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
+
+inline std::vector<uint8_t> encoded(const client::Message &message, bool passes_descriptor) {
+  std::vector<uint8_t> bytes;
+  client::encode_message(message, passes_descriptor, bytes);
+  return bytes;
 }
 
 // Connects and greets the daemon; an empty channel pointer on failure.
