@@ -76,9 +76,9 @@ class TextCheck {
         if (c == '#') {
           context_ = Context::kComment;
         } else if (ahead("\"\"\"")) {
-          context_ = Context::kMultiBasic, skip = 2;
+          context_ = Context::kMultiBasic, skip_ = 2;
         } else if (ahead("'''")) {
-          context_ = Context::kMultiLiteral, skip = 2;
+          context_ = Context::kMultiLiteral, skip_ = 2;
         } else if (c == '"') {
           context_ = Context::kBasic;
         } else if (c == '\'') {
@@ -90,7 +90,7 @@ class TextCheck {
         break;
       case Context::kBasic:
         if (c == '\\') {
-          skip = 1;  // the escaped character never ends the string
+          skip_ = 1;  // the escaped character never ends the string
         } else if (c == '"' || c == '\n') {
           context_ = Context::kPlain;
         }
@@ -100,7 +100,7 @@ class TextCheck {
         break;
       case Context::kMultiBasic:
         if (c == '\\') {
-          skip = 1;
+          skip_ = 1;
         } else if (ahead("\"\"\"")) {
           close_multiline('"');
         }
@@ -117,20 +117,20 @@ class TextCheck {
     size_t run = 0;
     while (at_ + run < text_.size() && text_[at_ + run] == quote && run < 5) ++run;
     context_ = Context::kPlain;
-    skip = run - 1;
+    skip_ = run - 1;
   }
 
   // Past the character, and past the ones `step` decided belong to it; the
   // skipped ones are checked for UTF-8 and control characters all the same.
   void advance(size_t length, char c) {
     move(length, c);
-    for (; skip > 0 && at_ < text_.size(); --skip) {
+    for (; skip_ > 0 && at_ < text_.size(); --skip_) {
       const size_t next = utf8_length(text_, at_);
       if (next == 0) fail("bytes that are not UTF-8");
       if (next == 1 && is_control(text_[at_])) fail("a control character after an escape");
       move(next, text_[at_]);
     }
-    skip = 0;
+    skip_ = 0;
   }
   void move(size_t length, char c) {
     at_ += length;
@@ -152,7 +152,7 @@ class TextCheck {
   size_t at_ = 0;
   size_t line_ = 1;
   size_t column_ = 1;
-  size_t skip = 0;
+  size_t skip_ = 0;
 };
 
 }  // namespace
