@@ -13,19 +13,19 @@ namespace snanode::daemon {
 OutputQueue::OutputQueue(size_t byte_limit, size_t descriptor_limit)
     : byte_limit_(byte_limit), descriptor_limit_(descriptor_limit) {}
 
-bool OutputQueue::push(const client::Message &message, int descriptor) {
+OutputQueue::Push OutputQueue::push(const client::Message &message, int descriptor) {
   Entry entry;
   client::encode_message(message, descriptor >= 0, entry.bytes);
-  if (bytes_ + entry.bytes.size() > byte_limit_) return false;
+  if (bytes_ + entry.bytes.size() > byte_limit_) return Push::kFull;
   if (descriptor >= 0) {
-    if (descriptors_ >= descriptor_limit_) return false;
+    if (descriptors_ >= descriptor_limit_) return Push::kFull;
     entry.descriptor.reset(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
-    if (!entry.descriptor.valid()) return false;
+    if (!entry.descriptor.valid()) return Push::kNoDescriptor;
     ++descriptors_;
   }
   bytes_ += entry.bytes.size();
   entries_.push_back(std::move(entry));
-  return true;
+  return Push::kQueued;
 }
 
 OutputQueue::Flush OutputQueue::flush(int socket) {

@@ -18,9 +18,11 @@ class OutputQueue {
  public:
   OutputQueue(size_t byte_limit, size_t descriptor_limit);
 
-  // Queues a message, with a duplicate of `descriptor` when >= 0.  False
-  // when it would pass either limit (nothing is queued then).
-  bool push(const client::Message &message, int descriptor);
+  enum class Push { kQueued, kFull, kNoDescriptor };
+  // Queues a message, with a duplicate of `descriptor` when >= 0.  kFull when
+  // it would pass either limit, kNoDescriptor when the daemon has no
+  // descriptor left for the duplicate; nothing is queued then.
+  Push push(const client::Message &message, int descriptor);
 
   enum class Flush { kDone, kPending, kBroken };
   // Writes what `socket` takes without waiting: kDone when the queue is

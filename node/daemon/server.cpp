@@ -332,15 +332,20 @@ bool Server::send(ClientId client, const client::Message &message, int descripto
   auto found = clients_.find(client);
   if (found == clients_.end() || unreachable_.count(client) != 0) return false;
   Connection &connection = found->second;
-  bool queued = false;
+  OutputQueue::Push pushed;
   try {
-    queued = connection.output.push(message, descriptor);
+    pushed = connection.output.push(message, descriptor);
   } catch (const client::ProtocolError &e) {
     unreachable(client, std::string("cannot send it a ") + client::message_name(message) +
                             " message: " + e.what());
     return false;
   }
-  if (!queued) {
+  if (pushed == OutputQueue::Push::kNoDescriptor) {
+    unreachable(client, std::string("no descriptor left to pass it a ") +
+                            client::message_name(message) + ": " + std::strerror(errno));
+    return false;
+  }
+  if (pushed == OutputQueue::Push::kFull) {
     log_limited("output", "client " + std::to_string(client) +
                               " dropped: it does not read what the node sends (" +
                               std::to_string(limits::kOutputBytesPerClient / 1024) + " KiB or " +
