@@ -171,7 +171,7 @@ std::optional<DecodedMessage> decode_message(const uint8_t *in, size_t size, siz
   consumed = 0;
   if (size < 4) return std::nullopt;
   const uint32_t rest = get_u32(in);
-  if (rest < kMessageHeaderSize - 4 || rest + 4 > kMaxMessageSize) {
+  if (rest < kMessageHeaderSize - 4 || rest > kMaxMessageSize - 4) {  // no wrap-around
     throw ProtocolError("bad message length");
   }
   if (size - 4 < rest) return std::nullopt;
@@ -190,6 +190,11 @@ std::optional<DecodedMessage> decode_message(const uint8_t *in, size_t size, siz
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
+
+bool may_pass_descriptor(const Message &message) {
+  return std::holds_alternative<AllocateResult>(message) ||
+         std::holds_alternative<AttachDelivery>(message);
+}
 
 const char *message_name(const Message &message) {
   static constexpr const char *kNames[] = {"hello",    "welcome",         "register",

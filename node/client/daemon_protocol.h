@@ -118,6 +118,11 @@ struct DecodedMessage {
 // part of one; `consumed` is set to the bytes used.  Throws ProtocolError.
 std::optional<DecodedMessage> decode_message(const uint8_t *in, size_t size, size_t &consumed);
 
+// Whether a message of this type may pass a descriptor: only the daemon's
+// allocate-result and attach do (an end of a conversation's socketpair); no
+// message a client sends to the daemon ever does.
+bool may_pass_descriptor(const Message &message);
+
 // A short name of the message type, for logs.
 const char *message_name(const Message &message);
 

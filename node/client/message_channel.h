@@ -22,9 +22,15 @@ struct ReceivedMessage {
   bool descriptor_lost = false;
 };
 
+// Which descriptors an end takes.  The daemon takes none: every descriptor a
+// client passes is closed as it arrives and the client is in breach of the
+// protocol.  A process takes one with each message whose type passes one.
+enum class DescriptorPolicy { kWithTheirMessages, kNone };
+
 class MessageChannel {
  public:
-  explicit MessageChannel(UniqueFd socket);
+  explicit MessageChannel(UniqueFd socket,
+                          DescriptorPolicy policy = DescriptorPolicy::kWithTheirMessages);
 
   int fd() const { return socket_.get(); }
 
@@ -38,8 +44,10 @@ class MessageChannel {
   bool read_some();
 
   // The next whole message read so far.  Throws ProtocolError for bytes that
-  // are not one, or when a message announces a descriptor that was never
-  // sent; one that was sent but could not be taken in is `descriptor_lost`.
+  // are not one, when a message announces a descriptor that was never sent
+  // or that its type never passes, or when descriptors came that the policy
+  // refuses (they are closed already).  One that was sent but this process
+  // could not take in (it had no descriptor left) is `descriptor_lost`.
   std::optional<ReceivedMessage> next();
 
   // Waits for the next whole message: next() and read_some() until one has
@@ -47,15 +55,23 @@ class MessageChannel {
   std::optional<ReceivedMessage> receive();
 
  private:
-  // Queues the descriptors a read brought, in order, with a placeholder for
-  // one the kernel could not install.
+  // Keeps or closes the descriptors of one read, as the policy says, in
+  // order, with a placeholder for one the kernel could not install.
   void take_descriptors(msghdr &msg);
+  // Throws for descriptors refused on arrival, or announced by a message
+  // type that never passes one (closing the ones held).
+  void check_descriptors(const DecodedMessage *decoded);
 
   UniqueFd socket_;
+  DescriptorPolicy policy_;
+  size_t refused_descriptors_ = 0;
   std::mutex send_mutex_;
   std::vector<uint8_t> inbound_;
   std::deque<UniqueFd> descriptors_;
 };
+
+// One sendmsg(2) of `size` bytes, passing `descriptor` with them when >= 0.
+ssize_t send_passing(int socket, const uint8_t *data, size_t size, int descriptor, int flags);
 
 // Connects to the daemon's socket; an invalid descriptor on failure.
 UniqueFd connect_unix_socket(const std::string &path);

@@ -11,6 +11,7 @@
 
 #include "config/config_defaults.h"
 #include "config/config_names.h"
+#include "config/config_text_check.h"
 #include "config/node_config.h"
 #include "config/table_reader.h"
 
@@ -338,6 +339,7 @@ class Parser {
 }  // namespace
 
 NodeConfig parse_config(const std::string &text, const std::string &name) {
+  check_config_text(text, name);  // the TOML parser sees only text it handles
   toml::table root;
   try {
     root = toml::parse(text, name);

@@ -6,6 +6,8 @@
 #include <sstream>
 
 #include "client/attach_policy.h"
+#include "daemon/limits.h"
+#include "daemon/log_text.h"
 #include "daemon/run_as.h"
 #include "engine/frame.h"
 #include "engine/security.h"
@@ -54,6 +56,7 @@ bool Broker::handle(ClientId client, client::ReceivedMessage &&received) {
     const auto *hello = std::get_if<client::Hello>(&message);
     return hello != nullptr && greet(client, state, *hello);
   }
+  if (!within_limits(client, state, message)) return false;
   if (const auto *m = std::get_if<client::RegisterTp>(&message)) {
     if (may_take(client, state.peer.uid, m->tp_name)) state.tp_names.insert(m->tp_name);
   } else if (const auto *m = std::get_if<client::WithdrawTp>(&message)) {
@@ -67,21 +70,40 @@ bool Broker::handle(ClientId client, client::ReceivedMessage &&received) {
   } else if (const auto *m = std::get_if<client::AllocateRequest>(&message)) {
     allocate(client, state, *m);
   } else {
-    output_.log("client " + std::to_string(client) + " sent an unexpected " +
-                client::message_name(message) + " message; dropped");
+    output_.log_limited("protocol", "client " + std::to_string(client) + " sent an unexpected " +
+                                        client::message_name(message) + " message; dropped");
     return false;
   }
   return true;
+}
+
+bool Broker::within_limits(ClientId client, const Client &state, const client::Message &message) {
+  const char *passed = nullptr;
+  if (std::holds_alternative<client::RegisterTp>(message) &&
+      state.tp_names.size() >= limits::kTpNamesPerClient) {
+    passed = "registered TP names";
+  } else if (const auto *wait = std::get_if<client::AcceptWait>(&message)) {
+    const auto waiting = std::count_if(accepts_.begin(), accepts_.end(),
+                                       [&](const WaitingAccept &a) { return a.client == client; });
+    if (static_cast<size_t>(waiting) >= limits::kAcceptWaitsPerClient ||
+        wait->tp_names.size() > limits::kTpNamesPerClient) {
+      passed = "waiting accepts";
+    }
+  }
+  if (passed == nullptr) return true;
+  output_.log_limited("limit", "client " + std::to_string(client) + " dropped: too many " + passed);
+  return false;
 }
 
 bool Broker::greet(ClientId client, Client &state, const client::Hello &hello) {
   if (hello.version != client::kProtocolVersion ||
       hello.pid != static_cast<uint32_t>(state.peer.pid) ||
       hello.uid != static_cast<uint32_t>(state.peer.uid)) {
-    output_.log("client " + std::to_string(client) + " refused: hello (pid " +
-                std::to_string(hello.pid) + ", uid " + std::to_string(hello.uid) +
-                ") does not match the connection (pid " + std::to_string(state.peer.pid) +
-                ", uid " + std::to_string(state.peer.uid) + ")");
+    output_.log_limited(
+        "hello", "client " + std::to_string(client) + " refused: hello (pid " +
+                     std::to_string(hello.pid) + ", uid " + std::to_string(hello.uid) +
+                     ") does not match the connection (pid " + std::to_string(state.peer.pid) +
+                     ", uid " + std::to_string(state.peer.uid) + ")");
     return false;
   }
   state.greeted = true;
@@ -117,7 +139,8 @@ bool Broker::may_take(ClientId client, uid_t uid, const std::string &tp_name) {
   }
   if (!holder || *holder == uid) return true;
   output_.log("client " + std::to_string(client) + " (uid " + std::to_string(uid) +
-              ") refused TP name " + tp_name + ": it belongs to uid " + std::to_string(*holder));
+              ") refused TP name " + log_safe(tp_name) + ": it belongs to uid " +
+              std::to_string(*holder));
   return false;
 }
 
@@ -138,29 +161,58 @@ bool Broker::verify_security(const Client &state, const client::AllocateRequest 
   if (request.allocator_user && state.verified_users.count(*request.allocator_user) != 0) {
     security.allocator_user = request.allocator_user;
   }
-  engine::SecurityOutcome outcome = engine::check_security(security, config_.users);
-  if (!outcome.valid && is_program_security(request.security_type) && config_.use_pam &&
-      system_check_ && !request.user_id.empty()) {
-    // Users configured without a password are the system's to verify.
-    const bool left_to_system = std::any_of(
-        config_.users.begin(), config_.users.end(),
-        [&](const config::User &u) { return u.user_id == request.user_id && u.password.empty(); });
-    if (left_to_system && system_check_(request.user_id, request.password)) {
-      outcome = {true, request.user_id};
-    }
-  }
+  const engine::SecurityOutcome outcome = engine::check_security(security, config_.users);
   user = outcome.user;
   return outcome.valid;
 }
 
+bool Broker::left_to_system(const client::AllocateRequest &request) const {
+  return is_program_security(request.security_type) && config_.use_pam && system_check_ &&
+         !request.user_id.empty() &&
+         std::any_of(config_.users.begin(), config_.users.end(), [&](const config::User &u) {
+           return u.user_id == request.user_id && u.password.empty();
+         });
+}
+
 void Broker::allocate(ClientId client, Client &state, const client::AllocateRequest &request) {
   std::optional<std::string> user;
+  const bool valid = verify_security(state, request, user);
+  if (valid || !left_to_system(request)) {
+    complete_allocation(client, request, valid, user);
+    return;
+  }
+  // The system's verification may take seconds: the answer goes out when it
+  // is in, and every other client is served meanwhile.
+  auto check = [check = system_check_, user_id = request.user_id, password = request.password] {
+    return check(user_id, password);
+  };
+  auto done = [this, client, request](bool verified) {
+    if (clients_.count(client) == 0) return;  // gone meanwhile: nobody to answer
+    complete_allocation(client, request, verified,
+                        verified ? std::optional<std::string>(request.user_id) : std::nullopt);
+  };
+  if (!output_.verify_off_thread(client, std::move(check), std::move(done))) {
+    fail_for_retry(client, request, "too many password verifications waiting");
+  }
+}
+
+void Broker::fail_for_retry(ClientId client, const client::AllocateRequest &request,
+                            const std::string &reason) {
+  log_request("allocation failed", client, request, reason);
+  output_.send(
+      client,
+      client::AllocateResult{request.request_id, AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_RETRY},
+      -1);
+}
+
+void Broker::complete_allocation(ClientId client, const client::AllocateRequest &request,
+                                 bool valid, const std::optional<std::string> &user) {
   client::AttachCheck check;
   check.served = serves(request.tp_name);
   check.invokable = invokable(request.tp_name);
   check.mapped = request.mapped;
   check.sync_level = request.sync_level;
-  check.security_valid = verify_security(state, request, user);
+  check.security_valid = valid;
   check.has_user = user.has_value();
   if (const uint32_t refusal = client::attach_refusal(check); refusal != 0) {
     refuse(client, request, refusal);
@@ -168,11 +220,7 @@ void Broker::allocate(ClientId client, Client &state, const client::AllocateRequ
   }
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    log_request("allocation failed", client, request, "no socket pair");
-    output_.send(client,
-                 client::AllocateResult{request.request_id, AP_ALLOCATION_ERROR,
-                                        AP_ALLOCATION_FAILURE_RETRY},
-                 -1);
+    fail_for_retry(client, request, "no socket pair");
     return;
   }
   client::UniqueFd allocator_end(ends[0]);
@@ -219,9 +267,11 @@ void Broker::refuse(ClientId client, const client::AllocateRequest &request, uin
 void Broker::log_request(const char *what, ClientId client, const client::AllocateRequest &request,
                          const std::string &outcome) {
   // The password stays out of the log.
-  output_.log(std::string(what) + ": client " + std::to_string(client) + " TP " + request.tp_name +
-              " mode " + request.mode + " partner " + request.partner_lu +
-              (request.user_id.empty() ? "" : " user " + request.user_id) + ": " + outcome);
+  output_.log(std::string(what) + ": client " + std::to_string(client) + " TP " +
+              log_safe(request.tp_name) + " mode " + log_safe(request.mode) + " partner " +
+              log_safe(request.partner_lu) +
+              (request.user_id.empty() ? "" : " user " + log_safe(request.user_id)) + ": " +
+              outcome);
 }
 
 void Broker::offer(PendingAttach attach) {
@@ -246,7 +296,7 @@ void Broker::deliver(PendingAttach &attach, const WaitingAccept &accept) {
   if (!output_.send(accept.client, attach.info, attach.end.get())) {
     // The accepting process is gone: its end closes with the attach and the
     // allocating side hears the conversation fail.
-    output_.log("attach of TP " + attach.info.tp_name + " lost: client " +
+    output_.log("attach of TP " + log_safe(attach.info.tp_name) + " lost: client " +
                 std::to_string(accept.client) + " unreachable");
   }
 }
@@ -289,22 +339,23 @@ void Broker::start_instance_if_needed(const std::string &tp_name) {
                     [&](const PendingAttach &attach) { return attach.info.tp_name == tp_name; }));
   if (instances.starting >= queued) return;  // one is on its way for each
   if (instances.running >= tp->max_instances) {
-    output_.log("TP " + tp_name + " not started: " + std::to_string(instances.running) +
+    output_.log("TP " + log_safe(tp_name) + " not started: " + std::to_string(instances.running) +
                 " instances run, the limit");
     return;
   }
   if (started_running_ >= config_.max_started_tps) {
-    output_.log("TP " + tp_name + " not started: " + std::to_string(started_running_) +
+    output_.log("TP " + log_safe(tp_name) + " not started: " + std::to_string(started_running_) +
                 " started programs run, the node's limit");
     return;
   }
   const config::LocalLu *lu = directory_.local_lu(tp->local_lu_alias);
   const std::string alias = lu != nullptr ? lu->alias : directory_.default_local_lu().alias;
   if (!output_.launch(*tp, alias)) {
-    output_.log("TP " + tp_name + " could not be started (" + tp->program + ")");
+    output_.log("TP " + log_safe(tp_name) + " could not be started (" + log_safe(tp->program) +
+                ")");
     return;
   }
-  output_.log("TP " + tp_name + " started (" + tp->program + ")");
+  output_.log("TP " + log_safe(tp_name) + " started (" + log_safe(tp->program) + ")");
   ++instances.running;
   ++instances.starting;
   ++started_running_;
@@ -331,7 +382,7 @@ void Broker::expire(Clock::time_point now) {
       ++it;
       continue;
     }
-    output_.log("attach of TP " + it->info.tp_name + " from client " +
+    output_.log("attach of TP " + log_safe(it->info.tp_name) + " from client " +
                 std::to_string(it->allocator) +
                 " refused: " + client::refusal_reason(AP_TP_NOT_AVAILABLE_RETRY));
     engine::Frame failed;

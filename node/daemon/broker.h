@@ -42,6 +42,21 @@ class BrokerOutput {
   virtual bool launch(const config::InvokableTp &tp, const std::string &lu_alias) = 0;
   // One line of the daemon's log.
   virtual void log(const std::string &line) = 0;
+  // A line a client can cause at will, of a kind whose lines are rate
+  // limited together.  By default, as log().
+  virtual void log_limited(const std::string &kind, const std::string &line) {
+    (void)kind;
+    log(line);
+  }
+  // Runs `check`, a verification with the system that may take seconds, away
+  // from the broker's thread, and later `done` with its verdict on it.  False
+  // when too many verifications wait already.  By default, at once.
+  virtual bool verify_off_thread(ClientId client, std::function<bool()> check,
+                                 std::function<void(bool)> done) {
+    (void)client;
+    done(check());
+    return true;
+  }
 };
 
 // Verifies a user's password with the system (PAM); unset: nobody is.
@@ -102,7 +117,14 @@ class Broker {
   };
 
   bool greet(ClientId client, Client &state, const client::Hello &hello);
+  // False, with a log line, when the client passes its limits (limits.h).
+  bool within_limits(ClientId client, const Client &state, const client::Message &message);
   void allocate(ClientId client, Client &state, const client::AllocateRequest &request);
+  // The allocation once its security is decided.
+  void complete_allocation(ClientId client, const client::AllocateRequest &request, bool valid,
+                           const std::optional<std::string> &user);
+  void fail_for_retry(ClientId client, const client::AllocateRequest &request,
+                      const std::string &reason);
   void accept_wait(ClientId client, client::AcceptWait &&wait);
   void accept_cancel(ClientId client, uint32_t accept_id);
   bool serves(const std::string &tp_name) const;
@@ -114,6 +136,8 @@ class Broker {
   // Verifies the allocation's security; the verified user, if any, in `user`.
   bool verify_security(const Client &state, const client::AllocateRequest &request,
                        std::optional<std::string> &user) const;
+  // A user configured without a password: the system (PAM) verifies it.
+  bool left_to_system(const client::AllocateRequest &request) const;
   void refuse(ClientId client, const client::AllocateRequest &request, uint32_t secondary);
   // Hands the attach to a waiting accept, or queues it (starting the TP).
   void offer(PendingAttach attach);

@@ -1,7 +1,8 @@
 #include "daemon/server.h"
 
-#include <poll.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,6 +20,8 @@
 
 #include "core/log_files.h"
 #include "core/safe_directory.h"
+#include "daemon/limits.h"
+#include "daemon/log_text.h"
 #include "daemon/pam_check.h"
 #include "daemon/run_as.h"
 
@@ -26,16 +29,12 @@ namespace snanode::daemon {
 namespace {
 
 constexpr int kListenBacklog = 64;
-// A client that does not take a message within this time is dropped, so one
-// stuck process cannot stall the node.
-constexpr timeval kClientSendTimeout = {5, 0};
+constexpr int kEventsPerWait = 64;
 
-PasswordCheck system_password_check(const config::NodeConfig &config) {
-  if (!config.use_pam) return nullptr;
-  return [service = config.pam_service](const std::string &user, const std::string &password) {
-    return pam_verify(service, user, password);
-  };
-}
+// Event tokens of the daemon's own descriptors; clients are numbered from 1.
+constexpr uint64_t kSignalsToken = ~uint64_t{0};
+constexpr uint64_t kListenerToken = kSignalsToken - 1;
+constexpr uint64_t kVerifierToken = kSignalsToken - 2;
 
 sockaddr_un socket_address(const std::string &path) {
   sockaddr_un address{};
@@ -44,14 +43,21 @@ sockaddr_un socket_address(const std::string &path) {
   return address;
 }
 
-int poll_timeout(const std::optional<Clock::time_point> &deadline) {
-  if (!deadline) return -1;
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now()).count();
-  return left <= 0 ? 0 : static_cast<int>(std::min<long long>(left + 1, 60'000));
+bool watch(int epoll, int op, int fd, uint32_t events, uint64_t token) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = token;
+  return ::epoll_ctl(epoll, op, fd, &event) == 0;
 }
 
 }  // namespace
+
+PasswordCheck system_password_check(const config::NodeConfig &config) {
+  if (!config.use_pam) return nullptr;
+  return [service = config.pam_service](const std::string &user, const std::string &password) {
+    return pam_verify(service, user, password);
+  };
+}
 
 void daemon_log(const std::string &line, bool to_stderr) {
   char stamp[32];
@@ -65,11 +71,16 @@ void daemon_log(const std::string &line, bool to_stderr) {
   if (to_stderr) std::cerr << record << std::endl;
 }
 
-Server::Server(const config::NodeConfig &config, std::string socket_path, bool log_to_stderr)
+Server::Server(const config::NodeConfig &config, std::string socket_path, bool log_to_stderr,
+               PasswordCheck password_check)
     : config_(config),
       socket_path_(std::move(socket_path)),
       log_to_stderr_(log_to_stderr),
-      broker_(config_, *this, system_password_check(config)) {}
+      broker_(config_, *this, std::move(password_check)),
+      limited_log_(limits::kLogLinesPerWindow, limits::kLogWindow,
+                   [this](const std::string &line) { log(line); }),
+      verifier_(limits::kVerifierThreads, limits::kVerificationsWaiting,
+                limits::kVerificationsPerClient) {}
 
 Server::~Server() {
   if (listener_.valid()) ::unlink(socket_path_.c_str());
@@ -117,6 +128,7 @@ bool Server::listen(std::string &error) {
     return false;
   }
   listener_ = std::move(fd);
+  reserve_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   return true;
 }
 
@@ -127,94 +139,238 @@ int Server::run() {
   sigaddset(&handled, SIGINT);
   sigaddset(&handled, SIGCHLD);
   signals_.reset(::signalfd(-1, &handled, SFD_CLOEXEC));
-  if (!signals_.valid()) {
-    log(std::string("signalfd: ") + std::strerror(errno));
+  epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
+  if (!signals_.valid() || !epoll_.valid() ||
+      !watch(epoll_.get(), EPOLL_CTL_ADD, signals_.get(), EPOLLIN, kSignalsToken) ||
+      !watch(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), EPOLLIN, kListenerToken) ||
+      !watch(epoll_.get(), EPOLL_CTL_ADD, verifier_.ready_fd(), EPOLLIN, kVerifierToken)) {
+    log(std::string("cannot start the event loop: ") + std::strerror(errno));
     return 1;
   }
-  log("serving " + socket_path_ + " for node " + config_.node_name);
+  log("serving " + socket_path_ + " for node " + log_safe(config_.node_name));
   bool stopping = false;
+  epoll_event events[kEventsPerWait];
   while (!stopping) {
-    std::vector<pollfd> polled = {{signals_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
-    std::vector<ClientId> ids;
-    for (const auto &[id, channel] : clients_) {
-      polled.push_back({channel->fd(), POLLIN, 0});
-      ids.push_back(id);
-    }
-    const int ready = ::poll(polled.data(), polled.size(), poll_timeout(broker_.next_deadline()));
+    const int ready = ::epoll_wait(epoll_.get(), events, kEventsPerWait, next_timeout());
     if (ready < 0 && errno != EINTR) {
-      log(std::string("poll: ") + std::strerror(errno));
+      log(std::string("epoll_wait: ") + std::strerror(errno));
       return 1;
     }
-    if (ready > 0 && (polled[0].revents & POLLIN) != 0) {
-      // One signal per pass; poll reports the next one at once.
-      signalfd_siginfo info{};
-      if (::read(signals_.get(), &info, sizeof info) == sizeof info) {
-        if (info.ssi_signo == SIGCHLD) {
-          reap_children();
-        } else {
-          stopping = true;
-        }
-      }
-    }
-    if (ready > 0 && (polled[1].revents & POLLIN) != 0) accept_client();
-    for (size_t i = 0; ready > 0 && i < ids.size(); ++i) {
-      if (polled[i + 2].revents != 0) serve_client(ids[i]);
-    }
-    broker_.expire(Clock::now());
+    for (int i = 0; i < ready; ++i) dispatch(events[i].data.u64, events[i].events, stopping);
+    const Clock::time_point now = Clock::now();
+    broker_.expire(now);
+    expire_silent_clients(now);
+    if (accept_resumes_ && *accept_resumes_ <= now) set_accepting(true);
+    limited_log_.flush(now);
     while (!unreachable_.empty()) drop(*unreachable_.begin());
   }
   log("stopped");
   return 0;
 }
 
+void Server::dispatch(uint64_t token, uint32_t events, bool &stopping) {
+  if (token == kSignalsToken) {
+    // One signal per pass; the descriptor stays readable for the next one.
+    signalfd_siginfo info{};
+    if (::read(signals_.get(), &info, sizeof info) != sizeof info) return;
+    if (info.ssi_signo == SIGCHLD) {
+      reap_children();
+    } else {
+      stopping = true;
+    }
+  } else if (token == kListenerToken) {
+    accept_client();
+  } else if (token == kVerifierToken) {
+    verifier_.complete_ready();
+  } else {
+    auto found = clients_.find(token);
+    if (found == clients_.end() || unreachable_.count(token) != 0) return;
+    if ((events & EPOLLOUT) != 0) flush_client(token, found->second);
+    if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) serve_client(token);
+  }
+}
+
+int Server::next_timeout() const {
+  std::optional<Clock::time_point> next = broker_.next_deadline();
+  const auto earliest = [&](std::optional<Clock::time_point> at) {
+    if (at && (!next || *at < *next)) next = at;
+  };
+  if (!hello_deadlines_.empty()) earliest(hello_deadlines_.front().first);
+  earliest(accept_resumes_);
+  earliest(limited_log_.next_flush());
+  if (!next) return -1;
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(*next - Clock::now()).count();
+  return left <= 0 ? 0 : static_cast<int>(std::min<long long>(left + 1, 60'000));
+}
+
 void Server::accept_client() {
   client::UniqueFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  if (!fd.valid()) return;
+  if (!fd.valid()) {
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      shed_connection(errno);
+    }
+    return;  // otherwise the connection went before it was taken
+  }
+  if (out_of_descriptors_) {
+    out_of_descriptors_ = false;
+    log("descriptors available again: accepting connections");
+  }
+  if (clients_.size() >= limits::kClients) {
+    log_limited("connection",
+                "connection refused: " + std::to_string(clients_.size()) + " clients, the limit");
+    return;
+  }
   ucred peer{};
   socklen_t size = sizeof peer;
   if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
-  ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kClientSendTimeout, sizeof kClientSendTimeout);
   const ClientId id = next_client_++;
-  clients_[id] = std::make_unique<client::MessageChannel>(std::move(fd));
-  broker_.connected(id, PeerCredentials{peer.pid, peer.uid});
-  log("client " + std::to_string(id) + " connected: pid " + std::to_string(peer.pid) + ", uid " +
-      std::to_string(peer.uid));
+  const int socket = fd.get();
+  Connection connection{
+      std::make_unique<client::MessageChannel>(std::move(fd), client::DescriptorPolicy::kNone),
+      OutputQueue(limits::kOutputBytesPerClient, limits::kOutputDescriptorsPerClient),
+      PeerCredentials{peer.pid, peer.uid}};
+  if (!watch(epoll_.get(), EPOLL_CTL_ADD, socket, EPOLLIN, id)) return;
+  clients_.emplace(id, std::move(connection));
+  hello_deadlines_.emplace_back(Clock::now() + limits::kHelloTimeout, id);
+  broker_.connected(id, clients_.at(id).peer);
+}
+
+void Server::shed_connection(int error) {
+  // The pending connection would keep the listening socket readable and the
+  // loop spinning: take it with the reserve descriptor and close it.
+  reserve_.reset();
+  client::UniqueFd shed(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  shed.reset();
+  if (!out_of_descriptors_) {
+    out_of_descriptors_ = true;
+    log_limited("descriptors", std::string("cannot accept connections: ") + std::strerror(error) +
+                                   "; new connections are closed until descriptors free up");
+  }
+  reserve_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  set_accepting(false);
+}
+
+void Server::set_accepting(bool on) {
+  if (on) {
+    accept_resumes_.reset();
+  } else {
+    accept_resumes_ = Clock::now() + limits::kAcceptBackoff;
+  }
+  watch(epoll_.get(), EPOLL_CTL_MOD, listener_.get(), on ? uint32_t{EPOLLIN} : 0u, kListenerToken);
 }
 
 void Server::serve_client(ClientId id) {
   auto found = clients_.find(id);
   if (found == clients_.end()) return;
-  client::MessageChannel &channel = *found->second;
+  Connection &connection = found->second;
+  client::MessageChannel &channel = *connection.channel;
   if (!channel.read_some()) {
     unreachable_.insert(id);
     return;
   }
   try {
     while (auto received = channel.next()) {
+      const bool hello = std::holds_alternative<client::Hello>(received->message);
       if (!broker_.handle(id, std::move(*received))) {
         unreachable_.insert(id);
         return;
       }
+      if (hello && !connection.greeted) {
+        connection.greeted = true;
+        const PeerCredentials &peer = connection.peer;
+        log_limited("connection", "client " + std::to_string(id) + " connected: pid " +
+                                      std::to_string(peer.pid) + ", uid " +
+                                      std::to_string(peer.uid));
+      }
+      if (unreachable_.count(id) != 0) return;
     }
   } catch (const client::ProtocolError &e) {
-    log("client " + std::to_string(id) + " dropped: " + e.what());
-    unreachable_.insert(id);
+    unreachable(id, e.what());
   }
+}
+
+void Server::flush_client(ClientId id, Connection &connection) {
+  switch (connection.output.flush(connection.channel->fd())) {
+    case OutputQueue::Flush::kDone:
+      watch_writes(id, connection, false);
+      break;
+    case OutputQueue::Flush::kPending:
+      watch_writes(id, connection, true);
+      break;
+    case OutputQueue::Flush::kBroken:
+      unreachable_.insert(id);
+      break;
+  }
+}
+
+void Server::watch_writes(ClientId id, Connection &connection, bool on) {
+  if (connection.waiting_to_write == on) return;
+  connection.waiting_to_write = on;
+  watch(epoll_.get(), EPOLL_CTL_MOD, connection.channel->fd(),
+        on ? uint32_t{EPOLLIN | EPOLLOUT} : uint32_t{EPOLLIN}, id);
+}
+
+void Server::expire_silent_clients(Clock::time_point now) {
+  while (!hello_deadlines_.empty() && hello_deadlines_.front().first <= now) {
+    const ClientId id = hello_deadlines_.front().second;
+    hello_deadlines_.pop_front();
+    auto found = clients_.find(id);
+    if (found != clients_.end() && !found->second.greeted && unreachable_.insert(id).second) {
+      log_limited("hello", "client " + std::to_string(id) + " dropped: no hello in time");
+    }
+  }
+}
+
+void Server::unreachable(ClientId id, const std::string &why) {
+  if (!unreachable_.insert(id).second) return;
+  log_limited("protocol", "client " + std::to_string(id) + " dropped: " + why);
 }
 
 void Server::drop(ClientId id) {
   unreachable_.erase(id);
-  if (clients_.erase(id) == 0) return;
+  auto found = clients_.find(id);
+  if (found == clients_.end()) return;
+  const bool greeted = found->second.greeted;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.channel->fd(), nullptr);
+  clients_.erase(found);
   broker_.disconnected(id);
-  log("client " + std::to_string(id) + " disconnected");
+  if (greeted) log_limited("connection", "client " + std::to_string(id) + " disconnected");
 }
 
 bool Server::send(ClientId client, const client::Message &message, int descriptor) {
   auto found = clients_.find(client);
   if (found == clients_.end() || unreachable_.count(client) != 0) return false;
-  if (found->second->send(message, descriptor)) return true;
-  unreachable_.insert(client);
-  return false;
+  Connection &connection = found->second;
+  OutputQueue::Push pushed;
+  try {
+    pushed = connection.output.push(message, descriptor);
+  } catch (const client::ProtocolError &e) {
+    unreachable(client, std::string("cannot send it a ") + client::message_name(message) +
+                            " message: " + e.what());
+    return false;
+  }
+  if (pushed == OutputQueue::Push::kNoDescriptor) {
+    unreachable(client, std::string("no descriptor left to pass it a ") +
+                            client::message_name(message) + ": " + std::strerror(errno));
+    return false;
+  }
+  if (pushed == OutputQueue::Push::kFull) {
+    log_limited("output", "client " + std::to_string(client) +
+                              " dropped: it does not read what the node sends (" +
+                              std::to_string(limits::kOutputBytesPerClient / 1024) + " KiB or " +
+                              std::to_string(limits::kOutputDescriptorsPerClient) +
+                              " descriptors queued)");
+    unreachable_.insert(client);
+    return false;
+  }
+  if (!connection.waiting_to_write) flush_client(client, connection);
+  return unreachable_.count(client) == 0;
+}
+
+bool Server::verify_off_thread(ClientId client, std::function<bool()> check,
+                               std::function<void(bool)> done) {
+  return verifier_.submit(client, std::move(check), std::move(done));
 }
 
 bool Server::launch(const config::InvokableTp &tp, const std::string &lu_alias) {
@@ -259,7 +415,7 @@ void Server::reap_children() {
     const std::string how = WIFEXITED(status)
                                 ? "exited with status " + std::to_string(WEXITSTATUS(status))
                                 : "ended by signal " + std::to_string(WTERMSIG(status));
-    log("TP " + found->second + " (pid " + std::to_string(pid) + ") " + how);
+    log("TP " + log_safe(found->second) + " (pid " + std::to_string(pid) + ") " + how);
     broker_.instance_exited(found->second);
     children_.erase(found);
   }
@@ -267,6 +423,10 @@ void Server::reap_children() {
 
 void Server::log(const std::string &line) {
   daemon_log(line, log_to_stderr_);
+}
+
+void Server::log_limited(const std::string &kind, const std::string &line) {
+  limited_log_.log(kind, line, Clock::now());
 }
 
 }  // namespace snanode::daemon

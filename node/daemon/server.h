@@ -1,18 +1,26 @@
-// The daemon's listening socket and its poll loop: one thread serves every
-// connected process, the signals (stop, child exits) and the attach
-// time-outs.
+// The daemon's listening socket and its event loop: one thread serves every
+// connected process, the signals (stop, child exits), the attach time-outs
+// and the results of password verifications, which run on threads of their
+// own.  Nothing a client does or fails to do blocks the loop: sends go
+// through a bounded queue per client, and what a client may hold is capped
+// (limits.h).
 #pragma once
 
 #include <sys/types.h>
 
+#include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "client/message_channel.h"
 #include "config/node_config.h"
 #include "daemon/broker.h"
+#include "daemon/log_rate_limit.h"
+#include "daemon/output_queue.h"
+#include "daemon/verifier_pool.h"
 
 namespace snanode::daemon {
 
@@ -20,9 +28,17 @@ namespace snanode::daemon {
 // standard error as well while the daemon runs in the foreground.
 void daemon_log(const std::string &line, bool to_stderr);
 
+// The system's password check the configuration asks for (PAM), if any.
+PasswordCheck system_password_check(const config::NodeConfig &config);
+
 class Server : private BrokerOutput {
  public:
-  Server(const config::NodeConfig &config, std::string socket_path, bool log_to_stderr);
+  // `password_check` verifies users configured without a password; by
+  // default the system's the configuration asks for.
+  Server(const config::NodeConfig &config, std::string socket_path, bool log_to_stderr,
+         PasswordCheck password_check);
+  Server(const config::NodeConfig &config, std::string socket_path, bool log_to_stderr)
+      : Server(config, std::move(socket_path), log_to_stderr, system_password_check(config)) {}
   ~Server() override;
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
@@ -36,13 +52,34 @@ class Server : private BrokerOutput {
   int run();
 
  private:
+  struct Connection {
+    std::unique_ptr<client::MessageChannel> channel;
+    OutputQueue output;
+    PeerCredentials peer;
+    bool greeted = false;
+    bool waiting_to_write = false;  // polled for room to write
+  };
+
   // BrokerOutput
   bool send(ClientId client, const client::Message &message, int descriptor) override;
   bool launch(const config::InvokableTp &tp, const std::string &lu_alias) override;
   void log(const std::string &line) override;
+  void log_limited(const std::string &kind, const std::string &line) override;
+  bool verify_off_thread(ClientId client, std::function<bool()> check,
+                         std::function<void(bool)> done) override;
 
+  void dispatch(uint64_t token, uint32_t events, bool &stopping);
   void accept_client();
+  // Out of descriptors: takes the waiting connection with the reserve
+  // descriptor, closes it, and rests the listening socket a while.
+  void shed_connection(int error);
+  void set_accepting(bool on);
   void serve_client(ClientId id);
+  void flush_client(ClientId id, Connection &connection);
+  void watch_writes(ClientId id, Connection &connection, bool on);
+  void expire_silent_clients(Clock::time_point now);
+  int next_timeout() const;
+  void unreachable(ClientId id, const std::string &why);
   void drop(ClientId id);
   void reap_children();
 
@@ -50,12 +87,19 @@ class Server : private BrokerOutput {
   std::string socket_path_;
   bool log_to_stderr_;
   client::UniqueFd listener_;
+  client::UniqueFd reserve_;  // spent to shed a connection when none is left
   client::UniqueFd signals_;
+  client::UniqueFd epoll_;
   Broker broker_;
+  LogRateLimit limited_log_;
   ClientId next_client_ = 1;
-  std::map<ClientId, std::unique_ptr<client::MessageChannel>> clients_;
+  std::map<ClientId, Connection> clients_;
+  std::deque<std::pair<Clock::time_point, ClientId>> hello_deadlines_;  // oldest first
   std::set<ClientId> unreachable_;
   std::map<pid_t, std::string> children_;  // started TP instances by pid
+  std::optional<Clock::time_point> accept_resumes_;
+  bool out_of_descriptors_ = false;
+  VerifierPool verifier_;  // last: its completions refer to the broker
 };
 
 }  // namespace snanode::daemon

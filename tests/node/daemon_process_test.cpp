@@ -106,18 +106,6 @@ TEST(DaemonProcess, CheckAcceptsAGoodFileAndExplainsEveryProblemOfABadOne) {
       run(std::string(SNANODED_PATH) + " --check " + uninstalled.string() + " --strict").status, 1);
 }
 
-// Connects and greets the daemon; an empty channel pointer on failure.
-std::unique_ptr<client::MessageChannel> greet(const std::string &socket) {
-  auto channel = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
-  if (!channel->send(client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
-                                   static_cast<uint32_t>(::getuid())})) {
-    return nullptr;
-  }
-  auto welcome = channel->receive();
-  if (!welcome || !std::holds_alternative<client::Welcome>(welcome->message)) return nullptr;
-  return channel;
-}
-
 // Receives frames into a queue the test thread waits on.
 class FrameQueue : public engine::FrameSink {
  public:

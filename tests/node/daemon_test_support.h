@@ -4,14 +4,18 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "client/message_channel.h"
 #include "support/tp_user.h"
@@ -44,6 +48,44 @@ inline client::AllocateRequest request_for(const std::string &tp_name) {
   return request;
 }
 
+// Sends raw bytes with `count` descriptors (copies of standard input).
+inline void send_raw(int socket, const std::vector<uint8_t> &bytes, size_t count) {
+  std::vector<int> fds(count, STDIN_FILENO);
+  iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
+  if (count > 0) {
+    msg.msg_control = control.data();
+    msg.msg_controllen = control.size();
+    cmsghdr *cmsg = CMSG_FIRSTHDR(&msg);
+    cmsg->cmsg_level = SOL_SOCKET;
+    cmsg->cmsg_type = SCM_RIGHTS;
+    cmsg->cmsg_len = CMSG_LEN(sizeof(int) * count);
+    std::memcpy(CMSG_DATA(cmsg), fds.data(), sizeof(int) * count);
+  }
+  ASSERT_EQ(::sendmsg(socket, &msg, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
+
+inline std::vector<uint8_t> encoded(const client::Message &message, bool passes_descriptor) {
+  std::vector<uint8_t> bytes;
+  client::encode_message(message, passes_descriptor, bytes);
+  return bytes;
+}
+
+// Connects and greets the daemon; an empty channel pointer on failure.
+inline std::unique_ptr<client::MessageChannel> greet(const std::string &socket) {
+  auto channel = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
+  if (!channel->send(client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
+                                   static_cast<uint32_t>(::getuid())})) {
+    return nullptr;
+  }
+  auto welcome = channel->receive();
+  if (!welcome || !std::holds_alternative<client::Welcome>(welcome->message)) return nullptr;
+  return channel;
+}
+
 // A daemon of its own in a temporary directory, stopped with SIGTERM.
 class DaemonFixture : public ::testing::Test {
  protected:
@@ -56,6 +98,7 @@ class DaemonFixture : public ::testing::Test {
     ASSERT_GE(daemon_, 0);
     if (daemon_ == 0) {
       ::setenv("SNANODE_LOG_DIR", dir_.path.c_str(), 1);
+      before_exec();
       ::execl(SNANODED_PATH, SNANODED_PATH, "--foreground", "--socket", socket_.c_str(), "--config",
               config_.c_str(), static_cast<char *>(nullptr));
       ::_exit(127);
@@ -66,6 +109,8 @@ class DaemonFixture : public ::testing::Test {
     }
     FAIL() << "the daemon did not come up";
   }
+  // Runs in the daemon's process just before it starts snanoded.
+  virtual void before_exec() const {}
   // Configuration a test adds after the [node] table.
   virtual std::string more_config() const { return ""; }
 
