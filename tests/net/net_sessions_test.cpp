@@ -356,6 +356,43 @@ TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
   EXPECT_EQ(sent(p.pipe, 1, {0xEB, 0x80, 0x00, 0x32}).size(), 1u);
 }
 
+// Every unit of a whole exchange, cut and with bytes changed, fed to a live
+// session manager: it may end sessions, but what it sends back is always a
+// well-formed unit and it goes on serving allocations afterwards.
+TEST(Sessions, MutatedUnitsFromThePartnerNeverBreakTheManager) {
+  Pair recorded({mode(256, 256, 2, 2, 1, 1)}, {mode(256, 256, 2, 2, 1, 0)});
+  run_contention(recorded);
+  const std::vector<std::pair<int, Bytes>> units = recorded.pipe.log;
+  uint32_t seed = 12345;
+  size_t sessions_ended = 0;
+  auto random = [&seed] { return seed = seed * 1103515245 + 12345, (seed >> 16) & 0x7FFF; };
+  for (int round = 0; round < 300; ++round) {
+    Pair p({mode(256, 256, 2, 2, 1, 1)}, {mode(256, 256, 2, 2, 1, 0)});
+    run_contention(p);
+    const size_t before = p.pipe.log.size();
+    for (const auto &[side, unit] : units) {
+      if (side != 0) continue;
+      Bytes mutated = unit;
+      if (random() % 4 == 0) mutated.resize(random() % (mutated.size() + 1));
+      for (int edits = random() % 3 + 1; edits > 0 && !mutated.empty(); --edits) {
+        mutated[random() % mutated.size()] = static_cast<uint8_t>(random());
+      }
+      p.b.manager.on_unit_received(kLuA, mutated);
+      p.pump();
+    }
+    for (size_t i = before; i < p.pipe.log.size(); ++i) {
+      ASSERT_TRUE(decode_biu(p.pipe.log[i].second)) << "round " << round << " unit " << i;
+    }
+    sessions_ended += sent(p.pipe, 1, {0x6B, 0x80, 0x00, 0x32, 0xFE}).size();
+    Conversation &later = p.b.allocate();
+    p.pump();
+    p.clock.t += std::chrono::minutes(1);
+    p.b.manager.on_timer();
+    EXPECT_TRUE(later.outcome) << "round " << round;
+  }
+  EXPECT_GT(sessions_ended, 50u);  // the mutations did reach live sessions
+}
+
 std::string run(const std::string &command) {
   std::string out;
   FILE *pipe = popen(command.c_str(), "r");

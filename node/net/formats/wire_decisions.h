@@ -111,10 +111,10 @@ inline constexpr uint8_t kCaptureBlank = 0x40;
 }  // namespace snanode::net::decision
 
 namespace snanode::net::decision {
-// D29: a partner that overruns its pacing window, or sends a pacing response
+// S4 (docs/network.md, Sessions): a partner that overruns its pacing window, or sends a pacing response
 // nobody asked for, ends the session with this sense (state-error family).
 inline constexpr uint32_t kSensePacingError = 0x20110000;
-// D30: a BIND naming a session address already in use is refused with the
+// S5: a BIND naming a session address already in use is refused with the
 // "invalid session parameters" sense; the address is the session's key (D3).
 inline constexpr uint32_t kSenseSessionAddressInUse = 0x08210000;
 }  // namespace snanode::net::decision
