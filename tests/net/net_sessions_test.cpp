@@ -262,11 +262,24 @@ void run_contention(Pair &p) {
   ASSERT_TRUE(winner.send(true, true, true));  // A's bracket ends
   p.pump();
   ASSERT_EQ(bidder.outcome, AllocationOutcome::kAllocated);
-  ASSERT_TRUE(bidder.send(true, true, true));
+  // B ends its bracket asking for a definite response, as the conversation
+  // layer hands units over: the bracket ends at A's +RSP, not before.
+  Rh last;
+  last.set_form(ResponseForm::kRqd3);
+  last.cebi = true;
+  ASSERT_TRUE(bidder.session->send_unit(last, Bytes{0x00, 0x03, 0x01}, false));
   p.pump();
   ASSERT_EQ(p.a.incoming.size(), 1u);
-  EXPECT_FALSE(p.a.incoming[0].requests.at(0).bbi);  // the granted bid began the bracket
+  Conversation &taker = p.a.incoming[0];
+  EXPECT_FALSE(taker.requests.at(0).bbi);  // the granted bid began the bracket
   EXPECT_EQ(sent(p.pipe, 1, {0x4B, 0x80, 0x80, 0x04}).size(), 2u);
+  Session &b_session = *bidder.session;
+  EXPECT_EQ(b_session.bracket(), Bracket::kLocal);
+  ASSERT_TRUE(taker.session->send_unit(Rh{.response = true}, {}, false));
+  p.pump();
+  EXPECT_EQ(bidder.responses.size(), 1u);
+  EXPECT_EQ(b_session.bracket(), Bracket::kBetween);
+  EXPECT_TRUE(p.a.sessions()[0]->free());
 }
 
 TEST(Sessions, ContentionWinnerGoesFirstAndTheLoserGetsTheSessionAfterBidding) {

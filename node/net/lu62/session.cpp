@@ -133,6 +133,25 @@ void Session::send_request_to_send() {
            control_request(RuCategory::kDfc), ru);
 }
 
+Status Session::send_unit(const Rh &rh, ByteSpan ru, bool expedited) {
+  if (!rh.response) {
+    if (!expedited) return send_request(rh, ru);
+    Result<Signal> signal = decode_signal(ru);
+    if (!signal) return {signal.sense()};
+    send_request_to_send();
+    return {};
+  }
+  if (expedited) return {};
+  if (!last_request_) return {sense::kFunctionNotSupported};
+  uint32_t negative = 0;
+  if (rh.rti) {
+    Result<NegativeResponse> rsp = decode_negative_response(ru);
+    if (!rsp || rsp->sense == 0) return {sense::kParameterError};
+    negative = rsp->sense;
+  }
+  return send_response(last_request_->rh, last_request_->snf, negative);
+}
+
 void Session::set_receive_ready(bool ready) {
   if (std::optional<uint16_t> snf = receive_pacer_.set_ready(ready)) send_pacing_response(*snf);
 }
@@ -181,6 +200,7 @@ void Session::end_bracket() {
   bracket_ = Bracket::kBetween;
   local_ceb_snf_.reset();
   partner_ceb_snf_.reset();
+  last_request_.reset();
   user_ = nullptr;
   host_.on_bracket_free(*this);
 }
@@ -342,6 +362,7 @@ void Session::on_request(const BiuView &unit, RuKind kind) {
     return;
   }
   if (rh.cebi && !ends_now) partner_ceb_snf_ = unit.th.snf;
+  last_request_ = ReceivedRequest{rh, unit.th.snf};
   user_->on_request(*this, rh, unit.ru, unit.th.snf);
   if (ends_now && state_ == SessionState::kActive && bracket_ != Bracket::kBetween) end_bracket();
 }

@@ -83,6 +83,11 @@ class Session {
   Status send_response(const Rh &request, uint16_t snf, uint32_t negative_sense = 0);
   // Request_To_Send (SIG, expedited).
   void send_request_to_send();
+  // A unit as the conversation layer produces it: a request goes out as by
+  // send_request (or SIG when expedited); a response answers the latest
+  // request received on the normal flow, its sense taken from the RU; the
+  // response to a SIG is the session's own and is dropped here.
+  Status send_unit(const Rh &rh, ByteSpan ru, bool expedited);
   // The layer above can (or cannot) take more: pacing responses wait for it.
   void set_receive_ready(bool ready);
   size_t held_requests() const { return held_.size(); }
@@ -136,6 +141,11 @@ class Session {
   bool receiving_chain_ = false;
   bool discarding_chain_ = false;  // the rest of a chain refused by a bid reject
   std::optional<uint16_t> bid_snf_;
+  struct ReceivedRequest {
+    Rh rh;
+    uint16_t snf = 0;
+  };
+  std::optional<ReceivedRequest> last_request_;  // what send_unit's responses answer
   // The CEB chain that ends the bracket once its definite response is given.
   std::optional<uint16_t> local_ceb_snf_;
   std::optional<uint16_t> partner_ceb_snf_;
