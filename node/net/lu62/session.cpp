@@ -198,6 +198,7 @@ void Session::release() {
 
 void Session::end_bracket() {
   bracket_ = Bracket::kBetween;
+  ++brackets_ended_;
   local_ceb_snf_.reset();
   partner_ceb_snf_.reset();
   last_request_.reset();
@@ -239,8 +240,7 @@ void Session::on_unit(const BiuView &unit) {
     // Only the end of the UNBIND exchange matters now: its response, or the
     // partner's own UNBIND crossing ours.
     if (kind == RuKind::kUnbind) answer(unit.rh, true, unit.th.snf, kRequestUnbind, 0);
-    if (kind == RuKind::kUnbind ||
-        (unit.rh.response && !unit.ru.empty() && unit.ru[0] == kRequestUnbind)) {
+    if (kind == RuKind::kUnbind || (unit.rh.response && unit.th.expedited)) {
       state_ = SessionState::kEnded;
     }
     return;
@@ -363,8 +363,12 @@ void Session::on_request(const BiuView &unit, RuKind kind) {
   }
   if (rh.cebi && !ends_now) partner_ceb_snf_ = unit.th.snf;
   last_request_ = ReceivedRequest{rh, unit.th.snf};
+  const uint32_t bracket_number = brackets_ended_;
   user_->on_request(*this, rh, unit.ru, unit.th.snf);
-  if (ends_now && state_ == SessionState::kActive && bracket_ != Bracket::kBetween) end_bracket();
+  // Unless the conversation already ended this bracket from inside the call.
+  if (ends_now && state_ == SessionState::kActive && brackets_ended_ == bracket_number) {
+    end_bracket();
+  }
 }
 
 void Session::on_normal_response(const BiuView &unit) {

@@ -140,6 +140,7 @@ class Session {
   bool sending_chain_ = false;
   bool receiving_chain_ = false;
   bool discarding_chain_ = false;  // the rest of a chain refused by a bid reject
+  uint32_t brackets_ended_ = 0;
   std::optional<uint16_t> bid_snf_;
   struct ReceivedRequest {
     Rh rh;
