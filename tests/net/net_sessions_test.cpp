@@ -256,8 +256,8 @@ void run_contention(Pair &p) {
   EXPECT_FALSE(bidder.outcome);
   ASSERT_EQ(p.b.incoming.size(), 2u);
   EXPECT_TRUE(p.b.incoming[1].requests.at(0).bbi);
-  // A refused the bid: −RSP(X'08130000') with the LUSTAT request code.
-  EXPECT_EQ(sent(p.pipe, 0, {0xCF, 0x90, 0x00, 0x08, 0x13, 0x00, 0x00, 0x04}).size(), 1u);
+  // A refused the bid: −RSP(X'08140000') with the LUSTAT request code.
+  EXPECT_EQ(sent(p.pipe, 0, {0xCF, 0x90, 0x00, 0x08, 0x14, 0x00, 0x00, 0x04}).size(), 1u);
 
   ASSERT_TRUE(winner.send(true, true, true));  // A's bracket ends
   p.pump();
@@ -280,6 +280,20 @@ void run_contention(Pair &p) {
   EXPECT_EQ(bidder.responses.size(), 1u);
   EXPECT_EQ(b_session.bracket(), Bracket::kBetween);
   EXPECT_TRUE(p.a.sessions()[0]->free());
+  EXPECT_EQ(sent(p.pipe, 0, {0x4B, 0x80, 0x00, 0x05}).size(), 1u);  // RTR after A's bracket
+
+  // A refuses a bid for an allocation it then gives up unused: its RTR lets
+  // B bid again at once.
+  Conversation &idle = p.a.allocate();
+  ASSERT_EQ(idle.outcome, AllocationOutcome::kAllocated);
+  Conversation &late = p.b.allocate();
+  p.pump();
+  EXPECT_FALSE(late.outcome);
+  idle.session->release();
+  p.pump();
+  EXPECT_EQ(late.outcome, AllocationOutcome::kAllocated);
+  ASSERT_TRUE(late.send(true, true, true));
+  p.pump();
 }
 
 TEST(Sessions, ContentionWinnerGoesFirstAndTheLoserGetsTheSessionAfterBidding) {
@@ -457,10 +471,15 @@ TEST(Sessions, TsharkReadsEveryUnitTheSessionsExchange) {
   for (const std::string &line : lines) {
     EXPECT_EQ(line.substr(line.size() - 2), "||") << "expert item or malformed: " << line;
   }
-  EXPECT_GE(count("0x6b|0x80|0x00|3100130"), 4);        // BINDs: SNASVCMG and #INTER
-  EXPECT_GE(count("0xeb|0x80|0x00|3100130"), 4);        // +RSP(BIND)
-  EXPECT_EQ(count("0x4b|0x80|0x80|0400060001|"), 2);    // B's bids
-  EXPECT_EQ(count("0xcf|0x90|0x00|0813000004|"), 1);    // A refuses the first
+  EXPECT_GE(count("0x6b|0x80|0x00|3100130"), 4);      // BINDs: SNASVCMG and #INTER
+  EXPECT_GE(count("0xeb|0x80|0x00|3100130"), 4);      // +RSP(BIND)
+  EXPECT_EQ(count("0x4b|0x80|0x80|0400060001|"), 4);  // B's bids
+  EXPECT_EQ(count("0xcf|0x90|0x00|0814000004|"), 2);  // A refuses two
+  EXPECT_EQ(count("0x4b|0x80|0x00|05|"), 2);          // and sends RTR after each
+  // The first RTR finds B already bidding (it saw the CEB): "RTR not
+  // required"; the second, after the unused allocation, is taken.
+  EXPECT_EQ(count("0xcf|0x90|0x00|0819000005|"), 1);
+  EXPECT_EQ(count("0xcb|0x80|0x00|05|"), 1);
   EXPECT_EQ(count("0x83|0x01|0x00|000002|"), 3);        // isolated pacing responses
   EXPECT_EQ(count("0x6b|0x80|0x00|320100000000|"), 1);  // normal UNBIND
 }

@@ -190,10 +190,7 @@ void Session::release() {
     encode_lustat(Lustat{decision::kLustatNullStatus}, ru);
     if (send_request(rh, ru)) return;
   }
-  if (bracket_ == Bracket::kBetween && user_) {
-    user_ = nullptr;
-    host_.on_bracket_free(*this);
-  }
+  if (bracket_ == Bracket::kBetween && user_) end_bracket();
 }
 
 void Session::end_bracket() {
@@ -203,6 +200,11 @@ void Session::end_bracket() {
   partner_ceb_snf_.reset();
   last_request_.reset();
   user_ = nullptr;
+  if (owe_rtr_) {
+    // The loser whose bid was refused may now have the session.
+    owe_rtr_ = false;
+    transmit_normal_request(control_request(RuCategory::kDfc), Bytes{kRequestRtr});
+  }
   host_.on_bracket_free(*this);
 }
 
@@ -302,8 +304,9 @@ bool Session::accept_partner_bracket(const BiuView &unit, bool is_bid) {
     // The winner's own bracket goes ahead; the rest of the refused chain is
     // dropped as it arrives.
     answer(unit.rh, false, unit.th.snf, request_code(unit.rh, unit.ru),
-           sense::kBracketBidRejectNoRtr);
+           sense::kBracketBidRejectRtr);
     discarding_chain_ = !unit.rh.eci;
+    owe_rtr_ = true;
     return false;
   }
   bracket_ = Bracket::kPartner;

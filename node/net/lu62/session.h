@@ -141,6 +141,7 @@ class Session {
   bool receiving_chain_ = false;
   bool discarding_chain_ = false;  // the rest of a chain refused by a bid reject
   uint32_t brackets_ended_ = 0;
+  bool owe_rtr_ = false;  // a bid was refused: RTR when this bracket ends
   std::optional<uint16_t> bid_snf_;
   struct ReceivedRequest {
     Rh rh;
