@@ -200,6 +200,27 @@ TEST(Sessions, BindKeepsTheLowerOfBothSidesAndCnosSplitsTheWinners) {
   p.pipe.to[0].clear();
   EXPECT_EQ(p.b.sessions().size(), 1u);
   EXPECT_TRUE(p.b.sessions("#BATCH").empty());
+
+  // A +RSP(BIND) raising the RU size A proposed to send: A ends that session
+  // at once with UNBIND X'FE' naming byte 11, and the allocation waits on.
+  c.session->release();
+  Conversation &takes_free = p.a.allocate();
+  EXPECT_EQ(takes_free.outcome, AllocationOutcome::kAllocated);
+  Conversation &waits = p.a.allocate();
+  ASSERT_EQ(p.pipe.to[1].size(), 1u);
+  Result<BiuView> bind_unit = decode_biu(p.pipe.to[1].front());
+  ASSERT_TRUE(bind_unit);
+  Result<Bind> raised = decode_bind(bind_unit->ru);
+  ASSERT_TRUE(raised);
+  raised->max_ru_primary_sends = 4096;
+  Bytes image, rsp;
+  ASSERT_TRUE(encode_bind(raised.value(), image));
+  encode_biu(bind_unit->th, response_rh(bind_unit->rh, false), image, rsp);
+  p.pipe.to[1].clear();
+  p.a.manager.on_unit_received(kLuB, rsp);
+  EXPECT_EQ(sent(p.pipe, 0, {0x6B, 0x80, 0x00, 0x32, 0xFE, 0x08, 0x35, 0x00, 0x0B}).size(), 1u);
+  EXPECT_FALSE(waits.outcome);
+  EXPECT_EQ(p.a.sessions().size(), 1u);
 }
 
 TEST(Sessions, AllocationsBeyondTheLimitQueueUntilASessionFreesOrTimeOut) {
