@@ -348,6 +348,27 @@ void run_pacing(Pair &p) {
 TEST(Sessions, PacingHoldsTheSenderToItsWindowUntilThePacingResponse) {
   Pair p({mode(256, 256, 2, 7, 1, 1)}, {mode(256, 256, 7, 2, 1, 0)});
   run_pacing(p);
+
+  // A sender that ignores the window: B ends the session with X'20110000'.
+  Session &receiver = *p.b.sessions()[0];
+  Conversation &sender = p.a.outgoing.back();
+  receiver.set_receive_ready(false);
+  for (int i = 0; sender.session->held_requests() == 0 && i < 10; ++i) {
+    ASSERT_TRUE(sender.send(i == 0, false));
+  }
+  p.pump();
+  uint16_t last_snf = 0;
+  for (const auto &[side, biu] : p.pipe.log) {
+    Result<BiuView> unit = decode_biu(biu);
+    if (side == 0 && !unit->th.expedited && !unit->rh.response) last_snf = unit->th.snf;
+  }
+  Bytes overrun;
+  encode_biu({.snf = static_cast<uint16_t>(last_snf + 1), .session_address = receiver.address()},
+             Rh{.bci = false, .eci = false, .dr1 = true, .eri = true}, Bytes{0x01}, overrun);
+  p.b.manager.on_unit_received(kLuA, overrun);
+  p.pump();
+  EXPECT_EQ(sender.ended, 0x20110000u);
+  EXPECT_EQ(sent(p.pipe, 1, {0x6B, 0x80, 0x00, 0x32, 0xFE, 0x20, 0x11, 0x00, 0x00}).size(), 1u);
 }
 
 TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
