@@ -223,6 +223,18 @@ TEST(Sessions, BindKeepsTheLowerOfBothSidesAndCnosSplitsTheWinners) {
   EXPECT_EQ(p.a.sessions().size(), 1u);
 }
 
+TEST(Sessions, CrossingCnosExchangesLeaveBothSidesTheSameLimits) {
+  Pair p({mode(256, 256, 7, 7, 8, 4)}, {mode(256, 256, 7, 7, 6, 1)});
+  Conversation &from_a = p.a.allocate();
+  Conversation &from_b = p.b.allocate();
+  p.pump();
+  EXPECT_EQ(from_a.outcome, AllocationOutcome::kAllocated);
+  EXPECT_EQ(from_b.outcome, AllocationOutcome::kAllocated);
+  // NET.LUA's exchange is the one kept: limit 6, A's four winners, B's two.
+  EXPECT_EQ(p.a.manager.limits(kLuB, kMode), (SessionLimits{6, 4, 2}));
+  EXPECT_EQ(p.b.manager.limits(kLuA, kMode), (SessionLimits{6, 2, 4}));
+}
+
 TEST(Sessions, AllocationsBeyondTheLimitQueueUntilASessionFreesOrTimeOut) {
   Pair p({mode(256, 256, 7, 7, 2, 1)}, {mode(256, 256, 7, 7, 2, 1)});
   Conversation &first = p.a.allocate();

@@ -117,4 +117,8 @@ inline constexpr uint32_t kSensePacingError = 0x20110000;
 // S5: a BIND naming a session address already in use is refused with the
 // "invalid session parameters" sense; the address is the session's key (D3).
 inline constexpr uint32_t kSenseSessionAddressInUse = 0x08210000;
+// S8: when two CNOS exchanges for one mode cross, the target whose own
+// exchange is running and whose LU name is the lower answers with this reply
+// modifier and no change; both LUs keep the other exchange's result.
+inline constexpr uint8_t kCnosReplyRaceRejected = 0x03;
 }  // namespace snanode::net::decision

@@ -52,6 +52,10 @@ void CnosConversation::finish_source(Session &session, ByteSpan ru) {
     owner_.on_cnos_failed(session.partner(), mode_);
     return session.fail(reply ? sense::kParameterError : reply.sense());
   }
+  // A crossing exchange the partner keeps sets the limits on its own.
+  if (reply->reply_modifier == decision::kCnosReplyRaceRejected) {
+    return owner_.on_cnos_failed(session.partner(), mode_);
+  }
   owner_.on_cnos_done(session.partner(), mode_, limits_from_reply(reply.value()));
 }
 
@@ -63,13 +67,19 @@ void CnosConversation::finish_target(Session &session, ByteSpan ru) {
   }
   mode_ = name_from_ebcdic(request->mode_name).value_or("");
   CnosAnswer answer = answer_cnos(request.value(), owner_.find_mode(mode_));
+  const bool race_won = owner_.wins_cnos_race(session.partner(), mode_);
+  if (race_won) {
+    answer.reply = request.value();
+    answer.reply.service = decision::kCnosReply;
+    answer.reply.reply_modifier = decision::kCnosReplyRaceRejected;
+  }
   Bytes reply;
   Rh rh = only_chain();
   rh.cebi = true;
   if (!encode_cnos(answer.reply, reply) || !session.send_request(rh, reply)) {
     return session.fail(sense::kParameterError);
   }
-  if (answer.reply.reply_modifier != decision::kCnosReplyModeNotRecognized) {
+  if (!race_won && answer.reply.reply_modifier != decision::kCnosReplyModeNotRecognized) {
     owner_.on_cnos_done(session.partner(), mode_, answer.limits);
   }
 }

@@ -20,6 +20,9 @@ class CnosOwner {
   virtual void on_cnos_done(const std::string &partner, const std::string &mode,
                             const SessionLimits &limits) = 0;
   virtual void on_cnos_failed(const std::string &partner, const std::string &mode) = 0;
+  // True when this LU's own CNOS for the mode is under way and its exchange,
+  // not the partner's crossing one, is the one both sides keep.
+  virtual bool wins_cnos_race(const std::string &partner, const std::string &mode) const = 0;
 };
 
 class CnosConversation : public SessionUser {

@@ -106,6 +106,11 @@ void SessionManager::on_cnos_failed(const std::string &partner, const std::strin
   state({partner, mode}).cnos_running = false;
 }
 
+bool SessionManager::wins_cnos_race(const std::string &partner, const std::string &mode) const {
+  auto it = modes_.find({partner, mode});
+  return it != modes_.end() && it->second.cnos_running && config_.lu_name < partner;
+}
+
 void SessionManager::fail_queue(ModeState &ms, AllocationOutcome outcome) {
   std::deque<Allocation> failed;
   failed.swap(ms.queue);

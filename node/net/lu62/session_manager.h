@@ -112,6 +112,7 @@ class SessionManager : public SessionHost, public CnosOwner {
   void on_cnos_done(const std::string &partner, const std::string &mode,
                     const SessionLimits &limits) override;
   void on_cnos_failed(const std::string &partner, const std::string &mode) override;
+  bool wins_cnos_race(const std::string &partner, const std::string &mode) const override;
 
   ModeState &state(const Key &key);
   Counts count(const Key &key) const;
