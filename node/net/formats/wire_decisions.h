@@ -109,3 +109,16 @@ inline constexpr size_t kSwitchingInformationMinNested = 1;
 inline constexpr uint8_t kCaptureBlank = 0x40;
 
 }  // namespace snanode::net::decision
+
+namespace snanode::net::decision {
+// S4 (docs/network.md, Sessions): a partner that overruns its pacing window, or sends a pacing response
+// nobody asked for, ends the session with this sense (state-error family).
+inline constexpr uint32_t kSensePacingError = 0x20110000;
+// S5: a BIND naming a session address already in use is refused with the
+// "invalid session parameters" sense; the address is the session's key (D3).
+inline constexpr uint32_t kSenseSessionAddressInUse = 0x08210000;
+// S8: when two CNOS exchanges for one mode cross, the target whose own
+// exchange is running and whose LU name is the lower answers with this reply
+// modifier and no change; both LUs keep the other exchange's result.
+inline constexpr uint8_t kCnosReplyRaceRejected = 0x03;
+}  // namespace snanode::net::decision

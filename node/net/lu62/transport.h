@@ -1,0 +1,28 @@
+// What the session layer needs from below and from the daemon's loop: a way to
+// send whole BIUs towards a partner LU, and the time.  Nothing here blocks or
+// starts a thread; the daemon calls back in when units arrive or time passes.
+#pragma once
+
+#include <chrono>
+#include <string_view>
+
+#include "net/formats/byte_io.h"
+
+namespace snanode::net::lu62 {
+
+// Sends one whole BIU (TH + RH + RU).  The daemon routes it by partner LU onto
+// the connection that reaches it; the session layer never sees that route.
+class BiuTransport {
+ public:
+  virtual ~BiuTransport() = default;
+  virtual void send_biu(std::string_view partner_lu, ByteSpan biu) = 0;
+};
+
+class Clock {
+ public:
+  using time_point = std::chrono::steady_clock::time_point;
+  virtual ~Clock() = default;
+  virtual time_point now() const = 0;
+};
+
+}  // namespace snanode::net::lu62
