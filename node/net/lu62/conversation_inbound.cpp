@@ -93,11 +93,14 @@ void ConversationTranslator::take_request(const Rh &rh, ByteSpan ru, Output &out
   response_owed_ = asks_definite_response(rh);
   if (carrier) ru = {};
   if (awaiting_turn_) return take_while_awaiting_turn(rh, ru, out);
-  if (!bracket_begun_) {
+  // FI on the unit that begins the bracket points at its FMH-5; what follows
+  // it in the RU is data.
+  const bool attach_unit = !bracket_begun_;
+  if (attach_unit) {
     take_attach(rh, ru, out);
     if (ended_ || awaiting_turn_) return;
   }
-  if (collect_error_chain(rh, ru)) {
+  if (!attach_unit && collect_error_chain(rh, ru)) {
     take_error_description(out);
     if (ended_ || awaiting_turn_) return;
   } else if (in_error_chain_) {

@@ -26,7 +26,7 @@ Rh request_rh(RuCategory category, bool first, bool last, bool fi) {
   rh.fi = fi;
   rh.bci = first;
   rh.eci = last;
-  rh.set_form(ResponseForm::kRqe1);
+  rh.set_form(static_cast<ResponseForm>(decision::kChainResponseForm));
   return rh;
 }
 
@@ -67,8 +67,9 @@ Output ConversationTranslator::on_frame(const Frame &frame) {
       // FMH-7 came after everything this side's TP had sent before it.
       return out;
     case FrameType::kRequestToSend: {
+      if (!bracket_begun_) return out;  // the allocating side sends first anyway
       Unit sig{request_rh(RuCategory::kDfc, true, true, true), {}, true};
-      sig.rh.set_form(ResponseForm::kRqd1);
+      sig.rh.set_form(static_cast<ResponseForm>(decision::kSignalResponseForm));
       encode_signal(Signal{}, sig.ru);
       out.units.push_back(std::move(sig));
       return out;
