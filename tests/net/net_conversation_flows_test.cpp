@@ -373,6 +373,18 @@ std::vector<Flow> flows() {
         frame(FrameType::kDeallocate, kAbend, "BAD")},
        kAsSent,
        true},
+      {"Attach and FMH-7 with log data each spanning RUs",
+       hello(false),
+       8,
+       {{AB, data_bytes({0x00, 0x03, 'k'})}, {AB, frame(FrameType::kDeallocate, kAbend, "BAD")}},
+       {{AB, "0a9080", "120502ff0003d000"},
+        {AB, "009000", "4005c8c5d3d3d600"},
+        {AB, "019000", "000000036b"},
+        {AB, "0a9000", "0707086400008000"},
+        {AB, "019001", "0712e1424144"}},
+       kAsSent,
+       kAsSent,
+       true},
       {"deallocate abend from the receiving side",
        hello(true),
        256,
@@ -425,7 +437,12 @@ TEST(NetConversationFlows, EachFlowSendsTheUnitsMeantAndThePartnerSeesTheSameFra
     Pair pair(flow.attach, flow.max_ru);
     for (const Step &step : flow.steps) pair.send(step.from, step.frame, step.deliver);
 
-    ASSERT_EQ(pair.transcript.size(), flow.units.size());
+    std::string got_units;
+    for (const Wire &w : pair.transcript) {
+      got_units +=
+          (w.dir == AB ? " A>" : " B>") + rh_hex(w.unit.rh) + ":" + to_hex(w.unit.ru).substr(0, 24);
+    }
+    ASSERT_EQ(pair.transcript.size(), flow.units.size()) << got_units;
     for (size_t i = 0; i < flow.units.size(); ++i) {
       const Expect &want = flow.units[i];
       const Wire &got = pair.transcript[i];

@@ -95,11 +95,8 @@ void ConversationTranslator::take_request(const Rh &rh, ByteSpan ru, Output &out
   if (awaiting_turn_) return take_while_awaiting_turn(rh, ru, out);
   // FI on the unit that begins the bracket points at its FMH-5; what follows
   // it in the RU is data.
-  const bool attach_unit = !bracket_begun_;
-  if (attach_unit) {
-    take_attach(rh, ru, out);
-    if (ended_ || awaiting_turn_) return;
-  }
+  const bool attach_unit = !attach_taken_;
+  if (attach_unit && !take_attach(rh, ru, out)) return;
   if (!attach_unit && collect_error_chain(rh, ru)) {
     take_error_description(out);
     if (ended_ || awaiting_turn_) return;
@@ -110,22 +107,31 @@ void ConversationTranslator::take_request(const Rh &rh, ByteSpan ru, Output &out
   if (!ended_ && rh.eci) end_of_chain(rh, out);
 }
 
-void ConversationTranslator::take_attach(const Rh &rh, ByteSpan &ru, Output &out) {
-  bracket_begun_ = true;
-  if (!rh.bbi || !starts_with_fmh(rh, ru, kFmhTypeAttach)) return fail(sense::kNoBeginBracket, out);
-  ByteReader in(ru);
+bool ConversationTranslator::take_attach(const Rh &rh, ByteSpan &ru, Output &out) {
+  if (!bracket_begun_) {
+    bracket_begun_ = true;
+    if (!rh.bbi || !starts_with_fmh(rh, ru, kFmhTypeAttach)) {
+      fail(sense::kNoBeginBracket, out);
+      return false;
+    }
+  }
+  // An FMH-5 longer than the RU size spans the first RUs of the chain.
+  attach_in_.insert(attach_in_.end(), ru.begin(), ru.end());
+  ru = {};
+  if (attach_in_.size() < attach_in_[0] && !rh.eci) return false;
+  attach_taken_ = true;
+  ByteReader in(attach_in_);
   auto attach = decode_attach(in);
   if (!attach) {
     // Answered like a refused allocation, with the reason the decoder gave.
     if (rh.cdi) holder_ = true;
-    ru = {};
     DeferredError error{attach.sense(), {}, true};
     if (holder_) {
       send_error_description(error, out);
     } else {
       error_with_negative_response(std::move(error), out);
     }
-    return;
+    return false;
   }
   const auto resource = attach->resource;
   framing_ = resource == ConversationResource::kBasicHalfDuplex ||
@@ -134,7 +140,8 @@ void ConversationTranslator::take_attach(const Rh &rh, ByteSpan &ru, Output &out
                  : RecordFraming::kMapped;
   assembler_ = RecordAssembler(framing_);
   out.attach = std::move(attach.value());
-  ru = in.rest();
+  ru = in.rest();  // stays in attach_in_, which is not touched again
+  return true;
 }
 
 void ConversationTranslator::take_while_awaiting_turn(const Rh &rh, ByteSpan ru, Output &out) {

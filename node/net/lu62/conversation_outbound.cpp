@@ -50,6 +50,7 @@ ConversationTranslator ConversationTranslator::allocating(Attach attach, size_t 
       is_basic(attach.resource) ? RecordFraming::kBasic : RecordFraming::kMapped, max_ru_size,
       true);
   if (!encode_attach(attach, t.attach_)) throw std::invalid_argument("Attach cannot be encoded");
+  t.attach_taken_ = true;  // the Attach is this side's to send, not to read
   return t;
 }
 

@@ -114,7 +114,9 @@ class ConversationTranslator {
   // Inbound (conversation_inbound.cpp).
   void take_response(const Rh &rh, ByteSpan ru, Output &out);
   void take_request(const Rh &rh, ByteSpan ru, Output &out);
-  void take_attach(const Rh &rh, ByteSpan &ru, Output &out);
+  // Takes the FMH-5 from the head of the bracket's first chain; true when it
+  // was accepted and `ru` now holds what follows it.
+  bool take_attach(const Rh &rh, ByteSpan &ru, Output &out);
   void take_while_awaiting_turn(const Rh &rh, ByteSpan ru, Output &out);
   // Collects an FMH-7 chain; true once the chain is whole and taken.
   bool collect_error_chain(const Rh &rh, ByteSpan &ru);
@@ -131,6 +133,8 @@ class ConversationTranslator {
   // The FMH-5 still to go at the head of the first chain (allocating side).
   Bytes attach_;
   bool bracket_begun_ = false;  // BB has gone out or come in
+  bool attach_taken_ = false;   // attached side: the FMH-5 has been read
+  Bytes attach_in_;             // attached side: the FMH-5 as it arrives
   bool ended_ = false;
 
   // Half-duplex state.  `holder_`: this side may send normal-flow requests
