@@ -119,12 +119,13 @@ struct Pair {
     if (deliver) pump();
   }
   void pump() {
-    while (!in_flight.empty()) {
-      Wire w = std::move(in_flight.front());
-      in_flight.pop_front();
-      const Dir back = w.dir == Dir::kAtoB ? Dir::kBtoA : Dir::kAtoB;
-      take(back, (w.dir == Dir::kAtoB ? b : a).on_unit(w.unit.rh, w.unit.ru));
-    }
+    while (!in_flight.empty()) deliver_one();
+  }
+  void deliver_one() {
+    Wire w = std::move(in_flight.front());
+    in_flight.pop_front();
+    const Dir back = w.dir == Dir::kAtoB ? Dir::kBtoA : Dir::kAtoB;
+    take(back, (w.dir == Dir::kAtoB ? b : a).on_unit(w.unit.rh, w.unit.ru));
   }
   // What a side's translator produced: its units go on the wire, its frames
   // to its own TP.
@@ -521,6 +522,25 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   EXPECT_TRUE(same(lost.b_sees, {data("x"), data("y"), frame(FrameType::kDeallocate, kAbend)}))
       << describe(lost.b_sees);
   EXPECT_TRUE(lost.a.ended() && lost.b.ended());
+  // A TP that deallocates while its partner's purging error is on the way
+  // gave the turn away: its end reaches the partner as an abend after the
+  // partner's FMH-7.
+  Pair gone(hello(true));
+  gone.send(AB, data("d1"));
+  gone.send(BA, frame(FrameType::kSendError, kPurging), false);
+  gone.deliver_one();  // the −RSP reaches A, A's CD is on the wire
+  gone.send(AB, frame(FrameType::kDeallocate), false);
+  gone.pump();
+  std::string units;
+  for (const Wire &w : gone.transcript) units += rh_hex(w.unit.rh) + " ";
+  EXPECT_EQ(units, "0b9080 879000 4b9020 0b9000 879000 4b9020 0b9001 ");
+  EXPECT_EQ(to_hex(gone.transcript.back().unit.ru), "07070864000000");
+  EXPECT_TRUE(same(gone.b_sees, {data("d1"), frame(FrameType::kErrorSeen),
+                                 frame(FrameType::kDeallocate, kAbend)}))
+      << describe(gone.b_sees);
+  EXPECT_TRUE(gone.a_sees.empty()) << describe(gone.a_sees);
+  EXPECT_TRUE(gone.a.ended() && gone.b.ended());
+
   Pair unsent(hello(true));
   unsent.send(AB, data("y", true));
   EXPECT_TRUE(unsent.a.on_link_lost().units.empty());
