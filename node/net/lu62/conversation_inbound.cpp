@@ -125,12 +125,7 @@ bool ConversationTranslator::take_attach(const Rh &rh, ByteSpan &ru, Output &out
   if (!attach) {
     // Answered like a refused allocation, with the reason the decoder gave.
     if (rh.cdi) holder_ = true;
-    DeferredError error{attach.sense(), {}, true};
-    if (holder_) {
-      send_error_description(error, out);
-    } else {
-      error_with_negative_response(std::move(error), out);
-    }
+    report_error({attach.sense(), {}, true}, out);
     return false;
   }
   const auto resource = attach->resource;

@@ -110,15 +110,9 @@ Output ConversationTranslator::on_frame(const Frame &frame) {
     case FrameType::kSendError:
       send_error(frame, out);
       break;
-    case FrameType::kAttachFailed: {
-      DeferredError refusal{allocation_sense(frame.code), {}, true};
-      if (holder_) {
-        send_error_description(refusal, out);
-      } else {
-        error_with_negative_response(std::move(refusal), out);
-      }
+    case FrameType::kAttachFailed:
+      report_error({allocation_sense(frame.code), {}, true}, out);
       break;
-    }
     default:
       break;
   }
@@ -251,11 +245,14 @@ void ConversationTranslator::send_abend(const Bytes &log_data, Output &out) {
     ended_ = true;
     return;
   }
-  DeferredError abend{sense::kDeallocateAbendProgram, log_data, true};
+  report_error({sense::kDeallocateAbendProgram, log_data, true}, out);
+}
+
+void ConversationTranslator::report_error(DeferredError error, Output &out) {
   if (holder_) {
-    send_error_description(abend, out);
+    send_error_description(error, out);
   } else {
-    error_with_negative_response(std::move(abend), out);
+    error_with_negative_response(std::move(error), out);
   }
 }
 

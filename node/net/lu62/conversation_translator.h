@@ -103,6 +103,8 @@ class ConversationTranslator {
   void send_status(const engine::Frame &frame, Output &out);
   void send_error(const engine::Frame &frame, Output &out);
   void send_abend(const Bytes &log_data, Output &out);
+  // An FMH-7 now when this side holds the send right, else as below.
+  void report_error(DeferredError error, Output &out);
   // An error or an end while the partner holds the send right (or owes a
   // response): −RSP(X'0846') first, then the FMH-7 once this side may send.
   void error_with_negative_response(DeferredError error, Output &out);
