@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <functional>
 #include <string>
 
 #include "net/capture/pcap_writer.h"
@@ -115,12 +116,15 @@ struct Pair {
     if (deliver) pump();
   }
   void pump() {
-    while (!in_flight.empty()) deliver_one();
+    // Bounded: two translators must never keep answering each other.
+    while (!in_flight.empty() && deliveries < kMaxDeliveries) deliver_one();
   }
   void deliver_one() {
     Wire w = std::move(in_flight.front());
     in_flight.pop_front();
+    if (deliveries++ == mutate_at) mutate(w.unit);
     const Dir back = w.dir == Dir::kAtoB ? Dir::kBtoA : Dir::kAtoB;
+    (back == Dir::kAtoB ? bytes_to_a : bytes_to_b) += w.unit.ru.size();
     take(back, (w.dir == Dir::kAtoB ? b : a).on_unit(w.unit.rh, w.unit.ru));
   }
   // What a side's translator produced: its units go on the wire, its frames
@@ -140,6 +144,10 @@ struct Pair {
   std::optional<Attach> attach;
   std::vector<Wire> transcript;
   std::deque<Wire> in_flight;
+  static constexpr size_t kMaxDeliveries = 1000;
+  size_t deliveries = 0, bytes_to_a = 0, bytes_to_b = 0;
+  size_t mutate_at = SIZE_MAX;  // the delivery `mutate` spoils
+  std::function<void(Unit &)> mutate;
 };
 
 // One expected unit: direction, RH, and the RU (or its start, with "...").
@@ -448,6 +456,54 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
 
 using tshark_check::have_tshark;
 using tshark_check::run;
+
+size_t data_bytes_in(const std::vector<Frame> &frames) {
+  size_t total = 0;
+  for (const Frame &f : frames) total += f.type == FrameType::kData ? f.payload.size() : 0;
+  return total;
+}
+
+// Every unit of every flow, delivered cut short or with one RH bit flipped:
+// the translators may end the conversation, but they stay bounded, never hand
+// a TP more data than came in, and say nothing more once ended.
+TEST(NetConversationFlows, SpoiledUnitsNeverLoopOrMakeUpData) {
+  for (const Flow &flow : flows()) {
+    SCOPED_TRACE(flow.name);
+    Pair clean(flow.attach, flow.max_ru);
+    for (const Step &step : flow.steps) clean.send(step.from, step.frame, step.deliver);
+    for (size_t at = 0; at < clean.deliveries; ++at) {
+      std::vector<std::function<void(Unit &)>> spoils;
+      for (size_t cut : {0, 1, 2, 3, 5, 7, 9}) {
+        spoils.push_back([cut](Unit &u) { u.ru.resize(std::min(cut, u.ru.size())); });
+      }
+      for (int bit = 0; bit < 24; ++bit) {
+        spoils.push_back([bit](Unit &u) {
+          Bytes rh;
+          ByteWriter w(rh);
+          encode_rh(u.rh, w);
+          rh[bit / 8] ^= static_cast<uint8_t>(0x80 >> (bit % 8));
+          ByteReader in(rh);
+          u.rh = decode_rh(in).value();
+        });
+      }
+      for (const auto &spoil : spoils) {
+        Pair pair(flow.attach, flow.max_ru);
+        pair.mutate_at = at;
+        pair.mutate = spoil;
+        for (const Step &step : flow.steps) pair.send(step.from, step.frame, step.deliver);
+        ASSERT_TRUE(pair.in_flight.empty()) << "unit " << at << " set off an endless exchange";
+        EXPECT_LE(data_bytes_in(pair.a_sees), pair.bytes_to_a);
+        EXPECT_LE(data_bytes_in(pair.b_sees), pair.bytes_to_b);
+        for (ConversationTranslator *t : {&pair.a, &pair.b}) {
+          if (!t->ended()) continue;
+          const Output after =
+              t->on_unit(clean.transcript.front().unit.rh, Bytes{0, 5, 0x12, 0xFF, 1});
+          EXPECT_TRUE(after.frames.empty() && after.units.empty());
+        }
+      }
+    }
+  }
+}
 
 TEST(NetConversationFlows, TsharkReadsEveryUnitWithTheIndicatorsMeant) {
   if (!have_tshark()) GTEST_SKIP() << "tshark is not installed";
