@@ -334,6 +334,17 @@ std::vector<Flow> flows() {
   return table;
 }
 
+// Runs a flow's steps through a fresh pair; the delivery `mutate_at`, if
+// any, is spoiled by `mutate` on its way.
+Pair run_flow(const Flow &flow, size_t mutate_at = SIZE_MAX,
+              std::function<void(Unit &)> mutate = {}) {
+  Pair pair(flow.attach, flow.max_ru);
+  pair.mutate_at = mutate_at;
+  pair.mutate = std::move(mutate);
+  for (const Step &step : flow.steps) pair.send(step.from, step.frame, step.deliver);
+  return pair;
+}
+
 std::vector<Frame> expected(const std::vector<Frame> &row, const std::vector<Frame> &sent) {
   if (!same(row, kAsSent)) return row;
   // A local link would deliver every frame but the purging handshake's answer,
@@ -348,8 +359,7 @@ std::vector<Frame> expected(const std::vector<Frame> &row, const std::vector<Fra
 TEST(NetConversationFlows, EachFlowSendsTheUnitsMeantAndThePartnerSeesTheSameFrames) {
   for (const Flow &flow : flows()) {
     SCOPED_TRACE(flow.name);
-    Pair pair(flow.attach, flow.max_ru);
-    for (const Step &step : flow.steps) pair.send(step.from, step.frame, step.deliver);
+    const Pair pair = run_flow(flow);
 
     std::vector<Expect> want;
     for (const Expect &e : flow.units) want.insert(want.end(), e.times, e);
@@ -469,8 +479,7 @@ size_t data_bytes_in(const std::vector<Frame> &frames) {
 TEST(NetConversationFlows, SpoiledUnitsNeverLoopOrMakeUpData) {
   for (const Flow &flow : flows()) {
     SCOPED_TRACE(flow.name);
-    Pair clean(flow.attach, flow.max_ru);
-    for (const Step &step : flow.steps) clean.send(step.from, step.frame, step.deliver);
+    const Pair clean = run_flow(flow);
     for (size_t at = 0; at < clean.deliveries; ++at) {
       std::vector<std::function<void(Unit &)>> spoils;
       for (size_t cut : {0, 1, 2, 3, 5, 7, 9}) {
@@ -487,10 +496,7 @@ TEST(NetConversationFlows, SpoiledUnitsNeverLoopOrMakeUpData) {
         });
       }
       for (const auto &spoil : spoils) {
-        Pair pair(flow.attach, flow.max_ru);
-        pair.mutate_at = at;
-        pair.mutate = spoil;
-        for (const Step &step : flow.steps) pair.send(step.from, step.frame, step.deliver);
+        Pair pair = run_flow(flow, at, spoil);
         ASSERT_TRUE(pair.in_flight.empty()) << "unit " << at << " set off an endless exchange";
         EXPECT_LE(data_bytes_in(pair.a_sees), pair.bytes_to_a);
         EXPECT_LE(data_bytes_in(pair.b_sees), pair.bytes_to_b);
@@ -509,8 +515,7 @@ TEST(NetConversationFlows, TsharkReadsEveryUnitWithTheIndicatorsMeant) {
   if (!have_tshark()) GTEST_SKIP() << "tshark is not installed";
   std::vector<Wire> all_units;
   for (const Flow &flow : flows()) {
-    Pair pair(flow.attach, flow.max_ru);
-    for (const Step &step : flow.steps) pair.send(step.from, step.frame, step.deliver);
+    const Pair pair = run_flow(flow);
     all_units.insert(all_units.end(), pair.transcript.begin(), pair.transcript.end());
   }
   const std::string path = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
