@@ -416,6 +416,19 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   EXPECT_TRUE(second.attach->already_verified);
   EXPECT_EQ(to_hex(second.transcript[0].unit.ru).substr(8, 2), "80");
 
+  // A partner that ends the bracket with RQD1 gets its response at once; the
+  // TP sees a plain deallocation.
+  Pair rqd1(hello(true));
+  rqd1.send(AB, data("x"));
+  Rh end;
+  end.set_form(ResponseForm::kRqd1);
+  end.cebi = true;
+  Output ended = rqd1.b.on_unit(end, Bytes{0x00, 0x05, 0x12, 0xFF, 'y'});
+  ASSERT_EQ(ended.units.size(), 1u);
+  EXPECT_EQ(rh_hex(ended.units[0].rh), "838000");
+  EXPECT_TRUE(same(ended.frames, {data("y", true), dealloc()})) << describe(ended.frames);
+  EXPECT_TRUE(rqd1.b.ended());
+
   // A path failure may heal on a new session; a protocol error would recur.
   Output path = pair.a.on_session_failure(0x80020000);
   EXPECT_EQ(path.failure, AP_CONV_FAILURE_RETRY);

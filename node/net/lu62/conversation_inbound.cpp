@@ -23,8 +23,10 @@ Frame make_frame(FrameType type, uint8_t flags = 0, Bytes payload = {}, uint32_t
   return frame;
 }
 
-bool asks_definite_response(const Rh &rh) {
-  return (rh.dr1 || rh.dr2) && !rh.eri;
+// Confirmations ask for DR2 (RQD2 or RQD3, D10); RQD1 alone asks only the
+// session for a response.
+bool asks_confirmation(const Rh &rh) {
+  return rh.dr2 && !rh.eri;
 }
 
 bool starts_with_fmh(const Rh &rh, ByteSpan ru, uint8_t type) {
@@ -90,7 +92,14 @@ void ConversationTranslator::take_request(const Rh &rh, ByteSpan ru, Output &out
   if (rh.category != RuCategory::kFmd && !carrier) return;  // the session layer's
   if (holder_ && !awaiting_turn_) return fail(sense::kDirectionError, out);
   last_request_ = rh;
-  response_owed_ = asks_definite_response(rh);
+  response_owed_ = asks_confirmation(rh);
+  if (rh.form() == ResponseForm::kRqd1) {
+    // A partner may end a bracket with RQD1 (Deallocate flush): answered at
+    // once, the TP has nothing to confirm.
+    Unit rsp{response_rh(rh, false), {}};
+    if (carrier) rsp.ru.push_back(kRequestLustat);
+    out.units.push_back(std::move(rsp));
+  }
   if (carrier) ru = {};
   if (awaiting_turn_) return take_while_awaiting_turn(rh, ru, out);
   // FI on the unit that begins the bracket points at its FMH-5; what follows
