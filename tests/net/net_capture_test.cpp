@@ -20,24 +20,14 @@
 #include "net/formats/thdr_segments.h"
 #include "net/formats/xid3.h"
 #include "net/golden_units.h"
+#include "net/tshark_run.h"
 
 namespace snanode::net {
 namespace {
 
-bool have_tshark() {
-  return std::system("command -v tshark >/dev/null 2>&1") == 0;
-}
-
-std::string run(const std::string &command) {
-  std::string out;
-  FILE *pipe = popen(command.c_str(), "r");
-  if (!pipe) return out;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
-  pclose(pipe);
-  return out;
-}
+using tshark_check::have_tshark;
+using tshark_check::hex;
+using tshark_check::run;
 
 std::vector<std::string> split(const std::string &text, char separator) {
   std::vector<std::string> parts;
@@ -54,16 +44,6 @@ std::string hex_field(uint32_t value, int digits) {
   char text[16];
   std::snprintf(text, sizeof text, "0x%0*x", digits, value);
   return text;
-}
-
-std::string hex(const Bytes &bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string out;
-  for (uint8_t b : bytes) {
-    out.push_back(digits[b >> 4]);
-    out.push_back(digits[b & 0xF]);
-  }
-  return out;
 }
 
 struct Unit {

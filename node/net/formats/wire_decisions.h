@@ -108,6 +108,15 @@ inline constexpr size_t kSwitchingInformationMinNested = 1;
 // sequence number in the capture stays as it was on the wire.
 inline constexpr uint8_t kCaptureBlank = 0x40;
 
+// D29: every request of a conversation's chains asks for an exception
+// response only (RQE1), but for the last RU of a chain that asks for a
+// confirmation (kConfirmResponseForm).
+inline constexpr uint8_t kChainResponseForm = 0x90;
+
+// D30: SIG (Request_To_Send) asks for a definite response, RQD1; the partner
+// answers +RSP(SIG) at once.
+inline constexpr uint8_t kSignalResponseForm = 0x80;
+
 }  // namespace snanode::net::decision
 
 namespace snanode::net::decision {
