@@ -292,6 +292,9 @@ TEST_F(DaemonAbuseTest, PingPairKeepsGoingAndTheDaemonRecovers) {
   std::cout << "resident: " << resident << " KiB before, " << after << " KiB after\n";
 #if defined(__SANITIZE_ADDRESS__)
   constexpr long kMarginKib = 8192;  // the sanitizer's allocator keeps freed chunks cached
+#elif defined(__SANITIZE_THREAD__)
+  // The race detector's shadow of every page the allocator touched stays.
+  constexpr long kMarginKib = 16384;
 #else
   constexpr long kMarginKib = 4096;
 #endif
