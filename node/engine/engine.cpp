@@ -110,11 +110,16 @@ void Engine::tp_ended(NAP_TP_ENDED_VCB &vcb) {
     put_result(vcb, AP_PARAMETER_CHECK, AP_BAD_TP_ID);
     return;
   }
-  // Everything the TP still had ends as if cancelled.
-  for (auto &[conv_id, entry] : convs_) {
-    if (entry.tp != id) continue;
-    entry.conv->abort(AP_CANCELLED);
-    maybe_ended_.push_back(conv_id);
+  // Everything the TP still had ends as if cancelled, in ID order.
+  if (auto owned = tp_convs_.find(id); owned != tp_convs_.end()) {
+    std::vector<uint32_t> ids = owned->second;
+    std::sort(ids.begin(), ids.end());
+    for (const uint32_t conv_id : ids) {
+      auto found = convs_.find(conv_id);
+      if (found == convs_.end()) continue;
+      found->second.conv->abort(AP_CANCELLED);
+      maybe_ended_.push_back(conv_id);
+    }
   }
   cancel_allocates(id);
   put_result(vcb, AP_OK);
@@ -337,6 +342,10 @@ void Engine::reap() {
   for (const uint32_t id : candidates) {
     auto it = convs_.find(id);
     if (it == convs_.end() || !it->second.conv->finished()) continue;
+    if (auto owned = tp_convs_.find(it->second.tp); owned != tp_convs_.end()) {
+      std::erase(owned->second, id);
+      if (owned->second.empty()) tp_convs_.erase(owned);
+    }
     if (!it->second.session.empty()) {
       --sessions_in_use_[it->second.session];
       freed_session = true;
@@ -371,6 +380,7 @@ void Engine::end_path() {
   ended_vcb_ = nullptr;
   ended_link_.reset();
   maybe_ended_.clear();
+  tp_convs_.clear();
   accepts_.clear();
   allocates_.clear();
   remote_allocates_.clear();

@@ -187,6 +187,9 @@ class Engine : private ConversationHost {
   // every one a completion, cancel or TP end touched, or newly added.  A
   // conversation ends only through one of these.
   std::vector<uint32_t> maybe_ended_;
+  // The conversations in convs_ of each TP, so that the end of one TP does
+  // not walk every conversation.
+  std::unordered_map<TpId, std::vector<uint32_t>> tp_convs_;
   std::deque<uint32_t> recently_ended_;  // GET_STATE still answers Reset for these
   std::unordered_set<uint32_t> recently_ended_set_;
   std::map<std::string, int> local_tp_names_;
