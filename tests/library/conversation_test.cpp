@@ -329,6 +329,8 @@ TEST_F(Conversations, CmtermFreesExactlyTheCurrentContextsConversations) {
     EXPECT_EQ(snt_assert_count(), 0u);
     // The other conversation's record is all that is left of this case.
     EXPECT_EQ(snt_blocks_in_use(kMemKept), blocks_before + 1);
+    const unsigned char ended[8] = {0x61, 0x61, 0x61, 0x61, 0x61, 0x61, 0x61, 0x61};
+    EXPECT_EQ(SCC_cccbs_using_tpid(ended), 0u) << "the dropped records still count";
     SCC_set_tp_id(other, kNoTp);
   }
 }

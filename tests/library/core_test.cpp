@@ -263,6 +263,7 @@ TEST_F(Core, FreeingTheLastConversationOfAnOldContextEndsIt) {
       Locked lock;
       EXPECT_EQ(SCC_cccbs_using_tpid(c.tp_id), c.sibling ? 2u : 1u);
       SCC_free_cccb(cccb);
+      EXPECT_EQ(SCC_cccbs_using_tpid(c.tp_id), c.sibling ? 1u : 0u);
     }
     EXPECT_FALSE(known(id));
     ASSERT_EQ(snt_submitted_count(), c.ends_context ? 1u : 0u);
