@@ -77,7 +77,7 @@ void release_name_list(NAP_RECEIVE_ALLOCATE &verb) {
 
 // Copies what the node says about the incoming conversation into the record.
 void take_incoming_conversation(CCCB &cccb, const NAP_RECEIVE_ALLOCATE &verb) {
-  std::memcpy(cccb.TpId, verb.tp_id, sizeof cccb.TpId);
+  SCC_set_tp_id(&cccb, verb.tp_id);
   std::memcpy(cccb.SideInfo.TP_name, verb.rcv_tp_name, sizeof cccb.SideInfo.TP_name);
   cccb.ulLocTPNameHandle = SCC_scan_local_tps([&](uint32_t, const LOCAL_TP_RECORD &record) {
     return std::memcmp(record.TPName, verb.rcv_tp_name, kTpNameSize) == 0;

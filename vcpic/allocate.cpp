@@ -115,7 +115,7 @@ void cmallc(unsigned char *conversation_id, CM_RETURN_CODE *return_code) {
       // Already allocated, or made for an incoming conversation.
       frame.set(CM_PROGRAM_STATE_CHECK);
     } else {
-      std::memcpy(cccb->TpId, context.tp_id, sizeof cccb->TpId);
+      SCC_set_tp_id(cccb, context.tp_id);
       std::memcpy(cccb->LocalLUName, context.local_lu_name, sizeof cccb->LocalLUName);
       build_allocate(*cccb);
       cccb->fNewContext = context.started ? 1 : 0;
@@ -141,7 +141,8 @@ void cmallc_cb(void *vcb, uint32_t, uint32_t, uintptr_t correlator) {
       // record's free from ending it a second time; a retried CMALLC starts
       // a new one.
       SCC_context_ended(cccb.TpId, 1);
-      std::memset(cccb.TpId, 0, sizeof cccb.TpId);
+      static constexpr unsigned char kNoContext[8] = {};
+      SCC_set_tp_id(&cccb, kNoContext);
     }
   } else {
     if (audit_records_on()) {

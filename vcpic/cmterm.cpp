@@ -19,17 +19,14 @@
 namespace {
 
 // Frees one conversation of the ended context, with everything it counted.
-void drop_conversation(CCCB *cccb, uint32_t handle) {
+void drop_conversation(CCCB *cccb) {
   if (cccb->fCompletionWaiting) {
     CPIC_ASSERT(kUnitTerm, pGCB->NumVerbsWaiting > 0, "pGCB->NumVerbsWaiting > 0");
     --pGCB->NumVerbsWaiting;
   }
   const uint32_t outstanding = cccb->usVerbsOutstanding;
   pGCB->NumVerbsOutstanding -= std::min(outstanding, pGCB->NumVerbsOutstanding);
-  if (cccb->pLogData != nullptr) nba_mm_free(cccb->pLogData, 0);
-  if (cccb->DeallcLogData != nullptr) nba_mm_free(cccb->DeallcLogData, 0);
-  vtm_release_entry(pGCB->CCCBTable, handle);
-  nba_mm_free(cccb, 0);
+  SCC_release_cccb(cccb);
 }
 
 }  // namespace
@@ -57,7 +54,7 @@ void cmterm(CM_END_TYPE *end_type, CM_RETURN_CODE *return_code) {
         void *next_object = nullptr;
         const uint32_t next = vtm_get_next_used(pGCB->CCCBTable, handle, &next_object);
         if (std::memcmp(cccb->TpId, pGCB->CurrentContext, sizeof cccb->TpId) == 0) {
-          drop_conversation(cccb, handle);
+          drop_conversation(cccb);
         }
         handle = next;
         object = next_object;

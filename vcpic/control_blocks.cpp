@@ -2,11 +2,40 @@
 // a handle table.  The conversation ID handed to the application is the
 // CCCB's handle in the conversation table (bytes 0-3, host order; bytes 4-7
 // zero and ignored).
+//
+// The library asks on every free whether any other conversation still uses
+// the freed one's TP; with thousands of conversations open a walk of the
+// table there made freeing them quadratic.  So every record in the table is
+// counted under its TP ID from the moment it is made (ID zero: no context)
+// until it is freed, and a record's TP ID changes only through
+// SCC_set_tp_id, which moves it from one count to the other.
 #include <cstring>
+#include <unordered_map>
 
 #include "call_frame.h"
 
 namespace {
+
+std::unordered_map<uint64_t, uint32_t> &tp_counts() {
+  static auto *counts = new std::unordered_map<uint64_t, uint32_t>;  // lives until exit
+  return *counts;
+}
+
+uint64_t tp_key(const unsigned char *tp_id) {
+  uint64_t key;
+  std::memcpy(&key, tp_id, sizeof key);
+  return key;
+}
+
+void count_tp(const unsigned char *tp_id) {
+  ++tp_counts()[tp_key(tp_id)];
+}
+
+void uncount_tp(const unsigned char *tp_id) {
+  auto found = tp_counts().find(tp_key(tp_id));
+  CPIC_ASSERT(kUnitUtil, found != tp_counts().end(), "a counted TP id");
+  if (found != tp_counts().end() && --found->second == 0) tp_counts().erase(found);
+}
 
 void fill(unsigned char *field, std::size_t size, unsigned char value) {
   std::memset(field, value, size);
@@ -45,6 +74,7 @@ int SCC_cccb_init(unsigned char *conversation_id, CCCB **cccb) {
   }
   set_defaults(block);
   block->CCCBhandle = handle;
+  count_tp(block->TpId);
   std::memset(conversation_id, 0, 8);
   std::memcpy(conversation_id, &handle, sizeof handle);
   *cccb = block;
@@ -63,14 +93,22 @@ int SCC_find_cccb(const unsigned char *conversation_id, CCCB **cccb, GCB **gcb) 
 }
 
 uint32_t SCC_cccbs_using_tpid(const unsigned char *tp_id) {
-  uint32_t count = 0;
-  void *object = nullptr;
-  for (uint32_t h = vtm_get_next_used(pGCB->CCCBTable, 0, &object); h != NB_NULL_HANDLE;
-       h = vtm_get_next_used(pGCB->CCCBTable, h, &object)) {
-    const auto *cccb = static_cast<const CCCB *>(object);
-    if (cccb != nullptr && std::memcmp(cccb->TpId, tp_id, sizeof cccb->TpId) == 0) ++count;
-  }
-  return count;
+  auto found = tp_counts().find(tp_key(tp_id));
+  return found == tp_counts().end() ? 0 : found->second;
+}
+
+void SCC_set_tp_id(CCCB *cccb, const unsigned char *tp_id) {
+  uncount_tp(cccb->TpId);
+  std::memcpy(cccb->TpId, tp_id, sizeof cccb->TpId);
+  count_tp(cccb->TpId);
+}
+
+void SCC_release_cccb(CCCB *cccb) {
+  if (cccb->pLogData != nullptr) nba_mm_free(cccb->pLogData, 0);
+  if (cccb->DeallcLogData != nullptr) nba_mm_free(cccb->DeallcLogData, 0);
+  uncount_tp(cccb->TpId);
+  vtm_release_entry(pGCB->CCCBTable, cccb->CCCBhandle);
+  nba_mm_free(cccb, 0);
 }
 
 void SCC_free_cccb(CCCB *cccb) {
@@ -95,13 +133,12 @@ void SCC_free_cccb(CCCB *cccb) {
     CPIC_ASSERT(kUnitUtil, gcb->NumVerbsWaiting > 0, "pGCB->NumVerbsWaiting > 0");
     --gcb->NumVerbsWaiting;
   }
-  if (cccb->pLogData != nullptr) nba_mm_free(cccb->pLogData, 0);
-  if (cccb->DeallcLogData != nullptr) nba_mm_free(cccb->DeallcLogData, 0);
-  vtm_release_entry(gcb->CCCBTable, cccb->CCCBhandle);
-  nba_mm_free(cccb, 0);
+  SCC_release_cccb(cccb);
 }
 
 void SCC_free_handles_from_table(VTM_TABLE table) {
+  // Emptying the conversation table (the path ended) empties its counts.
+  if (pGCB != nullptr && table == pGCB->CCCBTable) tp_counts().clear();
   void *object = nullptr;
   // The walk stays valid across the release of the handle it stands on.
   for (uint32_t h = vtm_get_next_used(table, 0, &object); h != NB_NULL_HANDLE;

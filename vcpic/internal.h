@@ -32,7 +32,13 @@ int SCC_cccb_init(unsigned char *conversation_id, CCCB **cccb);
 int SCC_find_cccb(const unsigned char *conversation_id, CCCB **cccb, GCB **gcb);
 void SCC_free_cccb(CCCB *cccb);
 void SCC_free_handles_from_table(VTM_TABLE table);
+// The conversations in the table whose TP ID is `tp_id` (O(1)).
 uint32_t SCC_cccbs_using_tpid(const unsigned char *tp_id);
+// Gives a record in the table another TP ID; the only way its TP ID changes,
+// so that the counts above stay true.
+void SCC_set_tp_id(CCCB *cccb, const unsigned char *tp_id);
+// Frees the record's log data, takes it out of the table and frees it.
+void SCC_release_cccb(CCCB *cccb);
 
 // ---- start-up -------------------------------------------------------------------
 void SCC_init();

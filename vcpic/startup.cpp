@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <cstring>
+#include <utility>
 
 #include "call_frame.h"
 
@@ -105,7 +106,34 @@ void SCC_set_tp_name(unsigned char *tp_name) {
   }
 }
 
+namespace {
+
+void start_library();
+
+}  // namespace
+
+// The node lets the process lock go while it connects to its daemon during
+// the path registration below, so another thread's call can get here while
+// this start-up is half done: it waits for that start-up to end (a released
+// wait object wakes every sleeper) and takes its outcome, rather than start
+// the library a second time over the first.
 void SCC_init() {
+  static bool starting = false;
+  static void *start_ended = nullptr;  // made by the first thread that waits
+  if (starting) {
+    if (start_ended == nullptr) start_ended = vpm_allocate_wait_object();
+    if (start_ended != nullptr) vpm_sleep(start_ended, VPM_SLEEP_FOREVER);
+    return;
+  }
+  starting = true;
+  start_library();
+  starting = false;
+  if (start_ended != nullptr) vpm_release_wait_object(std::exchange(start_ended, nullptr));
+}
+
+namespace {
+
+void start_library() {
   GCB *gcb = pGCB;
   std::memset(gcb->CurrentContext, 0, sizeof gcb->CurrentContext);
   std::memset(gcb->CurrentContextLU, 0, sizeof gcb->CurrentContextLU);
@@ -154,3 +182,5 @@ void SCC_init() {
   }
   fInitCPIC = 1;
 }
+
+}  // namespace

@@ -145,8 +145,8 @@ std::unique_ptr<DaemonClient> DaemonClient::connect(const std::string &path, Dae
   const Hello hello{kProtocolVersion, static_cast<uint32_t>(::getpid()),
                     static_cast<uint32_t>(::getuid())};
   if (!shared->channel.send(hello)) return nullptr;
-  // The caller holds the process lock: a daemon that does not answer must not
-  // hold the process up for long.
+  // A daemon that does not answer must not hold the process's start-up up
+  // for long.
   const timeval limit = kWelcomeTimeout;
   ::setsockopt(shared->channel.fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   std::optional<ReceivedMessage> welcome;

@@ -41,7 +41,8 @@ class DaemonEvents {
 class DaemonClient {
  public:
   // Connects to the daemon at `path` and greets it; nullptr when no daemon
-  // answers there.
+  // answers there, or none within a few seconds.  Called without the process
+  // lock: it waits for the daemon's answer.
   static std::unique_ptr<DaemonClient> connect(const std::string &path, DaemonEvents &events,
                                                std::function<void()> on_lost);
   // Leaves the daemon (which then forgets this process's names and accepts);

@@ -7,8 +7,11 @@ std::unique_ptr<DaemonRemote> DaemonRemote::connect(const std::string &path, eng
   std::unique_ptr<DaemonRemote> remote(new DaemonRemote(engine));
   remote->client_ = DaemonClient::connect(path, *remote, std::move(on_lost));
   if (!remote->client_) return nullptr;
-  engine.set_remote(remote.get());
   return remote;
+}
+
+void DaemonRemote::install() {
+  engine_.set_remote(this);
 }
 
 DaemonRemote::~DaemonRemote() {

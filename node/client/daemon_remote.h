@@ -16,11 +16,15 @@ namespace snanode::client {
 
 class DaemonRemote : public engine::RemoteNode, private DaemonEvents {
  public:
-  // Connects to the daemon at `path` and hands it to the engine; nullptr
-  // when no daemon answers there.  `on_lost` runs, without the process lock,
-  // when the daemon goes away.  Call with the process lock held.
+  // Connects to the daemon at `path` for the engine; nullptr when no daemon
+  // answers there.  `on_lost` runs, without the process lock, when the
+  // daemon goes away.  Call without the process lock (it waits for the
+  // daemon's answer), then hand the connection to the engine with
+  // install(), holding the lock.
   static std::unique_ptr<DaemonRemote> connect(const std::string &path, engine::Engine &engine,
                                                std::function<void()> on_lost);
+  // The engine starts using the daemon.  Process lock held.
+  void install();
   // Takes the engine off the daemon and leaves it.  Process lock held.
   ~DaemonRemote() override;
 

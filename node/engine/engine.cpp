@@ -61,13 +61,17 @@ bool Engine::start(void *vcb, void *token, bool caller_blocks) {
       break;
     default:
       completed = conversation_verb(vcb, token, caller_blocks);
+      // Looked at only now: while the verb ran the conversation was busy.
+      maybe_ended_.push_back(static_cast<NAP_HDR *>(vcb)->conv_id);
       break;
   }
   reap();
   return completed;
 }
 
-void Engine::verb_completed(void *, void *token) {
+void Engine::verb_completed(void *vcb, void *token) {
+  // A waiting verb that completes may leave its conversation ended.
+  maybe_ended_.push_back(static_cast<NAP_HDR *>(vcb)->conv_id);
   hooks_.complete(token);
 }
 
@@ -106,9 +110,16 @@ void Engine::tp_ended(NAP_TP_ENDED_VCB &vcb) {
     put_result(vcb, AP_PARAMETER_CHECK, AP_BAD_TP_ID);
     return;
   }
-  // Everything the TP still had ends as if cancelled.
-  for (auto &[conv_id, entry] : convs_) {
-    if (entry.tp == id) entry.conv->abort(AP_CANCELLED);
+  // Everything the TP still had ends as if cancelled, in ID order.
+  if (auto owned = tp_convs_.find(id); owned != tp_convs_.end()) {
+    std::vector<uint32_t> ids = owned->second;
+    std::sort(ids.begin(), ids.end());
+    for (const uint32_t conv_id : ids) {
+      auto found = convs_.find(conv_id);
+      if (found == convs_.end()) continue;
+      found->second.conv->abort(AP_CANCELLED);
+      maybe_ended_.push_back(conv_id);
+    }
   }
   cancel_allocates(id);
   put_result(vcb, AP_OK);
@@ -231,6 +242,7 @@ void Engine::cancel(NAP_HDR &hdr) {
       return;
     }
     it->second.conv->abort(AP_CANCELLED);
+    maybe_ended_.push_back(hdr.conv_id);
   } else if (hdr.conv_id != 0) {
     // An accept still waiting: the library names it by its own handle.
     auto it = std::find_if(accepts_.begin(), accepts_.end(), [&](const WaitingAccept &accept) {
@@ -318,11 +330,21 @@ uint32_t Engine::next_conv_id() {
 }
 
 void Engine::reap() {
+  if (maybe_ended_.empty()) return;
+  // Only conversations something happened to can have ended: walking all of
+  // them after every verb made each verb cost as much as the conversations
+  // open.  In ID order, as a walk of the map would drop them.
+  std::vector<uint32_t> candidates;
+  candidates.swap(maybe_ended_);
+  std::sort(candidates.begin(), candidates.end());
+  candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
   bool freed_session = false;
-  for (auto it = convs_.begin(); it != convs_.end();) {
-    if (!it->second.conv->finished()) {
-      ++it;
-      continue;
+  for (const uint32_t id : candidates) {
+    auto it = convs_.find(id);
+    if (it == convs_.end() || !it->second.conv->finished()) continue;
+    if (auto owned = tp_convs_.find(it->second.tp); owned != tp_convs_.end()) {
+      std::erase(owned->second, id);
+      if (owned->second.empty()) tp_convs_.erase(owned);
     }
     if (!it->second.session.empty()) {
       --sessions_in_use_[it->second.session];
@@ -334,7 +356,7 @@ void Engine::reap() {
       recently_ended_set_.erase(recently_ended_.front());
       recently_ended_.pop_front();
     }
-    it = convs_.erase(it);
+    convs_.erase(it);
   }
   if (freed_session) grant_sessions();
 }
@@ -357,6 +379,8 @@ void Engine::end_path() {
   }
   ended_vcb_ = nullptr;
   ended_link_.reset();
+  maybe_ended_.clear();
+  tp_convs_.clear();
   accepts_.clear();
   allocates_.clear();
   remote_allocates_.clear();

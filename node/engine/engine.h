@@ -170,7 +170,8 @@ class Engine : private ConversationHost {
   void cancel(NAP_HDR &hdr);
   // Allocations of `tp` still waiting for a session end with 0x2100.
   void cancel_allocates(TpId tp);
-  // Drops conversations that have ended and frees their sessions.
+  // Drops the conversations in maybe_ended_ that have ended and frees their
+  // sessions.
   void reap();
   uint32_t next_conv_id();
   std::unique_ptr<Link> socket_link(client::UniqueFd end);
@@ -182,6 +183,13 @@ class Engine : private ConversationHost {
   uint32_t next_conv_ = 1;
   std::unordered_map<TpId, Tp> tps_;
   std::map<uint32_t, ConvEntry> convs_;
+  // Conversations that may have ended since the last reap: every verb's, and
+  // every one a completion, cancel or TP end touched, or newly added.  A
+  // conversation ends only through one of these.
+  std::vector<uint32_t> maybe_ended_;
+  // The conversations in convs_ of each TP, so that the end of one TP does
+  // not walk every conversation.
+  std::unordered_map<TpId, std::vector<uint32_t>> tp_convs_;
   std::deque<uint32_t> recently_ended_;  // GET_STATE still answers Reset for these
   std::unordered_set<uint32_t> recently_ended_set_;
   std::map<std::string, int> local_tp_names_;

@@ -148,6 +148,8 @@ void Engine::add_conversation(NAP_ALLOCATE &vcb, const AllocateRequest &request,
   const uint32_t id = next_conv_id();
   own->set_id(id);
   convs_[id] = ConvEntry{std::move(own), request.tp, request.session};
+  maybe_ended_.push_back(id);
+  tp_convs_[request.tp].push_back(id);
   vcb.hdr.conv_id = id;
   put_result(vcb.hdr, AP_OK);
 }
@@ -333,6 +335,8 @@ void Engine::deliver_attach(PendingAttach attach, NAP_RECEIVE_ALLOCATE &vcb) {
 
   const uint32_t conv_id = attach.half->id();
   convs_[conv_id] = ConvEntry{std::move(attach.half), tp_id, ""};
+  maybe_ended_.push_back(conv_id);  // its partner may have ended it already
+  tp_convs_[tp_id].push_back(conv_id);
 
   put_ebcdic_name(info.tp_name, vcb.rcv_tp_name, sizeof vcb.rcv_tp_name);
   std::memcpy(vcb.tp_id, &tp_id, sizeof tp_id);

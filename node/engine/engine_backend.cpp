@@ -5,11 +5,13 @@
 // the node), from the node configuration, and lives until the process ends:
 // it is never destroyed, so no verb or timer can reach it half torn down at
 // exit.  The daemon connection is made when the first path user registers and
-// dropped when the path ends; the next path user connects afresh.
+// dropped when the path ends; the next path user connects afresh.  Nothing
+// here waits on the daemon's socket with the process lock held.
 #include "engine/engine_backend.h"
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -20,6 +22,7 @@
 #include "config/node_config.h"
 #include "core/dispatcher.h"
 #include "core/file_limit.h"
+#include "core/node_monitor.h"
 #include "core/path.h"
 #include "core/process_lock.h"
 #include "core/verb_backend.h"
@@ -57,6 +60,7 @@ class EngineBackend : public VerbBackend {
     // A process that never submitted a verb has no engine to end.
     if (instance_ != nullptr) instance_->end_path();
     daemon_.reset();
+    ++paths_ended_;
   }
 
   // A blocked verb that waits for its partner reads the conversation's socket
@@ -73,9 +77,18 @@ class EngineBackend : public VerbBackend {
     VerbBackend::wait(ticket);
   }
 
+  // Called with the process lock held.  The daemon's answer is awaited with
+  // the lock released, so the process's other threads run meanwhile; one
+  // thread connects at a time, and the others that need the connection wait
+  // for its outcome instead of opening their own.
   bool connect() {
     const config::NodeConfig &config = config::current_config();
     if (config.daemon == config::DaemonUse::kOff || daemon_ != nullptr) return true;
+    if (connecting_) {
+      wait_releasing_process_lock(node_state_cv(), std::chrono::milliseconds(-1),
+                                  [this] { return !connecting_; });
+      return daemon_ != nullptr || last_connect_usable_;
+    }
     const std::string path = client::daemon_socket_path(config);
     // No socket, no daemon: the embedded engine serves, made when first needed.
     if (config.daemon == config::DaemonUse::kAuto && ::access(path.c_str(), F_OK) != 0) {
@@ -83,15 +96,29 @@ class EngineBackend : public VerbBackend {
     }
     engine::Engine *engine = this->engine();
     if (engine == nullptr) return false;
-    daemon_ = client::DaemonRemote::connect(path, *engine, [] { snanode::end_path(); });
-    if (daemon_ != nullptr) raise_open_file_limit();
-    if (daemon_ == nullptr && config.daemon == config::DaemonUse::kRequired) {
+    connecting_ = true;
+    const uint64_t paths_ended = paths_ended_;
+    std::unique_ptr<client::DaemonRemote> remote;
+    run_without_process_lock([&] {
+      remote = client::DaemonRemote::connect(path, *engine, [] { snanode::end_path(); });
+    });
+    // A path that ended meanwhile took the connection's users with it (the
+    // daemon may have gone already): the connection is not taken up.
+    if (paths_ended != paths_ended_) remote.reset();
+    if (remote != nullptr) {
+      remote->install();
+      daemon_ = std::move(remote);
+      raise_open_file_limit();
+    }
+    last_connect_usable_ = daemon_ != nullptr || config.daemon != config::DaemonUse::kRequired;
+    connecting_ = false;
+    notify_node_state_changed();
+    if (!last_connect_usable_) {
       const std::string problem = "no node daemon answers at " + path;
       std::fprintf(stderr, "snanode: %s\n", problem.c_str());
       nba_pd_print_problem(kNoDaemonProblem, 0, "s", problem.c_str());
-      return false;
     }
-    return true;
+    return last_connect_usable_;
   }
 
  private:
@@ -123,6 +150,9 @@ class EngineBackend : public VerbBackend {
   engine::Engine *instance_ = nullptr;
   bool config_failed_ = false;
   std::unique_ptr<client::DaemonRemote> daemon_;
+  bool connecting_ = false;           // a thread is connecting to the daemon
+  bool last_connect_usable_ = false;  // that connection's outcome, for those who waited
+  uint64_t paths_ended_ = 0;
 };
 
 EngineBackend &backend() {

@@ -65,7 +65,7 @@ void restart_node() {
     void *pointer = nullptr;
     for (uint32_t h = vtm_get_next_used(pGCB->CCCBTable, 0, &pointer); h != NB_NULL_HANDLE;
          h = vtm_get_next_used(pGCB->CCCBTable, h, &pointer)) {
-      std::memset(static_cast<CCCB *>(pointer)->TpId, 0, 8);
+      SCC_set_tp_id(static_cast<CCCB *>(pointer), kNoTp);
       SCC_free_cccb(static_cast<CCCB *>(pointer));
     }
   }
@@ -77,7 +77,9 @@ void restart_node() {
 // not yet in the node), local LU `lu`.
 CCCB *conversation_in(unsigned char context, uint32_t appc_id, const char *lu, ConvId &id) {
   CCCB *cccb = initialized_conversation(id);
-  std::memset(cccb->TpId, context, 8);
+  unsigned char tp[8];
+  std::memset(tp, context, 8);
+  SCC_set_tp_id(cccb, tp);
   cccb->ulAppcConvId = appc_id;
   std::memset(cccb->LocalLUName, 0, 8);
   std::memcpy(cccb->LocalLUName, lu, std::strlen(lu));
@@ -271,7 +273,7 @@ TEST_F(Conversations, SetContext) {
       EXPECT_TRUE(snt_submitted_with_routine(0)) << "must not wait for the node";
     }
     std::memset(pGCB->CurrentContext, 0, 8);  // no context left for the next case
-    for (ConvId *id : {&a, &b}) std::memset(cccb_of(*id)->TpId, 0, 8);
+    for (ConvId *id : {&a, &b}) SCC_set_tp_id(cccb_of(*id), kNoTp);
   }
   EXPECT_EQ(snt_blocks_in_use(kMemShortLived), 0u) << "the TP-ended block leaked";
 }
@@ -327,7 +329,9 @@ TEST_F(Conversations, CmtermFreesExactlyTheCurrentContextsConversations) {
     EXPECT_EQ(snt_assert_count(), 0u);
     // The other conversation's record is all that is left of this case.
     EXPECT_EQ(snt_blocks_in_use(kMemKept), blocks_before + 1);
-    std::memset(other->TpId, 0, 8);
+    const unsigned char ended[8] = {0x61, 0x61, 0x61, 0x61, 0x61, 0x61, 0x61, 0x61};
+    EXPECT_EQ(SCC_cccbs_using_tpid(ended), 0u) << "the dropped records still count";
+    SCC_set_tp_id(other, kNoTp);
   }
 }
 

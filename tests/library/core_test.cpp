@@ -255,14 +255,15 @@ TEST_F(Core, FreeingTheLastConversationOfAnOldContextEndsIt) {
     std::memcpy(pGCB->CurrentContext, c.current, 8);
     ConvId id{}, sibling_id{};
     CCCB *cccb = new_cccb(id);
-    std::memcpy(cccb->TpId, c.tp_id, 8);
+    SCC_set_tp_id(cccb, c.tp_id);
     cccb->usTraceVerb = c.last_verb;
     CCCB *sibling = c.sibling ? new_cccb(sibling_id) : nullptr;
-    if (sibling != nullptr) std::memcpy(sibling->TpId, c.tp_id, 8);
+    if (sibling != nullptr) SCC_set_tp_id(sibling, c.tp_id);
     {
       Locked lock;
       EXPECT_EQ(SCC_cccbs_using_tpid(c.tp_id), c.sibling ? 2u : 1u);
       SCC_free_cccb(cccb);
+      EXPECT_EQ(SCC_cccbs_using_tpid(c.tp_id), c.sibling ? 1u : 0u);
     }
     EXPECT_FALSE(known(id));
     ASSERT_EQ(snt_submitted_count(), c.ends_context ? 1u : 0u);
@@ -609,7 +610,7 @@ TEST_F(Cancel, CancelVerbNamesWhatTheNodeKnows) {
     cccb->usVerbsOutstanding = c.verbs_outstanding;
     cccb->vcb.hdr.opcode = c.opcode_in_vcb;
     cccb->ulConversationType = CM_BASIC_CONVERSATION;
-    std::memcpy(cccb->TpId, tp, 8);
+    SCC_set_tp_id(cccb, tp);
 
     EXPECT_EQ(cancel(id), CM_OK);
     // A conversation freed by the cancel was the last of its context.

@@ -92,6 +92,7 @@ inline void suppress_audit_records() {
 
 inline constexpr uint32_t kNodeConvId = 0x00A1B2C3;
 inline constexpr unsigned char kTpId[8] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
+inline constexpr unsigned char kNoTp[8] = {};  // a record outside any context
 inline constexpr ConvId kUnknownId = {0x77, 0x66, 0x55, 0x44, 0, 0, 0, 0};
 
 // Each test starts with a node that answers APPC verbs and NOF queries from
@@ -154,7 +155,7 @@ inline CCCB *active_conversation(ConvId &id, uint32_t conversation_type = CM_MAP
                                  uint16_t processing_mode = 0) {
   CCCB *cccb = initialized_conversation(id);
   cccb->ulAppcConvId = kNodeConvId;
-  std::memcpy(cccb->TpId, kTpId, sizeof kTpId);
+  SCC_set_tp_id(cccb, kTpId);
   cccb->ulConversationType = conversation_type;
   cccb->usProcessingMode = processing_mode;
   return cccb;
