@@ -71,8 +71,17 @@ TEST_F(DaemonClientTest, AllocationAndAttachArriveWithJoinedEnds) {
   auto allocator = client::DaemonClient::connect(socket_, allocator_events, nullptr);
   ASSERT_TRUE(server && allocator);
   EXPECT_EQ(server->node_name(), "TESTNODE");
+  // The daemon takes each connection's messages in order, but not the two
+  // connections' in the order they were sent: an answer on the server's own
+  // connection shows the messages before it have been taken.
+  const auto settled = [&] {
+    const uint32_t probe = server->allocate(request_for("NOBODY"));
+    auto answer = server_events.take();
+    return answer && answer->id == probe;
+  };
   ASSERT_TRUE(server->register_tp("ECHO"));
   ASSERT_TRUE(server->accept_wait(5, {"ECHO"}));
+  ASSERT_TRUE(settled());
 
   // A name nobody serves is refused with its sense code, and no end.
   const uint32_t refused = allocator->allocate(request_for("NOBODY"));
@@ -102,6 +111,7 @@ TEST_F(DaemonClientTest, AllocationAndAttachArriveWithJoinedEnds) {
   ASSERT_TRUE(server->accept_wait(6, {"ECHO"}));
   ASSERT_TRUE(server->accept_cancel(6));
   ASSERT_TRUE(server->withdraw_tp("ECHO"));
+  ASSERT_TRUE(settled());
   allocator->allocate(request_for("ECHO"));
   auto after = allocator_events.take();
   ASSERT_TRUE(after);
