@@ -167,15 +167,16 @@ struct Conv {
   }
 };
 
-// A conversation to `tp_name` on this node, set up but not yet allocated.
+// A conversation to `tp_name` at `partner` (by default this node's LU), set
+// up but not yet allocated.
 inline Conv initialize(const std::string &tp_name, CM_CONVERSATION_TYPE type,
-                       CM_SYNC_LEVEL sync = CM_NONE) {
+                       CM_SYNC_LEVEL sync = CM_NONE, const std::string &partner = "LOCAL") {
   Conv c;
   unsigned char blank[9] = "        ";
   CM_RETURN_CODE rc = -1;
   cminit(c.id, blank, &rc);
   REQUIRE_EQ(rc, CM_OK);
-  REQUIRE_EQ(c.name(cmspln, "LOCAL"), CM_OK);
+  REQUIRE_EQ(c.name(cmspln, partner), CM_OK);
   REQUIRE_EQ(c.name(cmsmn, "#INTER"), CM_OK);
   REQUIRE_EQ(c.name(cmstpn, tp_name), CM_OK);
   REQUIRE_EQ(c.set(cmsct, type), CM_OK);
@@ -292,6 +293,22 @@ struct Children {
   }
 };
 
+// Waits until the daemon of `dir` answers on its socket (while no child has
+// failed, at most five seconds).
+inline bool daemon_answers(const fs::path &dir, Children &children) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, (dir / "node.sock").c_str(), sizeof address.sun_path - 1);
+  for (const auto until = Clock::now() + 5s; Clock::now() < until && !children.any_failed();) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool up = ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    ::close(fd);
+    if (up) return true;
+    std::this_thread::sleep_for(10ms);
+  }
+  return false;
+}
+
 // Starts a node daemon in `dir` (in a process group of its own, so the TPs it
 // starts go with it) and waits until it answers on its socket.
 inline bool start_daemon(const fs::path &dir, Children &children) {
@@ -309,17 +326,7 @@ inline bool start_daemon(const fs::path &dir, Children &children) {
   }
   if (pid < 0) return false;
   children.list.push_back({pid, "daemon"});
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, (dir / "node.sock").c_str(), sizeof address.sun_path - 1);
-  for (const auto until = Clock::now() + 5s; Clock::now() < until && !children.any_failed();) {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool up = ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-    ::close(fd);
-    if (up) return true;
-    std::this_thread::sleep_for(10ms);
-  }
-  return false;
+  return daemon_answers(dir, children);
 }
 
 inline void run(const Scenario &scenario, Deploy how) {
