@@ -29,28 +29,6 @@ std::string node_config(const fs::path &dir, const char *cp, const char *lu, con
   return text.str();
 }
 
-// Starts a daemon on `dir`'s configuration holding `link` (the other end is
-// closed in it), writing a capture of its units.
-bool start_linked_daemon(const fs::path &dir, int link, int other, Children &children) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::setpgid(0, 0);
-    ::close(other);
-    ::setenv("SNANODE_LOG_DIR", dir.c_str(), 1);
-    ::setenv("SNANODE_CAPTURE", (dir / "units.pcap").c_str(), 1);
-    const int out = ::open((dir / "snanoded.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ::dup2(out, 1);
-    ::dup2(out, 2);
-    const std::string fd = std::to_string(link);
-    ::execl(SNANODED_PATH, SNANODED_PATH, "--foreground", "--config", (dir / "node.toml").c_str(),
-            "--link-fd", fd.c_str(), static_cast<char *>(nullptr));
-    ::_exit(127);
-  }
-  if (pid < 0) return false;
-  children.list.push_back({pid, "daemon " + dir.filename().string()});
-  return daemon_answers(dir, children);
-}
-
 std::string pattern_text(size_t size, char seed) {
   std::string text(size, '\0');
   for (size_t i = 0; i < size; ++i) text[i] = static_cast<char>(seed + static_cast<char>(i % 61));
@@ -122,6 +100,57 @@ void basic_acceptor(Side &) {
   CHECK_EQ(c.receive().rc, CM_DEALLOCATED_ABEND);
 }
 
+// PROGRAM security crosses the link: node B verifies the user and password.
+void program_security_allocator(Side &) {
+  for (const char *password : {"WRONG", "SECRET"}) {
+    Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+    REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
+    REQUIRE_EQ(c.name(cmscsu, "CLERK"), CM_OK);
+    REQUIRE_EQ(c.name(cmscsp, password), CM_OK);
+    REQUIRE_EQ(c.call(cmallc), CM_OK);
+    if (std::string(password) == "WRONG") {
+      CHECK_EQ(c.send("refused", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+      CHECK_EQ(c.receive().rc, CM_SECURITY_NOT_VALID);
+    } else {
+      CHECK_EQ(c.send("verified", CM_SEND_AND_DEALLOCATE), CM_OK);
+    }
+  }
+}
+
+void program_security_acceptor(Side &) {
+  Conv c = accept();
+  CHECK_DATA(c.receive(), CM_COMPLETE_DATA_RECEIVED, "verified", CM_NO_STATUS_RECEIVED);
+  CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
+}
+
+// Node B's daemon dies mid-conversation: both TPs' next verbs fail, and a new
+// allocation at node A is refused for a retry.
+void link_loss_allocator(Side &) {
+  Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  CHECK_EQ(c.send("before", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  REQUIRE_PARTNER();  // node B is gone
+  const CM_RETURN_CODE rc = c.receive().rc;
+  CHECK_EQ(rc == CM_RESOURCE_FAILURE_RETRY || rc == CM_RESOURCE_FAILURE_NO_RETRY, true);
+  Conv again = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+  // The allocation's outcome may come with the verb after it.
+  const CM_RETURN_CODE allocated = again.call(cmallc);
+  CHECK_EQ(allocated == CM_OK ? again.send("lost", CM_SEND_AND_PREP_TO_RECEIVE) : allocated,
+           CM_ALLOCATE_FAILURE_RETRY);
+}
+
+void link_loss_acceptor(Side &side) {
+  Conv c = accept();
+  CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "before",
+             CM_SEND_RECEIVED);
+  REQUIRE_EQ(::kill(side.daemon, SIGKILL), 0);
+  int status = 0;
+  ::waitpid(side.daemon, &status, 0);  // not this process's child: returns at once
+  std::this_thread::sleep_for(200ms);
+  side.post();
+  CHECK_EQ(c.send("after") == CM_OK && c.call(cmptr) == CM_OK && c.receive().rc == CM_OK, false);
+}
+
 // A TP name node B does not know: the allocating TP hears it on its next verb.
 void unknown_tp(Side &) {
   Conv c = initialize_remote("NOSUCHTP", CM_MAPPED_CONVERSATION);
@@ -143,11 +172,13 @@ struct TwoNodes {
     dirs = {base / "a", base / "b"};
     for (const auto &dir : dirs) fs::create_directories(dir);
     std::ofstream(dirs[0] / "node.toml") << node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB");
-    std::ofstream(dirs[1] / "node.toml") << node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA");
+    std::ofstream(dirs[1] / "node.toml")
+        << node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA")
+        << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n";
     int link[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, link) != 0) return;
-    up = start_linked_daemon(dirs[0], link[0], link[1], children) &&
-         start_linked_daemon(dirs[1], link[1], link[0], children);
+    up = start_daemon(dirs[0], children, link[0], link[1]) &&
+         start_daemon(dirs[1], children, link[1], link[0]);
     ::close(link[0]);
     ::close(link[1]);
   }
@@ -168,13 +199,13 @@ struct TwoNodes {
 
   // Runs `client` as a TP of node A and `server` (if any) as one of node B
   // serving E2E; every failed check reaches the test.
-  void run(void (*client)(Side &), void (*server)(Side &)) {
+  void run(void (*client)(Side &), void (*server)(Side &), pid_t server_daemon = -1) {
     int report[2], to_server[2], to_client[2];
     ASSERT_EQ(
         ::pipe2(report, O_CLOEXEC) | ::pipe2(to_server, O_CLOEXEC) | ::pipe2(to_client, O_CLOEXEC),
         0);
     Side a{"client", dirs[0] / "client", -1, report[1], to_client[0], to_server[1]};
-    Side b{"server", dirs[1] / "server", -1, report[1], to_server[0], to_client[1]};
+    Side b{"server", dirs[1] / "server", server_daemon, report[1], to_server[0], to_client[1]};
     if (server == nullptr) a.from_partner = a.to_partner = -1;
     std::vector<pid_t> sides;
     auto start = [&](Side &side, const fs::path &dir, void (*body)(Side &)) {
@@ -220,6 +251,8 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
   nodes.run(allocator, acceptor);
   nodes.run(basic_allocator, basic_acceptor);
   nodes.run(unknown_tp, nullptr);
+  nodes.run(program_security_allocator, program_security_acceptor);
+  nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
   if (::system("command -v tshark >/dev/null 2>&1") != 0) return;
   for (const auto &dir : nodes.dirs) {
     const std::string capture = (dir / "units.pcap").string();
