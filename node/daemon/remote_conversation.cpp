@@ -91,6 +91,7 @@ void RemoteConversation::apply(Output out) {
     // A unit the session refuses (one this side got wrong) ends the TP's view
     // of the conversation as a failure rather than leaving it waiting.
     if (!session_->send_unit(unit.rh, unit.ru, unit.expedited).ok()) cut_ = true;
+    sent_any_ = true;
   }
   if (out.protocol_error != 0 && session_ != nullptr) {
     net::lu62::Session *session = session_;
@@ -106,6 +107,9 @@ void RemoteConversation::apply(Output out) {
   // The bracket is over: the session may serve another conversation, and
   // this one never touches it again.
   if (translator_.ended()) {
+    // Ended before anything went out (an abend first thing): the session's
+    // bracket was never used and goes back unused.
+    if (!sent_any_ && session_ != nullptr && session_->user() == this) session_->release();
     session_ = nullptr;
     if (!cut_ && !orderly_end_queued_ && tp_end_.valid()) {
       out_.insert(out_.end(), std::begin(engine::kOrderlyEnd), std::end(engine::kOrderlyEnd));

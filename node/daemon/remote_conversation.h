@@ -68,7 +68,8 @@ class RemoteConversation : public net::lu62::SessionUser {
   std::vector<uint8_t> out_;  // encoded frames not yet taken by the TP's end
   bool tp_stream_ended_ = false;
   bool orderly_end_queued_ = false;
-  bool cut_ = false;  // the TP's end closes without the orderly end
+  bool cut_ = false;       // the TP's end closes without the orderly end
+  bool sent_any_ = false;  // a unit of this conversation went to the session
   uint32_t watched_ = 0;
 };
 
