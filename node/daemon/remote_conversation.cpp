@@ -9,6 +9,9 @@ namespace snanode::daemon {
 
 using net::lu62::Output;
 
+// Frames for the TP the daemon holds before it stops the partner's flow.
+constexpr size_t kTpBacklogLimit = 1u << 20;
+
 RemoteConversation::RemoteConversation(net::lu62::ConversationTranslator translator,
                                        net::lu62::Session &session, client::UniqueFd tp_end,
                                        Watch watch, AttachHandler on_attach)
@@ -107,6 +110,8 @@ void RemoteConversation::apply(Output out) {
   // The bracket is over: the session may serve another conversation, and
   // this one never touches it again.
   if (translator_.ended()) {
+    if (!receive_ready_ && session_ != nullptr) session_->set_receive_ready(true);
+    receive_ready_ = true;
     // Ended before anything went out (an abend first thing): the session's
     // bracket was never used and goes back unused.
     if (!sent_any_ && session_ != nullptr && session_->user() == this) session_->release();
@@ -141,6 +146,14 @@ void RemoteConversation::flush() {
   }
   out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(sent));
   if (out_.empty() && (orderly_end_queued_ || cut_)) close_tp_end();
+  update_receive_ready();
+}
+
+void RemoteConversation::update_receive_ready() {
+  const bool ready = out_.size() < kTpBacklogLimit;
+  if (ready == receive_ready_ || session_ == nullptr) return;
+  receive_ready_ = ready;
+  session_->set_receive_ready(ready);
 }
 
 void RemoteConversation::close_tp_end() {

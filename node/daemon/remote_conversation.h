@@ -58,6 +58,9 @@ class RemoteConversation : public net::lu62::SessionUser {
   void flush();
   void close_tp_end();
   void update_watch();
+  // Holds the partner's next pacing window while the TP has not taken what
+  // came before (a TP that does not read must not grow the daemon).
+  void update_receive_ready();
 
   net::lu62::ConversationTranslator translator_;
   net::lu62::Session *session_;
@@ -70,6 +73,7 @@ class RemoteConversation : public net::lu62::SessionUser {
   bool orderly_end_queued_ = false;
   bool cut_ = false;       // the TP's end closes without the orderly end
   bool sent_any_ = false;  // a unit of this conversation went to the session
+  bool receive_ready_ = true;
   uint32_t watched_ = 0;
 };
 

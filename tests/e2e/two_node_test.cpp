@@ -151,6 +151,31 @@ void link_loss_acceptor(Side &side) {
   CHECK_EQ(c.send("after") == CM_OK && c.call(cmptr) == CM_OK && c.receive().rc == CM_OK, false);
 }
 
+// More than the daemon holds for a TP that does not read yet: pacing stops
+// the sender until B reads, and every byte still arrives.
+constexpr int kBulkRecords = 48;
+constexpr size_t kBulkSize = 30000;
+
+void bulk_allocator(Side &) {
+  Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  for (int i = 0; i < kBulkRecords; ++i) {
+    REQUIRE_EQ(c.send(pattern_text(kBulkSize, static_cast<char>('A' + i % 20))), CM_OK);
+  }
+  CHECK_EQ(c.deallocate(), CM_OK);
+}
+
+void bulk_acceptor(Side &) {
+  Conv c = accept();
+  std::this_thread::sleep_for(500ms);  // the sender fills what the daemons hold
+  for (int i = 0; i < kBulkRecords; ++i) {
+    const Received r = c.receive(static_cast<CM_INT32>(kBulkSize));
+    REQUIRE_EQ(r.rc, CM_OK);
+    CHECK_EQ(r.text == pattern_text(kBulkSize, static_cast<char>('A' + i % 20)), true);
+  }
+  CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
+}
+
 // A TP name node B does not know: the allocating TP hears it on its next verb.
 void unknown_tp(Side &) {
   Conv c = initialize_remote("NOSUCHTP", CM_MAPPED_CONVERSATION);
@@ -252,6 +277,7 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
   nodes.run(basic_allocator, basic_acceptor);
   nodes.run(unknown_tp, nullptr);
   nodes.run(program_security_allocator, program_security_acceptor);
+  nodes.run(bulk_allocator, bulk_acceptor);
   nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
   if (::system("command -v tshark >/dev/null 2>&1") != 0) return;
   for (const auto &dir : nodes.dirs) {
