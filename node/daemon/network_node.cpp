@@ -136,6 +136,11 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
     return true;
   }
   Attach attach = attach_of(request, verified_user);
+  if (net::Bytes encoded; !net::encode_attach(attach, encoded).ok()) {
+    // A field no FMH-5 can carry (the translator would refuse it later).
+    answer(AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_NO_RETRY, -1);
+    return true;
+  }
   manager_->allocate_session(
       partner->lu_name, request.mode,
       [this, answer, attach = std::move(attach), request](net::lu62::Session *session,
@@ -167,6 +172,7 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
         auto conversation = std::make_unique<RemoteConversation>(
             std::move(translator), *session, std::move(daemon_end),
             [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
+            // Only the attached side receives an Attach.
             [](const Attach &, client::UniqueFd &) {
               return uint32_t{AP_ALLOCATION_FAILURE_NO_RETRY};
             });
