@@ -13,7 +13,7 @@ LocalLu default_local_lu(const std::string &network_id) {
 
 std::vector<Mode> default_modes() {
   // #BATCH favours throughput: larger buffers, fewer sessions.
-  return {Mode{"#INTER", 64, 4096}, Mode{"#BATCH", 16, 32768}};
+  return {Mode{"#INTER", 64, 4096, 1024, 7}, Mode{"#BATCH", 16, 32768, 4096, 7}};
 }
 
 void add_local_lus_as_partners(NodeConfig &config) {
@@ -22,7 +22,8 @@ void add_local_lus_as_partners(NodeConfig &config) {
     for (const PartnerLu &partner : config.partner_lus) {
       present = present || partner.alias == local.alias || partner.lu_name == local.lu_name;
     }
-    if (!present) config.partner_lus.push_back(PartnerLu{local.alias, local.lu_name, ""});
+    if (!present)
+      config.partner_lus.push_back(PartnerLu{local.alias, local.lu_name, "", "", false});
   }
 }
 

@@ -38,6 +38,7 @@ class Parser {
   NodeConfig parse() {
     read_node();
     read_local_lus();
+    read_network();
     read_partner_lus();
     read_modes();
     read_users_and_pam();
@@ -61,7 +62,8 @@ class Parser {
 
   void report_unknown_sections() {
     static const std::set<std::string, std::less<>> known = {
-        "node", "local_lu", "partner_lu", "mode", "user", "pam", "log", "trace", "tp", "side_info"};
+        "node", "local_lu", "partner_lu", "mode",      "user",   "pam",
+        "log",  "trace",    "tp",         "side_info", "network"};
     for (auto &&[key, node] : root_) {
       if (!known.contains(key.str())) {
         fail_at(file_, key.source(), "unknown section or key " + std::string(key.str()));
@@ -85,6 +87,25 @@ class Parser {
     const auto use = daemon_use_from_name(daemon);
     if (!use) r.fail("daemon", "must be \"auto\", \"required\" or \"off\", not \"" + daemon + "\"");
     config_.daemon = *use;
+    r.finish();
+  }
+
+  void read_network() {
+    TableReader r(section("network"), "[network]", file_);
+    NetworkConfig &net = config_.network;
+    net.enabled = r.boolean("enabled", false);
+    net.cp_name = r.string("cp_name", "");
+    if (!net.cp_name.empty()) {
+      check(r, "cp_name", check_qualified_lu_name("control point name", net.cp_name));
+    } else if (net.enabled) {
+      r.fail("cp_name", "is required when the network is enabled (NETID.CPNAME)");
+    }
+    const std::string network_id = r.string("network_id", config_.network_id);
+    check(r, "network_id", check_network_name("network ID", network_id));
+    if (!net.cp_name.empty() && net.cp_name.substr(0, net.cp_name.find('.')) != network_id) {
+      r.fail("cp_name", "\"" + net.cp_name + "\" is not in the network " + network_id);
+    }
+    net.capture_file = r.string("capture", "");
     r.finish();
   }
 
@@ -135,6 +156,16 @@ class Parser {
         }
       }
       lu.host = r.string("host", "");
+      lu.owning_cp = r.string("owning_cp", "");
+      if (!lu.owning_cp.empty()) {
+        check(r, "owning_cp", check_qualified_lu_name("owning control point", lu.owning_cp));
+        if (!config_.network.enabled) {
+          r.fail("owning_cp", "names a node on the network, but [network] is not enabled");
+        }
+        if (!lu.host.empty())
+          r.fail("owning_cp", "and host are exclusive: the LU lives in one place");
+      }
+      lu.trust_already_verified = r.boolean("trust_already_verified", false);
       r.finish();
       config_.partner_lus.push_back(lu);
     }
@@ -151,6 +182,8 @@ class Parser {
       check_unique(r, "name", names, mode.name);
       mode.session_limit = r.integer("session_limit", mode.session_limit, 1, 32767);
       mode.send_buffer_size = r.integer("send_buffer_size", mode.send_buffer_size, 256, 65535);
+      mode.max_ru_size = r.integer("max_ru_size", mode.max_ru_size, 256, 16384);
+      mode.pacing_window = r.integer("pacing_window", mode.pacing_window, 0, 63);
       r.finish();
       config_.modes.push_back(mode);
     }

@@ -25,12 +25,28 @@ struct PartnerLu {
   std::string alias;    // up to 8 characters
   std::string lu_name;  // NETID.LUNAME
   std::string host;     // empty: this host
+  // The control point of the node that owns the LU (NETID.CPNAME): set, the
+  // LU is reached over the network rather than through this host's daemon.
+  std::string owning_cp;
+  // Attaches from this LU that say their user is already verified are taken
+  // at its word; otherwise they are refused.
+  bool trust_already_verified = false;
 };
 
 struct Mode {
   std::string name;                  // up to 8 characters, upper case
   uint32_t session_limit = 64;       // conversations at once per partner
   uint32_t send_buffer_size = 4096;  // buffered data is sent past this size
+  // What the BIND of a session on this mode offers a partner node.
+  uint32_t max_ru_size = 1024;  // largest RU either way
+  uint32_t pacing_window = 7;   // requests sent before a pacing response; 0: none
+};
+
+// The node on the network ([network]): off unless enabled.
+struct NetworkConfig {
+  bool enabled = false;
+  std::string cp_name;       // this node's control point, NETID.CPNAME
+  std::string capture_file;  // every unit sent and received, as pcap; empty: none
 };
 
 struct SideInfo {
@@ -95,6 +111,7 @@ struct NodeConfig {
   bool trace = false;                // API trace on
   std::string trace_file;            // empty: default
   std::vector<uint8_t> trace_flags;  // explicit flag bytes, if given
+  NetworkConfig network;
 };
 
 // A configuration file that cannot be used.  what() reads

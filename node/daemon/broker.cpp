@@ -175,6 +175,13 @@ bool Broker::left_to_system(const client::AllocateRequest &request) const {
 }
 
 void Broker::allocate(ClientId client, Client &state, const client::AllocateRequest &request) {
+  if (remote_) {
+    std::optional<std::string> same;
+    if (request.allocator_user && state.verified_users.count(*request.allocator_user) != 0) {
+      same = request.allocator_user;
+    }
+    if (remote_(client, request, same)) return;
+  }
   std::optional<std::string> user;
   const bool valid = verify_security(state, request, user);
   if (valid || !left_to_system(request)) {
@@ -205,8 +212,8 @@ void Broker::fail_for_retry(ClientId client, const client::AllocateRequest &requ
       -1);
 }
 
-void Broker::complete_allocation(ClientId client, const client::AllocateRequest &request,
-                                 bool valid, const std::optional<std::string> &user) {
+uint32_t Broker::attach_check(const client::AllocateRequest &request, bool valid,
+                              const std::optional<std::string> &user) const {
   client::AttachCheck check;
   check.served = serves(request.tp_name);
   check.invokable = invokable(request.tp_name);
@@ -214,7 +221,31 @@ void Broker::complete_allocation(ClientId client, const client::AllocateRequest 
   check.sync_level = request.sync_level;
   check.security_valid = valid;
   check.has_user = user.has_value();
-  if (const uint32_t refusal = client::attach_refusal(check); refusal != 0) {
+  return client::attach_refusal(check);
+}
+
+Broker::PendingAttach Broker::pending_attach(const client::AllocateRequest &request,
+                                             const std::optional<std::string> &user,
+                                             client::UniqueFd end, ClientId allocator) const {
+  const config::InvokableTp *tp = invokable(request.tp_name);
+  PendingAttach attach;
+  attach.end = std::move(end);
+  attach.allocator = allocator;
+  attach.info.tp_name = request.tp_name;
+  attach.info.mapped = request.mapped;
+  attach.info.sync_level = request.sync_level;
+  attach.info.user = user;
+  attach.info.mode = request.mode;
+  attach.info.partner_lu_name = request.allocator_lu;
+  attach.info.local_lu_alias = local_lu_of(request, tp);
+  const uint32_t timeout_ms = tp != nullptr ? tp->queue_timeout_ms : config_.attach_timeout_ms;
+  attach.deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  return attach;
+}
+
+void Broker::complete_allocation(ClientId client, const client::AllocateRequest &request,
+                                 bool valid, const std::optional<std::string> &user) {
+  if (const uint32_t refusal = attach_check(request, valid, user); refusal != 0) {
     refuse(client, request, refusal);
     return;
   }
@@ -224,25 +255,29 @@ void Broker::complete_allocation(ClientId client, const client::AllocateRequest 
     return;
   }
   client::UniqueFd allocator_end(ends[0]);
-  PendingAttach attach;
-  attach.end.reset(ends[1]);
-  attach.allocator = client;
-  attach.info.tp_name = request.tp_name;
-  attach.info.mapped = request.mapped;
-  attach.info.sync_level = request.sync_level;
-  attach.info.user = user;
-  attach.info.mode = request.mode;
-  attach.info.partner_lu_name = request.allocator_lu;
-  attach.info.local_lu_alias = local_lu_of(request, check.invokable);
-  const uint32_t timeout_ms =
-      check.invokable != nullptr ? check.invokable->queue_timeout_ms : config_.attach_timeout_ms;
-  attach.deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  PendingAttach attach = pending_attach(request, user, client::UniqueFd(ends[1]), client);
   if (!output_.send(client, client::AllocateResult{request.request_id, AP_OK, 0},
                     allocator_end.get())) {
     return;  // the allocating process is gone; so is the conversation
   }
   log_request("allocation", client, request, "accepted");
   offer(std::move(attach));
+}
+
+uint32_t Broker::attach_from_network(const client::AllocateRequest &request, client::UniqueFd end) {
+  engine::SecurityRequest security;
+  security.type = request.security_type;
+  security.user_id = request.user_id;
+  security.password = request.password;
+  security.allocator_user = request.allocator_user;
+  const engine::SecurityOutcome outcome = engine::check_security(security, config_.users);
+  if (const uint32_t refusal = attach_check(request, outcome.valid, outcome.user); refusal != 0) {
+    log_request("attach from the network refused", 0, request, client::refusal_reason(refusal));
+    return refusal;
+  }
+  log_request("attach from the network", 0, request, "accepted");
+  offer(pending_attach(request, outcome.user, std::move(end), 0));
+  return 0;
 }
 
 std::string Broker::local_lu_of(const client::AllocateRequest &request,

@@ -71,6 +71,12 @@ struct PeerCredentials {
 // attaches: the uid its `user` names, else the daemon's own.
 using TpOwner = std::function<uid_t(const config::InvokableTp &tp)>;
 
+// Takes an allocation whose partner LU lives on another node, with the user
+// this daemon verified for the allocating process (security SAME); false when
+// the partner is not one it reaches.
+using RemoteAllocation = std::function<bool(ClientId client, const client::AllocateRequest &request,
+                                            const std::optional<std::string> &verified_user)>;
+
 class Broker {
  public:
   // `owner` defaults to the uid of the account named by the TP's `user`, or
@@ -90,6 +96,14 @@ class Broker {
 
   // An instance of an invokable TP the daemon started has exited.
   void instance_exited(const std::string &tp_name);
+
+  // Allocations to LUs on other nodes go to `remote`.
+  void set_remote_allocation(RemoteAllocation remote) { remote_ = std::move(remote); }
+  // An Attach from a partner node, as an allocation request whose security
+  // the caller has already mapped (`request.allocator_user`: a user the
+  // partner verified and this node trusts).  Queues it for a TP with `end` as
+  // the attached side's end, or returns the allocation error's secondary code.
+  uint32_t attach_from_network(const client::AllocateRequest &request, client::UniqueFd end);
 
  private:
   struct Client {
@@ -139,6 +153,13 @@ class Broker {
   // A user configured without a password: the system (PAM) verifies it.
   bool left_to_system(const client::AllocateRequest &request) const;
   void refuse(ClientId client, const client::AllocateRequest &request, uint32_t secondary);
+  // The attach checks of an allocation whose security is decided: 0, or the
+  // allocation error's secondary code.
+  uint32_t attach_check(const client::AllocateRequest &request, bool valid,
+                        const std::optional<std::string> &user) const;
+  PendingAttach pending_attach(const client::AllocateRequest &request,
+                               const std::optional<std::string> &user, client::UniqueFd end,
+                               ClientId allocator) const;
   // Hands the attach to a waiting accept, or queues it (starting the TP).
   void offer(PendingAttach attach);
   void deliver(PendingAttach &attach, const WaitingAccept &accept);
@@ -159,6 +180,7 @@ class Broker {
   std::map<std::string, Instances> instances_;
   std::map<std::string, uid_t> owners_;  // invokable TP name -> its owner's uid
   unsigned started_running_ = 0;         // started programs running, all TPs
+  RemoteAllocation remote_;
 };
 
 }  // namespace snanode::daemon

@@ -113,6 +113,10 @@ int main(int argc, char **argv) {
   app.add_flag("--strict", strict,
                "With --check: an invokable TP's program that is not installed is a problem, "
                "not a warning");
+  // The test transport of the network (see network_node.h): an inherited
+  // datagram socket to the partner node.  Hidden: Enterprise Extender replaces it.
+  int link_fd = -1;
+  app.add_option("--link-fd", link_fd, "")->group("");
   CLI11_PARSE(app, argc, argv);
 
   if (!check_file.empty()) return check(check_file, strict);
@@ -137,6 +141,14 @@ int main(int argc, char **argv) {
   if (!server.listen(error)) {
     std::cerr << "snanoded: " << error << "\n";
     return 1;
+  }
+  if (link_fd >= 0) {
+    if (!config.network.enabled) {
+      std::cerr << "snanoded: --link-fd needs [network] enabled = true\n";
+      return 1;
+    }
+    const char *capture = std::getenv("SNANODE_CAPTURE");
+    server.attach_link(link_fd, capture != nullptr ? capture : config.network.capture_file);
   }
   if (!foreground) detach_from_terminal();
   return server.run();

@@ -35,6 +35,7 @@ constexpr int kEventsPerWait = 64;
 constexpr uint64_t kSignalsToken = ~uint64_t{0};
 constexpr uint64_t kListenerToken = kSignalsToken - 1;
 constexpr uint64_t kVerifierToken = kSignalsToken - 2;
+constexpr uint64_t kNetworkToken = kSignalsToken - 3;
 
 sockaddr_un socket_address(const std::string &path) {
   sockaddr_un address{};
@@ -132,6 +133,15 @@ bool Server::listen(std::string &error) {
   return true;
 }
 
+void Server::attach_link(int link_fd, const std::string &capture_file) {
+  network_ = std::make_unique<NetworkNode>(config_, client::UniqueFd(link_fd), broker_,
+                                           static_cast<BrokerOutput &>(*this), capture_file);
+  broker_.set_remote_allocation([this](ClientId client, const client::AllocateRequest &request,
+                                       const std::optional<std::string> &user) {
+    return network_->allocate(client, request, user);
+  });
+}
+
 int Server::run() {
   sigset_t handled;
   sigemptyset(&handled);
@@ -143,7 +153,8 @@ int Server::run() {
   if (!signals_.valid() || !epoll_.valid() ||
       !watch(epoll_.get(), EPOLL_CTL_ADD, signals_.get(), EPOLLIN, kSignalsToken) ||
       !watch(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), EPOLLIN, kListenerToken) ||
-      !watch(epoll_.get(), EPOLL_CTL_ADD, verifier_.ready_fd(), EPOLLIN, kVerifierToken)) {
+      !watch(epoll_.get(), EPOLL_CTL_ADD, verifier_.ready_fd(), EPOLLIN, kVerifierToken) ||
+      (network_ && !watch(epoll_.get(), EPOLL_CTL_ADD, network_->fd(), EPOLLIN, kNetworkToken))) {
     log(std::string("cannot start the event loop: ") + std::strerror(errno));
     return 1;
   }
@@ -159,6 +170,7 @@ int Server::run() {
     for (int i = 0; i < ready; ++i) dispatch(events[i].data.u64, events[i].events, stopping);
     const Clock::time_point now = Clock::now();
     broker_.expire(now);
+    if (network_) network_->on_timer();
     expire_silent_clients(now);
     if (accept_resumes_ && *accept_resumes_ <= now) set_accepting(true);
     limited_log_.flush(now);
@@ -182,6 +194,8 @@ void Server::dispatch(uint64_t token, uint32_t events, bool &stopping) {
     accept_client();
   } else if (token == kVerifierToken) {
     verifier_.complete_ready();
+  } else if (token == kNetworkToken) {
+    network_->on_ready();
   } else {
     auto found = clients_.find(token);
     if (found == clients_.end() || unreachable_.count(token) != 0) return;
@@ -197,6 +211,7 @@ int Server::next_timeout() const {
   };
   if (!hello_deadlines_.empty()) earliest(hello_deadlines_.front().first);
   earliest(accept_resumes_);
+  if (network_) earliest(network_->next_deadline());
   earliest(limited_log_.next_flush());
   if (!next) return -1;
   const auto left =

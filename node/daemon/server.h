@@ -19,6 +19,7 @@
 #include "config/node_config.h"
 #include "daemon/broker.h"
 #include "daemon/log_rate_limit.h"
+#include "daemon/network_node.h"
 #include "daemon/output_queue.h"
 #include "daemon/verifier_pool.h"
 
@@ -46,6 +47,10 @@ class Server : private BrokerOutput {
   // Binds the socket, mode 0660 (owner and group may use the node), after
   // removing a stale socket no daemon answers on.  False with `error` set.
   bool listen(std::string &error);
+
+  // Joins the node to the network over `link_fd` (see network_node.h); only
+  // with [network] enabled.  Call before run().
+  void attach_link(int link_fd, const std::string &capture_file);
 
   // Serves until SIGTERM or SIGINT; these and SIGCHLD must be blocked in
   // every thread.  Returns the exit status.
@@ -99,7 +104,8 @@ class Server : private BrokerOutput {
   std::map<pid_t, std::string> children_;  // started TP instances by pid
   std::optional<Clock::time_point> accept_resumes_;
   bool out_of_descriptors_ = false;
-  VerifierPool verifier_;  // last: its completions refer to the broker
+  std::unique_ptr<NetworkNode> network_;  // with a link only
+  VerifierPool verifier_;                 // last: its completions refer to the broker
 };
 
 }  // namespace snanode::daemon

@@ -676,11 +676,18 @@ void PrintTo(const Param &param, std::ostream *out) {
   *out << param.scenario->name << " (" << deploy_name(param.how) << ")";
 }
 
+// Scenarios whose results the conversations across two nodes do not give yet
+// (docs/network.md, "The daemon on the network", says what differs).
+const std::set<std::string> kNotYetOnTwoNodes = {"SendErrorInEveryState", "RequestToSend",
+                                                 "BufferedDataAndReceiveImmediate",
+                                                 "PartnerKilledMidReceive"};
+
 std::vector<Param> all_runs() {
   std::vector<Param> runs;
   for (const Scenario &s : kScenarios) {
     if (!s.processes_only) runs.push_back({&s, Deploy::kThreads});
     runs.push_back({&s, Deploy::kProcesses});
+    if (kNotYetOnTwoNodes.count(s.name) == 0) runs.push_back({&s, Deploy::kTwoNodes});
   }
   return runs;
 }

@@ -35,7 +35,9 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-enum class Deploy { kThreads, kProcesses };
+// kTwoNodes: the client's node daemon reaches the server's LU (LOCAL) on a
+// second node daemon over a link of whole units (see network_node.h).
+enum class Deploy { kThreads, kProcesses, kTwoNodes };
 
 // What a side sees of the runner.  Report lines start with a letter: F a
 // failed check, A the side gave up, K a process is about to be killed on
@@ -167,15 +169,16 @@ struct Conv {
   }
 };
 
-// A conversation to `tp_name` on this node, set up but not yet allocated.
+// A conversation to `tp_name` at `partner` (by default this node's LU), set
+// up but not yet allocated.
 inline Conv initialize(const std::string &tp_name, CM_CONVERSATION_TYPE type,
-                       CM_SYNC_LEVEL sync = CM_NONE) {
+                       CM_SYNC_LEVEL sync = CM_NONE, const std::string &partner = "LOCAL") {
   Conv c;
   unsigned char blank[9] = "        ";
   CM_RETURN_CODE rc = -1;
   cminit(c.id, blank, &rc);
   REQUIRE_EQ(rc, CM_OK);
-  REQUIRE_EQ(c.name(cmspln, "LOCAL"), CM_OK);
+  REQUIRE_EQ(c.name(cmspln, partner), CM_OK);
   REQUIRE_EQ(c.name(cmsmn, "#INTER"), CM_OK);
   REQUIRE_EQ(c.name(cmstpn, tp_name), CM_OK);
   REQUIRE_EQ(c.set(cmsct, type), CM_OK);
@@ -226,7 +229,9 @@ struct Scenario {
 };
 
 inline const char *deploy_name(Deploy how) {
-  return how == Deploy::kThreads ? "threads" : "processes";
+  return how == Deploy::kThreads     ? "threads"
+         : how == Deploy::kProcesses ? "processes"
+                                     : "two_nodes";
 }
 
 inline void run_side(Side &side, void (*body)(Side &), const std::vector<std::string> &serves) {
@@ -292,23 +297,9 @@ struct Children {
   }
 };
 
-// Starts a node daemon in `dir` (in a process group of its own, so the TPs it
-// starts go with it) and waits until it answers on its socket.
-inline bool start_daemon(const fs::path &dir, Children &children) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::setpgid(0, 0);
-    ::setenv("SNANODE_LOG_DIR", dir.c_str(), 1);
-    ::setenv("SNANODE_DAEMON", "required", 1);  // for the TPs it starts
-    const int out = ::open((dir / "snanoded.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ::dup2(out, 1);
-    ::dup2(out, 2);
-    ::execl(SNANODED_PATH, SNANODED_PATH, "--foreground", "--config", (dir / "node.toml").c_str(),
-            static_cast<char *>(nullptr));
-    ::_exit(127);
-  }
-  if (pid < 0) return false;
-  children.list.push_back({pid, "daemon"});
+// Waits until the daemon of `dir` answers on its socket (while no child has
+// failed, at most five seconds).
+inline bool daemon_answers(const fs::path &dir, Children &children) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, (dir / "node.sock").c_str(), sizeof address.sun_path - 1);
@@ -320,6 +311,32 @@ inline bool start_daemon(const fs::path &dir, Children &children) {
     std::this_thread::sleep_for(10ms);
   }
   return false;
+}
+
+// Starts a node daemon in `dir` (in a process group of its own, so the TPs it
+// starts go with it) and waits until it answers on its socket.  With `link`,
+// the daemon gets that end of a link to another node (and not `other`), and
+// writes a capture of its units to units.pcap.
+inline bool start_daemon(const fs::path &dir, Children &children, int link = -1, int other = -1) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::setpgid(0, 0);
+    const std::string link_fd = std::to_string(link);
+    if (other >= 0) ::close(other);
+    if (link >= 0) ::setenv("SNANODE_CAPTURE", (dir / "units.pcap").c_str(), 1);
+    ::setenv("SNANODE_LOG_DIR", dir.c_str(), 1);
+    ::setenv("SNANODE_DAEMON", "required", 1);  // for the TPs it starts
+    const int out = ::open((dir / "snanoded.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ::dup2(out, 1);
+    ::dup2(out, 2);
+    ::execl(SNANODED_PATH, SNANODED_PATH, "--foreground", "--config", (dir / "node.toml").c_str(),
+            link >= 0 ? "--link-fd" : static_cast<char *>(nullptr), link_fd.c_str(),
+            static_cast<char *>(nullptr));
+    ::_exit(127);
+  }
+  if (pid < 0) return false;
+  children.list.push_back({pid, "daemon"});
+  return daemon_answers(dir, children);
 }
 
 inline void run(const Scenario &scenario, Deploy how) {
@@ -337,14 +354,40 @@ inline void run(const Scenario &scenario, Deploy how) {
       }
     }
   } remove{dir};
-  std::ofstream(dir / "node.toml")
-      << "[node]\nattach_timeout_ms = " << scenario.attach_timeout_ms << "\nsocket_path = \""
-      << (dir / "node.sock").string() << "\"\n[log]\ndir = \"" << dir.string()
-      << "\"\n[[mode]]\nname = \"#INTER\"\nsession_limit = 2000\n"
-      << test_support::with_tp_user(scenario.config);
+  // Two nodes: the server's in dir/b, whose LU LOCAL the client's node (in
+  // dir, its own LU LUA) reaches over the link.
+  const fs::path server_dir = how == Deploy::kTwoNodes ? dir / "b" : dir;
+  fs::create_directories(server_dir);
+  auto write_config = [&](const fs::path &at, const std::string &network) {
+    std::ofstream(at / "node.toml")
+        << "[node]\nattach_timeout_ms = " << scenario.attach_timeout_ms << "\nsocket_path = \""
+        << (at / "node.sock").string() << "\"\n[log]\ndir = \"" << at.string()
+        << "\"\n[[mode]]\nname = \"#INTER\"\nsession_limit = 2000\n"
+        << test_support::with_tp_user(scenario.config) << network;
+  };
+  if (how == Deploy::kTwoNodes) {
+    write_config(dir,
+                 "[network]\nenabled = true\ncp_name = \"APPN.NODEA\"\n[[local_lu]]\nalias = "
+                 "\"LUA\"\n[[partner_lu]]\nalias = \"LOCAL\"\nlu_name = \"APPN.LOCAL\"\n"
+                 "owning_cp = \"APPN.NODEB\"\n");
+    write_config(server_dir,
+                 "[network]\nenabled = true\ncp_name = \"APPN.NODEB\"\n[[partner_lu]]\nalias = "
+                 "\"LUA\"\nlu_name = \"APPN.LUA\"\nowning_cp = \"APPN.NODEA\"\n"
+                 "trust_already_verified = true\n");
+  } else {
+    write_config(dir, "");
+  }
   Children children;
   if (how == Deploy::kProcesses) {
     ASSERT_TRUE(start_daemon(dir, children)) << "no daemon: see " << dir / "snanoded.out";
+  } else if (how == Deploy::kTwoNodes) {
+    int link[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, link), 0);
+    const bool up = start_daemon(dir, children, link[0], link[1]) &&
+                    start_daemon(server_dir, children, link[1], link[0]);
+    ::close(link[0]);
+    ::close(link[1]);
+    ASSERT_TRUE(up) << "no daemons: see " << dir;
   }
   // Made after the daemon, so that neither it nor its TPs hold an end.
   int report[2], to_server[2], to_client[2];
@@ -352,8 +395,10 @@ inline void run(const Scenario &scenario, Deploy how) {
       ::pipe2(report, O_CLOEXEC) | ::pipe2(to_server, O_CLOEXEC) | ::pipe2(to_client, O_CLOEXEC),
       0);
   const pid_t daemon = children.list.empty() ? -1 : children.list[0].pid;
+  const pid_t server_daemon = children.list.size() > 1 ? children.list[1].pid : daemon;
   Side client{"client", dir / "client", daemon, report[1], to_client[0], to_server[1]};
-  Side server{"server", dir / "server", daemon, report[1], to_server[0], to_client[1]};
+  Side server{"server",  server_dir / "server", server_daemon,
+              report[1], to_server[0],          to_client[1]};
   if (!scenario.server) client.from_partner = client.to_partner = -1;
   if (how == Deploy::kThreads) client.log_dir = server.log_dir = dir / "node";
   for (const Side *side : {&client, &server}) fs::create_directories(side->log_dir);
@@ -362,7 +407,7 @@ inline void run(const Scenario &scenario, Deploy how) {
     std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) {
-      enter_node(dir, side, how);
+      enter_node(&side == &server ? server_dir : dir, side, how);
       body();
       std::exit(0);
     }

@@ -119,7 +119,9 @@ void ConversationTranslator::take_request(const Rh &rh, ByteSpan ru, Output &out
 bool ConversationTranslator::take_attach(const Rh &rh, ByteSpan &ru, Output &out) {
   if (!bracket_begun_) {
     bracket_begun_ = true;
-    if (!rh.bbi || !starts_with_fmh(rh, ru, kFmhTypeAttach)) {
+    // BB is the session's to check: after a granted bid the Attach comes
+    // without it.
+    if (!starts_with_fmh(rh, ru, kFmhTypeAttach)) {
       fail(sense::kNoBeginBracket, out);
       return false;
     }

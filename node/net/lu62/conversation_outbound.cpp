@@ -120,6 +120,14 @@ Output ConversationTranslator::on_frame(const Frame &frame) {
 }
 
 Output ConversationTranslator::on_link_lost() {
+  if (!bracket_begun_) {
+    // The TP died before anything reached the partner: there is nothing to
+    // end there, and what it had not finished sending dies with it.
+    attach_.clear();
+    pending_.clear();
+    ended_ = true;
+    return {};
+  }
   Frame abend;
   abend.type = FrameType::kDeallocate;
   abend.flags = static_cast<uint8_t>(engine::DeallocKind::kAbend);
@@ -239,8 +247,10 @@ void ConversationTranslator::send_error(const Frame &frame, Output &out) {
 }
 
 void ConversationTranslator::send_abend(const Bytes &log_data, Output &out) {
-  if (!bracket_begun_) {
-    // Nothing has reached the partner: there is no conversation to end there.
+  if (!bracket_begun_ && pending_.empty()) {
+    // Nothing has reached the partner and no data waits for it: there is no
+    // conversation to end there.  Data the TP sent first still goes, with
+    // the Attach, before the abend.
     attach_.clear();
     ended_ = true;
     return;

@@ -1,0 +1,316 @@
+#include "daemon/network_node.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "daemon/log_text.h"
+#include "engine/ebcdic.h"
+#include "engine/security.h"
+#include "snanode/verbs.h"
+
+namespace snanode::daemon {
+namespace {
+
+using net::Attach;
+using net::lu62::AllocationOutcome;
+using net::lu62::ConversationTranslator;
+
+constexpr uint64_t kLinkToken = 0;
+constexpr size_t kMaxBiu = 65536;
+// A path failure under every session on the link (a retry may find another).
+constexpr uint32_t kSenseLinkLost = 0x80020000;
+
+net::Bytes ebcdic(const std::string &text) {
+  net::Bytes out(text.size());
+  if (!text.empty()) engine::put_ebcdic_name(text, out.data(), out.size());
+  return out;
+}
+
+std::string ascii(const net::Bytes &bytes) {
+  return engine::ebcdic_name(bytes.data(), bytes.size());
+}
+
+// Each primary picks session addresses under its own prefix; one taken from
+// the LU's name keeps the two ends of a link apart.
+std::array<uint8_t, 4> address_prefix(const std::string &lu_name) {
+  uint32_t hash = 2166136261u;
+  for (char c : lu_name) hash = (hash ^ static_cast<uint8_t>(c)) * 16777619u;
+  return {static_cast<uint8_t>(hash >> 24), static_cast<uint8_t>(hash >> 16),
+          static_cast<uint8_t>(hash >> 8), static_cast<uint8_t>(hash)};
+}
+
+net::lu62::LocalLuConfig local_lu_config(const config::NodeConfig &config) {
+  net::lu62::LocalLuConfig lu;
+  for (const config::LocalLu &local : config.local_lus) {
+    if (local.is_default || lu.lu_name.empty()) lu.lu_name = local.lu_name;
+  }
+  lu.address_prefix = address_prefix(lu.lu_name);
+  for (const config::Mode &mode : config.modes) {
+    net::lu62::ModeConfig m;
+    m.name = mode.name;
+    m.max_ru_send = m.max_ru_receive = mode.max_ru_size;
+    m.send_window = m.receive_window = static_cast<uint8_t>(mode.pacing_window);
+    m.session_limit = static_cast<uint16_t>(std::min<uint32_t>(mode.session_limit, 32767));
+    m.min_winners = static_cast<uint16_t>(m.session_limit / 2);
+    lu.modes.push_back(m);
+  }
+  return lu;
+}
+
+// The Attach an allocation request sends: PROGRAM carries the user and
+// password for the partner to verify; SAME passes on a user this daemon
+// verified, as already verified.
+Attach attach_of(const client::AllocateRequest &request,
+                 const std::optional<std::string> &verified_user) {
+  Attach attach;
+  attach.resource = request.mapped ? net::ConversationResource::kMappedHalfDuplex
+                                   : net::ConversationResource::kBasicHalfDuplex;
+  attach.sync_level =
+      request.sync_level == 0 ? net::AttachSyncLevel::kNone : net::AttachSyncLevel::kConfirm;
+  attach.tp_name = ebcdic(request.tp_name);
+  if (request.security_type == engine::kSecurityProgram ||
+      request.security_type == engine::kSecurityProgramStrong) {
+    attach.user_id = ebcdic(request.user_id);
+    attach.password = ebcdic(request.password);
+  } else if (request.security_type == engine::kSecuritySame && verified_user) {
+    attach.already_verified = true;
+    attach.user_id = ebcdic(*verified_user);
+  }
+  return attach;
+}
+
+}  // namespace
+
+NetworkNode::NetworkNode(const config::NodeConfig &config, client::UniqueFd link, Broker &broker,
+                         BrokerOutput &output, const std::string &capture_file)
+    : config_(config),
+      link_(std::move(link)),
+      epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      broker_(broker),
+      output_(output) {
+  for (const config::PartnerLu &lu : config_.partner_lus) {
+    if (!lu.owning_cp.empty() && link_partner_.empty()) link_partner_ = lu.lu_name;
+  }
+  ::fcntl(link_.get(), F_SETFL, ::fcntl(link_.get(), F_GETFL) | O_NONBLOCK);
+  ::fcntl(link_.get(), F_SETFD, FD_CLOEXEC);  // the TPs it starts do not hold the link
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = kLinkToken;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, link_.get(), &event);
+  if (!capture_file.empty()) {
+    std::string error;
+    capture_ = net::CaptureWriter::open(capture_file, net::CaptureEndpoints{}, &error);
+    if (!capture_) log("capture " + log_safe(capture_file) + " not written: " + log_safe(error));
+  }
+  manager_ =
+      std::make_unique<net::lu62::SessionManager>(local_lu_config(config_), *this, *this, *this);
+  log("network: control point " + log_safe(config_.network.cp_name) + ", LU " +
+      log_safe(manager_->config().lu_name) + " on the link to " + log_safe(link_partner_));
+}
+
+NetworkNode::~NetworkNode() {
+  conversations_.clear();  // before the sessions they point at
+  manager_.reset();
+}
+
+const config::PartnerLu *NetworkNode::remote_partner(const std::string &name) const {
+  for (const config::PartnerLu &lu : config_.partner_lus) {
+    if (!lu.owning_cp.empty() && (lu.alias == name || lu.lu_name == name)) return &lu;
+  }
+  return nullptr;
+}
+
+bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &request,
+                           const std::optional<std::string> &verified_user) {
+  const config::PartnerLu *partner = remote_partner(request.partner_lu);
+  if (partner == nullptr) return false;
+  auto answer = [this, client, request](uint16_t primary, uint32_t secondary, int fd) {
+    return output_.send(client, client::AllocateResult{request.request_id, primary, secondary}, fd);
+  };
+  if (!link_up_) {
+    answer(AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_RETRY, -1);
+    return true;
+  }
+  Attach attach = attach_of(request, verified_user);
+  if (net::Bytes encoded; !net::encode_attach(attach, encoded).ok()) {
+    // A field no FMH-5 can carry (the translator would refuse it later).
+    answer(AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_NO_RETRY, -1);
+    return true;
+  }
+  manager_->allocate_session(
+      partner->lu_name, request.mode,
+      [this, answer, attach = std::move(attach), request](net::lu62::Session *session,
+                                                          AllocationOutcome outcome) mutable {
+        if (session == nullptr) {
+          log("network allocation of TP " + log_safe(request.tp_name) + " at " +
+              log_safe(request.partner_lu) + " failed (" +
+              std::to_string(static_cast<int>(outcome)) + ")");
+          answer(AP_ALLOCATION_ERROR,
+                 outcome == AllocationOutcome::kTimedOut ? AP_ALLOCATION_FAILURE_RETRY
+                                                         : AP_ALLOCATION_FAILURE_NO_RETRY,
+                 -1);
+          return;
+        }
+        int ends[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+          session->release();
+          answer(AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_RETRY, -1);
+          return;
+        }
+        client::UniqueFd tp_end(ends[0]), daemon_end(ends[1]);
+        ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        if (!answer(AP_OK, 0, tp_end.get())) {
+          session->release();  // the allocating process went meanwhile
+          return;
+        }
+        auto translator =
+            ConversationTranslator::allocating(std::move(attach), session->params().max_send_ru);
+        auto conversation = std::make_unique<RemoteConversation>(
+            std::move(translator), *session, std::move(daemon_end),
+            [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
+            // Only the attached side receives an Attach.
+            [](const Attach &, client::UniqueFd &) {
+              return uint32_t{AP_ALLOCATION_FAILURE_NO_RETRY};
+            });
+        conversations_.emplace(conversation.get(), std::move(conversation));
+      });
+  return true;
+}
+
+void NetworkNode::on_partner_bracket(net::lu62::Session &session) {
+  auto conversation = std::make_unique<RemoteConversation>(
+      ConversationTranslator::attached(session.params().max_send_ru), session, client::UniqueFd(),
+      [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
+      [this, &session](const Attach &a, client::UniqueFd &daemon_end) {
+        return attach(a, session, daemon_end);
+      });
+  conversations_.emplace(conversation.get(), std::move(conversation));
+}
+
+uint32_t NetworkNode::attach(const Attach &attach, const net::lu62::Session &session,
+                             client::UniqueFd &daemon_end) {
+  client::AllocateRequest request;
+  request.tp_name = ascii(attach.tp_name);
+  request.mapped = attach.resource == net::ConversationResource::kMappedHalfDuplex;
+  request.sync_level = attach.sync_level == net::AttachSyncLevel::kNone ? 0 : 1;
+  request.mode = session.mode();
+  request.allocator_lu = session.partner();
+  request.partner_lu = session.partner();
+  if (attach.resource != net::ConversationResource::kMappedHalfDuplex &&
+      attach.resource != net::ConversationResource::kBasicHalfDuplex) {
+    return AP_CONV_TYPE_MISMATCH;
+  }
+  if (attach.sync_level == net::AttachSyncLevel::kSyncPoint) return AP_SYNC_LEVEL_NOT_SUPPORTED;
+  if (attach.password) {
+    request.security_type = engine::kSecurityProgram;
+    request.user_id = attach.user_id ? ascii(*attach.user_id) : "";
+    request.password = engine::ebcdic_secret(attach.password->data(), attach.password->size());
+  } else if (attach.already_verified && attach.user_id) {
+    const config::PartnerLu *partner = remote_partner(session.partner());
+    if (partner == nullptr || !partner->trust_already_verified) return AP_SECURITY_NOT_VALID;
+    request.security_type = engine::kSecuritySame;
+    request.allocator_user = ascii(*attach.user_id);
+  } else if (attach.user_id) {
+    return AP_SECURITY_NOT_VALID;  // a user with neither password nor trust
+  }
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+    return AP_TP_NOT_AVAILABLE_RETRY;
+  }
+  client::UniqueFd tp_end(ends[1]);
+  daemon_end.reset(ends[0]);
+  ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+  const uint32_t refusal = broker_.attach_from_network(request, std::move(tp_end));
+  if (refusal != 0) daemon_end.reset();
+  return refusal;
+}
+
+void NetworkNode::send_biu(std::string_view, net::ByteSpan biu) {
+  if (!link_up_) return;
+  if (capture_) capture_->write_biu(net::CaptureDirection::kSent, biu, net::BiuFraming{});
+  // A datagram the link cannot take now is lost like a frame on a congested
+  // line; the sessions' protocol notices.
+  if (::send(link_.get(), biu.data(), biu.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
+      errno != EAGAIN && errno != EWOULDBLOCK) {
+    link_lost(std::strerror(errno));
+  }
+}
+
+void NetworkNode::on_ready() {
+  epoll_event events[32];
+  const int ready = ::epoll_wait(epoll_.get(), events, 32, 0);
+  for (int i = 0; i < ready; ++i) {
+    if (events[i].data.u64 == kLinkToken) {
+      read_link();
+      continue;
+    }
+    auto *conversation = reinterpret_cast<RemoteConversation *>(events[i].data.u64);
+    if (conversations_.count(conversation) != 0) conversation->on_ready(events[i].events);
+  }
+  sweep();
+}
+
+void NetworkNode::read_link() {
+  std::vector<uint8_t> buffer(kMaxBiu);
+  for (;;) {
+    const ssize_t n = ::recv(link_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      link_lost(n == 0 ? "the partner closed it" : std::strerror(errno));
+      return;
+    }
+    const net::ByteSpan biu(buffer.data(), static_cast<size_t>(n));
+    if (capture_) capture_->write_biu(net::CaptureDirection::kReceived, biu, net::BiuFraming{});
+    manager_->on_unit_received(link_partner_, biu);
+  }
+}
+
+void NetworkNode::link_lost(const std::string &why) {
+  if (!link_up_) return;
+  link_up_ = false;
+  log("network: link lost: " + log_safe(why));
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, link_.get(), nullptr);
+  for (auto &[key, conversation] : conversations_) conversation->on_link_lost(kSenseLinkLost);
+}
+
+void NetworkNode::on_timer() {
+  manager_->on_timer();
+  sweep();
+}
+
+std::optional<std::chrono::steady_clock::time_point> NetworkNode::next_deadline() const {
+  return manager_->next_deadline();
+}
+
+void NetworkNode::watch(RemoteConversation &conversation, uint32_t events) {
+  auto found = watched_.find(&conversation);
+  if (events == 0) {
+    if (found != watched_.end()) ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second, nullptr);
+    if (found != watched_.end()) watched_.erase(found);
+    return;
+  }
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = reinterpret_cast<uint64_t>(&conversation);
+  if (found == watched_.end()) {
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, conversation.fd(), &event);
+    watched_[&conversation] = conversation.fd();
+  } else {
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, found->second, &event);
+  }
+}
+
+void NetworkNode::sweep() {
+  std::erase_if(conversations_, [this](const auto &entry) {
+    if (!entry.second->finished()) return false;
+    watched_.erase(entry.first);
+    return true;
+  });
+}
+
+}  // namespace snanode::daemon

@@ -1,0 +1,83 @@
+// The daemon on the network: the LU-LU sessions of its default local LU with
+// partner LUs on another node, and the conversations on them.
+//
+// Units travel on a link the daemon is handed at start: a connected
+// SOCK_SEQPACKET (or SOCK_DGRAM) socket on which every datagram is one BIU
+// (TH + RH + RU).  That is the test transport; the Enterprise Extender link
+// over UDP takes its place later, with the same units.
+//
+// An allocation whose partner LU is configured with an owning control point
+// comes here from the broker: a session is allocated (CNOS and BIND run on
+// demand), the allocating TP gets its end of a new socket pair exactly as for
+// a local partner, and a RemoteConversation joins the other end to the
+// session.  A bracket the partner begins with an Attach goes through the
+// broker's attach logic to a local TP the same way.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "client/unique_fd.h"
+#include "config/node_config.h"
+#include "daemon/broker.h"
+#include "daemon/remote_conversation.h"
+#include "net/capture/pcap_writer.h"
+#include "net/lu62/session_manager.h"
+
+namespace snanode::daemon {
+
+class NetworkNode : public net::lu62::BiuTransport,
+                    public net::lu62::Clock,
+                    public net::lu62::IncomingConversations {
+ public:
+  // Takes `link_fd`.  `capture_file` (may be empty) gets every unit.
+  NetworkNode(const config::NodeConfig &config, client::UniqueFd link, Broker &broker,
+              BrokerOutput &output, const std::string &capture_file);
+  ~NetworkNode() override;
+  NetworkNode(const NetworkNode &) = delete;
+  NetworkNode &operator=(const NetworkNode &) = delete;
+
+  // One descriptor for the daemon's loop: readable when the link or a
+  // conversation's TP end has something to do.
+  int fd() const { return epoll_.get(); }
+  void on_ready();
+  void on_timer();
+  std::optional<std::chrono::steady_clock::time_point> next_deadline() const;
+
+  // The broker's RemoteAllocation.
+  bool allocate(ClientId client, const client::AllocateRequest &request,
+                const std::optional<std::string> &verified_user);
+
+ private:
+  // BiuTransport
+  void send_biu(std::string_view partner_lu, net::ByteSpan biu) override;
+  // Clock
+  time_point now() const override { return std::chrono::steady_clock::now(); }
+  // IncomingConversations
+  void on_partner_bracket(net::lu62::Session &session) override;
+
+  const config::PartnerLu *remote_partner(const std::string &name) const;
+  void read_link();
+  void link_lost(const std::string &why);
+  void watch(RemoteConversation &conversation, uint32_t events);
+  uint32_t attach(const net::Attach &attach, const net::lu62::Session &session,
+                  client::UniqueFd &daemon_end);
+  void sweep();
+  void log(const std::string &line) { output_.log(line); }
+
+  const config::NodeConfig &config_;
+  client::UniqueFd link_;
+  client::UniqueFd epoll_;
+  Broker &broker_;
+  BrokerOutput &output_;
+  std::unique_ptr<net::CaptureWriter> capture_;
+  std::unique_ptr<net::lu62::SessionManager> manager_;
+  std::string link_partner_;  // the partner LU the link reaches
+  bool link_up_ = true;
+  std::map<RemoteConversation *, std::unique_ptr<RemoteConversation>> conversations_;
+  std::map<RemoteConversation *, int> watched_;  // registered descriptor by conversation
+};
+
+}  // namespace snanode::daemon

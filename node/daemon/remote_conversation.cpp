@@ -1,0 +1,177 @@
+#include "daemon/remote_conversation.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+namespace snanode::daemon {
+
+using net::lu62::Output;
+
+// Frames for the TP the daemon holds before it stops the partner's flow.
+constexpr size_t kTpBacklogLimit = 1u << 20;
+
+RemoteConversation::RemoteConversation(net::lu62::ConversationTranslator translator,
+                                       net::lu62::Session &session, client::UniqueFd tp_end,
+                                       Watch watch, AttachHandler on_attach)
+    : translator_(std::move(translator)),
+      session_(&session),
+      tp_end_(std::move(tp_end)),
+      watch_(std::move(watch)),
+      on_attach_(std::move(on_attach)) {
+  session.attach_user(this);
+  update_watch();
+}
+
+RemoteConversation::~RemoteConversation() {
+  if (session_ != nullptr && session_->user() == this) session_->attach_user(nullptr);
+}
+
+bool RemoteConversation::finished() const {
+  return !tp_end_.valid() && (session_ == nullptr || translator_.ended());
+}
+
+void RemoteConversation::on_ready(uint32_t events) {
+  if ((events & EPOLLOUT) != 0) flush();
+  if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && tp_end_.valid() && !tp_stream_ended_) {
+    read_frames();
+  }
+  update_watch();
+}
+
+void RemoteConversation::read_frames() {
+  std::vector<engine::Frame> frames;
+  reader_.read(tp_end_.get(), frames, /*to_the_end=*/false);
+  for (const engine::Frame &frame : frames) apply(translator_.on_frame(frame));
+  if (reader_.end() == engine::FrameReader::End::kNone) return;
+  tp_stream_ended_ = true;
+  // The TP has gone: without a deallocation first, its partner hears an abend.
+  if (!translator_.ended()) apply(translator_.on_link_lost());
+  out_.clear();
+  close_tp_end();
+}
+
+void RemoteConversation::on_request(net::lu62::Session &, const net::Rh &rh, net::ByteSpan ru,
+                                    uint16_t) {
+  apply(translator_.on_unit(rh, ru));
+  update_watch();
+}
+
+void RemoteConversation::on_response(net::lu62::Session &, const net::Rh &rh, net::ByteSpan ru,
+                                     uint16_t) {
+  apply(translator_.on_unit(rh, ru));
+  update_watch();
+}
+
+void RemoteConversation::on_session_ended(net::lu62::Session &, uint32_t sense) {
+  session_ = nullptr;
+  apply(translator_.on_session_failure(sense));
+  update_watch();
+}
+
+void RemoteConversation::on_link_lost(uint32_t sense) {
+  if (session_ == nullptr) return;
+  session_ = nullptr;
+  apply(translator_.on_session_failure(sense));
+  update_watch();
+}
+
+void RemoteConversation::apply(Output out) {
+  if (out.attach) {
+    const uint32_t refusal = on_attach_(*out.attach, tp_end_);
+    if (refusal != 0) {
+      engine::Frame failed;
+      failed.type = engine::FrameType::kAttachFailed;
+      failed.code = refusal;
+      Output answer = translator_.on_frame(failed);
+      out.units.insert(out.units.end(), answer.units.begin(), answer.units.end());
+      out.frames.clear();
+    }
+  }
+  for (const net::lu62::Unit &unit : out.units) {
+    if (session_ == nullptr) break;
+    // A unit the session refuses (one this side got wrong) ends the TP's view
+    // of the conversation as a failure rather than leaving it waiting.
+    if (!session_->send_unit(unit.rh, unit.ru, unit.expedited).ok()) cut_ = true;
+    sent_any_ = true;
+  }
+  if (out.protocol_error != 0 && session_ != nullptr) {
+    net::lu62::Session *session = session_;
+    session_ = nullptr;  // its end reaches this conversation no more
+    session->attach_user(nullptr);
+    session->fail(out.protocol_error);
+    cut_ = true;
+  }
+  if (tp_end_.valid()) {
+    for (const engine::Frame &frame : out.frames) engine::encode_frame(frame, out_);
+  }
+  if (out.failure) cut_ = true;
+  // The bracket is over: the session may serve another conversation, and
+  // this one never touches it again.
+  if (translator_.ended()) {
+    if (!receive_ready_ && session_ != nullptr) session_->set_receive_ready(true);
+    receive_ready_ = true;
+    // Ended before anything went out (an abend first thing): the session's
+    // bracket was never used and goes back unused.
+    if (!sent_any_ && session_ != nullptr && session_->user() == this) session_->release();
+    session_ = nullptr;
+    if (!cut_ && !orderly_end_queued_ && tp_end_.valid()) {
+      out_.insert(out_.end(), std::begin(engine::kOrderlyEnd), std::end(engine::kOrderlyEnd));
+      orderly_end_queued_ = true;
+    }
+  }
+  flush();
+}
+
+void RemoteConversation::flush() {
+  if (!tp_end_.valid()) return;
+  size_t sent = 0;
+  while (sent < out_.size()) {
+    const ssize_t n =
+        ::send(tp_end_.get(), out_.data() + sent, out_.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+    // The TP's end is gone.
+    out_.clear();
+    sent = 0;
+    tp_stream_ended_ = true;
+    if (!translator_.ended()) apply(translator_.on_link_lost());
+    close_tp_end();
+    return;
+  }
+  out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(sent));
+  if (out_.empty() && (orderly_end_queued_ || cut_)) close_tp_end();
+  update_receive_ready();
+}
+
+void RemoteConversation::update_receive_ready() {
+  const bool ready = out_.size() < kTpBacklogLimit;
+  if (ready == receive_ready_ || session_ == nullptr) return;
+  receive_ready_ = ready;
+  session_->set_receive_ready(ready);
+}
+
+void RemoteConversation::close_tp_end() {
+  if (!tp_end_.valid()) return;
+  watched_ = 0;
+  watch_(*this, 0);
+  tp_end_.reset();
+}
+
+void RemoteConversation::update_watch() {
+  uint32_t events = 0;
+  if (tp_end_.valid()) {
+    if (!tp_stream_ended_) events |= EPOLLIN;
+    if (!out_.empty()) events |= EPOLLOUT;
+  }
+  if (events == watched_) return;
+  watched_ = events;
+  watch_(*this, events);
+}
+
+}  // namespace snanode::daemon

@@ -1,0 +1,339 @@
+// Two node daemons joined by a link of whole units (a SOCK_SEQPACKET socket
+// pair, the test transport of network_node.h): a TP on the first node
+// allocates to a TP on the second, and every byte and indicator crosses the
+// LU-LU session between them.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+
+#include "e2e/scenario_runner.h"
+
+namespace e2e {
+namespace {
+
+constexpr int kRuSize = 256;
+
+std::string node_config(const fs::path &dir, const char *cp, const char *lu, const char *partner,
+                        const char *partner_cp) {
+  std::ostringstream text;
+  text << "[node]\nname = \"" << cp << "\"\nnetwork_id = \"NETA\"\nattach_timeout_ms = 5000\n"
+       << "socket_path = \"" << (dir / "node.sock").string() << "\"\n"
+       << "[log]\ndir = \"" << dir.string() << "\"\n"
+       << "[network]\nenabled = true\ncp_name = \"NETA." << cp << "\"\n"
+       << "[[local_lu]]\nalias = \"" << lu << "\"\nlu_name = \"NETA." << lu << "\"\n"
+       << "[[partner_lu]]\nalias = \"" << partner << "\"\nlu_name = \"NETA." << partner
+       << "\"\nowning_cp = \"NETA." << partner_cp << "\"\n"
+       << "[[mode]]\nname = \"#INTER\"\nsession_limit = 4\nmax_ru_size = " << kRuSize
+       << "\npacing_window = 2\n";
+  return text.str();
+}
+
+std::string pattern_text(size_t size, char seed) {
+  std::string text(size, '\0');
+  for (size_t i = 0; i < size; ++i) text[i] = static_cast<char>(seed + static_cast<char>(i % 61));
+  return text;
+}
+
+const std::string kLarge = pattern_text(3 * kRuSize + 17, '!');
+
+// A conversation to `tp_name` at node B's LU, set up but not yet allocated.
+Conv initialize_remote(const std::string &tp_name, CM_CONVERSATION_TYPE type,
+                       CM_SYNC_LEVEL sync = CM_NONE) {
+  return initialize(tp_name, type, sync, "LUB");
+}
+
+// Node A's TP: records, a confirmation, the turn, the answer, the end.
+void allocator(Side &) {
+  Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION, CM_CONFIRM);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  CHECK_EQ(c.send("first record"), CM_OK);
+  CHECK_EQ(c.send(kLarge), CM_OK);
+  CHECK_EQ(c.send("third"), CM_OK);
+  CM_REQUEST_TO_SEND_RECEIVED rts = -1;
+  CHECK_EQ(c.call(cmcfm, &rts), CM_OK);
+  CHECK_EQ(c.send("turn", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  // Sync level confirm: each turn given is confirmed first.
+  const Received answer = c.receive_and(CM_CONFIRM_SEND_RECEIVED);
+  CHECK_DATA(answer, CM_COMPLETE_DATA_RECEIVED, "the answer", CM_CONFIRM_SEND_RECEIVED);
+  CHECK_EQ(c.call(cmcfmd), CM_OK);
+  CHECK_EQ(c.deallocate(), CM_OK);
+}
+
+// Node B's TP.
+void acceptor(Side &) {
+  Conv c = accept();
+  CHECK_DATA(c.receive(), CM_COMPLETE_DATA_RECEIVED, "first record", CM_NO_STATUS_RECEIVED);
+  CHECK_DATA(c.receive(), CM_COMPLETE_DATA_RECEIVED, kLarge, CM_NO_STATUS_RECEIVED);
+  CHECK_DATA(c.receive_and(CM_CONFIRM_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "third",
+             CM_CONFIRM_RECEIVED);
+  CHECK_EQ(c.call(cmcfmd), CM_OK);
+  CHECK_DATA(c.receive_and(CM_CONFIRM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "turn",
+             CM_CONFIRM_SEND_RECEIVED);
+  CHECK_EQ(c.call(cmcfmd), CM_OK);
+  CHECK_EQ(c.send("the answer", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  const Received end = c.receive();
+  CHECK_EQ(end.rc, CM_DEALLOCATED_NORMAL);
+  CHECK_EQ(end.data, CM_NO_DATA_RECEIVED);
+}
+
+// Basic records, an error reported by the side holding the turn, data after
+// it, and an abnormal end.
+void basic_allocator(Side &) {
+  Conv c = initialize_remote("E2E", CM_BASIC_CONVERSATION);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  CHECK_EQ(c.send(record(CM_BASIC_CONVERSATION, "row"), CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  // The partner's error on what it had just received (Send-Pending) purges.
+  CHECK_EQ(c.receive().rc, CM_PROGRAM_ERROR_PURGING);
+  CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED,
+             record(CM_BASIC_CONVERSATION, "after error"), CM_SEND_RECEIVED);
+  CHECK_EQ(c.deallocate(CM_DEALLOCATE_ABEND), CM_OK);
+}
+
+void basic_acceptor(Side &) {
+  Conv c = accept();
+  CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED,
+             record(CM_BASIC_CONVERSATION, "row"), CM_SEND_RECEIVED);
+  CHECK_EQ(c.call(cmserr, &c.rts), CM_OK);
+  CHECK_EQ(c.send(record(CM_BASIC_CONVERSATION, "after error"), CM_SEND_AND_PREP_TO_RECEIVE),
+           CM_OK);
+  CHECK_EQ(c.receive().rc, CM_DEALLOCATED_ABEND);
+}
+
+// PROGRAM security crosses the link: node B verifies the user and password.
+void program_security_allocator(Side &) {
+  for (const char *password : {"WRONG", "SECRET"}) {
+    Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+    REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
+    REQUIRE_EQ(c.name(cmscsu, "CLERK"), CM_OK);
+    REQUIRE_EQ(c.name(cmscsp, password), CM_OK);
+    REQUIRE_EQ(c.call(cmallc), CM_OK);
+    if (std::string(password) == "WRONG") {
+      CHECK_EQ(c.send("refused", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+      CHECK_EQ(c.receive().rc, CM_SECURITY_NOT_VALID);
+    } else {
+      CHECK_EQ(c.send("verified", CM_SEND_AND_DEALLOCATE), CM_OK);
+    }
+  }
+}
+
+void program_security_acceptor(Side &) {
+  Conv c = accept();
+  CHECK_DATA(c.receive(), CM_COMPLETE_DATA_RECEIVED, "verified", CM_NO_STATUS_RECEIVED);
+  CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
+}
+
+// Node B's daemon dies mid-conversation: both TPs' next verbs fail, and a new
+// allocation at node A is refused for a retry.
+void link_loss_allocator(Side &) {
+  Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  CHECK_EQ(c.send("before", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  REQUIRE_PARTNER();  // node B is gone
+  const CM_RETURN_CODE rc = c.receive().rc;
+  CHECK_EQ(rc == CM_RESOURCE_FAILURE_RETRY || rc == CM_RESOURCE_FAILURE_NO_RETRY, true);
+  Conv again = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+  // The allocation's outcome may come with the verb after it.
+  const CM_RETURN_CODE allocated = again.call(cmallc);
+  CHECK_EQ(allocated == CM_OK ? again.send("lost", CM_SEND_AND_PREP_TO_RECEIVE) : allocated,
+           CM_ALLOCATE_FAILURE_RETRY);
+}
+
+void link_loss_acceptor(Side &side) {
+  Conv c = accept();
+  CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "before",
+             CM_SEND_RECEIVED);
+  REQUIRE_EQ(::kill(side.daemon, SIGKILL), 0);
+  int status = 0;
+  ::waitpid(side.daemon, &status, 0);  // not this process's child: returns at once
+  std::this_thread::sleep_for(200ms);
+  side.post();
+  CHECK_EQ(c.send("after") == CM_OK && c.call(cmptr) == CM_OK && c.receive().rc == CM_OK, false);
+}
+
+// More than the daemon holds for a TP that does not read yet: pacing stops
+// the sender until B reads, and every byte still arrives.
+constexpr int kBulkRecords = 48;
+constexpr size_t kBulkSize = 30000;
+
+void bulk_allocator(Side &) {
+  Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  for (int i = 0; i < kBulkRecords; ++i) {
+    REQUIRE_EQ(c.send(pattern_text(kBulkSize, static_cast<char>('A' + i % 20))), CM_OK);
+  }
+  CHECK_EQ(c.deallocate(), CM_OK);
+}
+
+void bulk_acceptor(Side &) {
+  Conv c = accept();
+  std::this_thread::sleep_for(500ms);  // the sender fills what the daemons hold
+  for (int i = 0; i < kBulkRecords; ++i) {
+    const Received r = c.receive(static_cast<CM_INT32>(kBulkSize));
+    REQUIRE_EQ(r.rc, CM_OK);
+    CHECK_EQ(r.text == pattern_text(kBulkSize, static_cast<char>('A' + i % 20)), true);
+  }
+  CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
+}
+
+// A TP name node B does not know: the allocating TP hears it on its next verb.
+void unknown_tp(Side &) {
+  Conv c = initialize_remote("NOSUCHTP", CM_MAPPED_CONVERSATION);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  CHECK_EQ(c.send("lost", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  CHECK_EQ(c.receive().rc, CM_TPN_NOT_RECOGNIZED);
+}
+
+struct TwoNodes {
+  fs::path base;
+  std::array<fs::path, 2> dirs;
+  Children children;
+  bool up = false;
+
+  TwoNodes() {
+    char pattern[] = "/tmp/cpic-2node-XXXXXX";
+    if (::mkdtemp(pattern) == nullptr) return;
+    base = pattern;
+    dirs = {base / "a", base / "b"};
+    for (const auto &dir : dirs) fs::create_directories(dir);
+    std::ofstream(dirs[0] / "node.toml") << node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB");
+    std::ofstream(dirs[1] / "node.toml")
+        << node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA")
+        << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n";
+    int link[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, link) != 0) return;
+    up = start_daemon(dirs[0], children, link[0], link[1]) &&
+         start_daemon(dirs[1], children, link[1], link[0]);
+    ::close(link[0]);
+    ::close(link[1]);
+  }
+  ~TwoNodes() {
+    for (auto &child : children.list) ::kill(child.pid, SIGTERM);
+    for (auto &child : children.list) {
+      for (const auto until = Clock::now() + 5s; !children.reap(child, WNOHANG);) {
+        if (Clock::now() > until) break;
+        std::this_thread::sleep_for(10ms);
+      }
+    }
+    if (std::getenv("CPIC_E2E_KEEP") != nullptr || ::testing::Test::HasFailure()) {
+      std::cerr << "two-node files in " << base << "\n";
+    } else {
+      fs::remove_all(base);
+    }
+  }
+
+  // Runs `client` as a TP of node A and `server` (if any) as one of node B
+  // serving E2E; every failed check reaches the test.
+  void run(void (*client)(Side &), void (*server)(Side &), pid_t server_daemon = -1) {
+    int report[2], to_server[2], to_client[2];
+    ASSERT_EQ(
+        ::pipe2(report, O_CLOEXEC) | ::pipe2(to_server, O_CLOEXEC) | ::pipe2(to_client, O_CLOEXEC),
+        0);
+    Side a{"client", dirs[0] / "client", -1, report[1], to_client[0], to_server[1]};
+    Side b{"server", dirs[1] / "server", server_daemon, report[1], to_server[0], to_client[1]};
+    if (server == nullptr) a.from_partner = a.to_partner = -1;
+    std::vector<pid_t> sides;
+    auto start = [&](Side &side, const fs::path &dir, void (*body)(Side &)) {
+      fs::create_directories(side.log_dir);
+      std::fflush(nullptr);
+      const pid_t pid = ::fork();
+      if (pid == 0) {
+        enter_node(dir, side, Deploy::kProcesses);
+        run_side(side, body, {"E2E"});
+        std::exit(0);
+      }
+      sides.push_back(pid);
+    };
+    if (server != nullptr) start(b, dirs[1], server);
+    start(a, dirs[0], client);
+    for (int fd : {report[1], to_server[0], to_server[1], to_client[0], to_client[1]}) ::close(fd);
+    std::string text;
+    char buffer[4096];
+    for (const auto until = Clock::now() + 20s; Clock::now() < until;) {
+      pollfd p{report[0], POLLIN, 0};
+      if (::poll(&p, 1, 100) == 0) continue;
+      const ssize_t n = ::read(report[0], buffer, sizeof buffer);
+      if (n <= 0) break;
+      text.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(report[0]);
+    for (pid_t pid : sides) {
+      ::kill(pid, SIGKILL);  // only when they did not end in time
+      int status = 0;
+      ::waitpid(pid, &status, 0);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a TP ended badly";
+    }
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+      if (line[0] == 'F' || line[0] == 'A') ADD_FAILURE() << line.substr(2);
+    }
+  }
+};
+
+TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
+  TwoNodes nodes;
+  ASSERT_TRUE(nodes.up) << "no daemons: see " << nodes.base;
+  nodes.run(allocator, acceptor);
+  nodes.run(basic_allocator, basic_acceptor);
+  nodes.run(unknown_tp, nullptr);
+  nodes.run(program_security_allocator, program_security_acceptor);
+  nodes.run(bulk_allocator, bulk_acceptor);
+  nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
+  if (::system("command -v tshark >/dev/null 2>&1") != 0) return;
+  for (const auto &dir : nodes.dirs) {
+    const std::string capture = (dir / "units.pcap").string();
+    const std::string count = "tshark -r " + capture + " 2>/dev/null | wc -l";
+    const std::string bad =
+        "tshark -r " + capture + " -Y '_ws.malformed || _ws.expert' 2>/dev/null";
+    std::array<char, 4096> out{};
+    FILE *pipe = ::popen(count.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    const size_t n = std::fread(out.data(), 1, out.size() - 1, pipe);
+    ::pclose(pipe);
+    EXPECT_GT(std::atoi(std::string(out.data(), n).c_str()), 10) << capture;
+    pipe = ::popen(bad.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    const size_t m = std::fread(out.data(), 1, out.size() - 1, pipe);
+    EXPECT_EQ(::pclose(pipe), 0) << "tshark could not read " << capture;
+    EXPECT_EQ(std::string(out.data(), m), "") << capture;
+  }
+}
+
+// `snanoded --check` names what is wrong with the network's keys.
+TEST(TwoNodes, CheckExplainsNetworkKeys) {
+  char pattern[] = "/tmp/cpic-2node-check-XXXXXX";
+  ASSERT_NE(::mkdtemp(pattern), nullptr);
+  const fs::path dir = pattern;
+  const std::string partner =
+      "[[partner_lu]]\nalias = \"LUB\"\nlu_name = \"NETA.LUB\"\nowning_cp = \"NETA.NODEB\"\n";
+  const std::pair<std::string, std::string> cases[] = {
+      {"[node]\nnetwork_id = \"NETA\"\n" + partner, "[network] is not enabled"},
+      {"[network]\nenabled = true\n", "cp_name"},
+      {"[node]\nnetwork_id = \"NETA\"\n[network]\nenabled = true\ncp_name = \"NETB.CP\"\n",
+       "is not in the network NETA"},
+      {"[[mode]]\nname = \"#INTER\"\nmax_ru_size = 100\n", "max_ru_size"},
+      {"[[mode]]\nname = \"#INTER\"\npacing_window = 64\n", "pacing_window"},
+  };
+  for (const auto &[text, expected] : cases) {
+    std::ofstream(dir / "bad.toml") << text;
+    const std::string command =
+        std::string(SNANODED_PATH) + " --check " + (dir / "bad.toml").string() + " 2>&1";
+    FILE *pipe = ::popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::array<char, 4096> out{};
+    const std::string said(out.data(), std::fread(out.data(), 1, out.size() - 1, pipe));
+    EXPECT_NE(::pclose(pipe), 0) << text;
+    EXPECT_NE(said.find(expected), std::string::npos) << text << "\n" << said;
+  }
+  std::ofstream(dir / "good.toml") << "[node]\nnetwork_id = \"NETA\"\n[network]\nenabled = true\n"
+                                      "cp_name = \"NETA.NODEA\"\n" +
+                                          partner;
+  EXPECT_EQ(::system((std::string(SNANODED_PATH) + " --check " + (dir / "good.toml").string() +
+                      " >/dev/null 2>&1")
+                         .c_str()),
+            0);
+  fs::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace e2e
