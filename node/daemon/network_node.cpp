@@ -232,12 +232,33 @@ uint32_t NetworkNode::attach(const Attach &attach, const net::lu62::Session &ses
 void NetworkNode::send_biu(std::string_view, net::ByteSpan biu) {
   if (!link_up_) return;
   if (capture_) capture_->write_biu(net::CaptureDirection::kSent, biu, net::BiuFraming{});
-  // A datagram the link cannot take now is lost like a frame on a congested
-  // line; the sessions' protocol notices.
-  if (::send(link_.get(), biu.data(), biu.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
-      errno != EAGAIN && errno != EWOULDBLOCK) {
-    link_lost(std::strerror(errno));
+  // A burst (a thousand brackets ending at once) can fill the link's buffer:
+  // what does not fit waits, behind anything already waiting.
+  link_queue_.emplace_back(biu.begin(), biu.end());
+  flush_link();
+}
+
+void NetworkNode::flush_link() {
+  while (link_up_ && !link_queue_.empty()) {
+    const net::Bytes &biu = link_queue_.front();
+    if (::send(link_.get(), biu.data(), biu.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) link_lost(std::strerror(errno));
+      break;
+    }
+    link_queue_.pop_front();
   }
+  watch_link();
+}
+
+void NetworkNode::watch_link() {
+  const bool want_out = link_up_ && !link_queue_.empty();
+  if (want_out == link_out_watched_ || !link_up_) return;
+  link_out_watched_ = want_out;
+  epoll_event event{};
+  event.events = EPOLLIN | (want_out ? EPOLLOUT : 0u);
+  event.data.u64 = kLinkToken;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, link_.get(), &event);
 }
 
 void NetworkNode::on_ready() {
@@ -245,7 +266,8 @@ void NetworkNode::on_ready() {
   const int ready = ::epoll_wait(epoll_.get(), events, 32, 0);
   for (int i = 0; i < ready; ++i) {
     if (events[i].data.u64 == kLinkToken) {
-      read_link();
+      if ((events[i].events & EPOLLOUT) != 0) flush_link();
+      if ((events[i].events & ~uint32_t{EPOLLOUT}) != 0) read_link();
       continue;
     }
     auto *conversation = reinterpret_cast<RemoteConversation *>(events[i].data.u64);
@@ -273,6 +295,7 @@ void NetworkNode::read_link() {
 void NetworkNode::link_lost(const std::string &why) {
   if (!link_up_) return;
   link_up_ = false;
+  link_queue_.clear();
   log("network: link lost: " + log_safe(why));
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, link_.get(), nullptr);
   for (auto &[key, conversation] : conversations_) conversation->on_link_lost(kSenseLinkLost);

@@ -14,6 +14,7 @@
 // broker's attach logic to a local TP the same way.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -60,6 +61,9 @@ class NetworkNode : public net::lu62::BiuTransport,
 
   const config::PartnerLu *remote_partner(const std::string &name) const;
   void read_link();
+  // Sends the units the link could not take when they were made, in order.
+  void flush_link();
+  void watch_link();
   void link_lost(const std::string &why);
   void watch(RemoteConversation &conversation, uint32_t events);
   uint32_t attach(const net::Attach &attach, const net::lu62::Session &session,
@@ -76,6 +80,10 @@ class NetworkNode : public net::lu62::BiuTransport,
   std::unique_ptr<net::lu62::SessionManager> manager_;
   std::string link_partner_;  // the partner LU the link reaches
   bool link_up_ = true;
+  // Units waiting for room on the link.  The link is reliable and the
+  // sessions never resend, so a unit must wait rather than be lost.
+  std::deque<net::Bytes> link_queue_;
+  bool link_out_watched_ = false;
   std::map<RemoteConversation *, std::unique_ptr<RemoteConversation>> conversations_;
   std::map<RemoteConversation *, int> watched_;  // registered descriptor by conversation
 };

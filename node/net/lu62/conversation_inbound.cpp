@@ -93,7 +93,11 @@ void ConversationTranslator::take_request(const Rh &rh, ByteSpan ru, Output &out
   if (holder_ && !awaiting_turn_) return fail(sense::kDirectionError, out);
   last_request_ = rh;
   response_owed_ = asks_confirmation(rh);
-  if (rh.form() == ResponseForm::kRqd1) {
+  request_received_ = true;
+  if (negative_response_due_) {
+    negative_response_due_ = false;
+    negative_response(sense::kErpMessageForthcoming, out);
+  } else if (rh.form() == ResponseForm::kRqd1) {
     // A partner may end a bracket with RQD1 (Deallocate flush): answered at
     // once, the TP has nothing to confirm.
     Unit rsp{response_rh(rh, false), {}};

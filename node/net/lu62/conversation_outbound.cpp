@@ -267,6 +267,11 @@ void ConversationTranslator::report_error(DeferredError error, Output &out) {
 }
 
 void ConversationTranslator::negative_response(uint32_t sense, Output &out) {
+  if (!request_received_) {
+    // Nothing to answer yet: the partner's data may still be on its way.
+    negative_response_due_ = true;
+    return;
+  }
   Unit rsp{response_rh(last_request_, true), {}};
   NegativeResponse nr{sense, std::nullopt};
   if (last_request_.category != RuCategory::kFmd && decision::kNegativeResponseEchoesRequestCode) {

@@ -153,6 +153,11 @@ class ConversationTranslator {
   // a definite response.
   Rh last_request_;
   bool response_owed_ = false;
+  bool request_received_ = false;  // the partner has sent a request in this bracket
+  // An error came before anything of the partner's: its −RSP(X'0846') answers
+  // the partner's first request, which cannot be far behind (the partner
+  // holds the turn, so it must send something).
+  bool negative_response_due_ = false;
 
   // Purging after an error from the side without the send right:
   //  - `awaiting_turn_`: this side sent −RSP(X'0846') and waits for the
