@@ -19,6 +19,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -109,6 +111,23 @@ inline pid_t spawn(const std::vector<std::string> &args, const std::vector<int> 
   std::fprintf(stderr, "%s: cannot run %s: %s\n", program_invocation_short_name, argv[0],
                std::strerror(errno));
   ::_exit(127);
+}
+
+// User and system time of process `pid` so far, in seconds (clock ticks).
+inline double process_cpu_seconds(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), {});
+  const size_t end_of_name = stat.rfind(')');
+  if (end_of_name == std::string::npos) return 0;
+  std::istringstream fields(stat.substr(end_of_name + 2));
+  std::string field;
+  double utime = 0, stime = 0;
+  // After the name: state is field 3, utime 14, stime 15.
+  for (int n = 3; n <= 15 && fields >> field; ++n) {
+    if (n == 14) utime = std::atof(field.c_str());
+    if (n == 15) stime = std::atof(field.c_str());
+  }
+  return (utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 inline bool daemon_answers(const fs::path &socket) {

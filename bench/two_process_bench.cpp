@@ -560,14 +560,21 @@ struct PairResult {
   Test test;
   long size;
   std::vector<BlockReport> reports;
+  double daemon_cpu_us = 0;  // of the daemons, over the whole pair's run
 };
 
 // Runs one test at one size: a client and a server process, their reports.
 // The client is a user of the node of `client_config`, the server of
 // `server_config`: the same daemon, or two joined by a link.
 PairResult run_pair(const Options &o, const fs::path &dir, const fs::path &client_config,
-                    const fs::path &server_config, const std::string &placement, Test test,
-                    long size) {
+                    const fs::path &server_config, const std::string &placement,
+                    const std::vector<pid_t> &daemons, Test test, long size) {
+  auto daemons_cpu_us = [&] {
+    double sum = 0;
+    for (pid_t daemon : daemons) sum += process_cpu_seconds(daemon) * 1e6;
+    return sum;
+  };
+  const double daemon_cpu_before = daemons_cpu_us();
   int link[2], client_report[2], server_report[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link) != 0 ||
       ::pipe2(client_report, O_CLOEXEC) != 0 || ::pipe2(server_report, O_CLOEXEC) != 0) {
@@ -626,6 +633,7 @@ PairResult run_pair(const Options &o, const fs::path &dir, const fs::path &clien
     die(test_name + " at " + std::to_string(size) + " B: a process failed (kept " + dir.string() +
         ")");
   }
+  result.daemon_cpu_us = daemons_cpu_us() - daemon_cpu_before;
   return result;
 }
 
@@ -691,8 +699,8 @@ void print_results(const Options &o, const std::vector<PairResult> &all,
       "\nPer %s, medians: CPU time (us, whole process) and context switches "
       "(voluntary+involuntary)\n",
       "turn (latency) or record (throughput)");
-  std::printf("%-11s %-7s %-5s %10s %10s %12s %12s\n", "test", "size", "path", "client cpu",
-              "server cpu", "client csw", "server csw");
+  std::printf("%-11s %-7s %-5s %10s %10s %12s %12s %12s\n", "test", "size", "path", "client cpu",
+              "server cpu", "client csw", "server csw", "daemons cpu");
   for (const auto &r : results) {
     for (Path path : {Path::kRaw, Path::kCpic}) {
       if ((path == Path::kRaw && !o.raw) || (path == Path::kCpic && !o.cpic)) continue;
@@ -706,9 +714,19 @@ void print_results(const Options &o, const std::vector<PairResult> &all,
         cpu[side] = spread(cpus).median;
         csw[side] = spread(switches).median;
       }
-      std::printf("%-11s %-7ld %-5s %10.2f %10.2f %12.3f %12.3f\n",
+      // The daemons work for the CPI-C path alone: their CPU time over every
+      // CPI-C turn or record of the client, calibration included.
+      double cpic_ops = 0;
+      for (const auto &b : r.reports) {
+        if (b.side == 0 && b.path == static_cast<uint32_t>(Path::kCpic)) cpic_ops += b.count;
+      }
+      char daemons[32] = "-";
+      if (path == Path::kCpic && cpic_ops > 0) {
+        std::snprintf(daemons, sizeof daemons, "%.2f", r.daemon_cpu_us / cpic_ops);
+      }
+      std::printf("%-11s %-7ld %-5s %10.2f %10.2f %12.3f %12.3f %12s\n",
                   r.test == Test::kLatency ? "latency" : "throughput", r.size, path_name(path),
-                  cpu[0], cpu[1], csw[0], csw[1]);
+                  cpu[0], cpu[1], csw[0], csw[1], daemons);
     }
   }
   if (o.verbose) {
@@ -793,7 +811,8 @@ void run_two_nodes(const Options &o, const fs::path &dir, long ru_size,
   ::close(link[1]);
   const std::string placement = "two nodes, RU " + std::to_string(ru_size);
   for (Test test : o.tests) {
-    for (long size : o.sizes) results.push_back(run_pair(o, dir, a, b, placement, test, size));
+    for (long size : o.sizes)
+      results.push_back(run_pair(o, dir, a, b, placement, {daemon_a, daemon_b}, test, size));
   }
   stop_daemon(daemon_a);
   stop_daemon(daemon_b);
@@ -822,7 +841,7 @@ int orchestrate(const Options &o) {
     const pid_t daemon = start_daemon(o.snanoded, config, dir / "snanode.sock", dir / "daemon.out");
     for (Test test : o.tests) {
       for (long size : o.sizes) {
-        results.push_back(run_pair(o, dir, config, config, "local", test, size));
+        results.push_back(run_pair(o, dir, config, config, "local", {daemon}, test, size));
       }
     }
     stop_daemon(daemon);
