@@ -5,6 +5,7 @@
 //                     [--tests latency,throughput] [--paths raw,cpic] [--mode NAME]
 //                     [--snanoded PATH] [--wrap-client CMD] [--wrap-server CMD]
 //                     [--pin same|split] [--keep] [--verbose]
+//                     [--nodes one|two|both] [--ru-sizes 1024,16384] [--pacing N]
 //
 // The program starts its own snanoded in a temporary directory (a
 // configuration of its own with the daemon's socket and the logs there), then
@@ -38,17 +39,21 @@
 // to CPU 0, --pin split the server to CPU 0 and the client to CPU 1; without
 // it the scheduler chooses, as it does for real programs.
 //
+// --nodes two (or both: one node first, then two) runs the same tests
+// between two nodes: two daemons joined by a SOCK_SEQPACKET socketpair, the
+// test link, the client a user of node A, the server of node B, so every
+// CPI-C byte crosses both daemons and the link.  One pair of daemons for each
+// of --ru-sizes (the mode's max_ru_size, both ways), with --pacing as the
+// mode's pacing window.  Then a table puts each two-node figure against the
+// one-node one.
+//
 // --wrap-client / --wrap-server run that side under a command (for example
 // "strace -f -c -o client.txt" or "perf record -g -o server.data"), so a
 // profile can be taken of one side alone.
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,46 +73,16 @@
 #include <thread>
 #include <vector>
 
+#include "bench_processes.h"
 #include "cpic.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace bench;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char *kServerTp = "BENCHSRV";
 constexpr long kMaxRecord = 32767;  // the largest record one CPI-C send takes
-
-[[noreturn]] void die(const std::string &what) {
-  std::fprintf(stderr, "two_process_bench: %s\n", what.c_str());
-  std::exit(1);
-}
-
-// ---- raw socket helpers ---------------------------------------------------------
-
-bool read_all(int fd, void *data, size_t size) {
-  auto *p = static_cast<uint8_t *>(data);
-  while (size > 0) {
-    const ssize_t n = ::read(fd, p, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool write_all(int fd, const void *data, size_t size) {
-  const auto *p = static_cast<const uint8_t *>(data);
-  while (size > 0) {
-    const ssize_t n = ::write(fd, p, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
 
 // ---- what the processes tell each other ------------------------------------------
 
@@ -463,6 +438,9 @@ struct Options {
   std::string wrap_client, wrap_server;
   std::string pin;  // "", "same" or "split"
   bool keep = false, verbose = false;
+  bool one_node = true, two_nodes = false;  // --nodes one|two|both
+  std::vector<long> ru_sizes{1024};         // one pair of linked daemons each
+  long pacing_window = 7;
 };
 
 std::vector<std::string> split(const std::string &text, char separator) {
@@ -481,6 +459,7 @@ std::vector<std::string> split(const std::string &text, char separator) {
                "         [--tests latency,throughput] [--paths raw,cpic] [--mode NAME]\n"
                "         [--snanoded PATH] [--wrap-client CMD] [--wrap-server CMD]\n"
                "         [--pin same|split] [--keep] [--verbose]\n"
+               "         [--nodes one|two|both] [--ru-sizes 1024,16384] [--pacing N]\n"
                "  default: 15 repetitions of 0.05 s blocks; --long: 31 of 0.3 s\n");
   std::exit(2);
 }
@@ -526,6 +505,16 @@ Options parse(int argc, char **argv) {
     } else if (arg == "--pin") {
       o.pin = value();
       if (o.pin != "same" && o.pin != "split") usage();
+    } else if (arg == "--nodes") {
+      const std::string nodes = value();
+      if (nodes != "one" && nodes != "two" && nodes != "both") usage();
+      o.one_node = nodes != "two";
+      o.two_nodes = nodes != "one";
+    } else if (arg == "--ru-sizes") {
+      o.ru_sizes.clear();
+      for (const auto &s : split(value(), ',')) o.ru_sizes.push_back(std::atol(s.c_str()));
+    } else if (arg == "--pacing") {
+      o.pacing_window = std::atol(value().c_str());
     } else if (arg == "--keep") {
       o.keep = true;
     } else if (arg == "--verbose") {
@@ -537,71 +526,14 @@ Options parse(int argc, char **argv) {
   if (o.reps < 1 || o.seconds <= 0 || o.sizes.empty() || o.tests.empty() || (!o.raw && !o.cpic)) {
     usage();
   }
+  for (long ru : o.ru_sizes) {
+    if (ru < 256 || ru > 16384) die("RU sizes are 256 to 16384");
+  }
+  if (o.ru_sizes.empty() || o.pacing_window < 0 || o.pacing_window > 63) usage();
   for (long size : o.sizes) {
     if (size < 1 || size > kMaxRecord) die("record sizes are 1 to " + std::to_string(kMaxRecord));
   }
   return o;
-}
-
-std::string self_path() {
-  std::error_code error;
-  const auto path = fs::read_symlink("/proc/self/exe", error);
-  if (error) die("cannot find this program's own path");
-  return path.string();
-}
-
-std::string load_average() {
-  std::ifstream in("/proc/loadavg");
-  std::string one, five, fifteen;
-  in >> one >> five >> fifteen;
-  return one + " " + five + " " + fifteen;
-}
-
-// Starts a program in a child with the environment set, standard output and
-// error going to `log`, the descriptors in `keep` inherited, and (`cpu` not
-// negative) bound to one CPU.
-pid_t spawn(const std::vector<std::string> &args, const std::vector<int> &keep,
-            const std::vector<std::pair<std::string, std::string>> &env, const fs::path &log,
-            int cpu = -1) {
-  const pid_t pid = ::fork();
-  if (pid < 0) die("fork failed");
-  if (pid > 0) return pid;
-  // A benchmark stopped from outside takes its daemon and processes with it.
-  ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-  if (cpu >= 0) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    if (::sched_setaffinity(0, sizeof set, &set) != 0) {
-      std::fprintf(stderr, "two_process_bench: cannot bind to CPU %d\n", cpu);
-      ::_exit(127);
-    }
-  }
-  for (const auto &[name, value] : env) ::setenv(name.c_str(), value.c_str(), 1);
-  for (int fd : keep) ::fcntl(fd, F_SETFD, 0);
-  if (!log.empty()) {
-    const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (out >= 0) {
-      ::dup2(out, 1);
-      ::dup2(out, 2);
-    }
-  }
-  std::vector<char *> argv;
-  for (const auto &arg : args) argv.push_back(const_cast<char *>(arg.c_str()));
-  argv.push_back(nullptr);
-  ::execvp(argv[0], argv.data());
-  std::fprintf(stderr, "two_process_bench: cannot run %s: %s\n", argv[0], std::strerror(errno));
-  ::_exit(127);
-}
-
-bool daemon_answers(const fs::path &socket) {
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
-  const bool up = ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-  ::close(fd);
-  return up;
 }
 
 // One figure over the repetitions: its median and its extremes.
@@ -624,21 +556,34 @@ std::string show(const Spread &s, int decimals) {
 }
 
 struct PairResult {
+  std::string placement;  // "local", or the two nodes and their RU size
   Test test;
   long size;
   std::vector<BlockReport> reports;
+  double daemon_cpu_us = 0;  // of the daemons, over the whole pair's run
 };
 
 // Runs one test at one size: a client and a server process, their reports.
-PairResult run_pair(const Options &o, const fs::path &dir, const fs::path &config, Test test,
-                    long size) {
+// The client is a user of the node of `client_config`, the server of
+// `server_config`: the same daemon, or two joined by a link.
+PairResult run_pair(const Options &o, const fs::path &dir, const fs::path &client_config,
+                    const fs::path &server_config, const std::string &placement,
+                    const std::vector<pid_t> &daemons, Test test, long size) {
+  auto daemons_cpu_us = [&] {
+    double sum = 0;
+    for (pid_t daemon : daemons) sum += process_cpu_seconds(daemon) * 1e6;
+    return sum;
+  };
+  const double daemon_cpu_before = daemons_cpu_us();
   int link[2], client_report[2], server_report[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link) != 0 ||
       ::pipe2(client_report, O_CLOEXEC) != 0 || ::pipe2(server_report, O_CLOEXEC) != 0) {
     die("cannot make the socketpair and pipes");
   }
-  const std::vector<std::pair<std::string, std::string>> env{{"SNANODE_CONFIG", config.string()},
-                                                             {"SNANODE_DAEMON", "required"}};
+  auto env = [](const fs::path &config) {
+    return std::vector<std::pair<std::string, std::string>>{{"SNANODE_CONFIG", config.string()},
+                                                            {"SNANODE_DAEMON", "required"}};
+  };
   const std::string self = self_path();
   const std::string test_name = test == Test::kLatency ? "latency" : "throughput";
   auto command = [](const std::string &wrap, std::vector<std::string> args) {
@@ -646,29 +591,29 @@ PairResult run_pair(const Options &o, const fs::path &dir, const fs::path &confi
     out.insert(out.end(), args.begin(), args.end());
     return out;
   };
-  const pid_t server =
-      spawn(command(o.wrap_server,
-                    {self, "--run-server", test_name, std::to_string(size), o.cpic ? "1" : "0",
-                     std::to_string(link[1]), std::to_string(server_report[1])}),
-            {link[1], server_report[1]}, env, dir / "server.out", o.pin.empty() ? -1 : 0);
+  const pid_t server = spawn(
+      command(o.wrap_server,
+              {self, "--run-server", test_name, std::to_string(size), o.cpic ? "1" : "0",
+               std::to_string(link[1]), std::to_string(server_report[1])}),
+      {link[1], server_report[1]}, env(server_config), dir / "server.out", o.pin.empty() ? -1 : 0);
   const pid_t client =
       spawn(command(o.wrap_client,
                     {self, "--run-client", test_name, std::to_string(size), std::to_string(o.reps),
                      std::to_string(o.seconds), o.raw ? "1" : "0", o.cpic ? "1" : "0", o.mode,
                      std::to_string(link[0]), std::to_string(client_report[1])}),
-            {link[0], client_report[1]}, env, dir / "client.out",
+            {link[0], client_report[1]}, env(client_config), dir / "client.out",
             o.pin.empty()     ? -1
             : o.pin == "same" ? 0
                               : 1);
   if (o.verbose) {
-    std::printf("%s %ld B: client pid %d, server pid %d\n", test_name.c_str(), size, client,
-                server);
+    std::printf("%s, %s %ld B: client pid %d, server pid %d\n", placement.c_str(),
+                test_name.c_str(), size, client, server);
   }
   ::close(link[0]);
   ::close(link[1]);
   ::close(client_report[1]);
   ::close(server_report[1]);
-  PairResult result{test, size, {}};
+  PairResult result{placement, test, size, {}};
   for (int fd : {client_report[0], server_report[0]}) {
     BlockReport report;
     while (read_all(fd, &report, sizeof report)) result.reports.push_back(report);
@@ -688,6 +633,7 @@ PairResult run_pair(const Options &o, const fs::path &dir, const fs::path &confi
     die(test_name + " at " + std::to_string(size) + " B: a process failed (kept " + dir.string() +
         ")");
   }
+  result.daemon_cpu_us = daemons_cpu_us() - daemon_cpu_before;
   return result;
 }
 
@@ -704,7 +650,28 @@ std::vector<BlockReport> of(const PairResult &r, uint32_t side, Path path) {
   return out;
 }
 
-void print_results(const Options &o, const std::vector<PairResult> &results) {
+// Latency in microseconds per turn; throughput in MB/s.
+double figure(const PairResult &r, const BlockReport &b) {
+  return r.test == Test::kLatency
+             ? b.seconds * 1e6 / b.count
+             : static_cast<double>(b.count) * static_cast<double>(r.size) / b.seconds / 1e6;
+}
+
+std::vector<double> figures(const PairResult &r, Path path) {
+  std::vector<double> out;
+  for (const auto &b : of(r, 0, path)) out.push_back(figure(r, b));
+  return out;
+}
+
+// The results of one placement.
+void print_results(const Options &o, const std::vector<PairResult> &all,
+                   const std::string &placement) {
+  std::vector<PairResult> results;
+  for (const auto &r : all) {
+    if (r.placement == placement) results.push_back(r);
+  }
+  if (results.empty()) return;
+  std::printf("\n==== %s\n", placement.c_str());
   for (Test test : {Test::kLatency, Test::kThroughput}) {
     bool header = false;
     for (const auto &r : results) {
@@ -717,17 +684,9 @@ void print_results(const Options &o, const std::vector<PairResult> &results) {
                     latency ? "(target <= 1.25)" : "(target >= 0.8 at 32 KB)");
         header = true;
       }
-      // Latency in microseconds per turn; throughput in MB/s.
-      auto figure = [&](const BlockReport &b) {
-        return latency
-                   ? b.seconds * 1e6 / b.count
-                   : static_cast<double>(b.count) * static_cast<double>(r.size) / b.seconds / 1e6;
-      };
-      const auto raw = of(r, 0, Path::kRaw), cpic = of(r, 0, Path::kCpic);
-      std::vector<double> raw_figures, cpic_figures, ratios;
-      for (const auto &b : raw) raw_figures.push_back(figure(b));
-      for (const auto &b : cpic) cpic_figures.push_back(figure(b));
-      for (size_t i = 0; i < raw.size() && i < cpic.size(); ++i) {
+      const auto raw_figures = figures(r, Path::kRaw), cpic_figures = figures(r, Path::kCpic);
+      std::vector<double> ratios;
+      for (size_t i = 0; i < raw_figures.size() && i < cpic_figures.size(); ++i) {
         ratios.push_back(cpic_figures[i] / raw_figures[i]);
       }
       std::printf("%-7ld %-26s %-26s %-22s\n", r.size, show(spread(raw_figures), 1).c_str(),
@@ -740,8 +699,8 @@ void print_results(const Options &o, const std::vector<PairResult> &results) {
       "\nPer %s, medians: CPU time (us, whole process) and context switches "
       "(voluntary+involuntary)\n",
       "turn (latency) or record (throughput)");
-  std::printf("%-11s %-7s %-5s %10s %10s %12s %12s\n", "test", "size", "path", "client cpu",
-              "server cpu", "client csw", "server csw");
+  std::printf("%-11s %-7s %-5s %10s %10s %12s %12s %12s\n", "test", "size", "path", "client cpu",
+              "server cpu", "client csw", "server csw", "daemons cpu");
   for (const auto &r : results) {
     for (Path path : {Path::kRaw, Path::kCpic}) {
       if ((path == Path::kRaw && !o.raw) || (path == Path::kCpic && !o.cpic)) continue;
@@ -755,9 +714,19 @@ void print_results(const Options &o, const std::vector<PairResult> &results) {
         cpu[side] = spread(cpus).median;
         csw[side] = spread(switches).median;
       }
-      std::printf("%-11s %-7ld %-5s %10.2f %10.2f %12.3f %12.3f\n",
+      // The daemons work for the CPI-C path alone: their CPU time over every
+      // CPI-C turn or record of the client, calibration included.
+      double cpic_ops = 0;
+      for (const auto &b : r.reports) {
+        if (b.side == 0 && b.path == static_cast<uint32_t>(Path::kCpic)) cpic_ops += b.count;
+      }
+      char daemons[32] = "-";
+      if (path == Path::kCpic && cpic_ops > 0) {
+        std::snprintf(daemons, sizeof daemons, "%.2f", r.daemon_cpu_us / cpic_ops);
+      }
+      std::printf("%-11s %-7ld %-5s %10.2f %10.2f %12.3f %12.3f %12s\n",
                   r.test == Test::kLatency ? "latency" : "throughput", r.size, path_name(path),
-                  cpu[0], cpu[1], csw[0], csw[1]);
+                  cpu[0], cpu[1], csw[0], csw[1], daemons);
     }
   }
   if (o.verbose) {
@@ -781,46 +750,117 @@ void print_results(const Options &o, const std::vector<PairResult> &results) {
   }
 }
 
+// Each two-node figure of the CPI-C path against the same test on one node:
+// time / time for latency (above 1: two nodes slower), bytes/s / bytes/s for
+// throughput (below 1: two nodes slower).  The placements ran one after the
+// other, not interleaved, so the second ratio divides out the load: the
+// two-node cpic/raw ratio over the local one.
+void print_two_node_ratios(const std::vector<PairResult> &results) {
+  bool header = false;
+  for (const auto &two : results) {
+    if (two.placement == "local") continue;
+    const auto local = std::find_if(results.begin(), results.end(), [&](const PairResult &r) {
+      return r.placement == "local" && r.test == two.test && r.size == two.size;
+    });
+    if (local == results.end()) continue;
+    if (!header) {
+      std::printf("\n==== two nodes / local, CPI-C medians (latency: time, throughput: MB/s)\n");
+      std::printf("%-24s %-11s %-7s %10s %10s %10s %12s\n", "placement", "test", "size", "local",
+                  "two nodes", "ratio", "ratio vs raw");
+      header = true;
+    }
+    auto over_raw = [](const PairResult &r) {
+      const auto raw = figures(r, Path::kRaw), cpic = figures(r, Path::kCpic);
+      std::vector<double> ratios;
+      for (size_t i = 0; i < raw.size() && i < cpic.size(); ++i) ratios.push_back(cpic[i] / raw[i]);
+      return spread(ratios).median;
+    };
+    const double at_local = spread(figures(*local, Path::kCpic)).median;
+    const double at_two = spread(figures(two, Path::kCpic)).median;
+    std::printf("%-24s %-11s %-7ld %10.1f %10.1f %10.2f %12.2f\n", two.placement.c_str(),
+                two.test == Test::kLatency ? "latency" : "throughput", two.size, at_local, at_two,
+                at_two / at_local, over_raw(two) / over_raw(*local));
+  }
+}
+
+// Two daemons joined by a link of whole units: node A (the client's, its LU
+// LUA) reaches the LU LOCAL of node B (the server's), so the client's
+// allocation of partner LOCAL crosses the link.  Runs every test there.
+void run_two_nodes(const Options &o, const fs::path &dir, long ru_size,
+                   std::vector<PairResult> &results) {
+  const std::string mode = "[[mode]]\nname = \"" + o.mode +
+                           "\"\nmax_ru_size = " + std::to_string(ru_size) +
+                           "\npacing_window = " + std::to_string(o.pacing_window) + "\n";
+  const fs::path a = write_config(
+      dir / "a", mode +
+                     "[network]\nenabled = true\ncp_name = \"APPN.NODEA\"\n[[local_lu]]\n"
+                     "alias = \"LUA\"\n[[partner_lu]]\nalias = \"LOCAL\"\nlu_name = "
+                     "\"APPN.LOCAL\"\nowning_cp = \"APPN.NODEB\"\n");
+  const fs::path b = write_config(
+      dir / "b", mode +
+                     "[network]\nenabled = true\ncp_name = \"APPN.NODEB\"\n[[partner_lu]]\n"
+                     "alias = \"LUA\"\nlu_name = \"APPN.LUA\"\nowning_cp = \"APPN.NODEA\"\n"
+                     "trust_already_verified = true\n");
+  int link[2];
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, link) != 0) die("no link socketpair");
+  const pid_t daemon_a =
+      start_daemon(o.snanoded, a, dir / "a" / "snanode.sock", dir / "a" / "daemon.out", link[0]);
+  const pid_t daemon_b =
+      start_daemon(o.snanoded, b, dir / "b" / "snanode.sock", dir / "b" / "daemon.out", link[1]);
+  ::close(link[0]);
+  ::close(link[1]);
+  const std::string placement = "two nodes, RU " + std::to_string(ru_size);
+  for (Test test : o.tests) {
+    for (long size : o.sizes)
+      results.push_back(run_pair(o, dir, a, b, placement, {daemon_a, daemon_b}, test, size));
+  }
+  stop_daemon(daemon_a);
+  stop_daemon(daemon_b);
+}
+
 int orchestrate(const Options &o) {
   for (const char *name : {"SNANODE_LOG_DIR", "SNANODE_SOCKET", "SNANODE_TRACE",
-                           "SNANODE_TRACE_FILE", "SNANODE_TRACE_FLAGS"}) {
+                           "SNANODE_TRACE_FILE", "SNANODE_TRACE_FLAGS", "SNANODE_CAPTURE"}) {
     ::unsetenv(name);
   }
   char pattern[] = "/tmp/cpic-two-process-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) die("cannot make a temporary directory");
   const fs::path dir = pattern;
-  fs::create_directories(dir / "logs");
-  const fs::path config = dir / "snanode.toml", socket = dir / "snanode.sock";
-  {
-    std::ofstream out(config);
-    out << "[node]\nsocket_path = \"" << socket.string() << "\"\n\n[log]\ndir = \""
-        << (dir / "logs").string() << "\"\n";
-  }
-  const pid_t daemon =
-      spawn({o.snanoded, "--config", config.string(), "--foreground"}, {}, {}, dir / "daemon.out");
-  bool up = false;
-  for (int i = 0; i < 500 && !up; ++i) {
-    up = daemon_answers(socket);
-    if (!up) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  if (!up) die("snanoded did not come up (see " + dir.string() + ")");
 
   std::printf("two_process_bench: %d repetitions of %.2f s blocks per path, mode %s%s\n", o.reps,
               o.seconds, o.mode.c_str(),
               o.pin.empty()     ? ""
               : o.pin == "same" ? ", both processes on CPU 0"
                                 : ", client on CPU 1, server on CPU 0");
+  if (o.two_nodes) std::printf("two nodes: pacing window %ld\n", o.pacing_window);
   std::printf("load average before: %s\n", load_average().c_str());
   std::fflush(stdout);
   std::vector<PairResult> results;
-  for (Test test : o.tests) {
-    for (long size : o.sizes) results.push_back(run_pair(o, dir, config, test, size));
+  if (o.one_node) {
+    const fs::path config = write_config(dir, "");
+    const pid_t daemon = start_daemon(o.snanoded, config, dir / "snanode.sock", dir / "daemon.out");
+    for (Test test : o.tests) {
+      for (long size : o.sizes) {
+        results.push_back(run_pair(o, dir, config, config, "local", {daemon}, test, size));
+      }
+    }
+    stop_daemon(daemon);
+  }
+  if (o.two_nodes) {
+    for (long ru_size : o.ru_sizes) {
+      run_two_nodes(o, dir / ("ru" + std::to_string(ru_size)), ru_size, results);
+    }
   }
   std::printf("load average after:  %s\n", load_average().c_str());
-  print_results(o, results);
+  std::vector<std::string> placements;
+  for (const auto &r : results) {
+    if (std::find(placements.begin(), placements.end(), r.placement) == placements.end()) {
+      placements.push_back(r.placement);
+    }
+  }
+  for (const auto &placement : placements) print_results(o, results, placement);
+  print_two_node_ratios(results);
 
-  ::kill(daemon, SIGTERM);
-  ::waitpid(daemon, nullptr, 0);
   if (o.keep) {
     std::printf("\nkept %s\n", dir.string().c_str());
   } else {
