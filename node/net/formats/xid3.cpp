@@ -1,5 +1,7 @@
 #include "net/formats/xid3.h"
 
+#include <algorithm>
+
 #include "net/formats/wire_decisions.h"
 
 namespace snanode::net {
@@ -16,9 +18,12 @@ uint8_t bit(bool on, uint8_t mask) {
 }  // namespace
 
 ControlVector network_name_cv(uint8_t type, ByteSpan name) {
-  ControlVector cv{kCvNetworkName, {type}};
-  cv.data.insert(cv.data.end(), name.begin(), name.end());
-  return cv;
+  // Built in one go: GCC 12 at -O3 takes an insert after a one-byte vector
+  // for an overrun (a false array-bounds warning).
+  Bytes data(1 + name.size());
+  data[0] = type;
+  std::copy(name.begin(), name.end(), data.begin() + 1);
+  return ControlVector{kCvNetworkName, std::move(data)};
 }
 
 Status encode_xid3(const Xid3 &x, Bytes &out) {
