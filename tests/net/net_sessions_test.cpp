@@ -14,6 +14,7 @@
 #include "net/formats/control_rus.h"
 #include "net/formats/sense_codes.h"
 #include "net/lu62/session_manager.h"
+#include "net/tshark_run.h"
 
 namespace snanode::net::lu62 {
 namespace {
@@ -474,19 +475,10 @@ TEST(Sessions, MutatedUnitsFromThePartnerNeverBreakTheManager) {
   EXPECT_GT(sessions_ended, 50u);  // the mutations did reach live sessions
 }
 
-std::string run(const std::string &command) {
-  std::string out;
-  FILE *pipe = popen(command.c_str(), "r");
-  if (!pipe) return out;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
-  pclose(pipe);
-  return out;
-}
+using tshark_check::run;
 
 TEST(Sessions, TsharkReadsEveryUnitTheSessionsExchange) {
-  if (std::system("command -v tshark >/dev/null 2>&1") != 0) GTEST_SKIP() << "no tshark";
+  if (!tshark_check::have_tshark()) GTEST_SKIP() << "no tshark";
   Pair p({mode(256, 256, 7, 7, 1, 1)}, {mode(256, 256, 7, 7, 1, 0)});
   run_contention(p);
   p.a.manager.deactivate_free_sessions(kLuB, kMode);
