@@ -60,8 +60,11 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/vcpic
 set(CPIC_DEB_EXACT "libcpic${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}-1)")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# shlibs for the packages that link the libraries, and ldconfig run by
+# trigger when they come or go.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CPIC_PACKAGING_DIR}/debian/triggers)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
     "CPI-C library for SNA LU 6.2 conversations\n\
 libcpic lets programs hold LU 6.2 conversations through the Common Programming\n\
