@@ -78,7 +78,7 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
 The header cpic.h, the node's headers, the pkg-config file cpic.pc and the\n\
 CMake package (find_package(cpic)) for building programs against libcpic.")
 
-set(CPACK_DEBIAN_NODE_PACKAGE_DEPENDS "${CPIC_DEB_EXACT}, adduser")
+set(CPACK_DEBIAN_NODE_PACKAGE_DEPENDS "${CPIC_DEB_EXACT}, adduser, init-system-helpers (>= 1.52)")
 set(CPACK_DEBIAN_NODE_PACKAGE_CONTROL_EXTRA
     ${CPIC_PACKAGING_DIR}/debian/postinst ${CPIC_PACKAGING_DIR}/debian/prerm
     ${CPIC_PACKAGING_DIR}/debian/postrm)

@@ -83,8 +83,9 @@ bool read_trusted_config(const std::string &named, NodeConfig &config,
   if (problems.empty()) {
     auto trust = snanode::daemon::daemon_trust_problems(config, ::geteuid());
     problems = std::move(trust.problems);
-    for (const auto &tp : trust.unstartable_tps)
+    for (const auto &tp : trust.unstartable_tps) {
       warnings.push_back(tp + "; it will not be started");
+    }
   }
   return problems.empty();
 }
@@ -115,8 +116,9 @@ snanode::daemon::ConfigReader reader_of(const std::string &named, bool foregroun
       for (const auto &problem : problems) why += (why.empty() ? "" : "; ") + problem;
       return std::nullopt;
     }
-    for (const auto &warning : warnings)
+    for (const auto &warning : warnings) {
       snanode::daemon::daemon_log("warning: " + warning, foreground);
+    }
     return fresh;
   };
 }
