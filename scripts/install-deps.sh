@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-          libtomlplusplus-dev libcli11-dev libpam0g-dev tshark)
+          libtomlplusplus-dev libcli11-dev libpam0g-dev tshark scdoc groff-base lintian dpkg-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -38,9 +38,18 @@ Broker::Broker(const config::NodeConfig &config, BrokerOutput &output, PasswordC
     : config_(config),
       directory_(config_),
       output_(output),
-      system_check_(std::move(system_check)) {
-  if (!owner) owner = default_owner;
-  for (const auto &tp : config_.tps) owners_[tp.tp_name] = owner(tp);
+      system_check_(std::move(system_check)),
+      owner_(owner ? std::move(owner) : TpOwner(default_owner)) {
+  for (const auto &tp : config_.tps) owners_[tp.tp_name] = owner_(tp);
+}
+
+void Broker::replace_definitions(const config::NodeConfig &fresh) {
+  config_.tps = fresh.tps;
+  config_.side_info = fresh.side_info;
+  owners_.clear();
+  for (const auto &tp : config_.tps) owners_[tp.tp_name] = owner_(tp);
+  // Attaches already queued for a TP defined only now may start it.
+  for (const auto &tp : config_.tps) start_instance_if_needed(tp.tp_name);
 }
 
 void Broker::connected(ClientId client, const PeerCredentials &peer) {

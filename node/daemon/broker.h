@@ -97,6 +97,12 @@ class Broker {
   // An instance of an invokable TP the daemon started has exited.
   void instance_exited(const std::string &tp_name);
 
+  // Takes the invokable TPs and side information of a configuration read
+  // again (the daemon's reload).  Connections, waiting accepts, queued
+  // attaches and running instances stay as they are; an attach queued for a
+  // TP whose definition went times out as any other.
+  void replace_definitions(const config::NodeConfig &fresh);
+
   // Allocations to LUs on other nodes go to `remote`.
   void set_remote_allocation(RemoteAllocation remote) { remote_ = std::move(remote); }
   // An Attach from a partner node, as an allocation request whose security
@@ -178,6 +184,7 @@ class Broker {
   std::list<WaitingAccept> accepts_;
   std::list<PendingAttach> attaches_;
   std::map<std::string, Instances> instances_;
+  TpOwner owner_;
   std::map<std::string, uid_t> owners_;  // invokable TP name -> its owner's uid
   unsigned started_running_ = 0;         // started programs running, all TPs
   RemoteAllocation remote_;

@@ -63,11 +63,11 @@ void detach_from_terminal() {
 }
 
 // Reads the daemon's configuration, never one found in the working directory,
-// and only when the daemon may act on what it says; false when it must not
-// start, with the reasons on standard error.
-bool load_trusted_config(const std::string &named, NodeConfig &config) {
+// and only when the daemon may act on what it says.  The reasons it may not
+// go to `problems`; TPs it will not start go to `warnings`.
+bool read_trusted_config(const std::string &named, NodeConfig &config,
+                         std::vector<std::string> &problems, std::vector<std::string> &warnings) {
   const std::string file = snanode::daemon::daemon_config_file(named);
-  std::vector<std::string> problems;
   try {
     if (file.empty()) {
       config = snanode::config::default_config();
@@ -75,8 +75,6 @@ bool load_trusted_config(const std::string &named, NodeConfig &config) {
       problems.push_back(*why);
     } else {
       config = snanode::config::load_config(file);
-      // The TPs it starts (which inherit SNANODE_CONFIG) see the same node.
-      ::setenv("SNANODE_CONFIG", std::filesystem::absolute(file).c_str(), 1);
     }
     snanode::config::apply_environment(config);
   } catch (const snanode::config::ConfigError &e) {
@@ -86,12 +84,43 @@ bool load_trusted_config(const std::string &named, NodeConfig &config) {
     auto trust = snanode::daemon::daemon_trust_problems(config, ::geteuid());
     problems = std::move(trust.problems);
     for (const auto &tp : trust.unstartable_tps) {
-      std::cerr << "snanoded: warning: " << tp << "; it will not be started\n";
+      warnings.push_back(tp + "; it will not be started");
     }
   }
-  for (const auto &problem : problems) std::cerr << "snanoded: " << problem << "\n";
-  if (!problems.empty()) std::cerr << "snanoded: refusing to start\n";
   return problems.empty();
+}
+
+// The configuration at start-up; false when the daemon must not start, with
+// the reasons on standard error.
+bool load_trusted_config(const std::string &named, NodeConfig &config) {
+  std::vector<std::string> problems, warnings;
+  const bool usable = read_trusted_config(named, config, problems, warnings);
+  for (const auto &warning : warnings) std::cerr << "snanoded: warning: " << warning << "\n";
+  for (const auto &problem : problems) std::cerr << "snanoded: " << problem << "\n";
+  if (!usable) {
+    std::cerr << "snanoded: refusing to start\n";
+    return false;
+  }
+  // The TPs it starts (which inherit SNANODE_CONFIG) see the same node.
+  const std::string file = snanode::daemon::daemon_config_file(named);
+  if (!file.empty()) ::setenv("SNANODE_CONFIG", std::filesystem::absolute(file).c_str(), 1);
+  return true;
+}
+
+// On SIGHUP: the same file read and checked again, as at start-up.
+snanode::daemon::ConfigReader reader_of(const std::string &named, bool foreground) {
+  return [named, foreground](std::string &why) -> std::optional<NodeConfig> {
+    NodeConfig fresh;
+    std::vector<std::string> problems, warnings;
+    if (!read_trusted_config(named, fresh, problems, warnings)) {
+      for (const auto &problem : problems) why += (why.empty() ? "" : "; ") + problem;
+      return std::nullopt;
+    }
+    for (const auto &warning : warnings) {
+      snanode::daemon::daemon_log("warning: " + warning, foreground);
+    }
+    return fresh;
+  };
 }
 
 }  // namespace
@@ -132,6 +161,7 @@ int main(int argc, char **argv) {
   sigaddset(&handled, SIGTERM);
   sigaddset(&handled, SIGINT);
   sigaddset(&handled, SIGCHLD);
+  sigaddset(&handled, SIGHUP);
   ::sigprocmask(SIG_BLOCK, &handled, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   snanode::raise_open_file_limit();
@@ -150,6 +180,7 @@ int main(int argc, char **argv) {
     const char *capture = std::getenv("SNANODE_CAPTURE");
     server.attach_link(link_fd, capture != nullptr ? capture : config.network.capture_file);
   }
+  server.set_config_reader(reader_of(config_file, foreground));
   if (!foreground) detach_from_terminal();
   return server.run();
 }

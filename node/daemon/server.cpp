@@ -148,6 +148,7 @@ int Server::run() {
   sigaddset(&handled, SIGTERM);
   sigaddset(&handled, SIGINT);
   sigaddset(&handled, SIGCHLD);
+  sigaddset(&handled, SIGHUP);
   signals_.reset(::signalfd(-1, &handled, SFD_CLOEXEC));
   epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
   if (!signals_.valid() || !epoll_.valid() ||
@@ -176,6 +177,13 @@ int Server::run() {
     limited_log_.flush(now);
     while (!unreachable_.empty()) drop(*unreachable_.begin());
   }
+  // Closing every connection ends the path in each process that uses the
+  // node: its outstanding verbs complete with an error at once, and its next
+  // ones find the node gone.  Conversations between processes run on
+  // socketpairs the daemon no longer holds, so they end with those paths.
+  log("stopping: " + std::to_string(clients_.size()) + " connected processes, " +
+      std::to_string(children_.size()) + " started TPs running");
+  for (const auto &[id, connection] : clients_) ::shutdown(connection.channel->fd(), SHUT_RDWR);
   log("stopped");
   return 0;
 }
@@ -187,6 +195,8 @@ void Server::dispatch(uint64_t token, uint32_t events, bool &stopping) {
     if (::read(signals_.get(), &info, sizeof info) != sizeof info) return;
     if (info.ssi_signo == SIGCHLD) {
       reap_children();
+    } else if (info.ssi_signo == SIGHUP) {
+      reload();
     } else {
       stopping = true;
     }
@@ -434,6 +444,24 @@ void Server::reap_children() {
     broker_.instance_exited(found->second);
     children_.erase(found);
   }
+}
+
+void Server::reload() {
+  if (!reader_) {
+    log("SIGHUP: nothing to reload from");
+    return;
+  }
+  std::string why;
+  const std::optional<config::NodeConfig> fresh = reader_(why);
+  if (!fresh) {
+    log("reload refused, the definitions in use stay: " + log_safe(why));
+    return;
+  }
+  config_.tps = fresh->tps;
+  config_.side_info = fresh->side_info;
+  broker_.replace_definitions(*fresh);
+  log("reloaded " + std::to_string(config_.tps.size()) + " invokable TPs and " +
+      std::to_string(config_.side_info.size()) + " side information entries");
 }
 
 void Server::log(const std::string &line) {

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -32,6 +33,10 @@ void daemon_log(const std::string &line, bool to_stderr);
 // The system's password check the configuration asks for (PAM), if any.
 PasswordCheck system_password_check(const config::NodeConfig &config);
 
+// Reads the configuration again for a reload: the new one, or nothing with
+// `why` saying what is wrong with it.
+using ConfigReader = std::function<std::optional<config::NodeConfig>(std::string &why)>;
+
 class Server : private BrokerOutput {
  public:
   // `password_check` verifies users configured without a password; by
@@ -52,8 +57,12 @@ class Server : private BrokerOutput {
   // with [network] enabled.  Call before run().
   void attach_link(int link_fd, const std::string &capture_file);
 
-  // Serves until SIGTERM or SIGINT; these and SIGCHLD must be blocked in
-  // every thread.  Returns the exit status.
+  // SIGHUP makes the daemon take the invokable TPs and side information of
+  // what `reader` returns; without a reader SIGHUP is only logged.
+  void set_config_reader(ConfigReader reader) { reader_ = std::move(reader); }
+
+  // Serves until SIGTERM or SIGINT; these, SIGHUP and SIGCHLD must be
+  // blocked in every thread.  Returns the exit status.
   int run();
 
  private:
@@ -87,6 +96,7 @@ class Server : private BrokerOutput {
   void unreachable(ClientId id, const std::string &why);
   void drop(ClientId id);
   void reap_children();
+  void reload();
 
   config::NodeConfig config_;
   std::string socket_path_;
@@ -105,7 +115,8 @@ class Server : private BrokerOutput {
   std::optional<Clock::time_point> accept_resumes_;
   bool out_of_descriptors_ = false;
   std::unique_ptr<NetworkNode> network_;  // with a link only
-  VerifierPool verifier_;                 // last: its completions refer to the broker
+  ConfigReader reader_;
+  VerifierPool verifier_;  // last: its completions refer to the broker
 };
 
 }  // namespace snanode::daemon

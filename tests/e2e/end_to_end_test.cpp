@@ -580,12 +580,15 @@ void killed_partner_server(Side &side) {
   ::raise(SIGKILL);
 }
 
-void killed_daemon_client(Side &side) {
+// The daemon killed, or stopped as an operator stops it (SIGTERM: it then
+// exits with status 0, which the runner checks).
+template <int kSignal>
+void ended_daemon_client(Side &side) {
   Conv c = allocate("E2E");
   REQUIRE_EQ(c.send("ping", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
   REQUIRE_EQ(c.receive_and(CM_SEND_RECEIVED).status, CM_SEND_RECEIVED);
-  side.say('K', "daemon");
-  ::kill(side.daemon, SIGKILL);
+  if (kSignal == SIGKILL) side.say('K', "daemon");
+  ::kill(side.daemon, kSignal);
   CM_CONVERSATION_STATE state = -1;
   for (const auto until = Clock::now() + 5s; state != kEnded && Clock::now() < until;) {
     state = c.state();
@@ -659,7 +662,8 @@ const Scenario kScenarios[] = {
      60000,
      60},
     {"PartnerKilledMidReceive", killed_partner_client, killed_partner_server, {"E2E"}, "", true},
-    {"DaemonKilled", killed_daemon_client, killed_daemon_server, {"E2E"}, "", true},
+    {"DaemonKilled", ended_daemon_client<SIGKILL>, killed_daemon_server, {"E2E"}, "", true},
+    {"DaemonStopped", ended_daemon_client<SIGTERM>, killed_daemon_server, {"E2E"}, "", true},
     {"InvokableTpStartedByTheDaemon",
      aping_client,
      nullptr,
