@@ -24,6 +24,9 @@ inline constexpr uint16_t kMinimumBtu = 768;
 // A prenegotiation XID3 with no TG descriptor (or no TG identifier in it).
 inline constexpr uint32_t kSenseNoTgIdentifier = 0x088C4680;
 
+// X'8001': the ANR label a station gives its partner unless told otherwise.
+Bytes default_anr_label();
+
 struct LocalIdentity {
   uint32_t node_id = 0;  // IDBLK (12 bits), IDNUM (20 bits)
   std::string cp_name;   // NETID.CPNAME
@@ -31,7 +34,7 @@ struct LocalIdentity {
   uint8_t tg_number = 0;  // 0: whatever the partner proposes (or 1)
   uint16_t max_btu = 1461;
   uint8_t hpr_sap = kHprSap;
-  Bytes anr_label{0x80, 0x01};  // what the partner puts in NLPs to reach this node
+  Bytes anr_label = default_anr_label();  // what the partner puts in NLPs to reach this node
 };
 
 struct PartnerXid {
