@@ -28,11 +28,13 @@ struct Node {
 
 // Opens an endpoint, trying a few port bases in case another program holds
 // one; nullptr when the address cannot be bound at all.
-std::unique_ptr<UdpEndpoint> open_endpoint(const std::string &address, uint16_t base) {
+std::unique_ptr<UdpEndpoint> open_endpoint(const std::string &address, uint16_t base,
+                                           const Impairment &impairment = {}) {
   std::string error;
   EndpointConfig config;
   config.local_address = address;
   config.port_base = base;
+  config.impairment = impairment;
   return UdpEndpoint::open(config, &error);
 }
 
@@ -167,11 +169,15 @@ TEST(EeUdpEndpoint, TwoAddressesActivateOnDemandAndCarryEachPriority) {
   EXPECT_EQ(b.receiver.inactive.size(), 1u);
 }
 
-TEST(EeUdpEndpoint, Ipv6LinkBetweenTwoPortBases) {
+// Also: A's own path duplicates every datagram both ways and delays it.
+TEST(EeUdpEndpoint, Ipv6LinkBetweenTwoPortBasesThroughAnImpairedPath) {
   const uint16_t base = port_base_for_test(1);
   const uint16_t other = static_cast<uint16_t>(base + 5);
   Node a, b;
-  a.endpoint = open_endpoint("::1", base);
+  Impairment doubled;
+  doubled.duplication = 1;
+  doubled.delay = 2ms;
+  a.endpoint = open_endpoint("::1", base, doubled);
   b.endpoint = open_endpoint("::1", other);
   if (!a.endpoint || !b.endpoint) GTEST_SKIP() << "::1 cannot be bound here";
   for (Node *n : {&a, &b}) n->receiver.clock = &n->clock;
@@ -189,8 +195,13 @@ TEST(EeUdpEndpoint, Ipv6LinkBetweenTwoPortBases) {
   to_a->activate(std::chrono::steady_clock::now());
   ASSERT_TRUE(run({&a, &b}, [&] { return to_a->active() && to_b->active(); }));
   ASSERT_TRUE(to_b->send_nlp(Priority::kLow, nlp_with(7)));
-  ASSERT_TRUE(run({&a, &b}, [&] { return b.receiver.nlps.size() == 1; }));
+  ASSERT_TRUE(run({&a, &b}, [&] { return b.receiver.nlps.size() == 2; }));
   EXPECT_EQ(b.receiver.nlps[0], nlp_with(7));
+  EXPECT_EQ(b.receiver.nlps[1], nlp_with(7));
+  EXPECT_GT(a.endpoint->send_impairment().delayed, 0u);
+  EXPECT_GT(a.endpoint->receive_impairment().duplicated, 0u);
+  EXPECT_EQ(b.endpoint->send_impairment().duplicated, 0u);
+  EXPECT_EQ(a.receiver.activations, 1);
 }
 
 }  // namespace
