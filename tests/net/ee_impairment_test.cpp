@@ -29,8 +29,9 @@ TEST(EeImpairment, ParsesTheTextFormAndNamesWhatIsWrong) {
       {"dup=0.1x", "\"dup=0.1x\": a rate is a number from 0 to 1"},
       {"loss", "\"loss\" is not NAME=VALUE"},
       {"delay_ms=fast", "\"delay_ms=fast\": milliseconds from 0 to 60000"},
-      {"jitter=3", "unknown item \"jitter=3\" (known: loss, dup, reorder, delay_ms, "
-                   "reorder_hold_ms, seed)"},
+      {"jitter=3",
+       "unknown item \"jitter=3\" (known: loss, dup, reorder, delay_ms, "
+       "reorder_hold_ms, seed)"},
   };
   for (const auto &[text, why] : bad) {
     error.clear();
