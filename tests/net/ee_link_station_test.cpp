@@ -127,8 +127,10 @@ TEST(EeLinkStation, ActivationsThatCrossOrAreRefused) {
   }
 }
 
-TEST(EeLinkStation, SilentPartnerIsDeclaredDownWithinTheLivenessBound) {
-  Pipe pipe(station_config(kNodeA, "NETA.CPA", ""), station_config(kNodeB, "NETA.CPB", ""));
+TEST(EeLinkStation, SilentPartnerIsDeclaredDownWithinTheLivenessBoundAndFoundAgain) {
+  LinkStationConfig a = station_config(kNodeA, "NETA.CPA", "");
+  a.reactivate_after = 30s;
+  Pipe pipe(a, station_config(kNodeB, "NETA.CPB", ""));
   pipe.a.activate(pipe.now);
   pipe.run_for(100ms);
   ASSERT_TRUE(pipe.a.active());
@@ -139,13 +141,24 @@ TEST(EeLinkStation, SilentPartnerIsDeclaredDownWithinTheLivenessBound) {
 
   pipe.cut(false);  // B goes silent
   const TimePoint silent_since = pipe.now;
-  pipe.run_for(60s);
+  pipe.run_for(20s);
   EXPECT_FALSE(pipe.a.active());
   ASSERT_EQ(pipe.ra.inactive.size(), 1u);
   const Duration took = pipe.ra.last_change - silent_since;
   EXPECT_LE(took, 8s);  // the configured liveness
   EXPECT_GT(took, 4s);  // and not at the first unanswered TEST
   EXPECT_NE(pipe.ra.inactive[0].find("stopped answering"), std::string::npos);
+
+  // Once A gave up, B heard nothing either and ended its side too.  B is
+  // heard again: A's next activation, 30 s after the failure, finds it.
+  pipe.cut(false, false);
+  pipe.run_for(40s);
+  EXPECT_TRUE(pipe.a.active());
+  EXPECT_TRUE(pipe.b.active());
+  EXPECT_EQ(pipe.ra.activations, 2);
+  EXPECT_EQ(pipe.rb.activations, 2);
+  ASSERT_EQ(pipe.rb.inactive.size(), 1u);
+  EXPECT_NE(pipe.rb.inactive[0].find("stopped answering"), std::string::npos);
 }
 
 TEST(EeLinkStation, ActivationTrafficAndDeactivationSurviveAnImpairedPath) {

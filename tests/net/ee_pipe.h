@@ -86,8 +86,9 @@ class Pipe {
   }
   void run_for(Duration d) { run_until(now + d); }
 
-  // Datagrams from this side stop arriving (the partner goes silent).
-  void cut(bool from_a) { (from_a ? a_side_ : b_side_).cut = true; }
+  // Datagrams from this side stop arriving (the partner goes silent), or
+  // arrive again.
+  void cut(bool from_a, bool cut = true) { (from_a ? a_side_ : b_side_).cut = cut; }
 
   TimePoint now = TimePoint{} + std::chrono::hours(1);
   std::vector<SentDatagram> sent;

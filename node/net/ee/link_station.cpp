@@ -41,6 +41,7 @@ void LinkStation::start_activation(TimePoint now) {
 }
 
 void LinkStation::deactivate(TimePoint now) {
+  if (state_ == State::kReset) deadline_.reset();  // no reactivation either
   if (state_ == State::kReset || state_ == State::kDiscSent) return;
   state_ = State::kDiscSent;
   send_with_retry(encode_ldlc_command(LdlcKind::kDisc, false, config_.link_sap, {}), now);
@@ -70,12 +71,15 @@ void LinkStation::wait_for_partner(TimePoint now) {
   deadline_ = now + config_.retry_interval * (config_.retry_count + 1);
 }
 
-void LinkStation::fail(const std::string &why) {
+void LinkStation::fail(const std::string &why, TimePoint now, bool orderly) {
   const bool was_reset = state_ == State::kReset;
   state_ = State::kReset;
   negotiated_known_ = false;
   retry_datagram_.clear();
   deadline_.reset();
+  // A link that failed (rather than being ended by either side) is tried
+  // again later when the configuration asks for it.
+  if (!orderly && config_.reactivate_after.count() > 0) deadline_ = now + config_.reactivate_after;
   if (!was_reset) receiver_.on_link_inactive(why);
 }
 
@@ -90,12 +94,18 @@ void LinkStation::become_active(TimePoint now) {
 
 void LinkStation::on_timer(TimePoint now) {
   if (!deadline_ || now < *deadline_) return;
+  if (state_ == State::kReset) {
+    start_activation(now);  // the reactivation's time has come
+    return;
+  }
   if (state_ == State::kActive) {
     if (now - last_heard_ >= config_.liveness) {
       fail("the partner stopped answering (no frame for " +
-           std::to_string(
-               std::chrono::duration_cast<std::chrono::milliseconds>(now - last_heard_).count()) +
-           " ms)");
+               std::to_string(
+                   std::chrono::duration_cast<std::chrono::milliseconds>(now - last_heard_)
+                       .count()) +
+               " ms)",
+           now);
       return;
     }
     ++test_counter_;
@@ -113,9 +123,9 @@ void LinkStation::on_timer(TimePoint now) {
     return;
   }
   if (state_ == State::kDiscSent) {
-    fail("deactivated (the partner did not answer DISC)");
+    fail("deactivated (the partner did not answer DISC)", now, true);
   } else {
-    fail("activation timed out: the partner did not answer");
+    fail("activation timed out: the partner did not answer", now);
   }
 }
 
@@ -141,13 +151,14 @@ void LinkStation::on_datagram(ByteSpan datagram, TimePoint now) {
       break;
     case LdlcKind::kDisc:
       send_llc(encode_ldlc_command(LdlcKind::kDm, true, config_.link_sap, {}));
-      fail(state_ == State::kDiscSent ? "deactivated" : "the partner disconnected the link");
+      fail(state_ == State::kDiscSent ? "deactivated" : "the partner disconnected the link", now,
+           true);
       break;
     case LdlcKind::kDm:
       if (state_ == State::kDiscSent) {
-        fail("deactivated");
+        fail("deactivated", now, true);
       } else if (state_ != State::kReset) {
-        fail("the partner refused the link (DM)");
+        fail("the partner refused the link (DM)", now);
       }
       break;
     case LdlcKind::kUi:
@@ -172,12 +183,12 @@ void LinkStation::on_xid(const LdlcFrame &frame, TimePoint now) {
                                    our_xid(XidExchangeState::kPrenegotiation, xid.sense())));
     }
     if (state_ != State::kActive)
-      fail("the partner's XID3 was refused, sense " + sense_text(xid.sense()));
+      fail("the partner's XID3 was refused, sense " + sense_text(xid.sense()), now);
     return;
   }
   if (xid->error_sense != 0) {
     if (state_ != State::kActive) {
-      fail("the partner refused our XID3, sense " + sense_text(xid->error_sense));
+      fail("the partner refused our XID3, sense " + sense_text(xid->error_sense), now);
     }
     return;
   }
@@ -208,7 +219,7 @@ bool LinkStation::accept_partner(const PartnerXid &xid, bool answer_refusal, Tim
     send_llc(encode_ldlc_command(LdlcKind::kXid, true, config_.link_sap,
                                  our_xid(XidExchangeState::kPrenegotiation, sense)));
   }
-  fail(why);
+  fail(why, now);
   return false;
 }
 
@@ -225,7 +236,7 @@ void LinkStation::on_xid_command(const PartnerXid &xid, TimePoint now) {
       // started again and lost the link; a copy of an old XID arriving late
       // (within a retry interval of activation) is ignored.
       if (!prenegotiation || now - active_since_ < config_.retry_interval) return;
-      fail("the partner started a new activation");
+      fail("the partner started a new activation", now);
       [[fallthrough]];
     case State::kReset:
       if (!prenegotiation) return;
@@ -286,7 +297,7 @@ void LinkStation::on_xid_response(const PartnerXid &xid, TimePoint now) {
         xid.role == role_bits(!negotiated_.primary) && xid.tg_number == negotiated_.tg_number;
     if (!agrees) {
       send_llc(encode_ldlc_command(LdlcKind::kDisc, false, config_.link_sap, {}));
-      fail("the partner did not agree on the link's role and TG number");
+      fail("the partner did not agree on the link's role and TG number", now);
       return;
     }
     partner_ = xid;

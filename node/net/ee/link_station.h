@@ -57,7 +57,11 @@ struct LinkStationConfig {
   uint8_t link_sap = kLinkSap;  // SAP of XID, TEST, DISC and DM
   Duration retry_interval = std::chrono::seconds(15);
   unsigned retry_count = 3;
-  Duration liveness = std::chrono::seconds(30);
+  Duration liveness = std::chrono::seconds(10);
+  // After a failure (liveness, activation refused or unanswered), activate
+  // again this long after; zero: wait to be told.  Links activated at start
+  // set it; either side's deactivation cancels it.
+  Duration reactivate_after{0};
 };
 
 class LinkStation final : public NlpLink {
@@ -106,7 +110,9 @@ class LinkStation final : public NlpLink {
   void answer_prenegotiation();
   void after_negotiation(TimePoint now);
   void become_active(TimePoint now);
-  void fail(const std::string &why);
+  // Ends the link or its activation; `orderly` ends (DISC, DM) are not
+  // followed by a reactivation.
+  void fail(const std::string &why, TimePoint now, bool orderly = false);
 
   // Sends `datagram` on the LLC port and re-sends it every retry interval
   // until answered; the activation or deactivation fails after retry_count

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/ip.h>
 #include <unistd.h>
 
@@ -73,6 +74,23 @@ std::string ip_address_text(ByteSpan address) {
   char text[INET6_ADDRSTRLEN] = {};
   inet_ntop(address.size() == 4 ? AF_INET : AF_INET6, address.data(), text, sizeof text);
   return text;
+}
+
+std::optional<std::string> resolve_partner(const std::string &host,
+                                           const std::string &local_address) {
+  const std::optional<Bytes> local = parse_ip_address(local_address);
+  if (!local) return std::nullopt;
+  addrinfo hints{};
+  hints.ai_family = local->size() == 4 ? AF_INET : AF_INET6;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo *found = nullptr;
+  if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) {
+    return std::nullopt;
+  }
+  sockaddr_storage storage{};
+  std::memcpy(&storage, found->ai_addr, std::min<size_t>(found->ai_addrlen, sizeof storage));
+  ::freeaddrinfo(found);
+  return ip_address_text(address_of(storage));
 }
 
 // A link station and the sink that puts its datagrams on the endpoint's queue.

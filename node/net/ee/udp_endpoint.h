@@ -45,6 +45,11 @@ uint8_t traffic_class_of(unsigned port_index);
 // nothing when `text` is neither.
 std::optional<Bytes> parse_ip_address(std::string_view text);
 std::string ip_address_text(ByteSpan address);
+// The numeric address of `host` (given as one, or a host name looked up,
+// which may block) in the IP version of `local_address`; nothing when there
+// is none.
+std::optional<std::string> resolve_partner(const std::string &host,
+                                           const std::string &local_address);
 
 class UdpEndpoint {
  public:
