@@ -194,6 +194,7 @@ TEST(EeUdpEndpoint, Ipv6LinkBetweenTwoPortBasesThroughAnImpairedPath) {
   ASSERT_TRUE(to_b && to_a) << error;
   to_a->activate(std::chrono::steady_clock::now());
   ASSERT_TRUE(run({&a, &b}, [&] { return to_a->active() && to_b->active(); }));
+  EXPECT_EQ(to_a->max_nlp_size(), 1441u);  // the IPv6 default
   ASSERT_TRUE(to_b->send_nlp(Priority::kLow, nlp_with(7)));
   ASSERT_TRUE(run({&a, &b}, [&] { return b.receiver.nlps.size() == 2; }));
   EXPECT_EQ(b.receiver.nlps[0], nlp_with(7));

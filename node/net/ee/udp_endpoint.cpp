@@ -14,6 +14,8 @@ namespace snanode::net::ee {
 namespace {
 
 constexpr size_t kBatch = 32;
+constexpr uint16_t kDefaultMaxBtu = 1461;
+constexpr uint16_t kDefaultMaxBtuIpv6 = 1441;
 constexpr size_t kReceiveBufferSize = 65536;
 constexpr int kSocketBufferBytes = 1 << 20;
 
@@ -195,12 +197,23 @@ LinkStation *UdpEndpoint::add_link(std::string_view partner, const LinkStationCo
     *error = "a link to " + std::string(partner) + " exists already";
     return nullptr;
   }
-  if (found != links_.end()) links_.erase(found);  // removed earlier in this dispatch
+  LinkStationConfig station_config = config;
+  if (family_ == AF_INET6 && station_config.local.max_btu == kDefaultMaxBtu) {
+    // The IPv6 header is 20 bytes longer: the same frame holds less.
+    station_config.local.max_btu = kDefaultMaxBtuIpv6;
+  }
   auto link = std::make_unique<Link>(*this, *address,
                                      partner_port_base != 0 ? partner_port_base : config_.port_base,
-                                     config, receiver);
+                                     station_config, receiver);
   LinkStation *station = &link->station;
-  links_.emplace(*address, std::move(link));
+  if (found != links_.end()) {
+    // Removed earlier in this dispatch: the old station may still be on the
+    // stack (its callback removed it), so it dies after the dispatch.
+    graveyard_.push_back(std::move(found->second));
+    found->second = std::move(link);
+  } else {
+    links_.emplace(*address, std::move(link));
+  }
   return station;
 }
 
@@ -220,6 +233,7 @@ void UdpEndpoint::remove_link(LinkStation *station) {
 }
 
 void UdpEndpoint::collect_removed() {
+  graveyard_.clear();
   if (!removed_) return;
   std::erase_if(links_, [](const auto &entry) { return entry.second->removed; });
   removed_ = false;

@@ -111,6 +111,7 @@ class UdpEndpoint {
   Bytes local_;
   std::array<int, kPortCount> fds_{-1, -1, -1, -1, -1};
   std::map<Bytes, std::unique_ptr<Link>> links_;
+  std::vector<std::unique_ptr<Link>> graveyard_;  // replaced during a dispatch
   UnknownSender unknown_sender_;
   Observer observer_;
   Impairer impair_send_;

@@ -58,7 +58,7 @@ Bytes build_xid3(const LocalIdentity &local, XidExchangeState state, uint8_t rol
   x.id_block = static_cast<uint16_t>(local.node_id >> 20);
   x.id_number = local.node_id & 0xFFFFF;
   x.network_node = local.network_node;
-  x.cp_cp_sessions = true;
+  x.cp_cp_sessions = false;  // not yet: no CP-CP sessions on these links
   x.state = state;
   x.negotiation_complete_supported = true;
   x.negotiation_complete = negotiation_complete;

@@ -31,8 +31,8 @@ struct LocalIdentity {
   uint32_t node_id = 0;  // IDBLK (12 bits), IDNUM (20 bits)
   std::string cp_name;   // NETID.CPNAME
   bool network_node = false;
-  uint8_t tg_number = 0;  // 0: whatever the partner proposes (or 1)
-  uint16_t max_btu = 1461;
+  uint8_t tg_number = 0;    // 0: whatever the partner proposes (or 1)
+  uint16_t max_btu = 1461;  // IPv4; the endpoint makes it 1441 on IPv6
   uint8_t hpr_sap = kHprSap;
   Bytes anr_label = default_anr_label();  // what the partner puts in NLPs to reach this node
 };
