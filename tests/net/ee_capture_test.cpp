@@ -34,9 +34,7 @@ TEST(EeCapture, ActivationNlpsTestAndDeactivationDecodeAsMeant) {
   pipe.a.activate(pipe.now);
   pipe.run_for(100ms);
   ASSERT_TRUE(pipe.a.active() && pipe.b.active());
-  const Priority priorities[] = {Priority::kNetwork, Priority::kHigh, Priority::kMedium,
-                                 Priority::kLow};
-  for (Priority p : priorities) {
+  for (Priority p : testing::kAllPriorities) {
     Nhdr nhdr;
     nhdr.priority = p;
     nhdr.labels = pipe.a.partner().anr_label;

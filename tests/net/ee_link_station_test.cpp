@@ -59,11 +59,9 @@ TEST(EeLinkStation, ActivatesNegotiatesCarriesNlpsAndDeactivates) {
   for (const auto &d : pipe.sent) EXPECT_EQ(d.port_index, kLlcPortIndex);
 
   pipe.sent.clear();
-  const Priority priorities[] = {Priority::kNetwork, Priority::kHigh, Priority::kMedium,
-                                 Priority::kLow};
   for (uint32_t i = 0; i < 4; ++i) {
-    EXPECT_TRUE(pipe.a.send_nlp(priorities[i], numbered_nlp(i)));
-    EXPECT_TRUE(pipe.b.send_nlp(priorities[i], numbered_nlp(100 + i)));
+    EXPECT_TRUE(pipe.a.send_nlp(testing::kAllPriorities[i], numbered_nlp(i)));
+    EXPECT_TRUE(pipe.b.send_nlp(testing::kAllPriorities[i], numbered_nlp(100 + i)));
   }
   EXPECT_FALSE(pipe.a.send_nlp(Priority::kLow, Bytes(1201, 0)));  // over the BTU
   pipe.run_for(10ms);

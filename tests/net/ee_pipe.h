@@ -12,6 +12,10 @@
 
 namespace snanode::net::ee::testing {
 
+// Network to low: the order of the ports base+1 .. base+4.
+inline constexpr Priority kAllPriorities[] = {Priority::kNetwork, Priority::kHigh,
+                                              Priority::kMedium, Priority::kLow};
+
 struct Receiver : NlpReceiver {
   std::vector<Bytes> nlps;
   int activations = 0;

@@ -142,11 +142,9 @@ TEST(EeUdpEndpoint, TwoAddressesActivateOnDemandAndCarryEachPriority) {
   EXPECT_GE(b.endpoint->counters().unknown_sender, 1u);
   EXPECT_NE(std::find(offered.begin(), offered.end(), "127.0.0.4"), offered.end());
 
-  const Priority priorities[] = {Priority::kNetwork, Priority::kHigh, Priority::kMedium,
-                                 Priority::kLow};
   for (uint8_t i = 0; i < 4; ++i) {
-    ASSERT_TRUE(to_b->send_nlp(priorities[i], nlp_with(i)));
-    ASSERT_TRUE(to_a->send_nlp(priorities[i], nlp_with(0x10 + i)));
+    ASSERT_TRUE(to_b->send_nlp(testing::kAllPriorities[i], nlp_with(i)));
+    ASSERT_TRUE(to_a->send_nlp(testing::kAllPriorities[i], nlp_with(0x10 + i)));
   }
   ASSERT_TRUE(run({&a, &b, &stranger},
                   [&] { return a.receiver.nlps.size() == 4 && b.receiver.nlps.size() == 4; }));

@@ -200,7 +200,6 @@ void LinkStation::on_xid(const LdlcFrame &frame, TimePoint now) {
 }
 
 bool LinkStation::accept_partner(const PartnerXid &xid, bool answer_refusal, TimePoint now) {
-  (void)now;
   uint32_t sense = 0;
   std::string why;
   if (!config_.partner_cp_name.empty() && xid.cp_name != config_.partner_cp_name) {
