@@ -38,6 +38,11 @@ TEST(EeImpairment, ParsesTheTextFormAndNamesWhatIsWrong) {
     EXPECT_FALSE(parse_impairment(text, &error)) << text;
     EXPECT_EQ(error, why);
   }
+  ::setenv("SNANODE_IMPAIR", "loss=2", 1);
+  EXPECT_FALSE(impairment_from_environment(&error));
+  EXPECT_EQ(error, "SNANODE_IMPAIR: \"loss=2\": a rate is a number from 0 to 1");
+  ::unsetenv("SNANODE_IMPAIR");
+  EXPECT_FALSE(impairment_from_environment(&error)->any());
 }
 
 std::vector<uint8_t> run_stream(const Impairment &impairment, int count) {

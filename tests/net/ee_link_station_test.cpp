@@ -101,6 +101,30 @@ TEST(EeLinkStation, ActivationsThatCrossOrAreRefused) {
     EXPECT_EQ(pipe.a.negotiated().tg_number, pipe.b.negotiated().tg_number);
     EXPECT_EQ(pipe.ra.activations + pipe.rb.activations, 2);
   }
+  {  // A prenegotiation XID on an active link: a stray copy soon after the
+     // activation, the partner starting again later.
+    Pipe pipe(station_config(kNodeA, "NETA.CPA", ""), station_config(kNodeB, "NETA.CPB", ""));
+    pipe.a.activate(pipe.now);
+    pipe.run_for(100ms);
+    ASSERT_TRUE(pipe.a.active());
+    LocalIdentity b;
+    b.node_id = kNodeB;
+    b.cp_name = "NETA.CPB";
+    const Bytes restart =
+        encode_ldlc_command(LdlcKind::kXid, false, kLinkSap,
+                            build_xid3(b, XidExchangeState::kPrenegotiation, 3, 0, false));
+    pipe.a.on_datagram(restart, pipe.now);
+    EXPECT_TRUE(pipe.a.active());
+    pipe.run_for(3s);
+    pipe.sent.clear();
+    pipe.a.on_datagram(restart, pipe.now);
+    EXPECT_FALSE(pipe.a.active());
+    ASSERT_EQ(pipe.ra.inactive.size(), 1u);
+    EXPECT_EQ(pipe.ra.inactive[0], "the partner started a new activation");
+    ASSERT_FALSE(pipe.sent.empty());  // answered as a new activation
+    const auto answer = decode_ldlc(pipe.sent[0].bytes);
+    EXPECT_TRUE(answer && answer->kind == LdlcKind::kXid && answer->response);
+  }
   {  // The partner is not the node configured: both ends give up at once.
     Pipe pipe(station_config(kNodeA, "NETA.CPA", "NETA.CPX"),
               station_config(kNodeB, "NETA.CPB", ""));

@@ -1,6 +1,7 @@
 #include "net/ee/impairment.h"
 
 #include <charconv>
+#include <cstdlib>
 
 namespace snanode::net::ee {
 namespace {
@@ -64,6 +65,14 @@ std::optional<Impairment> parse_impairment(std::string_view text, std::string *e
     }
   }
   return result;
+}
+
+std::optional<Impairment> impairment_from_environment(std::string *error) {
+  const char *text = std::getenv("SNANODE_IMPAIR");
+  if (text == nullptr) return Impairment{};
+  std::optional<Impairment> parsed = parse_impairment(text, error);
+  if (!parsed && error != nullptr) *error = "SNANODE_IMPAIR: " + *error;
+  return parsed;
 }
 
 Impairer::Impairer(const Impairment &impairment)

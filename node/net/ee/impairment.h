@@ -37,6 +37,9 @@ struct Impairment {
 // Parses the text form; on an error returns nothing and sets `error` to a
 // sentence naming the item at fault.
 std::optional<Impairment> parse_impairment(std::string_view text, std::string *error);
+// SNANODE_IMPAIR parsed: none (all zero) when unset; nothing with `error` set
+// when it cannot be read.
+std::optional<Impairment> impairment_from_environment(std::string *error);
 
 // One datagram held by an Impairer: its payload and what the endpoint needs
 // to send or deliver it later (port index and partner address, opaque here).
