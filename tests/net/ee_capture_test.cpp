@@ -27,6 +27,27 @@ std::vector<std::string> lines(const std::string &text) {
   return out;
 }
 
+// Writes `sent` to a capture file (A's datagrams as sent, B's as received)
+// and returns what tshark prints of `fields`, a line per datagram.
+std::string read_back(const std::vector<testing::SentDatagram> &sent, const std::string &fields) {
+  const std::string path = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
+                           std::string("/ee_capture_") + std::to_string(::getpid()) + ".pcap";
+  std::string error;
+  auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
+  EXPECT_TRUE(writer) << error;
+  if (!writer) return {};
+  for (const auto &d : sent) {
+    EXPECT_TRUE(
+        writer->write_datagram(d.from_a ? CaptureDirection::kSent : CaptureDirection::kReceived,
+                               static_cast<uint16_t>(kEePortLlc + d.port_index), d.bytes));
+  }
+  writer.reset();
+  std::string out = tshark_check::run("tshark -r " + path + " -T fields -E separator=/s " + fields +
+                                      " 2>/dev/null");
+  std::remove(path.c_str());
+  return out;
+}
+
 TEST(EeCapture, ActivationNlpsTestAndDeactivationDecodeAsMeant) {
   if (!tshark_check::have_tshark()) GTEST_SKIP() << "tshark is not installed";
   testing::Pipe pipe(testing::station_config(0x05D00001, "NETA.CPA", "NETA.CPB"),
@@ -52,24 +73,12 @@ TEST(EeCapture, ActivationNlpsTestAndDeactivationDecodeAsMeant) {
   pipe.b.deactivate(pipe.now);
   pipe.run_for(100ms);
 
-  const std::string path = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
-                           std::string("/ee_capture_") + std::to_string(::getpid()) + ".pcap";
-  std::string error;
-  auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
-  ASSERT_TRUE(writer) << error;
-  for (const auto &d : pipe.sent) {
-    ASSERT_TRUE(
-        writer->write_datagram(d.from_a ? CaptureDirection::kSent : CaptureDirection::kReceived,
-                               static_cast<uint16_t>(kEePortLlc + d.port_index), d.bytes));
-  }
-  writer.reset();
-
-  const std::string fields = tshark_check::run(
-      "tshark -r " + path +
-      " -T fields -E separator=/s -e udp.dstport -e llc.dsap -e llc.ssap -e llc.control"
-      " -e sna.xid.idnum -e sna.xid.type3.state -e sna.xid.type3.negcsup -e sna.xid.type3.negcomp"
-      " -e sna.xid.type3.tg -e sna.control.0e.value -e sna.nlp.nhdr.tpf -e sna.nlp.frh"
-      " -e sna.nlp.thdr.bsn -e _ws.expert -e _ws.malformed 2>/dev/null");
+  const std::string fields =
+      read_back(pipe.sent,
+                "-e udp.dstport -e llc.dsap -e llc.ssap -e llc.control -e sna.xid.idnum"
+                " -e sna.xid.type3.state -e sna.xid.type3.negcsup -e sna.xid.type3.negcomp"
+                " -e sna.xid.type3.tg -e sna.control.0e.value -e sna.nlp.nhdr.tpf -e sna.nlp.frh"
+                " -e sna.nlp.thdr.bsn -e _ws.expert -e _ws.malformed");
   const std::vector<std::string> rows = lines(fields);
   // tshark prints each field at its width: LLC control as 16 bits, the
   // node ID number as 32, the exchange state as 16.
@@ -99,7 +108,22 @@ TEST(EeCapture, ActivationNlpsTestAndDeactivationDecodeAsMeant) {
       "12000 0x04 0x05 0x001f           ",
   };
   EXPECT_EQ(rows, expected) << fields;
-  std::remove(path.c_str());
+}
+
+TEST(EeCapture, RefusedActivationCarriesTheNegotiationErrorVector) {
+  if (!tshark_check::have_tshark()) GTEST_SKIP() << "tshark is not installed";
+  testing::Pipe pipe(testing::station_config(0x05D00001, "NETA.CPA", ""),
+                     testing::station_config(0x05D00002, "NETA.CPB", "NETA.CPX"));
+  pipe.a.activate(pipe.now);
+  pipe.run_for(100ms);
+  ASSERT_EQ(pipe.sent.size(), 2u);
+  // B's answer: its XID3 with CP name, TG descriptor, HPR capabilities and
+  // the negotiation error, whose last four bytes are the sense X'1016001D'.
+  EXPECT_EQ(read_back(pipe.sent, "-e sna.control.key -e _ws.expert -e _ws.malformed"),
+            "0x0e,0x46,0x61  \n0x0e,0x46,0x61,0x22  \n");
+  const Bytes &answer = pipe.sent[1].bytes;
+  EXPECT_EQ(Bytes(answer.end() - 9, answer.end()),
+            (Bytes{0x22, 0x07, 0x00, 0x00, 0x00, 0x10, 0x16, 0x00, 0x1D}));
 }
 
 }  // namespace
