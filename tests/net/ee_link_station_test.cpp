@@ -238,5 +238,44 @@ TEST(EeLinkStation, ActivationTrafficAndDeactivationSurviveAnImpairedPath) {
   }
 }
 
+// Every datagram of a good activation, cut short or with one byte changed,
+// fed to a station in each state it passes through: whatever it makes of
+// them, a station that is not reset always has a timer running (a station
+// left waiting with none would hang its link for good).
+TEST(EeLinkStation, MangledDatagramsNeverLeaveAStationWithoutATimer) {
+  Pipe good(station_config(kNodeA, "NETA.CPA", ""), station_config(kNodeB, "NETA.CPB", ""));
+  good.a.activate(good.now);
+  good.run_for(100ms);
+  ASSERT_TRUE(good.b.active());
+  std::vector<Bytes> variants;
+  for (const auto &d : good.sent) {
+    for (size_t cut = 0; cut < d.bytes.size(); ++cut) {
+      variants.emplace_back(d.bytes.begin(), d.bytes.begin() + cut);
+    }
+    for (size_t at = 0; at < d.bytes.size(); ++at) {
+      variants.push_back(d.bytes);
+      variants.back()[at] ^= 0xFF;
+    }
+  }
+  // Stop after 0..6 of the good datagrams: B responding, negotiating, active.
+  for (size_t steps = 0; steps <= good.sent.size(); ++steps) {
+    for (const Bytes &variant : variants) {
+      testing::Receiver receiver;
+      TimePoint now{};
+      receiver.clock = &now;
+      struct : DatagramSink {
+        void send_datagram(unsigned, Bytes) override {}
+      } sink;
+      LinkStation b(station_config(kNodeB, "NETA.CPB", ""), sink, receiver);
+      for (size_t i = 0; i < steps; ++i) {
+        if (good.sent[i].from_a) b.on_datagram(good.sent[i].bytes, now);
+      }
+      b.on_datagram(variant, now);
+      ASSERT_TRUE(b.state() == LinkStation::State::kReset || b.next_deadline().has_value())
+          << "after " << steps << " datagrams, in state " << int(b.state());
+    }
+  }
+}
+
 }  // namespace
 }  // namespace snanode::net::ee
