@@ -54,12 +54,9 @@ liveness_seconds = 3
 
   const std::string link = "[[link]]\npartner = \"127.0.0.3\"\ncp_name = \"APPN.NODEB\"\n";
   const std::pair<std::string, std::string> refused[] = {
-      {kNetwork + "local_address = \"host.example\"\n", ""},  // TOML: a key given twice
       {"[network]\nlocal_address = \"10.0.0.300\"\n",
        "n.toml:2:17: [network] local_address: \"10.0.0.300\" is not a numeric IPv4 or IPv6 "
        "address (the node binds its UDP ports to it)"},
-      {kNetwork + "port_base = 65533\n",
-       "n.toml:6:13: [network] port_base: must be between 1 and 65531, not 65533"},
       {kNetwork + "node_id = \"5D00001\"\n",
        "n.toml:6:11: [network] node_id: \"5D00001\" is not 8 hexadecimal digits (IDBLK and "
        "IDNUM)"},
@@ -77,16 +74,10 @@ liveness_seconds = 3
        "n.toml:8:11: [[link]] cp_name: \"APPN.NODEA\" is this node's own control point"},
       {kNetwork + link + "activate = \"later\"\n",
        "n.toml:9:12: [[link]] activate: must be \"start\" or \"demand\", not \"later\""},
-      {kNetwork + link + "liveness_seconds = 0\n",
-       "n.toml:9:20: [[link]] liveness_seconds: must be between 1 and 3600, not 0"},
-      {kNetwork + link + "retries = 2\n", ""},  // unknown key, reported by the reader
   };
   for (const auto &[text, message] : refused) {
     const std::string error = parse_error(text);
-    EXPECT_NE(error, "(accepted)") << text;
-    if (!message.empty()) {
-      EXPECT_EQ(error, message) << text;
-    }
+    EXPECT_EQ(error, message) << text;
   }
 }
 
