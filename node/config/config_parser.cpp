@@ -5,6 +5,10 @@
 // sections that refer to others (side information, TPs) can be checked against
 // what is already known.  The first problem ends the parse: the node refuses
 // to start rather than run with a configuration it had to guess at.
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -20,6 +24,23 @@ namespace {
 
 // No host runs more programs of one node than this.
 constexpr uint32_t kMaxStartedPrograms = 4096;
+constexpr uint32_t kMaxLivenessSeconds = 3600;
+
+// The address family of a numeric IP address; 0 for anything else.
+int address_family(const std::string &text) {
+  unsigned char bytes[16];
+  if (inet_pton(AF_INET, text.c_str(), bytes) == 1) return AF_INET;
+  if (inet_pton(AF_INET6, text.c_str(), bytes) == 1) return AF_INET6;
+  return 0;
+}
+
+// A DNS host name: labels of letters, digits and hyphens joined by dots.
+bool is_host_name(const std::string &text) {
+  if (text.empty() || text.size() > 253 || text.front() == '.' || text.back() == '.') return false;
+  return std::all_of(text.begin(), text.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '.';
+  });
+}
 
 void check(TableReader &reader, std::string_view key, const Problem &problem) {
   if (problem) reader.fail(key, *problem);
@@ -39,6 +60,7 @@ class Parser {
     read_node();
     read_local_lus();
     read_network();
+    read_links();
     read_partner_lus();
     read_modes();
     read_users_and_pam();
@@ -62,8 +84,8 @@ class Parser {
 
   void report_unknown_sections() {
     static const std::set<std::string, std::less<>> known = {
-        "node", "local_lu", "partner_lu", "mode",      "user",   "pam",
-        "log",  "trace",    "tp",         "side_info", "network"};
+        "node", "local_lu", "partner_lu", "mode",      "user",    "pam",
+        "log",  "trace",    "tp",         "side_info", "network", "link"};
     for (auto &&[key, node] : root_) {
       if (!known.contains(key.str())) {
         fail_at(file_, key.source(), "unknown section or key " + std::string(key.str()));
@@ -106,7 +128,69 @@ class Parser {
       r.fail("cp_name", "\"" + net.cp_name + "\" is not in the network " + network_id);
     }
     net.capture_file = r.string("capture", "");
+    net.local_address = r.string("local_address", "");
+    if (!net.local_address.empty() && address_family(net.local_address) == 0) {
+      r.fail("local_address", "\"" + net.local_address +
+                                  "\" is not a numeric IPv4 or IPv6 address (the node binds "
+                                  "its UDP ports to it)");
+    }
+    net.port_base = r.integer("port_base", net.port_base, 1, 65535 - 4);
+    if (r.has("node_id")) {
+      const std::string id = r.string("node_id", "");
+      size_t used = 0;
+      unsigned long value = 0;
+      try {
+        value = std::stoul(id, &used, 16);
+      } catch (const std::exception &) {
+        used = 0;
+      }
+      if (id.size() != 8 || used != 8) {
+        r.fail("node_id", "\"" + id + "\" is not 8 hexadecimal digits (IDBLK and IDNUM)");
+      }
+      net.node_id = static_cast<uint32_t>(value);
+    }
     r.finish();
+  }
+
+  void read_links() {
+    NetworkConfig &net = config_.network;
+    std::set<std::string> partners, cps;
+    for (const toml::table *table : table_array(root_, "link", file_)) {
+      TableReader r(*table, "[[link]]", file_);
+      if (!net.enabled) r.fail("partner", "names a partner node, but [network] is not enabled");
+      if (net.local_address.empty()) {
+        r.fail("partner", "needs [network] local_address, the address the node's ports are on");
+      }
+      LinkConfig link;
+      link.partner = r.required_string("partner");
+      const int family = address_family(link.partner);
+      if (family == 0 && !is_host_name(link.partner)) {
+        r.fail("partner", "\"" + link.partner + "\" is neither an IP address nor a host name");
+      }
+      if (family != 0 && family != address_family(net.local_address)) {
+        r.fail("partner", "\"" + link.partner + "\" is not of the IP version of local_address " +
+                              net.local_address);
+      }
+      if (link.partner == net.local_address) {
+        r.fail("partner", "\"" + link.partner + "\" is this node's own address");
+      }
+      check_unique(r, "partner", partners, link.partner);
+      link.cp_name = r.required_string("cp_name");
+      check(r, "cp_name", check_qualified_lu_name("partner control point name", link.cp_name));
+      if (link.cp_name == net.cp_name) {
+        r.fail("cp_name", "\"" + link.cp_name + "\" is this node's own control point");
+      }
+      check_unique(r, "cp_name", cps, link.cp_name);
+      const std::string activate = r.string("activate", "start");
+      if (activate != "start" && activate != "demand") {
+        r.fail("activate", "must be \"start\" or \"demand\", not \"" + activate + "\"");
+      }
+      link.activate_at_start = activate == "start";
+      link.liveness_seconds =
+          r.integer("liveness_seconds", link.liveness_seconds, 1, kMaxLivenessSeconds);
+      r.finish();
+      net.links.push_back(link);
+    }
   }
 
   void read_local_lus() {

@@ -42,11 +42,26 @@ struct Mode {
   uint32_t pacing_window = 7;   // requests sent before a pacing response; 0: none
 };
 
+// An Enterprise Extender link to a partner node ([[link]]).
+struct LinkConfig {
+  std::string partner;             // the partner's IP address or host name
+  std::string cp_name;             // the partner's control point, NETID.CPNAME
+  bool activate_at_start = true;   // "start"; false: "demand" (when first needed)
+  uint32_t liveness_seconds = 10;  // a partner silent this long is declared down
+};
+
 // The node on the network ([network]): off unless enabled.
 struct NetworkConfig {
   bool enabled = false;
   std::string cp_name;       // this node's control point, NETID.CPNAME
   std::string capture_file;  // every unit sent and received, as pcap; empty: none
+  // Enterprise Extender: the numeric IPv4 or IPv6 address the node's UDP
+  // ports are bound to (empty: no EE links), the first of its five ports, and
+  // the node ID its XIDs carry (IDBLK, 12 bits, then IDNUM, 20 bits).
+  std::string local_address;
+  uint32_t port_base = 12000;
+  uint32_t node_id = 0x05D00001;
+  std::vector<LinkConfig> links;
 };
 
 struct SideInfo {

@@ -1,9 +1,14 @@
 #include "daemon/config_check.h"
 
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <sstream>
 
@@ -64,6 +69,56 @@ void check_security_characters(const config::NodeConfig &config,
   }
 }
 
+// The network's addresses: the local address must be one of this host's (the
+// daemon binds its ports to it), and a partner named by host name should
+// resolve; one that does not yet is only a warning, since names are often
+// added to DNS after a configuration is written.
+void check_network_addresses(const config::NodeConfig &config, CheckReport &report) {
+  const config::NetworkConfig &net = config.network;
+  if (!net.enabled || net.local_address.empty()) return;
+  sockaddr_storage address{};
+  socklen_t size = 0;
+  auto *in = reinterpret_cast<sockaddr_in *>(&address);
+  auto *in6 = reinterpret_cast<sockaddr_in6 *>(&address);
+  if (inet_pton(AF_INET, net.local_address.c_str(), &in->sin_addr) == 1) {
+    in->sin_family = AF_INET;
+    size = sizeof *in;
+  } else if (inet_pton(AF_INET6, net.local_address.c_str(), &in6->sin6_addr) == 1) {
+    in6->sin6_family = AF_INET6;
+    size = sizeof *in6;
+  } else {
+    return;  // the parser refuses it
+  }
+  const int fd = ::socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd >= 0) {
+    // Port 0: only whether the address is this host's, not whether the
+    // node's ports are free (a running daemon holds them).
+    if (::bind(fd, reinterpret_cast<const sockaddr *>(&address), size) != 0 &&
+        errno == EADDRNOTAVAIL) {
+      report.problems.push_back("[network] local_address " + net.local_address +
+                                " is not an address of this host: the node cannot bind its "
+                                "UDP ports " +
+                                std::to_string(net.port_base) + "-" +
+                                std::to_string(net.port_base + 4) + " to it");
+    }
+    ::close(fd);
+  }
+  for (const config::LinkConfig &link : net.links) {
+    addrinfo hints{};
+    hints.ai_family = address.ss_family;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo *found = nullptr;
+    if (::getaddrinfo(link.partner.c_str(), nullptr, &hints, &found) != 0) {
+      report.warnings.push_back("link to " + link.cp_name + ": \"" + link.partner +
+                                "\" does not resolve to an " +
+                                (address.ss_family == AF_INET ? "IPv4" : "IPv6") +
+                                " address here; the link cannot be activated until it does");
+    } else {
+      ::freeaddrinfo(found);
+    }
+  }
+}
+
 }  // namespace
 
 CheckReport check_deployment(const config::NodeConfig &config, bool strict) {
@@ -110,6 +165,7 @@ CheckReport check_deployment(const config::NodeConfig &config, bool strict) {
                        " is not writable");
   }
   check_security_characters(config, problems);
+  check_network_addresses(config, report);
   return report;
 }
 

@@ -1,0 +1,386 @@
+#include "net/ee/udp_endpoint.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/ip.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace snanode::net::ee {
+namespace {
+
+constexpr size_t kBatch = 32;
+constexpr uint16_t kDefaultMaxBtu = 1461;
+constexpr uint16_t kDefaultMaxBtuIpv6 = 1441;
+constexpr size_t kReceiveBufferSize = 65536;
+constexpr int kSocketBufferBytes = 1 << 20;
+
+sockaddr_storage socket_address(int family, ByteSpan address, uint16_t port) {
+  sockaddr_storage storage{};
+  if (family == AF_INET) {
+    auto *in = reinterpret_cast<sockaddr_in *>(&storage);
+    in->sin_family = AF_INET;
+    in->sin_port = htons(port);
+    std::memcpy(&in->sin_addr, address.data(), 4);
+  } else {
+    auto *in6 = reinterpret_cast<sockaddr_in6 *>(&storage);
+    in6->sin6_family = AF_INET6;
+    in6->sin6_port = htons(port);
+    std::memcpy(&in6->sin6_addr, address.data(), 16);
+  }
+  return storage;
+}
+
+socklen_t socket_address_size(int family) {
+  return family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+}
+
+Bytes address_of(const sockaddr_storage &storage) {
+  if (storage.ss_family == AF_INET) {
+    const auto *in = reinterpret_cast<const sockaddr_in *>(&storage);
+    const auto *p = reinterpret_cast<const uint8_t *>(&in->sin_addr);
+    return Bytes(p, p + 4);
+  }
+  const auto *in6 = reinterpret_cast<const sockaddr_in6 *>(&storage);
+  const auto *p = reinterpret_cast<const uint8_t *>(&in6->sin6_addr);
+  return Bytes(p, p + 16);
+}
+
+std::string errno_text(const std::string &what) {
+  return what + ": " + std::strerror(errno);
+}
+
+}  // namespace
+
+uint8_t traffic_class_of(unsigned port_index) {
+  static constexpr uint8_t kClasses[kPortCount] = {0xC0, 0xC0, 0x80, 0x40, 0x20};
+  return port_index < kPortCount ? kClasses[port_index] : 0;
+}
+
+std::optional<Bytes> parse_ip_address(std::string_view text) {
+  const std::string copy(text);
+  Bytes out(16);
+  if (inet_pton(AF_INET, copy.c_str(), out.data()) == 1) {
+    out.resize(4);
+    return out;
+  }
+  if (inet_pton(AF_INET6, copy.c_str(), out.data()) == 1) return out;
+  return std::nullopt;
+}
+
+std::string ip_address_text(ByteSpan address) {
+  char text[INET6_ADDRSTRLEN] = {};
+  inet_ntop(address.size() == 4 ? AF_INET : AF_INET6, address.data(), text, sizeof text);
+  return text;
+}
+
+std::optional<std::string> resolve_partner(const std::string &host,
+                                           const std::string &local_address) {
+  const std::optional<Bytes> local = parse_ip_address(local_address);
+  if (!local) return std::nullopt;
+  addrinfo hints{};
+  hints.ai_family = local->size() == 4 ? AF_INET : AF_INET6;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo *found = nullptr;
+  if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) {
+    return std::nullopt;
+  }
+  sockaddr_storage storage{};
+  std::memcpy(&storage, found->ai_addr, std::min<size_t>(found->ai_addrlen, sizeof storage));
+  ::freeaddrinfo(found);
+  return ip_address_text(address_of(storage));
+}
+
+// A link station and the sink that puts its datagrams on the endpoint's queue.
+struct UdpEndpoint::Link final : DatagramSink {
+  Link(UdpEndpoint &endpoint, Bytes address, uint16_t port_base, const LinkStationConfig &config,
+       NlpReceiver &receiver)
+      : endpoint(endpoint),
+        address(std::move(address)),
+        port_base(port_base),
+        station(config, *this, receiver) {}
+  void send_datagram(unsigned port_index, Bytes datagram) override {
+    const TimePoint now =
+        endpoint.dispatching_ > 0 ? endpoint.last_now_ : std::chrono::steady_clock::now();
+    endpoint.queue(port_index, address, std::move(datagram), now);
+  }
+
+  UdpEndpoint &endpoint;
+  Bytes address;
+  uint16_t port_base;
+  bool removed = false;
+  LinkStation station;
+};
+
+struct UdpEndpoint::Buffers {
+  std::array<mmsghdr, kBatch> headers{};
+  std::array<iovec, kBatch> iovecs{};
+  std::array<sockaddr_storage, kBatch> addresses{};
+  std::vector<uint8_t> data = std::vector<uint8_t>(kBatch * kReceiveBufferSize);
+};
+
+UdpEndpoint::UdpEndpoint(const EndpointConfig &config, int family, Bytes local)
+    : config_(config),
+      family_(family),
+      local_(std::move(local)),
+      impair_send_(config.impairment),
+      impair_receive_(Impairment{config.impairment.loss, config.impairment.duplication,
+                                 config.impairment.reorder, config.impairment.delay,
+                                 config.impairment.reorder_hold, config.impairment.seed + 1}),
+      buffers_(std::make_unique<Buffers>()) {}
+
+UdpEndpoint::~UdpEndpoint() {
+  for (int fd : fds_) {
+    if (fd >= 0) ::close(fd);
+  }
+}
+
+std::unique_ptr<UdpEndpoint> UdpEndpoint::open(const EndpointConfig &config, std::string *error) {
+  const std::optional<Bytes> local = parse_ip_address(config.local_address);
+  if (!local) {
+    *error = "local address \"" + config.local_address + "\" is not a numeric IP address";
+    return nullptr;
+  }
+  if (config.port_base > 65535 - (kPortCount - 1)) {
+    *error = "port base " + std::to_string(config.port_base) + " leaves no room for five ports";
+    return nullptr;
+  }
+  const int family = local->size() == 4 ? AF_INET : AF_INET6;
+  std::unique_ptr<UdpEndpoint> endpoint(new UdpEndpoint(config, family, *local));
+  for (unsigned i = 0; i < kPortCount; ++i) {
+    const uint16_t port = static_cast<uint16_t>(config.port_base + i);
+    const int fd = ::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP);
+    if (fd < 0) {
+      *error = errno_text("socket");
+      return nullptr;
+    }
+    endpoint->fds_[i] = fd;
+    const int tclass = traffic_class_of(i);
+    const int on = 1;
+    const bool marked =
+        family == AF_INET
+            ? ::setsockopt(fd, IPPROTO_IP, IP_TOS, &tclass, sizeof tclass) == 0
+            : ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) == 0 &&
+                  ::setsockopt(fd, IPPROTO_IPV6, IPV6_TCLASS, &tclass, sizeof tclass) == 0;
+    if (!marked) {
+      *error = errno_text("setting the IP precedence of port " + std::to_string(port));
+      return nullptr;
+    }
+    // Larger buffers ride out bursts; what the system allows is enough.
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kSocketBufferBytes, sizeof kSocketBufferBytes);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSocketBufferBytes, sizeof kSocketBufferBytes);
+    const sockaddr_storage address = socket_address(family, *local, port);
+    if (::bind(fd, reinterpret_cast<const sockaddr *>(&address), socket_address_size(family)) !=
+        0) {
+      *error = errno_text("binding " + config.local_address + " port " + std::to_string(port));
+      return nullptr;
+    }
+  }
+  return endpoint;
+}
+
+LinkStation *UdpEndpoint::add_link(std::string_view partner, const LinkStationConfig &config,
+                                   NlpReceiver &receiver, std::string *error,
+                                   uint16_t partner_port_base) {
+  const std::optional<Bytes> address = parse_ip_address(partner);
+  if (!address || address->size() != local_.size()) {
+    *error = "partner address \"" + std::string(partner) + "\" is not a numeric " +
+             (family_ == AF_INET ? "IPv4" : "IPv6") + " address";
+    return nullptr;
+  }
+  auto found = links_.find(*address);
+  if (found != links_.end() && !found->second->removed) {
+    *error = "a link to " + std::string(partner) + " exists already";
+    return nullptr;
+  }
+  LinkStationConfig station_config = config;
+  if (family_ == AF_INET6 && station_config.local.max_btu == kDefaultMaxBtu) {
+    // The IPv6 header is 20 bytes longer: the same frame holds less.
+    station_config.local.max_btu = kDefaultMaxBtuIpv6;
+  }
+  auto link = std::make_unique<Link>(*this, *address,
+                                     partner_port_base != 0 ? partner_port_base : config_.port_base,
+                                     station_config, receiver);
+  LinkStation *station = &link->station;
+  if (found != links_.end()) {
+    // Removed earlier in this dispatch: the old station may still be on the
+    // stack (its callback removed it), so it dies after the dispatch.
+    graveyard_.push_back(std::move(found->second));
+    found->second = std::move(link);
+  } else {
+    links_.emplace(*address, std::move(link));
+  }
+  return station;
+}
+
+LinkStation *UdpEndpoint::find_link(std::string_view partner) {
+  const std::optional<Bytes> address = parse_ip_address(partner);
+  if (!address) return nullptr;
+  auto found = links_.find(*address);
+  return found == links_.end() || found->second->removed ? nullptr : &found->second->station;
+}
+
+void UdpEndpoint::remove_link(LinkStation *station) {
+  for (auto &[address, link] : links_) {
+    if (&link->station == station) link->removed = true;
+  }
+  removed_ = true;
+  if (dispatching_ == 0) collect_removed();
+}
+
+void UdpEndpoint::collect_removed() {
+  graveyard_.clear();
+  if (!removed_) return;
+  std::erase_if(links_, [](const auto &entry) { return entry.second->removed; });
+  removed_ = false;
+}
+
+void UdpEndpoint::queue(unsigned port_index, const Bytes &address, Bytes datagram, TimePoint now) {
+  HeldDatagram held{port_index, address, std::move(datagram)};
+  if (!impair_send_.settings().any()) {
+    outgoing_.push_back(std::move(held));
+    return;
+  }
+  impair_send_.push(std::move(held), now, outgoing_);
+}
+
+void UdpEndpoint::flush() {
+  // Consecutive datagrams for one port go out in one sendmmsg; the order on
+  // each port is kept.
+  size_t first = 0;
+  while (first < outgoing_.size()) {
+    size_t count = 1;
+    while (first + count < outgoing_.size() && count < kBatch &&
+           outgoing_[first + count].port_index == outgoing_[first].port_index) {
+      ++count;
+    }
+    send_batch(first, count);
+    first += count;
+  }
+  outgoing_.clear();
+}
+
+void UdpEndpoint::send_batch(size_t first, size_t count) {
+  Buffers &b = *buffers_;
+  const unsigned port_index = outgoing_[first].port_index;
+  for (size_t i = 0; i < count; ++i) {
+    HeldDatagram &d = outgoing_[first + i];
+    auto found = links_.find(d.address);
+    const uint16_t base = found != links_.end() ? found->second->port_base : config_.port_base;
+    b.addresses[i] = socket_address(family_, d.address, static_cast<uint16_t>(base + port_index));
+    b.iovecs[i] = {d.payload.data(), d.payload.size()};
+    b.headers[i] = {};
+    b.headers[i].msg_hdr.msg_name = &b.addresses[i];
+    b.headers[i].msg_hdr.msg_namelen = socket_address_size(family_);
+    b.headers[i].msg_hdr.msg_iov = &b.iovecs[i];
+    b.headers[i].msg_hdr.msg_iovlen = 1;
+    if (observer_) observer_(true, d.address, port_index, d.payload);
+  }
+  size_t done = 0;
+  while (done < count) {
+    const int sent = ::sendmmsg(fds_[port_index], b.headers.data() + done,
+                                static_cast<unsigned>(count - done), 0);
+    if (sent < 0) {
+      if (errno == EINTR) continue;
+      // Full buffers or an unreachable partner: the datagram is lost, as the
+      // network may lose it; RTP and LDLC recover.  Skip it and go on.
+      ++counters_.send_failed;
+      ++done;
+      continue;
+    }
+    counters_.sent += static_cast<uint64_t>(sent);
+    done += static_cast<size_t>(sent);
+  }
+}
+
+void UdpEndpoint::on_readable(int fd, TimePoint now) {
+  const auto slot = std::find(fds_.begin(), fds_.end(), fd);
+  if (slot == fds_.end()) return;
+  const unsigned port_index = static_cast<unsigned>(slot - fds_.begin());
+  ++dispatching_;
+  last_now_ = now;
+  Buffers &b = *buffers_;
+  for (;;) {
+    for (size_t i = 0; i < kBatch; ++i) {
+      b.iovecs[i] = {b.data.data() + i * kReceiveBufferSize, kReceiveBufferSize};
+      b.headers[i] = {};
+      b.headers[i].msg_hdr.msg_name = &b.addresses[i];
+      b.headers[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+      b.headers[i].msg_hdr.msg_iov = &b.iovecs[i];
+      b.headers[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int got = ::recvmmsg(fd, b.headers.data(), kBatch, MSG_DONTWAIT, nullptr);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    for (int i = 0; i < got; ++i) {
+      if (b.headers[i].msg_hdr.msg_flags & MSG_TRUNC) {
+        ++counters_.truncated;
+        continue;
+      }
+      ++counters_.received;
+      const uint8_t *p = b.data.data() + static_cast<size_t>(i) * kReceiveBufferSize;
+      HeldDatagram d{port_index, address_of(b.addresses[i]), Bytes(p, p + b.headers[i].msg_len)};
+      if (!impair_receive_.settings().any()) {
+        deliver(std::move(d), now);
+        continue;
+      }
+      ready_.clear();
+      impair_receive_.push(std::move(d), now, ready_);
+      std::vector<HeldDatagram> ready = std::move(ready_);
+      for (HeldDatagram &r : ready) deliver(std::move(r), now);
+    }
+    if (static_cast<size_t>(got) < kBatch) break;
+  }
+  --dispatching_;
+  collect_removed();
+  flush();
+}
+
+void UdpEndpoint::deliver(HeldDatagram d, TimePoint now) {
+  if (observer_) observer_(false, d.address, d.port_index, d.payload);
+  auto found = links_.find(d.address);
+  if ((found == links_.end() || found->second->removed) && unknown_sender_) {
+    unknown_sender_(ip_address_text(d.address), d.payload, now);
+    found = links_.find(d.address);
+  }
+  if (found == links_.end() || found->second->removed) {
+    ++counters_.unknown_sender;
+    return;
+  }
+  found->second->station.on_datagram(d.payload, now);
+}
+
+void UdpEndpoint::on_timer(TimePoint now) {
+  ++dispatching_;
+  last_now_ = now;
+  std::vector<HeldDatagram> ready;
+  impair_receive_.release(now, ready);
+  for (HeldDatagram &d : ready) deliver(std::move(d), now);
+  impair_send_.release(now, outgoing_);
+  for (auto &[address, link] : links_) {
+    const std::optional<TimePoint> due = link->station.next_deadline();
+    if (!link->removed && due && *due <= now) link->station.on_timer(now);
+  }
+  --dispatching_;
+  collect_removed();
+  flush();
+}
+
+std::optional<TimePoint> UdpEndpoint::next_deadline() const {
+  if (!outgoing_.empty()) return TimePoint::min();
+  std::optional<TimePoint> due = impair_send_.next_deadline();
+  const auto consider = [&due](std::optional<TimePoint> t) {
+    if (t && (!due || *t < *due)) due = t;
+  };
+  consider(impair_receive_.next_deadline());
+  for (const auto &[address, link] : links_) {
+    if (!link->removed) consider(link->station.next_deadline());
+  }
+  return due;
+}
+
+}  // namespace snanode::net::ee

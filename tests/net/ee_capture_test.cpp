@@ -1,0 +1,130 @@
+// A link activation, NLPs at each priority, a liveness TEST and the
+// deactivation, written through the capture writer and read back by tshark:
+// every datagram decodes on its port with no expert item and nothing
+// malformed, and the LLC and XID3 fields tshark shows are the ones the link
+// stations meant (expected values written from the layouts, not from the
+// encoders).
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "ee_pipe.h"
+#include "net/capture/pcap_writer.h"
+#include "net/tshark_run.h"
+
+namespace snanode::net::ee {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::vector<std::string> lines(const std::string &text) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  for (size_t at; (at = text.find('\n', start)) != std::string::npos; start = at + 1) {
+    out.push_back(text.substr(start, at - start));
+  }
+  return out;
+}
+
+// Writes `sent` to a capture file (A's datagrams as sent, B's as received)
+// and returns what tshark prints of `fields`, a line per datagram.
+std::string read_back(const std::vector<testing::SentDatagram> &sent, const std::string &fields) {
+  const std::string path = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
+                           std::string("/ee_capture_") + std::to_string(::getpid()) + ".pcap";
+  std::string error;
+  auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
+  EXPECT_TRUE(writer) << error;
+  if (!writer) return {};
+  for (const auto &d : sent) {
+    EXPECT_TRUE(
+        writer->write_datagram(d.from_a ? CaptureDirection::kSent : CaptureDirection::kReceived,
+                               static_cast<uint16_t>(kEePortLlc + d.port_index), d.bytes));
+  }
+  writer.reset();
+  std::string out = tshark_check::run("tshark -r " + path + " -T fields -E separator=/s " + fields +
+                                      " 2>/dev/null");
+  std::remove(path.c_str());
+  return out;
+}
+
+TEST(EeCapture, ActivationNlpsTestAndDeactivationDecodeAsMeant) {
+  if (!tshark_check::have_tshark()) GTEST_SKIP() << "tshark is not installed";
+  testing::Pipe pipe(testing::station_config(0x05D00001, "NETA.CPA", "NETA.CPB"),
+                     testing::station_config(0x05D00002, "NETA.CPB", "NETA.CPA"));
+  pipe.a.activate(pipe.now);
+  pipe.run_for(100ms);
+  ASSERT_TRUE(pipe.a.active() && pipe.b.active());
+  for (Priority p : testing::kAllPriorities) {
+    Nhdr nhdr;
+    nhdr.priority = p;
+    nhdr.labels = pipe.a.partner().anr_label;
+    Thdr thdr;
+    thdr.tcid = {1, 2, 3, 4, 5, 6, 7, 8};
+    thdr.bsn = 0x1000;
+    // One whole BIU: FID5 TH, RH (RQE1), a mapped record "HELLO".
+    const uint8_t data[] = {0x5C, 0x00, 0x00, 0x02, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01,
+                            0x03, 0x90, 0x00, 0x00, 0x09, 0x12, 0xFF, 0xC8, 0xC5, 0xD3, 0xD3, 0xD6};
+    Bytes nlp;
+    ASSERT_TRUE(encode_nlp(nhdr, thdr, data, nlp).ok());
+    ASSERT_TRUE(pipe.a.send_nlp(p, nlp));
+  }
+  pipe.run_for(3s);  // idle past a quarter of the liveness time: one TEST each way
+  pipe.b.deactivate(pipe.now);
+  pipe.run_for(100ms);
+
+  const std::string fields =
+      read_back(pipe.sent,
+                "-e udp.dstport -e llc.dsap -e llc.ssap -e llc.control -e sna.xid.idnum"
+                " -e sna.xid.type3.state -e sna.xid.type3.negcsup -e sna.xid.type3.negcomp"
+                " -e sna.xid.type3.tg -e sna.control.0e.value -e sna.nlp.nhdr.tpf -e sna.nlp.frh"
+                " -e sna.nlp.thdr.bsn -e _ws.expert -e _ws.malformed");
+  const std::vector<std::string> rows = lines(fields);
+  // tshark prints each field at its width: LLC control as 16 bits, the
+  // node ID number as 32, the exchange state as 16.
+  const std::vector<std::string> expected = {
+      // A's prenegotiation XID command (state 2), B's response (F bit, SSAP
+      // C/R set), both offering "any" TG (0); then negotiation-proceeding
+      // (state 1) with the agreed TG 1, where the secondary (A, the lower
+      // node ID) says the negotiation is complete.
+      "12000 0x04 0x04 0x00bf 0x00000001 0x0002 1 0 0x00 NETA.CPA     ",
+      "12000 0x04 0x05 0x00bf 0x00000002 0x0002 1 0 0x00 NETA.CPB     ",
+      "12000 0x04 0x04 0x00bf 0x00000001 0x0001 1 1 0x01 NETA.CPA     ",
+      "12000 0x04 0x05 0x00bf 0x00000002 0x0001 1 0 0x01 NETA.CPB     ",
+      // XID_DONE_RQ from the primary, XID_DONE_RSP: function-routed NLPs at
+      // low priority on the LLC port.
+      "12000 0xc8 0xc8 0x0003       0x00 0x03   ",
+      "12000 0xc8 0xc8 0x0003       0x00 0x04   ",
+      // NLPs on the port of their priority, network to low.
+      "12001 0xc8 0xc8 0x0003       0x03  0x00001000  ",
+      "12002 0xc8 0xc8 0x0003       0x02  0x00001000  ",
+      "12003 0xc8 0xc8 0x0003       0x01  0x00001000  ",
+      "12004 0xc8 0xc8 0x0003       0x00  0x00001000  ",
+      // Idle for a quarter of the liveness time: A's TEST, B's answer; then
+      // B's DISC and A's DM.
+      "12000 0x04 0x04 0x00f3           ",
+      "12000 0x04 0x05 0x00f3           ",
+      "12000 0x04 0x04 0x0053           ",
+      "12000 0x04 0x05 0x001f           ",
+  };
+  EXPECT_EQ(rows, expected) << fields;
+}
+
+TEST(EeCapture, RefusedActivationCarriesTheNegotiationErrorVector) {
+  if (!tshark_check::have_tshark()) GTEST_SKIP() << "tshark is not installed";
+  testing::Pipe pipe(testing::station_config(0x05D00001, "NETA.CPA", ""),
+                     testing::station_config(0x05D00002, "NETA.CPB", "NETA.CPX"));
+  pipe.a.activate(pipe.now);
+  pipe.run_for(100ms);
+  ASSERT_EQ(pipe.sent.size(), 2u);
+  // B's answer: its XID3 with CP name, TG descriptor, HPR capabilities and
+  // the negotiation error, whose last four bytes are the sense X'1016001D'.
+  EXPECT_EQ(read_back(pipe.sent, "-e sna.control.key -e _ws.expert -e _ws.malformed"),
+            "0x0e,0x46,0x61  \n0x0e,0x46,0x61,0x22  \n");
+  const Bytes &answer = pipe.sent[1].bytes;
+  EXPECT_EQ(Bytes(answer.end() - 9, answer.end()),
+            (Bytes{0x22, 0x07, 0x00, 0x00, 0x00, 0x10, 0x16, 0x00, 0x1D}));
+}
+
+}  // namespace
+}  // namespace snanode::net::ee

@@ -1,0 +1,207 @@
+// Two endpoints over real UDP on loopback addresses: activation on demand at
+// the receiving side, NLPs at each priority on their own port with their IP
+// precedence, datagrams from an unknown address dropped, and the same over
+// IPv6.  The loop is driven the way the daemon drives it (poll, on_readable,
+// on_timer) but nothing is asserted about how long anything takes.
+#include <netinet/ip.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "ee_pipe.h"
+#include "net/ee/udp_endpoint.h"
+
+namespace snanode::net::ee {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Receiver;
+using testing::station_config;
+
+struct Node {
+  std::unique_ptr<UdpEndpoint> endpoint;
+  Receiver receiver;
+  TimePoint clock{};
+  std::vector<unsigned> received_ports;  // port index of every NLP datagram received
+};
+
+// Opens an endpoint, trying a few port bases in case another program holds
+// one; nullptr when the address cannot be bound at all.
+std::unique_ptr<UdpEndpoint> open_endpoint(const std::string &address, uint16_t base,
+                                           const Impairment &impairment = {}) {
+  std::string error;
+  EndpointConfig config;
+  config.local_address = address;
+  config.port_base = base;
+  config.impairment = impairment;
+  return UdpEndpoint::open(config, &error);
+}
+
+uint16_t port_base_for_test(int slot) {
+  return static_cast<uint16_t>(20000 + (::getpid() % 3000) * 10 + slot * 5);
+}
+
+// Runs the endpoints' loop until `done` holds or five seconds of wall time
+// pass (a bound for a hung test, not a measurement).
+template <class Done>
+bool run(std::vector<Node *> nodes, Done done) {
+  const auto give_up = std::chrono::steady_clock::now() + 5s;
+  while (!done()) {
+    const TimePoint now = std::chrono::steady_clock::now();
+    if (now > give_up) return false;
+    std::vector<pollfd> fds;
+    std::vector<Node *> owners;
+    for (Node *node : nodes) {
+      node->clock = now;
+      for (int fd : node->endpoint->fds()) {
+        fds.push_back({fd, POLLIN, 0});
+        owners.push_back(node);
+      }
+    }
+    ::poll(fds.data(), fds.size(), 10);
+    const TimePoint after = std::chrono::steady_clock::now();
+    for (size_t i = 0; i < fds.size(); ++i) {
+      owners[i]->clock = after;
+      if (fds[i].revents & POLLIN) owners[i]->endpoint->on_readable(fds[i].fd, after);
+    }
+    for (Node *node : nodes) {
+      if (auto due = node->endpoint->next_deadline(); due && *due <= after) {
+        node->endpoint->on_timer(after);
+      }
+    }
+  }
+  return true;
+}
+
+Bytes nlp_with(uint8_t tag) {
+  Nhdr nhdr;
+  Thdr thdr;
+  const uint8_t data[] = {tag, 0x5A};
+  Bytes nlp;
+  EXPECT_TRUE(encode_nlp(nhdr, thdr, data, nlp).ok());
+  return nlp;
+}
+
+TEST(EeUdpEndpoint, TwoAddressesActivateOnDemandAndCarryEachPriority) {
+  const uint16_t base = port_base_for_test(0);
+  Node a, b, stranger;
+  a.endpoint = open_endpoint("127.0.0.2", base);
+  b.endpoint = open_endpoint("127.0.0.3", base);
+  stranger.endpoint = open_endpoint("127.0.0.4", base);
+  if (!a.endpoint || !b.endpoint || !stranger.endpoint) {
+    GTEST_SKIP() << "127.0.0.2-4 cannot be bound here";
+  }
+  for (Node *n : {&a, &b, &stranger}) n->receiver.clock = &n->clock;
+
+  // Each port carries its IP precedence.
+  for (unsigned i = 0; i < kPortCount; ++i) {
+    int tos = -1;
+    socklen_t size = sizeof tos;
+    ASSERT_EQ(::getsockopt(b.endpoint->fds()[i], IPPROTO_IP, IP_TOS, &tos, &size), 0);
+    EXPECT_EQ(tos, traffic_class_of(i)) << i;
+  }
+
+  // B knows no link: it takes one from 127.0.0.2 when its XID arrives, and
+  // nobody else.
+  std::vector<std::string> offered;
+  b.endpoint->set_unknown_sender([&](const std::string &address, ByteSpan, TimePoint) {
+    offered.push_back(address);
+    if (address != "127.0.0.2") return;
+    std::string error;
+    ASSERT_TRUE(b.endpoint->add_link(address, station_config(2, "NETA.CPB", "NETA.CPA"), b.receiver,
+                                     &error))
+        << error;
+  });
+  b.endpoint->set_observer([&](bool sent, const Bytes &, unsigned port, ByteSpan datagram) {
+    if (!sent && datagram.size() > 3 && datagram[2] == kLlcUi && port != kLlcPortIndex) {
+      b.received_ports.push_back(port);
+    }
+  });
+
+  std::string error;
+  LinkStation *to_b = a.endpoint->add_link("127.0.0.3", station_config(1, "NETA.CPA", "NETA.CPB"),
+                                           a.receiver, &error);
+  ASSERT_TRUE(to_b) << error;
+  EXPECT_FALSE(
+      a.endpoint->add_link("127.0.0.3", station_config(1, "NETA.CPA", ""), a.receiver, &error));
+  EXPECT_FALSE(a.endpoint->add_link("::1", station_config(1, "NETA.CPA", ""), a.receiver, &error));
+  LinkStation *stray = stranger.endpoint->add_link("127.0.0.3", station_config(3, "NETA.CPC", ""),
+                                                   stranger.receiver, &error);
+  ASSERT_TRUE(stray);
+
+  to_b->activate(std::chrono::steady_clock::now());
+  stray->activate(std::chrono::steady_clock::now());
+  ASSERT_TRUE(run({&a, &b, &stranger}, [&] {
+    LinkStation *at_b = b.endpoint->find_link("127.0.0.2");
+    return to_b->active() && at_b && at_b->active();
+  }));
+  LinkStation *to_a = b.endpoint->find_link("127.0.0.2");
+  EXPECT_EQ(to_a->partner().cp_name, "NETA.CPA");
+  EXPECT_FALSE(stray->active());
+  EXPECT_GE(b.endpoint->counters().unknown_sender, 1u);
+  EXPECT_NE(std::find(offered.begin(), offered.end(), "127.0.0.4"), offered.end());
+
+  for (uint8_t i = 0; i < 4; ++i) {
+    ASSERT_TRUE(to_b->send_nlp(testing::kAllPriorities[i], nlp_with(i)));
+    ASSERT_TRUE(to_a->send_nlp(testing::kAllPriorities[i], nlp_with(0x10 + i)));
+  }
+  ASSERT_TRUE(run({&a, &b, &stranger},
+                  [&] { return a.receiver.nlps.size() == 4 && b.receiver.nlps.size() == 4; }));
+  for (uint8_t i = 0; i < 4; ++i) {
+    // One datagram per port: each arrives alone, so order is not promised.
+    EXPECT_NE(std::find(b.receiver.nlps.begin(), b.receiver.nlps.end(), nlp_with(i)),
+              b.receiver.nlps.end());
+    EXPECT_NE(std::find(a.receiver.nlps.begin(), a.receiver.nlps.end(), nlp_with(0x10 + i)),
+              a.receiver.nlps.end());
+  }
+  std::sort(b.received_ports.begin(), b.received_ports.end());
+  EXPECT_EQ(b.received_ports, (std::vector<unsigned>{1, 2, 3, 4}));
+
+  to_b->deactivate(std::chrono::steady_clock::now());
+  ASSERT_TRUE(run({&a, &b}, [&] {
+    return to_b->state() == LinkStation::State::kReset &&
+           to_a->state() == LinkStation::State::kReset;
+  }));
+  EXPECT_EQ(a.receiver.inactive.size(), 1u);
+  EXPECT_EQ(b.receiver.inactive.size(), 1u);
+}
+
+// Also: A's own path duplicates every datagram both ways and delays it.
+TEST(EeUdpEndpoint, Ipv6LinkBetweenTwoPortBasesThroughAnImpairedPath) {
+  const uint16_t base = port_base_for_test(1);
+  const uint16_t other = static_cast<uint16_t>(base + 5);
+  Node a, b;
+  Impairment doubled;
+  doubled.duplication = 1;
+  doubled.delay = 2ms;
+  a.endpoint = open_endpoint("::1", base, doubled);
+  b.endpoint = open_endpoint("::1", other);
+  if (!a.endpoint || !b.endpoint) GTEST_SKIP() << "::1 cannot be bound here";
+  for (Node *n : {&a, &b}) n->receiver.clock = &n->clock;
+  int tclass = -1;
+  socklen_t size = sizeof tclass;
+  ASSERT_EQ(::getsockopt(a.endpoint->fds()[2], IPPROTO_IPV6, IPV6_TCLASS, &tclass, &size), 0);
+  EXPECT_EQ(tclass, 0x80);
+
+  std::string error;
+  LinkStation *to_b =
+      a.endpoint->add_link("::1", station_config(1, "NETA.CPA", ""), a.receiver, &error, other);
+  LinkStation *to_a =
+      b.endpoint->add_link("::1", station_config(2, "NETA.CPB", ""), b.receiver, &error, base);
+  ASSERT_TRUE(to_b && to_a) << error;
+  to_a->activate(std::chrono::steady_clock::now());
+  ASSERT_TRUE(run({&a, &b}, [&] { return to_a->active() && to_b->active(); }));
+  EXPECT_EQ(to_a->max_nlp_size(), 1441u);  // the IPv6 default
+  ASSERT_TRUE(to_b->send_nlp(Priority::kLow, nlp_with(7)));
+  ASSERT_TRUE(run({&a, &b}, [&] { return b.receiver.nlps.size() == 2; }));
+  EXPECT_EQ(b.receiver.nlps[0], nlp_with(7));
+  EXPECT_EQ(b.receiver.nlps[1], nlp_with(7));
+  EXPECT_GT(a.endpoint->send_impairment().delayed, 0u);
+  EXPECT_GT(a.endpoint->receive_impairment().duplicated, 0u);
+  EXPECT_EQ(b.endpoint->send_impairment().duplicated, 0u);
+  EXPECT_EQ(a.receiver.activations, 1);
+}
+
+}  // namespace
+}  // namespace snanode::net::ee
