@@ -302,8 +302,6 @@ TEST_F(Characteristics, ExtractCallsRefuseOnlyAConversationAwaitingAccept) {
       EXPECT_EQ(out.rc, expected) << static_cast<int>(stage);
       if (stage == N) {
         EXPECT_EQ(out.length, -7);
-      }
-      if (stage == N) {
         EXPECT_EQ(out.text, std::string(80, '~'));
       }
     }

@@ -22,6 +22,7 @@
 #include "daemon/log_rate_limit.h"
 #include "daemon/server.h"
 #include "engine/security.h"
+#include "node/broker_test_support.h"
 #include "node/daemon_test_support.h"
 #include "snanode/verbs.h"
 
@@ -79,21 +80,13 @@ TEST(DaemonHardening, DescriptorsAreTakenOnlyWithTheMessagesThatPassThem) {
   EXPECT_EQ(open_descriptors(), before);
 }
 
-class RecordingOutput : public BrokerOutput {
- public:
-  bool send(ClientId, const client::Message &, int) override { return true; }
-  bool launch(const config::InvokableTp &, const std::string &) override { return true; }
-  void log(const std::string &line) override { logs.push_back(line); }
-  std::vector<std::string> logs;
-};
-
 // A name with a line feed in it would write a line of its own choosing;
 // every byte outside printable ASCII reaches the log escaped.  And what one
 // client may hold in names and waiting accepts is capped.
 TEST(DaemonHardening, NamesAreEscapedInTheLogAndEveryClientIsCapped) {
   config::NodeConfig config;
   config.node_name = "TESTNODE";
-  RecordingOutput out;
+  broker_test::RecordingOutput out;
   Broker broker(config, out, nullptr);
   const auto handle = [&](ClientId id, client::Message message) {
     return broker.handle(id, client::ReceivedMessage{std::move(message), client::UniqueFd()});

@@ -74,15 +74,19 @@ inline std::vector<uint8_t> encoded(const client::Message &message, bool passes_
   return bytes;
 }
 
-// Connects and greets the daemon; an empty channel pointer on failure.
-inline std::unique_ptr<client::MessageChannel> greet(const std::string &socket) {
+// Connects and greets the daemon (the node's name it answers with in
+// `node_name`); an empty channel pointer on failure.
+inline std::unique_ptr<client::MessageChannel> greet(const std::string &socket,
+                                                     std::string *node_name = nullptr) {
   auto channel = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
   if (!channel->send(client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
                                    static_cast<uint32_t>(::getuid())})) {
     return nullptr;
   }
   auto welcome = channel->receive();
-  if (!welcome || !std::holds_alternative<client::Welcome>(welcome->message)) return nullptr;
+  const auto *greeting = welcome ? std::get_if<client::Welcome>(&welcome->message) : nullptr;
+  if (greeting == nullptr) return nullptr;
+  if (node_name != nullptr) *node_name = greeting->node_name;
   return channel;
 }
 

@@ -95,6 +95,11 @@ LinkPtr socket_link(int fd, RunLocked run_locked = nullptr) {
   return LinkPtr(make_socket_link(fd, std::move(run_locked)).release());
 }
 
+void attach_locked(Link &link, FrameSink &sink) {
+  snanode::ProcessLockGuard lock;
+  link.attach(&sink);
+}
+
 void send_locked(Link &link, Frame frame) {
   snanode::ProcessLockGuard lock;
   link.send(std::move(frame));
@@ -144,10 +149,7 @@ TEST(SocketLink, LargePayloadsPassWithBackPressure) {
   auto sender = socket_link(pair.fds[0]);
   auto receiver = socket_link(pair.fds[1]);
   RecordingSink sink;
-  {
-    snanode::ProcessLockGuard lock;
-    receiver->attach(&sink);
-  }
+  attach_locked(*receiver, sink);
   const size_t count = 2 * kSocketLinkQueueLimit / kMaxFramePayload + 2;
   std::vector<Frame> sent;
   {
@@ -266,10 +268,7 @@ TEST(SocketLink, AWaitingThreadReadsItsSocketUntilTheLinkCloses) {
       RecordingSink::on_frame(std::move(frame));
     }
   } sink;
-  {
-    snanode::ProcessLockGuard lock;
-    receiver->attach(&sink);
-  }
+  attach_locked(*receiver, sink);
   send_locked(*sender, make_frame(FrameType::kData, 0, 0, 10, 1));
   ASSERT_TRUE(sink.wait_for_frames(1));  // the reactor delivers while no one waits
 
@@ -345,10 +344,7 @@ TEST(SocketLink, PeerDeathIsReportedOnceAfterItsFrames) {
   ::close(pair.fds[1]);
   auto link = socket_link(pair.fds[0]);
   RecordingSink sink;
-  {
-    snanode::ProcessLockGuard lock;
-    link->attach(&sink);
-  }
+  attach_locked(*link, sink);
   ASSERT_TRUE(sink.wait_for_frames(1));
   EXPECT_EQ(sink.lost(), 0);
   ::kill(child, SIGKILL);
@@ -399,10 +395,7 @@ TEST(SocketLink, AClosedLinkIsWrittenOutBeforeItsProcessGoes) {
     SCOPED_TRACE(going);
     auto receiver = socket_link(pairs[going].fds[1]);
     RecordingSink sink;
-    {
-      snanode::ProcessLockGuard lock;
-      receiver->attach(&sink);
-    }
+    attach_locked(*receiver, sink);
     if (going == kExitToAStuckPeer) {
       EXPECT_TRUE(sink.wait_for_lost());
       EXPECT_LT(sink.frames().size(), kFrames + 1);
@@ -422,10 +415,7 @@ TEST(SocketLink, UndecodableStreamCountsAsLost) {
   SocketPair pair;
   auto link = socket_link(pair.fds[0]);
   RecordingSink sink;
-  {
-    snanode::ProcessLockGuard lock;
-    link->attach(&sink);
-  }
+  attach_locked(*link, sink);
   const uint8_t garbage[] = {0, 0, 0, 6, 0x77, 0, 0, 0, 0, 0};  // unknown frame type
   ASSERT_EQ(::write(pair.fds[1], garbage, sizeof garbage), static_cast<ssize_t>(sizeof garbage));
   EXPECT_TRUE(sink.wait_for_lost());
