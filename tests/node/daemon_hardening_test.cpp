@@ -89,14 +89,9 @@ TEST(DaemonHardening, NamesAreEscapedInTheLogAndEveryClientIsCapped) {
   broker_test::RecordingOutput out;
   Broker broker(config, out, nullptr);
   const auto handle = [&](ClientId id, client::Message message) {
-    return broker.handle(id, client::ReceivedMessage{std::move(message), client::UniqueFd()});
+    return broker_test::handle(broker, id, std::move(message));
   };
-  const client::Hello hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
-                            static_cast<uint32_t>(::getuid())};
-  for (ClientId id : {1, 2}) {
-    broker.connected(id, {::getpid(), ::getuid()});
-    ASSERT_TRUE(handle(id, hello));
-  }
+  for (ClientId id : {1, 2}) broker_test::join(broker, id, ::getuid());
 
   client::AllocateRequest forged = request_for("X\n2026-01-01 00:00:00 TP EVIL started (/bin/sh)");
   forged.mode = "#INTER\x1b[2J\xff\\";

@@ -41,10 +41,6 @@ constexpr uid_t kNobodyUid = 65534;
 #define REQUIRE_ROOT() \
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to run processes as other users"
 
-client::Hello hello_of(uid_t uid) {
-  return {client::kProtocolVersion, static_cast<uint32_t>(::getpid()), uid};
-}
-
 AllocateRequest as_alice(AllocateRequest request) {
   request.security_type = 2;
   request.user_id = "alice";
@@ -67,14 +63,9 @@ class BrokerSecurity : public ::testing::Test {
     tp.program = "/bin/true";
     return tp;
   }
-  ClientId join(uid_t uid) {
-    const ClientId id = next_++;
-    broker_.connected(id, {::getpid(), uid});
-    EXPECT_TRUE(handle(id, hello_of(uid)));
-    return id;
-  }
+  ClientId join(uid_t uid) { return broker_test::join(broker_, next_++, uid); }
   bool handle(ClientId id, client::Message message) {
-    return broker_.handle(id, client::ReceivedMessage{std::move(message), client::UniqueFd()});
+    return broker_test::handle(broker_, id, std::move(message));
   }
   AllocateRequest request(const std::string &tp_name) {
     AllocateRequest r = request_for(tp_name);
