@@ -187,8 +187,7 @@ TEST(DaemonHardening, OtherClientsAreServedWhileAPasswordIsVerified) {
   const timeval limit{5, 0};
   auto other = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
   ::setsockopt(other->fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  ASSERT_TRUE(other->send(client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
-                                        static_cast<uint32_t>(::getuid())}));
+  ASSERT_TRUE(other->send(hello()));
   auto welcome = other->receive();
   EXPECT_TRUE(welcome && std::holds_alternative<client::Welcome>(welcome->message));
   ASSERT_TRUE(other->send(client::RegisterTp{"OTHERTP"}));
