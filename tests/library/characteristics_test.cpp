@@ -17,13 +17,7 @@ CCCB *conversation_at(Stage stage, ConvId &id) {
                       : incoming_conversation(id);
 }
 
-class Characteristics : public LibraryTest {
- protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
-    start_library();
-  }
-};
+using Characteristics = StartedLibraryTest;
 
 using ValueFn = void (*)(unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
 
