@@ -7,11 +7,9 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -21,6 +19,7 @@
 #include "engine/frame.h"
 #include "engine/socket_link.h"
 #include "node/daemon_test_support.h"
+#include "node/recording_sink.h"
 #include "snanode/verbs.h"
 
 namespace {
@@ -106,34 +105,6 @@ TEST(DaemonProcess, CheckAcceptsAGoodFileAndExplainsEveryProblemOfABadOne) {
   EXPECT_EQ(check(uninstalled, " --strict").status, 1);
 }
 
-// Receives frames into a queue the test thread waits on.
-class FrameQueue : public engine::FrameSink {
- public:
-  void on_frame(engine::Frame &&frame) override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    frames_.push_back(std::move(frame));
-    changed_.notify_all();
-  }
-  void link_lost() override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    lost_ = true;
-    changed_.notify_all();
-  }
-  std::optional<engine::Frame> take(std::chrono::milliseconds limit = 5s) {
-    std::unique_lock<std::mutex> hold(mutex_);
-    if (!changed_.wait_for(hold, limit, [&] { return !frames_.empty(); })) return std::nullopt;
-    engine::Frame frame = std::move(frames_.front());
-    frames_.erase(frames_.begin());
-    return frame;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<engine::Frame> frames_;
-  bool lost_ = false;
-};
-
 // The daemon starts an invokable TP with its name, LU and the daemon's socket
 // in the environment; when it never accepts, the attach times out and the
 // allocating side reads the refusal from its end.
@@ -156,15 +127,14 @@ TEST_F(InvokableTpTest, StartedWithItsEnvironmentAndTimedOutWhenItNeverAccepts) 
 
   // The attach-failed frame arrives once the queue time-out has passed.
   auto link = engine::make_socket_link(result->descriptor.release());
-  FrameQueue frames;
+  engine_test::RecordingSink frames;
   {
     ProcessLockGuard lock;
     link->attach(&frames);
   }
-  auto refusal = frames.take();
-  ASSERT_TRUE(refusal);
-  EXPECT_EQ(refusal->type, engine::FrameType::kAttachFailed);
-  EXPECT_EQ(refusal->code, AP_TP_NOT_AVAILABLE_RETRY);
+  ASSERT_TRUE(frames.wait_for_frames(1));
+  EXPECT_EQ(frames.frames()[0].type, engine::FrameType::kAttachFailed);
+  EXPECT_EQ(frames.frames()[0].code, AP_TP_NOT_AVAILABLE_RETRY);
 
   std::string line;
   for (int tries = 0; tries < 300 && line.empty(); ++tries) {

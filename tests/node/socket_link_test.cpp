@@ -15,50 +15,13 @@
 
 #include "core/process_lock.h"
 #include "engine/socket_link.h"
+#include "node/recording_sink.h"
 
 namespace {
 
 using namespace snanode::engine;
 using namespace std::chrono_literals;
-
-// Records what a link delivers; the test thread waits on it without the
-// process lock.
-class RecordingSink : public FrameSink {
- public:
-  void on_frame(Frame &&frame) override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    frames_.push_back(std::move(frame));
-    changed_.notify_all();
-  }
-  void link_lost() override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    ++lost_;
-    changed_.notify_all();
-  }
-  // True when `count` frames arrived within the limit.
-  bool wait_for_frames(size_t count, std::chrono::milliseconds limit = 5s) {
-    std::unique_lock<std::mutex> hold(mutex_);
-    return changed_.wait_for(hold, limit, [&] { return frames_.size() >= count; });
-  }
-  bool wait_for_lost(std::chrono::milliseconds limit = 5s) {
-    std::unique_lock<std::mutex> hold(mutex_);
-    return changed_.wait_for(hold, limit, [&] { return lost_ > 0; });
-  }
-  std::vector<Frame> frames() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return frames_;
-  }
-  int lost() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return lost_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Frame> frames_;
-  int lost_ = 0;
-};
+using engine_test::RecordingSink;
 
 struct SocketPair {
   SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
