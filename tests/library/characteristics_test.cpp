@@ -17,13 +17,7 @@ CCCB *conversation_at(Stage stage, ConvId &id) {
                       : incoming_conversation(id);
 }
 
-class Characteristics : public LibraryTest {
- protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
-    start_library();
-  }
-};
+using Characteristics = StartedLibraryTest;
 
 using ValueFn = void (*)(unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
 
@@ -302,8 +296,6 @@ TEST_F(Characteristics, ExtractCallsRefuseOnlyAConversationAwaitingAccept) {
       EXPECT_EQ(out.rc, expected) << static_cast<int>(stage);
       if (stage == N) {
         EXPECT_EQ(out.length, -7);
-      }
-      if (stage == N) {
         EXPECT_EQ(out.text, std::string(80, '~'));
       }
     }

@@ -569,12 +569,8 @@ TEST_F(Submit, CmwaitAndCmchckPickByTablePositionNotCompletionOrder) {
 
 // ---- CMCANC ----
 
-class Cancel : public LibraryTest {
+class Cancel : public StartedLibraryTest {
  protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
-    start_library();
-  }
   static CM_RETURN_CODE cancel(ConvId id) {
     CM_RETURN_CODE rc = -1;
     CMCANC(id.data(), &rc);

@@ -1,22 +1,18 @@
 // The print routines the trace formats with: t_sprintf's conversions, flags,
 // size rules and caller errors, its output limit, and lp64conv with the nb_
 // front ends, whose rewrite must stay inside its 256-byte buffer.
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <memory>
-#include <string>
 
-#include "snanode/snanode_test.h"
+#include "library/support.h"
 #include "svmcspnt.h"
 
 namespace {
 
 using namespace std::string_literals;
+using lib_test::assertions;
 
 template <typename... Args>
 std::string t_format(const char *format, Args... args) {
@@ -29,15 +25,6 @@ std::string nb_format(const char *format, Args... args) {
   char buffer[1024];
   nb_sprintf(buffer, format, args...);
   return buffer;
-}
-std::vector<std::string> assertions() {
-  std::vector<std::string> out;
-  for (uint32_t n = 0; n < snt_assert_count(); ++n) {
-    char file[128] = "", expression[128] = "";
-    snt_assertion(n, file, sizeof file, expression, sizeof expression);
-    out.push_back(std::string(file) + ": " + expression);
-  }
-  return out;
 }
 
 TEST(Print, ConversionsFlagsAndSizes) {

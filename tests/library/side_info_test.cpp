@@ -13,13 +13,7 @@ namespace {
 
 using namespace lib_test;
 
-class SideInfo : public LibraryTest {
- protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
-    start_library();
-  }
-};
+using SideInfo = StartedLibraryTest;
 
 // An application entry, told from the node's by its mode length.
 SCD_ENTRY application_entry(const std::string &name, uint16_t mode_length) {

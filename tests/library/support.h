@@ -132,6 +132,15 @@ inline void start_library() {
   ASSERT_EQ(fInitCPIC, 1);
 }
 
+// A LibraryTest whose cases begin with the library started.
+class StartedLibraryTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    start_library();
+  }
+};
+
 // A record straight from the control-block routine.
 inline CCCB *new_cccb(ConvId &id) {
   Locked lock;

@@ -2,6 +2,7 @@
 // sends, starts and logs.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <deque>
@@ -55,5 +56,19 @@ class RecordingOutput : public BrokerOutput {
   std::vector<std::string> logs;
   std::set<ClientId> unreachable;
 };
+
+// `message` handed to the broker as from `client`, without a descriptor.
+inline bool handle(Broker &broker, ClientId client, client::Message message) {
+  return broker.handle(client, client::ReceivedMessage{std::move(message), client::UniqueFd()});
+}
+
+// `client` connects as a process of this program running as `uid` and greets.
+inline ClientId join(Broker &broker, ClientId client, uid_t uid) {
+  broker.connected(client, {::getpid(), uid});
+  EXPECT_TRUE(handle(broker, client,
+                     client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
+                                   static_cast<uint32_t>(uid)}));
+  return client;
+}
 
 }  // namespace broker_test

@@ -39,6 +39,16 @@ TEST(ConfigParse, SampleValuesAndTheBuiltInValuesOfSectionsLeftOut) {
   EXPECT_TRUE(cfg::parse_config("[[local_lu]]\nalias = \"ONE\"\n", "t").local_lus[0].is_default);
 }
 
+// The message `text` is refused with, or "(accepted)".
+std::string refusal(const std::string &text, const char *file = "node.toml") {
+  try {
+    cfg::parse_config(text, file);
+  } catch (const cfg::ConfigError &e) {
+    return e.what();
+  }
+  return "(accepted)";
+}
+
 // A side information entry that is right apart from what a case changes.
 std::string side_info(const std::string &extra, const char *partner = "LOCAL",
                       const char *mode = "#INTER") {
@@ -82,15 +92,34 @@ TEST(ConfigParse, EachMistakeGivesOneMessageWithItsPosition) {
       {"[trace]\nflags = [1, 256]\n", "2:13", "every element must be an integer 0 to 255"},
   };
   for (const auto &bad : cases) {
-    try {
-      cfg::parse_config(bad.text, "t.toml");
-      ADD_FAILURE() << "accepted: " << bad.text;
-    } catch (const cfg::ConfigError &error) {
-      const std::string message = error.what();
-      EXPECT_TRUE(message.starts_with("t.toml:" + std::string(bad.position) + ":")) << message;
-      EXPECT_NE(message.find(bad.problem), std::string::npos) << message;
-    }
+    const std::string message = refusal(bad.text, "t.toml");
+    EXPECT_TRUE(message.starts_with("t.toml:" + std::string(bad.position) + ":")) << message;
+    EXPECT_NE(message.find(bad.problem), std::string::npos) << message;
   }
+}
+
+// The configuration's bytes are checked before the TOML parser: text it
+// cannot be trusted with is refused with the file, line and column.
+TEST(ConfigParse, BytesTheParserMustNotSeeAreRefusedWithTheirPlace) {
+  // Two inputs that reach an assertion of the parser when built with its
+  // checks on.
+  EXPECT_EQ(refusal("\xD2\x8C"),
+            "node.toml:1:1: a character outside ASCII outside a string or comment");
+  EXPECT_EQ(refusal("[\x03"), "node.toml:1:2: control character 0x03");
+  EXPECT_EQ(refusal("[node]\nname = \"N\xFF\"\n"), "node.toml:2:10: bytes that are not UTF-8");
+  EXPECT_EQ(refusal("x = \xED\xA0\x80\n"), "node.toml:1:5: bytes that are not UTF-8");
+  EXPECT_EQ(refusal("a = \"\"\"x\"\"\"\"\xD2\x8C\n"),
+            "node.toml:1:13: a character outside ASCII outside a string or comment");
+  EXPECT_EQ(refusal("[node]\x7F\n"), "node.toml:1:7: control character 0x7F");
+
+  // Outside ASCII is fine in strings and comments, after a byte order mark.
+  const auto config = cfg::parse_config(
+      "\xEF\xBB\xBF# caf\xC3\xA9\n[node]\nname = \"NODE1\"\n[[tp]]\ntp_name = \"ECHO\"\n"
+      "program = \"/opt/caf\xC3\xA9\"\narguments = [\"\"\"two\n\"lines\"\"\"\", '\\\xC3\xA9']\n",
+      "node.toml");
+  ASSERT_EQ(config.tps.size(), 1u);
+  EXPECT_EQ(config.tps[0].program, "/opt/caf\xC3\xA9");
+  EXPECT_EQ(config.tps[0].arguments.at(0), "two\n\"lines\"");
 }
 
 using CurrentConfig = core_test::ScratchDirTest;

@@ -117,11 +117,6 @@ std::vector<uint8_t> header(uint32_t length, uint8_t type, uint8_t descriptors) 
           descriptors};
 }
 
-client::Hello my_hello() {
-  return {client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
-          static_cast<uint32_t>(::getuid())};
-}
-
 // Connects and sends `bytes` (with `descriptors` unannounced descriptors);
 // true when the daemon then closes the connection.
 bool dropped_after(const std::string &socket, const std::vector<uint8_t> &bytes,
@@ -157,24 +152,24 @@ void send_malformed(const std::string &socket) {
 
   // Out of order after a good hello: a second hello, a welcome.
   for (const client::Message &message :
-       {client::Message(my_hello()), client::Message(client::Welcome{1, "X"})}) {
-    std::vector<uint8_t> bytes = encoded(my_hello(), false);
+       {client::Message(hello()), client::Message(client::Welcome{1, "X"})}) {
+    std::vector<uint8_t> bytes = encoded(hello(), false);
     const auto more = encoded(message, false);
     bytes.insert(bytes.end(), more.begin(), more.end());
     EXPECT_TRUE(dropped_after(socket, bytes)) << client::message_name(message);
   }
   // Truncated: half a message, then the client goes.
-  const auto hello = encoded(my_hello(), false);
+  const auto greeting = encoded(hello(), false);
   client::UniqueFd fd = client::connect_unix_socket(socket);
-  send_raw(fd.get(), std::vector<uint8_t>(hello.begin(), hello.begin() + 7), 0);
+  send_raw(fd.get(), std::vector<uint8_t>(greeting.begin(), greeting.begin() + 7), 0);
 }
 
 // Descriptors slipped in with a hello, or announced with a message that
 // passes none: the connection ends and nothing stays open in the daemon.
 void inject_descriptors(const std::string &socket) {
   for (int i = 0; i < 10; ++i) {
-    EXPECT_TRUE(dropped_after(socket, encoded(my_hello(), false), 16));
-    std::vector<uint8_t> bytes = encoded(my_hello(), false);
+    EXPECT_TRUE(dropped_after(socket, encoded(hello(), false), 16));
+    std::vector<uint8_t> bytes = encoded(hello(), false);
     const auto announced = encoded(client::RegisterTp{"FD"}, true);
     bytes.insert(bytes.end(), announced.begin(), announced.end());
     EXPECT_TRUE(dropped_after(socket, bytes, 1));
@@ -305,8 +300,7 @@ TEST_F(DaemonAbuseTest, PingPairKeepsGoingAndTheDaemonRecovers) {
   EXPECT_LE(cpu_ticks(daemon_) - busy, 5) << "the daemon is busy while idle";
   EXPECT_TRUE(ping.round());
 
-  std::ifstream log(dir_.path / "snanoded.log");
-  const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+  const std::string text = daemon_log();
   EXPECT_NE(text.find("dropped: it does not read"), std::string::npos);
   // A hundred silent clients dropped in one window: the budget's worth of
   // lines, the rest counted.
@@ -345,8 +339,7 @@ TEST_F(DescriptorExhaustionTest, FullTableNeitherSpinsNorStopsTheNodeForGood) {
     channel = greet(socket_);
   }
   EXPECT_TRUE(channel) << "the daemon does not serve again";
-  std::ifstream log(dir_.path / "snanoded.log");
-  const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+  const std::string text = daemon_log();
   const auto first = text.find("cannot accept connections");
   EXPECT_NE(first, std::string::npos) << text;
   EXPECT_EQ(text.find("cannot accept connections", first + 1), std::string::npos) << text;

@@ -56,16 +56,9 @@ config::NodeConfig test_config() {
 class BrokerTest : public ::testing::Test {
  protected:
   // Connects and greets a client whose credentials are this process's.
-  ClientId join() {
-    const ClientId id = next_++;
-    broker_.connected(id, {::getpid(), ::getuid()});
-    EXPECT_TRUE(
-        handle(id, client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
-                                 static_cast<uint32_t>(::getuid())}));
-    return id;
-  }
+  ClientId join() { return broker_test::join(broker_, next_++, ::getuid()); }
   bool handle(ClientId id, client::Message message) {
-    return broker_.handle(id, client::ReceivedMessage{std::move(message), client::UniqueFd()});
+    return broker_test::handle(broker_, id, std::move(message));
   }
   AllocateRequest request(const std::string &tp_name) {
     AllocateRequest r;

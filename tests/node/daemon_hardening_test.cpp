@@ -22,6 +22,7 @@
 #include "daemon/log_rate_limit.h"
 #include "daemon/server.h"
 #include "engine/security.h"
+#include "node/broker_test_support.h"
 #include "node/daemon_test_support.h"
 #include "snanode/verbs.h"
 
@@ -79,31 +80,18 @@ TEST(DaemonHardening, DescriptorsAreTakenOnlyWithTheMessagesThatPassThem) {
   EXPECT_EQ(open_descriptors(), before);
 }
 
-class RecordingOutput : public BrokerOutput {
- public:
-  bool send(ClientId, const client::Message &, int) override { return true; }
-  bool launch(const config::InvokableTp &, const std::string &) override { return true; }
-  void log(const std::string &line) override { logs.push_back(line); }
-  std::vector<std::string> logs;
-};
-
 // A name with a line feed in it would write a line of its own choosing;
 // every byte outside printable ASCII reaches the log escaped.  And what one
 // client may hold in names and waiting accepts is capped.
 TEST(DaemonHardening, NamesAreEscapedInTheLogAndEveryClientIsCapped) {
   config::NodeConfig config;
   config.node_name = "TESTNODE";
-  RecordingOutput out;
+  broker_test::RecordingOutput out;
   Broker broker(config, out, nullptr);
   const auto handle = [&](ClientId id, client::Message message) {
-    return broker.handle(id, client::ReceivedMessage{std::move(message), client::UniqueFd()});
+    return broker_test::handle(broker, id, std::move(message));
   };
-  const client::Hello hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
-                            static_cast<uint32_t>(::getuid())};
-  for (ClientId id : {1, 2}) {
-    broker.connected(id, {::getpid(), ::getuid()});
-    ASSERT_TRUE(handle(id, hello));
-  }
+  for (ClientId id : {1, 2}) broker_test::join(broker, id, ::getuid());
 
   client::AllocateRequest forged = request_for("X\n2026-01-01 00:00:00 TP EVIL started (/bin/sh)");
   forged.mode = "#INTER\x1b[2J\xff\\";
@@ -199,8 +187,7 @@ TEST(DaemonHardening, OtherClientsAreServedWhileAPasswordIsVerified) {
   const timeval limit{5, 0};
   auto other = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
   ::setsockopt(other->fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  ASSERT_TRUE(other->send(client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
-                                        static_cast<uint32_t>(::getuid())}));
+  ASSERT_TRUE(other->send(hello()));
   auto welcome = other->receive();
   EXPECT_TRUE(welcome && std::holds_alternative<client::Welcome>(welcome->message));
   ASSERT_TRUE(other->send(client::RegisterTp{"OTHERTP"}));

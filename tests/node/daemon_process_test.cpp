@@ -1,16 +1,15 @@
 // snanoded as a process: --check, and the environment of a TP the daemon
 // starts.  Conversations between processes through the daemon are the
 // end-to-end tests' (tests/e2e).
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -20,20 +19,26 @@
 #include "engine/frame.h"
 #include "engine/socket_link.h"
 #include "node/daemon_test_support.h"
+#include "node/recording_sink.h"
 #include "snanode/verbs.h"
 
 namespace {
 
 using namespace snanode;
 using namespace daemon_test;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 struct CommandResult {
   int status = -1;
   std::string output;
 };
 
-CommandResult run(const std::string &command) {
+// snanoded --check on `file` (with `more` options): its status and output.
+CommandResult check(const fs::path &file, const std::string &more = "") {
   CommandResult result;
+  const std::string command = std::string(SNANODED_PATH) + " --check " + file.string() + more;
   FILE *pipe = ::popen((command + " 2>&1").c_str(), "r");
   if (pipe == nullptr) return result;
   char buffer[512];
@@ -43,96 +48,62 @@ CommandResult run(const std::string &command) {
   return result;
 }
 
+// `text` in `name` under `dir`, with the TP user every configuration names.
+fs::path config_file(const TempDir &dir, const char *name, const std::string &text) {
+  const fs::path file = dir.path / name;
+  write_file(file, test_support::with_tp_user(text));
+  return file;
+}
+
 TEST(DaemonProcess, CheckAcceptsAGoodFileAndExplainsEveryProblemOfABadOne) {
   TempDir dir;
-  const fs::path good = dir.path / "good.toml";
-  write_file(
-      good, test_support::with_tp_user("[node]\nname = \"NODE1\"\nsocket_path = \"" +
-                                       (dir.path / "s.sock").string() +
-                                       "\"\n[[tp]]\ntp_name = \"ECHOTP\"\nprogram = \"/bin/true\"\n"
-                                       "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n"));
-  const auto ok = run(std::string(SNANODED_PATH) + " --check " + good.string());
+  const auto ok = check(
+      config_file(dir, "good.toml",
+                  "[node]\nname = \"NODE1\"\nsocket_path = \"" + (dir.path / "s.sock").string() +
+                      "\"\n[[tp]]\ntp_name = \"ECHOTP\"\nprogram = \"/bin/true\"\n"
+                      "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n"));
   EXPECT_EQ(ok.status, 0) << ok.output;
-  EXPECT_NE(ok.output.find("configuration is valid"), std::string::npos) << ok.output;
+  EXPECT_THAT(ok.output, HasSubstr("configuration is valid"));
 
   const fs::path unparsable = dir.path / "unparsable.toml";
   write_file(unparsable, "[node]\nname = 5\n");
-  const auto parse = run(std::string(SNANODED_PATH) + " --check " + unparsable.string());
+  const auto parse = check(unparsable);
   EXPECT_EQ(parse.status, 1) << parse.output;
-  EXPECT_NE(parse.output.find("unparsable.toml:2"), std::string::npos) << parse.output;
-  EXPECT_NE(parse.output.find("1 problem"), std::string::npos) << parse.output;
+  EXPECT_THAT(parse.output, AllOf(HasSubstr("unparsable.toml:2"), HasSubstr("1 problem")));
 
-  // Parses, but the daemon could not work with it: four problems, all named,
-  // and a program not installed yet, which is only a warning...
-  const fs::path unusable = dir.path / "unusable.toml";
-  write_file(unusable, test_support::with_tp_user(
-                           "[node]\ndaemon_user = \"no-such-account-zz\"\n"
-                           "socket_path = \"" +
-                           (dir.path / "missing" / "deeper" / "s.sock").string() +
-                           "\"\n[[tp]]\ntp_name = \"ECHOTP\"\nprogram = \"" +
-                           (dir.path / "no-such-program").string() +
-                           "\"\n[[tp]]\ntp_name = \"DIRTP\"\nprogram = \"" + dir.path.string() +
-                           "\"\n[[user]]\nuser_id = \"CLERK\"\npassword = \"Pw-1234\"\n"));
-  const auto bad = run(std::string(SNANODED_PATH) + " --check " + unusable.string());
+  // Parses, but the daemon could not work with it: four problems, all named
+  // (a password the library sends with a '-' turned into X'00' could never
+  // match), and a program not installed yet, which is only a warning...
+  const fs::path unusable =
+      config_file(dir, "unusable.toml",
+                  "[node]\ndaemon_user = \"no-such-account-zz\"\nsocket_path = \"" +
+                      (dir.path / "missing" / "deeper" / "s.sock").string() +
+                      "\"\n[[tp]]\ntp_name = \"ECHOTP\"\nprogram = \"" +
+                      (dir.path / "no-such-program").string() +
+                      "\"\n[[tp]]\ntp_name = \"DIRTP\"\nprogram = \"" + dir.path.string() +
+                      "\"\n[[user]]\nuser_id = \"CLERK\"\npassword = \"Pw-1234\"\n");
+  const auto bad = check(unusable);
   EXPECT_EQ(bad.status, 1) << bad.output;
-  EXPECT_NE(bad.output.find("warning: TP ECHOTP: program \"" +
-                            (dir.path / "no-such-program").string() + "\" is not installed"),
-            std::string::npos)
-      << bad.output;
-  EXPECT_NE(bad.output.find("TP DIRTP: program"), std::string::npos) << bad.output;
-  EXPECT_NE(bad.output.find("does not exist"), std::string::npos) << bad.output;
-  // A password the library sends with a '-' turned into X'00' could never match.
-  EXPECT_NE(bad.output.find("user CLERK: the password"), std::string::npos) << bad.output;
-  EXPECT_NE(bad.output.find("daemon_user \"no-such-account-zz\""), std::string::npos) << bad.output;
-  EXPECT_NE(bad.output.find("4 problems"), std::string::npos) << bad.output;
+  EXPECT_THAT(bad.output,
+              AllOf(HasSubstr("warning: TP ECHOTP: program \"" +
+                              (dir.path / "no-such-program").string() + "\" is not installed"),
+                    HasSubstr("TP DIRTP: program"), HasSubstr("does not exist"),
+                    HasSubstr("user CLERK: the password"),
+                    HasSubstr("daemon_user \"no-such-account-zz\""), HasSubstr("4 problems")));
   // ...but a problem under --strict.
-  const auto strict =
-      run(std::string(SNANODED_PATH) + " --check " + unusable.string() + " --strict");
-  EXPECT_NE(strict.output.find("5 problems"), std::string::npos) << strict.output;
-  EXPECT_EQ(strict.output.find("warning:"), std::string::npos) << strict.output;
+  const auto strict = check(unusable, " --strict");
+  EXPECT_THAT(strict.output, AllOf(HasSubstr("5 problems"), Not(HasSubstr("warning:"))));
 
   // Warnings alone leave the file valid.
-  const fs::path uninstalled = dir.path / "uninstalled.toml";
-  write_file(uninstalled,
-             test_support::with_tp_user(
-                 "[[tp]]\ntp_name = \"LATER\"\nprogram = \"no-such-program-in-path\"\n"));
-  const auto later = run(std::string(SNANODED_PATH) + " --check " + uninstalled.string());
+  const fs::path uninstalled =
+      config_file(dir, "uninstalled.toml",
+                  "[[tp]]\ntp_name = \"LATER\"\nprogram = \"no-such-program-in-path\"\n");
+  const auto later = check(uninstalled);
   EXPECT_EQ(later.status, 0) << later.output;
-  EXPECT_NE(later.output.find("an allocation for LATER arrives"), std::string::npos)
-      << later.output;
-  EXPECT_NE(later.output.find("configuration is valid (1 warning)"), std::string::npos)
-      << later.output;
-  EXPECT_EQ(
-      run(std::string(SNANODED_PATH) + " --check " + uninstalled.string() + " --strict").status, 1);
+  EXPECT_THAT(later.output, AllOf(HasSubstr("an allocation for LATER arrives"),
+                                  HasSubstr("configuration is valid (1 warning)")));
+  EXPECT_EQ(check(uninstalled, " --strict").status, 1);
 }
-
-// Receives frames into a queue the test thread waits on.
-class FrameQueue : public engine::FrameSink {
- public:
-  void on_frame(engine::Frame &&frame) override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    frames_.push_back(std::move(frame));
-    changed_.notify_all();
-  }
-  void link_lost() override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    lost_ = true;
-    changed_.notify_all();
-  }
-  std::optional<engine::Frame> take(std::chrono::milliseconds limit = 5s) {
-    std::unique_lock<std::mutex> hold(mutex_);
-    if (!changed_.wait_for(hold, limit, [&] { return !frames_.empty(); })) return std::nullopt;
-    engine::Frame frame = std::move(frames_.front());
-    frames_.erase(frames_.begin());
-    return frame;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<engine::Frame> frames_;
-  bool lost_ = false;
-};
 
 // The daemon starts an invokable TP with its name, LU and the daemon's socket
 // in the environment; when it never accepts, the attach times out and the
@@ -156,15 +127,14 @@ TEST_F(InvokableTpTest, StartedWithItsEnvironmentAndTimedOutWhenItNeverAccepts) 
 
   // The attach-failed frame arrives once the queue time-out has passed.
   auto link = engine::make_socket_link(result->descriptor.release());
-  FrameQueue frames;
+  engine_test::RecordingSink frames;
   {
     ProcessLockGuard lock;
     link->attach(&frames);
   }
-  auto refusal = frames.take();
-  ASSERT_TRUE(refusal);
-  EXPECT_EQ(refusal->type, engine::FrameType::kAttachFailed);
-  EXPECT_EQ(refusal->code, AP_TP_NOT_AVAILABLE_RETRY);
+  ASSERT_TRUE(frames.wait_for_frames(1));
+  EXPECT_EQ(frames.frames()[0].type, engine::FrameType::kAttachFailed);
+  EXPECT_EQ(frames.frames()[0].code, AP_TP_NOT_AVAILABLE_RETRY);
 
   std::string line;
   for (int tries = 0; tries < 300 && line.empty(); ++tries) {

@@ -1,8 +1,12 @@
-// The daemon protocol: message encoding, descriptor passing, the socket path.
+// The daemon protocol: message encoding, descriptor passing (also at the
+// open-file limit), the socket path.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -136,43 +140,101 @@ std::string through(int fd, int reader, const std::string &text) {
   return got;
 }
 
-TEST(DaemonProtocol, ChannelPassesDescriptorsWithTheirMessages) {
-  int pair[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  MessageChannel sender{UniqueFd(pair[0])};
-  MessageChannel receiver{UniqueFd(pair[1])};
-  int first[2], second[2];
-  ASSERT_EQ(::pipe(first), 0);
-  ASSERT_EQ(::pipe(second), 0);
+// The same open file: the same device and inode.
+bool same_file(int a, int b) {
+  struct stat sa {
+  }, sb{};
+  return ::fstat(a, &sa) == 0 && ::fstat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
+}
 
-  ASSERT_TRUE(sender.send(AllocateResult{1, 0, 0}, first[1]));
-  ASSERT_TRUE(sender.send(RegisterTp{"NOFD"}));
+// Two ends of a connection and two pipes whose write ends travel over it.
+struct Channels {
+  static std::array<int, 2> connected() {
+    std::array<int, 2> ends{-1, -1};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    return ends;
+  }
+  Channels() {
+    EXPECT_EQ(::pipe(first), 0);
+    EXPECT_EQ(::pipe(second), 0);
+  }
+  ~Channels() {
+    for (int fd : {first[0], first[1], second[0], second[1]}) ::close(fd);
+  }
+  // Up to `count` more messages, as far as the connection has them.
+  std::vector<ReceivedMessage> receive(size_t count) {
+    std::vector<ReceivedMessage> got;
+    while (got.size() < count && receiver.read_some()) {
+      while (auto m = receiver.next()) got.push_back(std::move(*m));
+    }
+    return got;
+  }
+  std::array<int, 2> ends = connected();
+  MessageChannel sender{UniqueFd(ends[0])}, receiver{UniqueFd(ends[1])};
+  int first[2] = {-1, -1}, second[2] = {-1, -1};
+};
+
+TEST(DaemonProtocol, ChannelPassesDescriptorsWithTheirMessages) {
+  Channels c;
+  ASSERT_TRUE(c.sender.send(AllocateResult{1, 0, 0}, c.first[1]));
+  ASSERT_TRUE(c.sender.send(RegisterTp{"NOFD"}));
   AttachDelivery attach;
   attach.accept_id = 5;
-  ASSERT_TRUE(sender.send(attach, second[1]));
-  ::close(first[1]);
-  ::close(second[1]);
+  ASSERT_TRUE(c.sender.send(attach, c.second[1]));
 
-  std::vector<ReceivedMessage> got;
-  while (got.size() < 3) {
-    ASSERT_TRUE(receiver.read_some());
-    while (auto m = receiver.next()) got.push_back(std::move(*m));
-  }
+  std::vector<ReceivedMessage> got = c.receive(3);
+  ASSERT_EQ(got.size(), 3u);
   ASSERT_TRUE(std::holds_alternative<AllocateResult>(got[0].message));
   ASSERT_TRUE(std::holds_alternative<RegisterTp>(got[1].message));
   ASSERT_TRUE(std::holds_alternative<AttachDelivery>(got[2].message));
   EXPECT_FALSE(got[1].descriptor.valid());
   // Each descriptor is the write end of the pipe sent with it.
-  EXPECT_EQ(through(got[0].descriptor.get(), first[0], "one"), "one");
-  EXPECT_EQ(through(got[2].descriptor.get(), second[0], "two"), "two");
-  ::close(first[0]);
-  ::close(second[0]);
+  EXPECT_EQ(through(got[0].descriptor.get(), c.first[0], "one"), "one");
+  EXPECT_EQ(through(got[2].descriptor.get(), c.second[0], "two"), "two");
 
   // A message that announces a descriptor nobody sent is refused.
   const auto lying = encoded(RegisterTp{"X"}, true);
-  ASSERT_EQ(::write(sender.fd(), lying.data(), lying.size()), static_cast<ssize_t>(lying.size()));
-  ASSERT_TRUE(receiver.read_some());
-  EXPECT_THROW(receiver.next(), ProtocolError);
+  ASSERT_EQ(::write(c.sender.fd(), lying.data(), lying.size()), static_cast<ssize_t>(lying.size()));
+  ASSERT_TRUE(c.receiver.read_some());
+  EXPECT_THROW(c.receiver.next(), ProtocolError);
+}
+
+// In a process at its open-file limit, a descriptor the kernel cannot
+// install costs only the message it came with, and the descriptors after it
+// still pair with their own messages.
+TEST(DaemonProtocol, ALostDescriptorFailsOnlyItsOwnMessage) {
+  Channels c;
+  // No descriptor can be opened: the limit is the lowest free number.
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  const int lowest_free = ::dup(0);
+  ASSERT_GE(lowest_free, 0);
+  ::close(lowest_free);
+  rlimit low = saved;
+  low.rlim_cur = static_cast<rlim_t>(lowest_free);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  ASSERT_TRUE(c.sender.send(AllocateResult{1, 0, 0}, c.first[1]));
+  ASSERT_TRUE(c.sender.send(RegisterTp{"NOFD"}));
+  std::vector<ReceivedMessage> got = c.receive(2);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+
+  AttachDelivery attach;
+  attach.accept_id = 7;
+  ASSERT_TRUE(c.sender.send(attach, c.second[1]));
+  for (auto &m : c.receive(1)) got.push_back(std::move(m));
+
+  ASSERT_EQ(got.size(), 3u);
+  ASSERT_TRUE(std::holds_alternative<AllocateResult>(got[0].message));
+  EXPECT_TRUE(got[0].descriptor_lost);
+  EXPECT_FALSE(got[0].descriptor.valid());
+  ASSERT_TRUE(std::holds_alternative<RegisterTp>(got[1].message));
+  EXPECT_FALSE(got[1].descriptor_lost);
+  ASSERT_TRUE(std::holds_alternative<AttachDelivery>(got[2].message));
+  EXPECT_EQ(std::get<AttachDelivery>(got[2].message).accept_id, 7u);
+  EXPECT_FALSE(got[2].descriptor_lost);
+  ASSERT_TRUE(got[2].descriptor.valid());
+  EXPECT_TRUE(same_file(got[2].descriptor.get(), c.second[1]));
 }
 
 TEST(DaemonProtocol, SocketPathPrecedence) {

@@ -41,10 +41,6 @@ constexpr uid_t kNobodyUid = 65534;
 #define REQUIRE_ROOT() \
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to run processes as other users"
 
-client::Hello hello_of(uid_t uid) {
-  return {client::kProtocolVersion, static_cast<uint32_t>(::getpid()), uid};
-}
-
 AllocateRequest as_alice(AllocateRequest request) {
   request.security_type = 2;
   request.user_id = "alice";
@@ -67,14 +63,9 @@ class BrokerSecurity : public ::testing::Test {
     tp.program = "/bin/true";
     return tp;
   }
-  ClientId join(uid_t uid) {
-    const ClientId id = next_++;
-    broker_.connected(id, {::getpid(), uid});
-    EXPECT_TRUE(handle(id, hello_of(uid)));
-    return id;
-  }
+  ClientId join(uid_t uid) { return broker_test::join(broker_, next_++, uid); }
   bool handle(ClientId id, client::Message message) {
-    return broker_.handle(id, client::ReceivedMessage{std::move(message), client::UniqueFd()});
+    return broker_test::handle(broker_, id, std::move(message));
   }
   AllocateRequest request(const std::string &tp_name) {
     AllocateRequest r = request_for(tp_name);
@@ -187,17 +178,6 @@ int as_user(uid_t uid, const std::function<int()> &body) {
   int status = 0;
   ::waitpid(pid, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::unique_ptr<client::MessageChannel> connect_and_greet(const std::string &socket,
-                                                          std::string *node_name = nullptr) {
-  auto channel = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
-  if (!channel->send(hello_of(::getuid()))) return nullptr;
-  auto welcome = channel->receive();
-  const auto *greeting = welcome ? std::get_if<client::Welcome>(&welcome->message) : nullptr;
-  if (greeting == nullptr) return nullptr;
-  if (node_name != nullptr) *node_name = greeting->node_name;
-  return channel;
 }
 
 // The next message within `limit`, or nothing.
@@ -324,7 +304,7 @@ TEST_F(RootDaemon, RefusesWhatAnotherUserCouldHavePutInItsWay) {
   write_file(cwd / "snanode.toml", "[node]\nname = \"THEIRS\"\n");
   ASSERT_EQ(start({}, cwd), -1) << output_;
   std::string node_name;
-  ASSERT_TRUE(connect_and_greet(socket_, &node_name));
+  ASSERT_TRUE(greet(socket_, &node_name));
   EXPECT_EQ(node_name, "SNANODE");
 }
 
@@ -346,7 +326,7 @@ TEST_F(RootDaemon, AnIntruderInTheSocketGroupGetsNoAttachAndNoUser) {
   const pid_t intruder = ::fork();
   if (intruder == 0) {
     ::_exit(as_user(kIntruderUid, [&] {
-      auto channel = connect_and_greet(socket_);
+      auto channel = greet(socket_);
       if (!channel || !channel->send(AcceptWait{1, {"PAYROLL"}})) return 10;
       // The answer to an allocation says the accept-wait before it is handled.
       if (!channel->send(request_for("NOBODYHERE")) || !channel->receive()) return 11;
@@ -362,7 +342,7 @@ TEST_F(RootDaemon, AnIntruderInTheSocketGroupGetsNoAttachAndNoUser) {
   }
   char byte = 0;
   ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-  auto root = connect_and_greet(socket_);
+  auto root = greet(socket_);
   ASSERT_TRUE(root);
   auto payroll = as_alice(request_for("PAYROLL"));
   payroll.local_lu_alias = "BOGUS";

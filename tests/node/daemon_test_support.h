@@ -74,15 +74,22 @@ inline std::vector<uint8_t> encoded(const client::Message &message, bool passes_
   return bytes;
 }
 
-// Connects and greets the daemon; an empty channel pointer on failure.
-inline std::unique_ptr<client::MessageChannel> greet(const std::string &socket) {
+// The greeting of a client running as this process.
+inline client::Hello hello() {
+  return {client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
+          static_cast<uint32_t>(::getuid())};
+}
+
+// Connects and greets the daemon (the node's name it answers with in
+// `node_name`); an empty channel pointer on failure.
+inline std::unique_ptr<client::MessageChannel> greet(const std::string &socket,
+                                                     std::string *node_name = nullptr) {
   auto channel = std::make_unique<client::MessageChannel>(client::connect_unix_socket(socket));
-  if (!channel->send(client::Hello{client::kProtocolVersion, static_cast<uint32_t>(::getpid()),
-                                   static_cast<uint32_t>(::getuid())})) {
-    return nullptr;
-  }
+  if (!channel->send(hello())) return nullptr;
   auto welcome = channel->receive();
-  if (!welcome || !std::holds_alternative<client::Welcome>(welcome->message)) return nullptr;
+  const auto *greeting = welcome ? std::get_if<client::Welcome>(&welcome->message) : nullptr;
+  if (greeting == nullptr) return nullptr;
+  if (node_name != nullptr) *node_name = greeting->node_name;
   return channel;
 }
 
@@ -108,6 +115,11 @@ class DaemonFixture : public ::testing::Test {
       std::this_thread::sleep_for(10ms);
     }
     FAIL() << "the daemon did not come up";
+  }
+  // What the daemon has written to its log so far.
+  std::string daemon_log() const {
+    std::ifstream log(dir_.path / "snanoded.log");
+    return {std::istreambuf_iterator<char>(log), std::istreambuf_iterator<char>()};
   }
   // Runs in the daemon's process just before it starts snanoded.
   virtual void before_exec() const {}

@@ -268,12 +268,6 @@ TEST(EngineConversation, UnknownConversationOrTpAndTheConversationsOwnType) {
   EXPECT_TRUE(h.logged.empty());
 }
 
-}  // namespace
-}  // namespace engine_test
-
-namespace engine_test {
-namespace {
-
 using snanode::engine::Conversation;
 using snanode::engine::ConversationSetup;
 

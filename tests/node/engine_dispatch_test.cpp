@@ -11,44 +11,36 @@
 namespace engine_test {
 namespace {
 
-std::array<uint8_t, 8> start_tp() {
-  NAP_START_TP_VCB vcb{};
-  vcb.opcode = NAP_START_TP;
-  appc_c_version(APPC_INTERFACE_VERSION, &vcb);
-  EXPECT_EQ(vcb.primary_rc, AP_OK);
+// A conversation for `name` through the entry points: the name served by
+// this process, an allocation, and its accept waited for on a thread.
+std::pair<Conv, Conv> connected(const std::string &name, bool mapped = true) {
+  NAP_LOCAL_TP_VCB define{};
+  define.opcode = NAP_DEFINE_LOCAL_TP;
+  snanode::engine::put_ebcdic_name(name, define.tp_name, sizeof define.tp_name);
+  appc_c_version(APPC_INTERFACE_VERSION, &define);
+  EXPECT_EQ(define.primary_rc, AP_OK);
+  Conv server;
+  std::thread acceptor([&] {
+    EngineHarness::Accept accept;
+    EngineHarness::prepare_accept(accept, {name});
+    appc_c_version(APPC_INTERFACE_VERSION, &accept.vcb);
+    EXPECT_EQ(accept.vcb.primary_rc, AP_OK);
+    server = EngineHarness::accepted(accept);
+  });
+  NAP_START_TP_VCB start{};
+  start.opcode = NAP_START_TP;
+  appc_c_version(APPC_INTERFACE_VERSION, &start);
+  EXPECT_EQ(start.primary_rc, AP_OK);
   std::array<uint8_t, 8> tp;
-  std::memcpy(tp.data(), vcb.tp_id, 8);
-  return tp;
-}
-
-// Makes `name` a local TP name of this process, so that allocations for it
-// wait for an accept instead of being refused.
-void serve(const std::string &name) {
-  NAP_LOCAL_TP_VCB vcb{};
-  vcb.opcode = NAP_DEFINE_LOCAL_TP;
-  snanode::engine::put_ebcdic_name(name, vcb.tp_name, sizeof vcb.tp_name);
-  appc_c_version(APPC_INTERFACE_VERSION, &vcb);
-  ASSERT_EQ(vcb.primary_rc, AP_OK);
-}
-
-// Accepts one conversation for `name`, waiting for it.
-Conv accept(const std::string &name) {
-  EngineHarness::Accept accept;
-  EngineHarness::prepare_accept(accept, {name});
-  appc_c_version(APPC_INTERFACE_VERSION, &accept.vcb);
-  EXPECT_EQ(accept.vcb.primary_rc, AP_OK);
-  return EngineHarness::accepted(accept);
-}
-
-Conv allocate(const std::string &name, bool mapped = true) {
+  std::memcpy(tp.data(), start.tp_id, 8);
   AllocateOptions o;
   o.tp_name = name;
   o.mapped = mapped;
-  const auto tp = start_tp();
   NAP_ALLOCATE vcb = EngineHarness::allocate_vcb(tp, o);
   appc_c_version(APPC_INTERFACE_VERSION, &vcb);
   EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
-  return Conv{tp, vcb.hdr.conv_id, mapped};
+  acceptor.join();
+  return {Conv{tp, vcb.hdr.conv_id, mapped}, server};
 }
 
 struct Completion {
@@ -69,11 +61,7 @@ void record_completion(void *vcb, uint32_t, uint32_t, uintptr_t correlator) {
 }
 
 TEST(EngineDispatch, WaitingVerbCompletesThroughItsRoutineAndImmediateOnesAtOnce) {
-  serve("ASYNC");
-  Conv server;
-  std::thread acceptor([&] { server = accept("ASYNC"); });
-  Conv client = allocate("ASYNC");
-  acceptor.join();
+  auto [client, server] = connected("ASYNC");
 
   std::vector<uint8_t> buffer(64);
   auto immediate = EngineHarness::receive_vcb(server, buffer, false);
@@ -98,11 +86,7 @@ TEST(EngineDispatch, WaitingVerbCompletesThroughItsRoutineAndImmediateOnesAtOnce
 
 TEST(EngineDispatch, BasicLogDataReachesTheProblemLogAndNoPassword) {
   snt_reset();
-  serve("LOGGER");
-  Conv server;
-  std::thread acceptor([&] { server = accept("LOGGER"); });
-  Conv client = allocate("LOGGER", false);
-  acceptor.join();
+  const Conv client = connected("LOGGER", false).first;
   const uint32_t before = snt_problem_count();
   auto abend = EngineHarness::deallocate_vcb(client, AP_DEALLOC_ABEND_LOG, "disk full");
   appc_c_version(APPC_INTERFACE_VERSION, &abend);
@@ -116,11 +100,7 @@ TEST(EngineDispatch, BasicLogDataReachesTheProblemLogAndNoPassword) {
 }
 
 TEST(EngineDispatch, EndOfPathReleasesAThreadWaitingOnItsPartner) {
-  serve("STUCK");
-  Conv server;
-  std::thread acceptor([&] { server = accept("STUCK"); });
-  Conv client = allocate("STUCK");
-  acceptor.join();
+  const Conv server = connected("STUCK").second;
   std::atomic<uint16_t> rc{0xFFFF};
   std::thread waiter([&] {
     std::vector<uint8_t> buffer(16);
@@ -135,7 +115,6 @@ TEST(EngineDispatch, EndOfPathReleasesAThreadWaitingOnItsPartner) {
   waiter.join();
   EXPECT_NE(rc.load(), AP_OK);
   EXPECT_NE(rc.load(), 0xFFFF);
-  (void)client;
 }
 
 }  // namespace

@@ -15,50 +15,13 @@
 
 #include "core/process_lock.h"
 #include "engine/socket_link.h"
+#include "node/recording_sink.h"
 
 namespace {
 
 using namespace snanode::engine;
 using namespace std::chrono_literals;
-
-// Records what a link delivers; the test thread waits on it without the
-// process lock.
-class RecordingSink : public FrameSink {
- public:
-  void on_frame(Frame &&frame) override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    frames_.push_back(std::move(frame));
-    changed_.notify_all();
-  }
-  void link_lost() override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    ++lost_;
-    changed_.notify_all();
-  }
-  // True when `count` frames arrived within the limit.
-  bool wait_for_frames(size_t count, std::chrono::milliseconds limit = 5s) {
-    std::unique_lock<std::mutex> hold(mutex_);
-    return changed_.wait_for(hold, limit, [&] { return frames_.size() >= count; });
-  }
-  bool wait_for_lost(std::chrono::milliseconds limit = 5s) {
-    std::unique_lock<std::mutex> hold(mutex_);
-    return changed_.wait_for(hold, limit, [&] { return lost_ > 0; });
-  }
-  std::vector<Frame> frames() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return frames_;
-  }
-  int lost() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return lost_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Frame> frames_;
-  int lost_ = 0;
-};
+using engine_test::RecordingSink;
 
 struct SocketPair {
   SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
@@ -93,6 +56,11 @@ struct CloseLocked {
 using LinkPtr = std::unique_ptr<Link, CloseLocked>;
 LinkPtr socket_link(int fd, RunLocked run_locked = nullptr) {
   return LinkPtr(make_socket_link(fd, std::move(run_locked)).release());
+}
+
+void attach_locked(Link &link, FrameSink &sink) {
+  snanode::ProcessLockGuard lock;
+  link.attach(&sink);
 }
 
 void send_locked(Link &link, Frame frame) {
@@ -144,10 +112,7 @@ TEST(SocketLink, LargePayloadsPassWithBackPressure) {
   auto sender = socket_link(pair.fds[0]);
   auto receiver = socket_link(pair.fds[1]);
   RecordingSink sink;
-  {
-    snanode::ProcessLockGuard lock;
-    receiver->attach(&sink);
-  }
+  attach_locked(*receiver, sink);
   const size_t count = 2 * kSocketLinkQueueLimit / kMaxFramePayload + 2;
   std::vector<Frame> sent;
   {
@@ -266,10 +231,7 @@ TEST(SocketLink, AWaitingThreadReadsItsSocketUntilTheLinkCloses) {
       RecordingSink::on_frame(std::move(frame));
     }
   } sink;
-  {
-    snanode::ProcessLockGuard lock;
-    receiver->attach(&sink);
-  }
+  attach_locked(*receiver, sink);
   send_locked(*sender, make_frame(FrameType::kData, 0, 0, 10, 1));
   ASSERT_TRUE(sink.wait_for_frames(1));  // the reactor delivers while no one waits
 
@@ -345,10 +307,7 @@ TEST(SocketLink, PeerDeathIsReportedOnceAfterItsFrames) {
   ::close(pair.fds[1]);
   auto link = socket_link(pair.fds[0]);
   RecordingSink sink;
-  {
-    snanode::ProcessLockGuard lock;
-    link->attach(&sink);
-  }
+  attach_locked(*link, sink);
   ASSERT_TRUE(sink.wait_for_frames(1));
   EXPECT_EQ(sink.lost(), 0);
   ::kill(child, SIGKILL);
@@ -399,10 +358,7 @@ TEST(SocketLink, AClosedLinkIsWrittenOutBeforeItsProcessGoes) {
     SCOPED_TRACE(going);
     auto receiver = socket_link(pairs[going].fds[1]);
     RecordingSink sink;
-    {
-      snanode::ProcessLockGuard lock;
-      receiver->attach(&sink);
-    }
+    attach_locked(*receiver, sink);
     if (going == kExitToAStuckPeer) {
       EXPECT_TRUE(sink.wait_for_lost());
       EXPECT_LT(sink.frames().size(), kFrames + 1);
@@ -422,10 +378,7 @@ TEST(SocketLink, UndecodableStreamCountsAsLost) {
   SocketPair pair;
   auto link = socket_link(pair.fds[0]);
   RecordingSink sink;
-  {
-    snanode::ProcessLockGuard lock;
-    link->attach(&sink);
-  }
+  attach_locked(*link, sink);
   const uint8_t garbage[] = {0, 0, 0, 6, 0x77, 0, 0, 0, 0, 0};  // unknown frame type
   ASSERT_EQ(::write(pair.fds[1], garbage, sizeof garbage), static_cast<ssize_t>(sizeof garbage));
   EXPECT_TRUE(sink.wait_for_lost());
