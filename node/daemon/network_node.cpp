@@ -23,6 +23,11 @@ constexpr uint64_t kLinkToken = 0;
 constexpr size_t kMaxBiu = 65536;
 // A path failure under every session on the link (a retry may find another).
 constexpr uint32_t kSenseLinkLost = 0x80020000;
+// How long an allocated conversation's Attach waits for the TP's first data
+// or status to carry it before it goes alone: a TP usually sends at once
+// (one unit instead of two), but a partner TP waits in Accept, or for a
+// request-to-send, until the Attach arrives.
+constexpr auto kAttachHold = std::chrono::milliseconds(10);
 
 net::Bytes ebcdic(const std::string &text) {
   net::Bytes out(text.size());
@@ -150,8 +155,9 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
               log_safe(request.partner_lu) + " failed (" +
               std::to_string(static_cast<int>(outcome)) + ")");
           answer(AP_ALLOCATION_ERROR,
-                 outcome == AllocationOutcome::kTimedOut ? AP_ALLOCATION_FAILURE_RETRY
-                                                         : AP_ALLOCATION_FAILURE_NO_RETRY,
+                 outcome == AllocationOutcome::kTimedOut || outcome == AllocationOutcome::kPathLost
+                     ? AP_ALLOCATION_FAILURE_RETRY
+                     : AP_ALLOCATION_FAILURE_NO_RETRY,
                  -1);
           return;
         }
@@ -176,6 +182,7 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
             [](const Attach &, client::UniqueFd &) {
               return uint32_t{AP_ALLOCATION_FAILURE_NO_RETRY};
             });
+        attach_due_.emplace_back(now() + kAttachHold, conversation.get());
         conversations_.emplace(conversation.get(), std::move(conversation));
       });
   return true;
@@ -298,16 +305,25 @@ void NetworkNode::link_lost(const std::string &why) {
   link_queue_.clear();
   log("network: link lost: " + log_safe(why));
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, link_.get(), nullptr);
-  for (auto &[key, conversation] : conversations_) conversation->on_link_lost(kSenseLinkLost);
 }
 
 void NetworkNode::on_timer() {
   manager_->on_timer();
+  const auto at = now();
+  while (!attach_due_.empty() && attach_due_.front().first <= at) {
+    RemoteConversation *conversation = attach_due_.front().second;
+    attach_due_.pop_front();
+    if (conversations_.count(conversation) != 0) conversation->send_attach();
+  }
   sweep();
 }
 
 std::optional<std::chrono::steady_clock::time_point> NetworkNode::next_deadline() const {
-  return manager_->next_deadline();
+  auto next = manager_->next_deadline();
+  if (!attach_due_.empty() && (!next || attach_due_.front().first < *next)) {
+    next = attach_due_.front().first;
+  }
+  return next;
 }
 
 void NetworkNode::watch(RemoteConversation &conversation, uint32_t events) {
@@ -329,6 +345,13 @@ void NetworkNode::watch(RemoteConversation &conversation, uint32_t events) {
 }
 
 void NetworkNode::sweep() {
+  if (!link_up_ && !path_lost_reported_) {
+    // Here, not where the link failed: that may be inside the session layer's
+    // own call.  Every session on the link ends under its conversation; each
+    // TP's next verb gets a conversation failure (retry: a new link may serve).
+    path_lost_reported_ = true;
+    manager_->on_path_lost(link_partner_, kSenseLinkLost);
+  }
   std::erase_if(conversations_, [this](const auto &entry) {
     if (!entry.second->finished()) return false;
     watched_.erase(entry.first);

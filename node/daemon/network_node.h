@@ -86,6 +86,10 @@ class NetworkNode : public net::lu62::BiuTransport,
   bool link_out_watched_ = false;
   std::map<RemoteConversation *, std::unique_ptr<RemoteConversation>> conversations_;
   std::map<RemoteConversation *, int> watched_;  // registered descriptor by conversation
+  // Allocated conversations whose Attach waits a moment for the TP's first
+  // data to travel with, oldest first.
+  std::deque<std::pair<std::chrono::steady_clock::time_point, RemoteConversation *>> attach_due_;
+  bool path_lost_reported_ = false;  // the sessions heard of the link's loss
 };
 
 }  // namespace snanode::daemon

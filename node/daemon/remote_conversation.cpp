@@ -40,13 +40,26 @@ void RemoteConversation::on_ready(uint32_t events) {
   update_watch();
 }
 
-void RemoteConversation::read_frames() {
+void RemoteConversation::send_attach() {
+  if (session_ == nullptr) return;
+  apply(translator_.send_attach());
+  update_watch();
+}
+
+void RemoteConversation::read_frames(bool to_the_end) {
+  reading_ = true;
   std::vector<engine::Frame> frames;
-  reader_.read(tp_end_.get(), frames, /*to_the_end=*/false);
-  for (const engine::Frame &frame : frames) apply(translator_.on_frame(frame));
-  if (reader_.end() == engine::FrameReader::End::kNone) return;
+  do {
+    frames.clear();
+    // Once a write has failed the TP has gone: what it sent is read to the end.
+    reader_.read(tp_end_.get(), frames, to_the_end || tp_write_failed_);
+    for (const engine::Frame &frame : frames) apply(translator_.on_frame(frame));
+  } while (tp_write_failed_ && !frames.empty() && reader_.end() == engine::FrameReader::End::kNone);
+  reading_ = false;
+  if (reader_.end() == engine::FrameReader::End::kNone && !tp_write_failed_) return;
   tp_stream_ended_ = true;
-  // The TP has gone: without a deallocation first, its partner hears an abend.
+  // The TP has gone: without a deallocation first, its partner hears of a
+  // conversation failure.
   if (!translator_.ended()) apply(translator_.on_link_lost());
   out_.clear();
   close_tp_end();
@@ -64,14 +77,12 @@ void RemoteConversation::on_response(net::lu62::Session &, const net::Rh &rh, ne
   update_watch();
 }
 
-void RemoteConversation::on_session_ended(net::lu62::Session &, uint32_t sense) {
-  session_ = nullptr;
-  apply(translator_.on_session_failure(sense));
+void RemoteConversation::on_request_to_send(net::lu62::Session &) {
+  apply(translator_.on_request_to_send());
   update_watch();
 }
 
-void RemoteConversation::on_link_lost(uint32_t sense) {
-  if (session_ == nullptr) return;
+void RemoteConversation::on_session_ended(net::lu62::Session &, uint32_t sense) {
   session_ = nullptr;
   apply(translator_.on_session_failure(sense));
   update_watch();
@@ -106,7 +117,16 @@ void RemoteConversation::apply(Output out) {
   if (tp_end_.valid()) {
     for (const engine::Frame &frame : out.frames) engine::encode_frame(frame, out_);
   }
-  if (out.failure) cut_ = true;
+  if (out.failure) {
+    // The TP's next verb learns which failure it is; then its end closes.
+    if (tp_end_.valid() && !cut_) {
+      engine::Frame failure;
+      failure.type = engine::FrameType::kFailure;
+      failure.code = *out.failure;
+      engine::encode_frame(failure, out_);
+    }
+    cut_ = true;
+  }
   // The bracket is over: the session may serve another conversation, and
   // this one never touches it again.
   if (translator_.ended()) {
@@ -126,6 +146,10 @@ void RemoteConversation::apply(Output out) {
 
 void RemoteConversation::flush() {
   if (!tp_end_.valid()) return;
+  if (tp_write_failed_) {
+    out_.clear();
+    return;
+  }
   size_t sent = 0;
   while (sent < out_.size()) {
     const ssize_t n =
@@ -136,12 +160,12 @@ void RemoteConversation::flush() {
     }
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    // The TP's end is gone.
+    // The TP's end is gone; what the TP sent before it closed still counts
+    // (a deallocation, say), so it is read before the end is judged.
     out_.clear();
-    sent = 0;
-    tp_stream_ended_ = true;
-    if (!translator_.ended()) apply(translator_.on_link_lost());
-    close_tp_end();
+    tp_write_failed_ = true;
+    // Inside read_frames, it reads on to the end itself.
+    if (!reading_ && !tp_stream_ended_) read_frames(/*to_the_end=*/true);
     return;
   }
   out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(sent));

@@ -123,15 +123,20 @@ void program_security_acceptor(Side &) {
   CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
 }
 
-// Node B's daemon dies mid-conversation: both TPs' next verbs fail, and a new
+// Node B's daemon dies mid-conversation: the link is lost, every session on it
+// ends, and each TP's next verb at node A gets a conversation failure with
+// retry (another path may serve), whether it receives or sends; a new
 // allocation at node A is refused for a retry.
 void link_loss_allocator(Side &) {
   Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
   REQUIRE_EQ(c.call(cmallc), CM_OK);
   CHECK_EQ(c.send("before", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  Conv sending = initialize_remote("E2E", CM_BASIC_CONVERSATION);
+  REQUIRE_EQ(sending.call(cmallc), CM_OK);
   REQUIRE_PARTNER();  // node B is gone
-  const CM_RETURN_CODE rc = c.receive().rc;
-  CHECK_EQ(rc == CM_RESOURCE_FAILURE_RETRY || rc == CM_RESOURCE_FAILURE_NO_RETRY, true);
+  CHECK_EQ(c.receive().rc, CM_RESOURCE_FAILURE_RETRY);
+  CHECK_EQ(sending.send(record(CM_BASIC_CONVERSATION, "lost"), CM_SEND_AND_FLUSH),
+           CM_RESOURCE_FAILURE_RETRY);
   Conv again = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
   // The allocation's outcome may come with the verb after it.
   const CM_RETURN_CODE allocated = again.call(cmallc);
@@ -143,6 +148,8 @@ void link_loss_acceptor(Side &side) {
   Conv c = accept();
   CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "before",
              CM_SEND_RECEIVED);
+  Conv second = accept();  // its Attach came alone: node A's TP sent nothing yet
+  CHECK_EQ(second.state(), CM_RECEIVE_STATE);
   REQUIRE_EQ(::kill(side.daemon, SIGKILL), 0);
   int status = 0;
   ::waitpid(side.daemon, &status, 0);  // not this process's child: returns at once
