@@ -135,6 +135,9 @@ void RemoteConversation::apply(Output out) {
     // Ended before anything went out (an abend first thing): the session's
     // bracket was never used and goes back unused.
     if (!sent_any_ && session_ != nullptr && session_->user() == this) session_->release();
+    // The bracket's last chain may still wait for the pacing window: the
+    // session must not call this conversation, which may be gone by then.
+    if (session_ != nullptr && session_->user() == this) session_->attach_user(nullptr);
     session_ = nullptr;
     if (!cut_ && !orderly_end_queued_ && tp_end_.valid()) {
       out_.insert(out_.end(), std::begin(engine::kOrderlyEnd), std::end(engine::kOrderlyEnd));

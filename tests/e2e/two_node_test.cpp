@@ -15,7 +15,7 @@ namespace {
 constexpr int kRuSize = 256;
 
 std::string node_config(const fs::path &dir, const char *cp, const char *lu, const char *partner,
-                        const char *partner_cp) {
+                        const char *partner_cp, bool trust_partner = false) {
   std::ostringstream text;
   text << "[node]\nname = \"" << cp << "\"\nnetwork_id = \"NETA\"\nattach_timeout_ms = 5000\n"
        << "socket_path = \"" << (dir / "node.sock").string() << "\"\n"
@@ -24,6 +24,7 @@ std::string node_config(const fs::path &dir, const char *cp, const char *lu, con
        << "[[local_lu]]\nalias = \"" << lu << "\"\nlu_name = \"NETA." << lu << "\"\n"
        << "[[partner_lu]]\nalias = \"" << partner << "\"\nlu_name = \"NETA." << partner
        << "\"\nowning_cp = \"NETA." << partner_cp << "\"\n"
+       << (trust_partner ? "trust_already_verified = true\n" : "")
        << "[[mode]]\nname = \"#INTER\"\nsession_limit = 4\nmax_ru_size = " << kRuSize
        << "\npacing_window = 2\n";
   return text.str();
@@ -191,19 +192,65 @@ void unknown_tp(Side &) {
   CHECK_EQ(c.receive().rc, CM_TPN_NOT_RECOGNIZED);
 }
 
+// Already verified: node A's TP allocates to node B with PROGRAM security
+// (B verifies CLERK); B's TP, now running for CLERK, allocates back to A with
+// SAME, which passes CLERK on as already verified.  Node A accepts that only
+// when it trusts node B's LU.
+template <bool trusted>
+void verified_back_allocator(Side &) {
+  REQUIRE_EQ(local_tp(cmsltp, "BACK"), CM_OK);
+  Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+  REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
+  REQUIRE_EQ(c.name(cmscsu, "CLERK"), CM_OK);
+  REQUIRE_EQ(c.name(cmscsp, "SECRET"), CM_OK);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  CHECK_EQ(c.send("go", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  const Received answer = c.receive();
+  if (!trusted) {  // B's TP reports what its allocation got
+    CHECK_DATA(answer, CM_COMPLETE_DATA_RECEIVED, "refused", CM_NO_STATUS_RECEIVED);
+    return;
+  }
+  CHECK_DATA(answer, CM_COMPLETE_DATA_RECEIVED, "come back", CM_NO_STATUS_RECEIVED);
+  Conv back = accept();
+  unsigned char user[11] = {};
+  CM_INT32 length = 0;
+  CHECK_EQ(back.call(cmesui, user, &length), CM_OK);
+  CHECK_EQ(std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length)), "CLERK");
+  CHECK_DATA(back.receive(), CM_COMPLETE_DATA_RECEIVED, "as CLERK", CM_NO_STATUS_RECEIVED);
+}
+
+template <bool trusted>
+void verified_back_acceptor(Side &) {
+  Conv c = accept();
+  CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "go", CM_SEND_RECEIVED);
+  Conv back = initialize("BACK", CM_MAPPED_CONVERSATION, CM_NONE, "LUA");
+  REQUIRE_EQ(back.set(cmscst, CM_SECURITY_SAME), CM_OK);
+  REQUIRE_EQ(back.call(cmallc), CM_OK);
+  if (trusted) {
+    CHECK_EQ(c.send("come back", CM_SEND_AND_DEALLOCATE), CM_OK);
+    CHECK_EQ(back.send("as CLERK", CM_SEND_AND_DEALLOCATE), CM_OK);
+    return;
+  }
+  CHECK_EQ(back.send("x", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  CHECK_EQ(back.receive().rc, CM_SECURITY_NOT_VALID);
+  CHECK_EQ(c.send("refused", CM_SEND_AND_DEALLOCATE), CM_OK);
+}
+
 struct TwoNodes {
   fs::path base;
   std::array<fs::path, 2> dirs;
   Children children;
   bool up = false;
 
-  TwoNodes() {
+  // `a_trusts_b`: node A takes users node B verified (already verified).
+  explicit TwoNodes(bool a_trusts_b = false) {
     char pattern[] = "/tmp/cpic-2node-XXXXXX";
     if (::mkdtemp(pattern) == nullptr) return;
     base = pattern;
     dirs = {base / "a", base / "b"};
     for (const auto &dir : dirs) fs::create_directories(dir);
-    std::ofstream(dirs[0] / "node.toml") << node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB");
+    std::ofstream(dirs[0] / "node.toml")
+        << node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB", a_trusts_b);
     std::ofstream(dirs[1] / "node.toml")
         << node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA")
         << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n";
@@ -303,6 +350,19 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
     const size_t m = std::fread(out.data(), 1, out.size() - 1, pipe);
     EXPECT_EQ(::pclose(pipe), 0) << "tshark could not read " << capture;
     EXPECT_EQ(std::string(out.data(), m), "") << capture;
+  }
+}
+
+TEST(TwoNodes, AlreadyVerifiedUsersOnlyFromATrustedPartner) {
+  for (bool trusted : {false, true}) {
+    SCOPED_TRACE(trusted ? "node A trusts node B" : "node A does not trust node B");
+    TwoNodes nodes(trusted);
+    ASSERT_TRUE(nodes.up) << "no daemons: see " << nodes.base;
+    if (trusted) {
+      nodes.run(verified_back_allocator<true>, verified_back_acceptor<true>);
+    } else {
+      nodes.run(verified_back_allocator<false>, verified_back_acceptor<false>);
+    }
   }
 }
 
