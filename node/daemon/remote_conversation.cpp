@@ -82,6 +82,10 @@ void RemoteConversation::on_request_to_send(net::lu62::Session &) {
   update_watch();
 }
 
+void RemoteConversation::on_send_window_open(net::lu62::Session &) {
+  update_watch();
+}
+
 void RemoteConversation::on_session_ended(net::lu62::Session &, uint32_t sense) {
   session_ = nullptr;
   apply(translator_.on_session_failure(sense));
@@ -193,7 +197,11 @@ void RemoteConversation::close_tp_end() {
 void RemoteConversation::update_watch() {
   uint32_t events = 0;
   if (tp_end_.valid()) {
-    if (!tp_stream_ended_) events |= EPOLLIN;
+    // While the session holds units behind a closed pacing window, the TP's
+    // end is not read: the TP waits for the partner rather than the daemon
+    // growing by all it sends (on_send_window_open reads on).
+    const bool window_closed = session_ != nullptr && session_->held_requests() > 0;
+    if (!tp_stream_ended_ && !window_closed) events |= EPOLLIN;
     if (!out_.empty()) events |= EPOLLOUT;
   }
   if (events == watched_) return;

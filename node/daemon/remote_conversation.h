@@ -50,6 +50,7 @@ class RemoteConversation : public net::lu62::SessionUser {
   void on_response(net::lu62::Session &session, const net::Rh &rh, net::ByteSpan ru,
                    uint16_t snf) override;
   void on_request_to_send(net::lu62::Session &session) override;
+  void on_send_window_open(net::lu62::Session &session) override;
   void on_session_ended(net::lu62::Session &session, uint32_t sense) override;
 
  private:

@@ -159,28 +159,32 @@ void link_loss_acceptor(Side &side) {
   CHECK_EQ(c.send("after") == CM_OK && c.call(cmptr) == CM_OK && c.receive().rc == CM_OK, false);
 }
 
-// More than the daemon holds for a TP that does not read yet: pacing stops
-// the sender until B reads, and every byte still arrives.
-constexpr int kBulkRecords = 48;
+// Far more than the daemons and sockets hold for a TP that does not read yet:
+// pacing stops node A's daemon, which stops reading its TP, so the sender
+// cannot finish before B reads; every byte still arrives.
+constexpr int kBulkRecords = 280;
 constexpr size_t kBulkSize = 30000;
 
-void bulk_allocator(Side &) {
+void bulk_allocator(Side &side) {
   Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
   REQUIRE_EQ(c.call(cmallc), CM_OK);
   for (int i = 0; i < kBulkRecords; ++i) {
     REQUIRE_EQ(c.send(pattern_text(kBulkSize, static_cast<char>('A' + i % 20))), CM_OK);
   }
+  side.post();
   CHECK_EQ(c.deallocate(), CM_OK);
 }
 
-void bulk_acceptor(Side &) {
+void bulk_acceptor(Side &side) {
   Conv c = accept();
-  std::this_thread::sleep_for(500ms);  // the sender fills what the daemons hold
+  // The sender fills what the daemons hold, and then waits.
+  CHECK_EQ(side.await(700), false);
   for (int i = 0; i < kBulkRecords; ++i) {
     const Received r = c.receive(static_cast<CM_INT32>(kBulkSize));
     REQUIRE_EQ(r.rc, CM_OK);
     CHECK_EQ(r.text == pattern_text(kBulkSize, static_cast<char>('A' + i % 20)), true);
   }
+  CHECK_EQ(side.await(), true);  // the sender's post, after its last record
   CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
 }
 
