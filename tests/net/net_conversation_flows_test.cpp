@@ -489,6 +489,16 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
       << describe(gone.b_sees);
   EXPECT_TRUE(gone.a_sees.empty()) << describe(gone.a_sees);
   EXPECT_TRUE(gone.a.ended() && gone.b.ended());
+  // The same when the partner's FMH-7 reached A's translator first: A's TP
+  // had not read it yet when it deallocated.
+  Pair late(hello(true));
+  late.send(AB, data("d1"));
+  late.send(BA, frame(FrameType::kSendError, kPurging));
+  late.send(AB, frame(FrameType::kDeallocate));
+  units.clear();
+  for (const Wire &w : late.transcript) units += rh_hex(w.unit.rh) + " ";
+  EXPECT_EQ(units, "0b9080 879000 4b9020 0b9000 879000 4b9020 0b9001 ");
+  EXPECT_TRUE(late.a.ended() && late.b.ended());
 
   Pair unsent(hello(true));
   unsent.send(AB, data("y", true));

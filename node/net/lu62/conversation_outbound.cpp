@@ -79,11 +79,16 @@ Output ConversationTranslator::on_frame(const Frame &frame) {
     default:
       break;
   }
-  if (stale_until_error_seen_ && frame.type != FrameType::kDeallocate &&
-      frame.type != FrameType::kAttachFailed) {
+  if (stale_until_error_seen_ && frame.type != FrameType::kAttachFailed) {
     // Sent before the TP knew of the partner's purging error: purged, as a
-    // local partner's engine would drop it.  Only an ending still counts.
-    return out;
+    // local partner's engine would drop it.  Only an ending still counts; a
+    // normal one without the turn (given away on the partner's −RSP) can
+    // only reach the partner as an abend.
+    if (frame.type != FrameType::kDeallocate) return out;
+    if (!holder_) {
+      send_abend(frame.payload, out);
+      return out;
+    }
   }
   if (error_expected_) {
     // The partner purges whatever this side sends until its FMH-7 is in.  An
