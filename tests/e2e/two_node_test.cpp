@@ -162,7 +162,7 @@ void link_loss_acceptor(Side &side) {
 // Far more than the daemons and sockets hold for a TP that does not read yet:
 // pacing stops node A's daemon, which stops reading its TP, so the sender
 // cannot finish before B reads; every byte still arrives.
-constexpr int kBulkRecords = 280;
+constexpr int kBulkRecords = 140;
 constexpr size_t kBulkSize = 30000;
 
 void bulk_allocator(Side &side) {
