@@ -264,13 +264,24 @@ void Broker::complete_allocation(ClientId client, const client::AllocateRequest 
   offer(std::move(attach));
 }
 
-uint32_t Broker::attach_from_network(const client::AllocateRequest &request, client::UniqueFd end) {
+bool Broker::verify_from_network(const client::AllocateRequest &request,
+                                 std::function<void(bool)> done) {
+  auto check = [check = system_check_, user_id = request.user_id, password = request.password] {
+    return check(user_id, password);
+  };
+  return output_.verify_off_thread(0, std::move(check), std::move(done));
+}
+
+uint32_t Broker::attach_from_network(const client::AllocateRequest &request, client::UniqueFd end,
+                                     bool system_verified) {
   engine::SecurityRequest security;
   security.type = request.security_type;
   security.user_id = request.user_id;
   security.password = request.password;
   security.allocator_user = request.allocator_user;
-  const engine::SecurityOutcome outcome = engine::check_security(security, config_.users);
+  const engine::SecurityOutcome outcome = system_verified
+                                              ? engine::SecurityOutcome{true, request.user_id}
+                                              : engine::check_security(security, config_.users);
   if (const uint32_t refusal = attach_check(request, outcome.valid, outcome.user); refusal != 0) {
     log_request("attach from the network refused", 0, request, client::refusal_reason(refusal));
     return refusal;

@@ -179,7 +179,7 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
             std::move(translator), *session, std::move(daemon_end),
             [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
             // Only the attached side receives an Attach.
-            [](const Attach &, client::UniqueFd &) {
+            [](RemoteConversation &, const Attach &, client::UniqueFd &) {
               return uint32_t{AP_ALLOCATION_FAILURE_NO_RETRY};
             });
         attach_due_.emplace_back(now() + kAttachHold, conversation.get());
@@ -192,14 +192,14 @@ void NetworkNode::on_partner_bracket(net::lu62::Session &session) {
   auto conversation = std::make_unique<RemoteConversation>(
       ConversationTranslator::attached(session.params().max_send_ru), session, client::UniqueFd(),
       [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
-      [this, &session](const Attach &a, client::UniqueFd &daemon_end) {
-        return attach(a, session, daemon_end);
+      [this, &session](RemoteConversation &c, const Attach &a, client::UniqueFd &daemon_end) {
+        return attach(c, a, session, daemon_end);
       });
   conversations_.emplace(conversation.get(), std::move(conversation));
 }
 
-uint32_t NetworkNode::attach(const Attach &attach, const net::lu62::Session &session,
-                             client::UniqueFd &daemon_end) {
+uint32_t NetworkNode::attach(RemoteConversation &conversation, const Attach &attach,
+                             const net::lu62::Session &session, client::UniqueFd &daemon_end) {
   client::AllocateRequest request;
   request.tp_name = ascii(attach.tp_name);
   request.mapped = attach.resource == net::ConversationResource::kMappedHalfDuplex;
@@ -224,6 +224,27 @@ uint32_t NetworkNode::attach(const Attach &attach, const net::lu62::Session &ses
   } else if (attach.user_id) {
     return AP_SECURITY_NOT_VALID;  // a user with neither password nor trust
   }
+  if (broker_.verified_by_system(request)) {
+    // The system (PAM) verifies this user's password, as for a local
+    // allocation: away from the loop, and the conversation waits for it.
+    RemoteConversation *waiting = &conversation;
+    const bool started =
+        broker_.verify_from_network(request, [this, waiting, request](bool verified) {
+          // A conversation waiting for its attach is never swept.
+          if (conversations_.count(waiting) == 0) return;
+          client::UniqueFd end;
+          const uint32_t refusal =
+              verified ? hand_to_tp(request, end, true) : AP_SECURITY_NOT_VALID;
+          waiting->attach_resolved(refusal, std::move(end));
+          sweep();
+        });
+    return started ? RemoteConversation::kAttachPending : AP_TP_NOT_AVAILABLE_RETRY;
+  }
+  return hand_to_tp(request, daemon_end, false);
+}
+
+uint32_t NetworkNode::hand_to_tp(const client::AllocateRequest &request,
+                                 client::UniqueFd &daemon_end, bool system_verified) {
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
     return AP_TP_NOT_AVAILABLE_RETRY;
@@ -231,7 +252,7 @@ uint32_t NetworkNode::attach(const Attach &attach, const net::lu62::Session &ses
   client::UniqueFd tp_end(ends[1]);
   daemon_end.reset(ends[0]);
   ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
-  const uint32_t refusal = broker_.attach_from_network(request, std::move(tp_end));
+  const uint32_t refusal = broker_.attach_from_network(request, std::move(tp_end), system_verified);
   if (refusal != 0) daemon_end.reset();
   return refusal;
 }

@@ -66,8 +66,11 @@ class NetworkNode : public net::lu62::BiuTransport,
   void watch_link();
   void link_lost(const std::string &why);
   void watch(RemoteConversation &conversation, uint32_t events);
-  uint32_t attach(const net::Attach &attach, const net::lu62::Session &session,
-                  client::UniqueFd &daemon_end);
+  uint32_t attach(RemoteConversation &conversation, const net::Attach &attach,
+                  const net::lu62::Session &session, client::UniqueFd &daemon_end);
+  // A new socket pair for an accepted Attach: the TP's end to the broker.
+  uint32_t hand_to_tp(const client::AllocateRequest &request, client::UniqueFd &daemon_end,
+                      bool system_verified);
   void sweep();
   void log(const std::string &line) { output_.log(line); }
 

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include "snanode/verbs.h"
+
 namespace snanode::daemon {
 
 using net::lu62::Output;
@@ -29,13 +31,30 @@ RemoteConversation::~RemoteConversation() {
 }
 
 bool RemoteConversation::finished() const {
-  return !tp_end_.valid() && (session_ == nullptr || translator_.ended());
+  return !attach_pending_ && !tp_end_.valid() && (session_ == nullptr || translator_.ended());
 }
 
 void RemoteConversation::on_ready(uint32_t events) {
   if ((events & EPOLLOUT) != 0) flush();
   if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && tp_end_.valid() && !tp_stream_ended_) {
     read_frames();
+  }
+  update_watch();
+}
+
+void RemoteConversation::attach_resolved(uint32_t refusal, client::UniqueFd daemon_end) {
+  if (!attach_pending_) return;
+  attach_pending_ = false;
+  if (refusal == 0 && daemon_end.valid()) {
+    tp_end_ = std::move(daemon_end);
+    flush();
+  } else {
+    out_.clear();
+    engine::Frame failed;
+    failed.type = engine::FrameType::kAttachFailed;
+    failed.code = refusal == 0 ? uint32_t{AP_SECURITY_NOT_VALID} : refusal;
+    if (!translator_.ended()) apply(translator_.on_frame(failed));
+    update_receive_ready();
   }
   update_watch();
 }
@@ -94,8 +113,10 @@ void RemoteConversation::on_session_ended(net::lu62::Session &, uint32_t sense) 
 
 void RemoteConversation::apply(Output out) {
   if (out.attach) {
-    const uint32_t refusal = on_attach_(*out.attach, tp_end_);
-    if (refusal != 0) {
+    const uint32_t refusal = on_attach_(*this, *out.attach, tp_end_);
+    if (refusal == kAttachPending) {
+      attach_pending_ = true;
+    } else if (refusal != 0) {
       engine::Frame failed;
       failed.type = engine::FrameType::kAttachFailed;
       failed.code = refusal;
@@ -118,12 +139,14 @@ void RemoteConversation::apply(Output out) {
     session->fail(out.protocol_error);
     cut_ = true;
   }
-  if (tp_end_.valid()) {
+  // While the attach logic decides, frames wait for the TP that may come.
+  const bool tp_to_come = tp_end_.valid() || attach_pending_;
+  if (tp_to_come) {
     for (const engine::Frame &frame : out.frames) engine::encode_frame(frame, out_);
   }
   if (out.failure) {
     // The TP's next verb learns which failure it is; then its end closes.
-    if (tp_end_.valid() && !cut_) {
+    if (tp_to_come && !cut_) {
       engine::Frame failure;
       failure.type = engine::FrameType::kFailure;
       failure.code = *out.failure;
@@ -143,7 +166,7 @@ void RemoteConversation::apply(Output out) {
     // session must not call this conversation, which may be gone by then.
     if (session_ != nullptr && session_->user() == this) session_->attach_user(nullptr);
     session_ = nullptr;
-    if (!cut_ && !orderly_end_queued_ && tp_end_.valid()) {
+    if (!cut_ && !orderly_end_queued_ && tp_to_come) {
       out_.insert(out_.end(), std::begin(engine::kOrderlyEnd), std::end(engine::kOrderlyEnd));
       orderly_end_queued_ = true;
     }
@@ -152,7 +175,10 @@ void RemoteConversation::apply(Output out) {
 }
 
 void RemoteConversation::flush() {
-  if (!tp_end_.valid()) return;
+  if (!tp_end_.valid()) {
+    update_receive_ready();  // a pending attach's frames count too
+    return;
+  }
   if (tp_write_failed_) {
     out_.clear();
     return;

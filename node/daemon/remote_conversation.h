@@ -26,9 +26,11 @@ class RemoteConversation : public net::lu62::SessionUser {
  public:
   // The attached side asks its owner what to do with the partner's Attach:
   // the TP's end of a new socket pair, or the allocation error's secondary
-  // code (the socket end then stays invalid).
-  using AttachHandler =
-      std::function<uint32_t(const net::Attach &attach, client::UniqueFd &daemon_end)>;
+  // code (the socket end then stays invalid), or kAttachPending: the answer
+  // comes later through attach_resolved().
+  using AttachHandler = std::function<uint32_t(
+      RemoteConversation &conversation, const net::Attach &attach, client::UniqueFd &daemon_end)>;
+  static constexpr uint32_t kAttachPending = 0xFFFFFFFF;
   // Tells the owner which events of the TP's end to watch (none: -1 events).
   using Watch = std::function<void(RemoteConversation &conversation, uint32_t events)>;
 
@@ -39,6 +41,9 @@ class RemoteConversation : public net::lu62::SessionUser {
   int fd() const { return tp_end_.get(); }
   // The TP's end is readable or writable (or hung up).
   void on_ready(uint32_t events);
+  // The answer to a pending Attach: 0 and the TP's end, or the refusal.
+  // What the partner sent meanwhile waits for the TP.
+  void attach_resolved(uint32_t refusal, client::UniqueFd daemon_end);
   // The Attach goes now if the TP has not yet sent anything to carry it.
   void send_attach();
   // Nothing more will happen: the owner may drop it.
@@ -71,6 +76,7 @@ class RemoteConversation : public net::lu62::SessionUser {
   engine::FrameReader reader_;
   std::vector<uint8_t> out_;  // encoded frames not yet taken by the TP's end
   bool tp_stream_ended_ = false;
+  bool attach_pending_ = false;   // the attach logic has not answered yet
   bool tp_write_failed_ = false;  // the TP's end refused a write: it has gone
   bool reading_ = false;          // inside read_frames
   bool orderly_end_queued_ = false;

@@ -240,6 +240,33 @@ void verified_back_acceptor(Side &) {
   CHECK_EQ(c.send("refused", CM_SEND_AND_DEALLOCATE), CM_OK);
 }
 
+// PROGRAM security for users whose password the system (PAM) verifies at
+// node B, as for a local allocation: the PAM service accepts root and has no
+// account for the other user.
+void pam_allocator(Side &) {
+  for (const char *user : {"nobodyhere", "root"}) {
+    Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+    REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
+    REQUIRE_EQ(c.name(cmscsu, user), CM_OK);
+    REQUIRE_EQ(c.name(cmscsp, "any"), CM_OK);
+    REQUIRE_EQ(c.call(cmallc), CM_OK);
+    CHECK_EQ(c.send("as root", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+    CHECK_EQ(c.receive().rc,
+             std::string(user) == "root" ? CM_DEALLOCATED_NORMAL : CM_SECURITY_NOT_VALID);
+  }
+}
+
+void pam_acceptor(Side &) {
+  Conv c = accept();
+  unsigned char user[11] = {};
+  CM_INT32 length = 0;
+  CHECK_EQ(c.call(cmesui, user, &length), CM_OK);
+  CHECK_EQ(std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length)), "root");
+  CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "as root",
+             CM_SEND_RECEIVED);
+  CHECK_EQ(c.deallocate(), CM_OK);
+}
+
 struct TwoNodes {
   fs::path base;
   std::array<fs::path, 2> dirs;
@@ -247,7 +274,8 @@ struct TwoNodes {
   bool up = false;
 
   // `a_trusts_b`: node A takes users node B verified (already verified).
-  explicit TwoNodes(bool a_trusts_b = false) {
+  // `b_config`: more of node B's configuration.
+  explicit TwoNodes(bool a_trusts_b = false, const std::string &b_config = "") {
     char pattern[] = "/tmp/cpic-2node-XXXXXX";
     if (::mkdtemp(pattern) == nullptr) return;
     base = pattern;
@@ -255,9 +283,9 @@ struct TwoNodes {
     for (const auto &dir : dirs) fs::create_directories(dir);
     std::ofstream(dirs[0] / "node.toml")
         << node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB", a_trusts_b);
-    std::ofstream(dirs[1] / "node.toml")
-        << node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA")
-        << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n";
+    std::ofstream(dirs[1] / "node.toml") << node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA")
+                                         << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n"
+                                         << b_config;
     int link[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, link) != 0) return;
     up = start_daemon(dirs[0], children, link[0], link[1]) &&
@@ -368,6 +396,21 @@ TEST(TwoNodes, AlreadyVerifiedUsersOnlyFromATrustedPartner) {
       nodes.run(verified_back_allocator<false>, verified_back_acceptor<false>);
     }
   }
+}
+
+TEST(TwoNodes, PasswordsThePartnerNodeLeavesToPam) {
+  // The service "runuser" lets root authenticate anyone it names; elsewhere
+  // there is no PAM service a test can rely on.
+  std::ifstream service("/etc/pam.d/runuser");
+  const std::string text((std::istreambuf_iterator<char>(service)), {});
+  if (::geteuid() != 0 || text.find("pam_rootok") == std::string::npos) {
+    GTEST_SKIP() << "needs root and /etc/pam.d/runuser with pam_rootok";
+  }
+  TwoNodes nodes(false,
+                 "[pam]\nenabled = true\nservice = \"runuser\"\n[[user]]\nuser_id = \"root\"\n"
+                 "[[user]]\nuser_id = \"nobodyhere\"\n");
+  ASSERT_TRUE(nodes.up) << "no daemons: see " << nodes.base;
+  nodes.run(pam_allocator, pam_acceptor);
 }
 
 // `snanoded --check` names what is wrong with the network's keys.
