@@ -163,6 +163,8 @@ class Broker {
                        std::optional<std::string> &user) const;
   // A user configured without a password: the system (PAM) verifies it.
   bool left_to_system(const client::AllocateRequest &request) const;
+  // The system's check of the request's user and password, to run off the loop.
+  std::function<bool()> system_check_of(const client::AllocateRequest &request) const;
   void refuse(ClientId client, const client::AllocateRequest &request, uint32_t secondary);
   // The attach checks of an allocation whose security is decided: 0, or the
   // allocation error's secondary code.
