@@ -21,7 +21,9 @@
 
 namespace snanode::client {
 
-inline constexpr uint32_t kProtocolVersion = 1;
+// 2: the conversation links carry the FAILURE frame (engine/frame.h); a
+// library that would read it as a broken link is refused at the hello.
+inline constexpr uint32_t kProtocolVersion = 2;
 inline constexpr size_t kMessageHeaderSize = 6;
 inline constexpr uint32_t kMaxMessageSize = 64 * 1024;
 

@@ -199,15 +199,12 @@ void Broker::allocate(ClientId client, Client &state, const client::AllocateRequ
   }
   // The system's verification may take seconds: the answer goes out when it
   // is in, and every other client is served meanwhile.
-  auto check = [check = system_check_, user_id = request.user_id, password = request.password] {
-    return check(user_id, password);
-  };
   auto done = [this, client, request](bool verified) {
     if (clients_.count(client) == 0) return;  // gone meanwhile: nobody to answer
     complete_allocation(client, request, verified,
                         verified ? std::optional<std::string>(request.user_id) : std::nullopt);
   };
-  if (!output_.verify_off_thread(client, std::move(check), std::move(done))) {
+  if (!output_.verify_off_thread(client, system_check_of(request), std::move(done))) {
     fail_for_retry(client, request, "too many password verifications waiting");
   }
 }
@@ -273,13 +270,27 @@ void Broker::complete_allocation(ClientId client, const client::AllocateRequest 
   offer(std::move(attach));
 }
 
-uint32_t Broker::attach_from_network(const client::AllocateRequest &request, client::UniqueFd end) {
+std::function<bool()> Broker::system_check_of(const client::AllocateRequest &request) const {
+  return [check = system_check_, user_id = request.user_id, password = request.password] {
+    return check(user_id, password);
+  };
+}
+
+bool Broker::verify_from_network(const client::AllocateRequest &request,
+                                 std::function<void(bool)> done) {
+  return output_.verify_off_thread(0, system_check_of(request), std::move(done));
+}
+
+uint32_t Broker::attach_from_network(const client::AllocateRequest &request, client::UniqueFd end,
+                                     bool system_verified) {
   engine::SecurityRequest security;
   security.type = request.security_type;
   security.user_id = request.user_id;
   security.password = request.password;
   security.allocator_user = request.allocator_user;
-  const engine::SecurityOutcome outcome = engine::check_security(security, config_.users);
+  const engine::SecurityOutcome outcome = system_verified
+                                              ? engine::SecurityOutcome{true, request.user_id}
+                                              : engine::check_security(security, config_.users);
   if (const uint32_t refusal = attach_check(request, outcome.valid, outcome.user); refusal != 0) {
     log_request("attach from the network refused", 0, request, client::refusal_reason(refusal));
     return refusal;

@@ -109,7 +109,18 @@ class Broker {
   // the caller has already mapped (`request.allocator_user`: a user the
   // partner verified and this node trusts).  Queues it for a TP with `end` as
   // the attached side's end, or returns the allocation error's secondary code.
-  uint32_t attach_from_network(const client::AllocateRequest &request, client::UniqueFd end);
+  // `system_verified`: the system (PAM) accepted the Attach's user and
+  // password (verify_from_network).
+  uint32_t attach_from_network(const client::AllocateRequest &request, client::UniqueFd end,
+                               bool system_verified = false);
+  // Whether an Attach's password is the system's to verify, as it would be for
+  // a local allocation; then verify_from_network() runs first.
+  bool verified_by_system(const client::AllocateRequest &request) const {
+    return left_to_system(request);
+  }
+  // Verifies the Attach's user and password with the system away from the
+  // loop; `done` gets the verdict.  False when too many verifications wait.
+  bool verify_from_network(const client::AllocateRequest &request, std::function<void(bool)> done);
 
  private:
   struct Client {
@@ -158,6 +169,8 @@ class Broker {
                        std::optional<std::string> &user) const;
   // A user configured without a password: the system (PAM) verifies it.
   bool left_to_system(const client::AllocateRequest &request) const;
+  // The system's check of the request's user and password, to run off the loop.
+  std::function<bool()> system_check_of(const client::AllocateRequest &request) const;
   void refuse(ClientId client, const client::AllocateRequest &request, uint32_t secondary);
   // The attach checks of an allocation whose security is decided: 0, or the
   // allocation error's secondary code.

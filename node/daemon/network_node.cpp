@@ -23,6 +23,11 @@ constexpr uint64_t kLinkToken = 0;
 constexpr size_t kMaxBiu = 65536;
 // A path failure under every session on the link (a retry may find another).
 constexpr uint32_t kSenseLinkLost = 0x80020000;
+// How long an allocated conversation's Attach waits for the TP's first data
+// or status to carry it before it goes alone: a TP usually sends at once
+// (one unit instead of two), but a partner TP waits in Accept, or for a
+// request-to-send, until the Attach arrives.
+constexpr auto kAttachHold = std::chrono::milliseconds(10);
 
 net::Bytes ebcdic(const std::string &text) {
   net::Bytes out(text.size());
@@ -150,8 +155,9 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
               log_safe(request.partner_lu) + " failed (" +
               std::to_string(static_cast<int>(outcome)) + ")");
           answer(AP_ALLOCATION_ERROR,
-                 outcome == AllocationOutcome::kTimedOut ? AP_ALLOCATION_FAILURE_RETRY
-                                                         : AP_ALLOCATION_FAILURE_NO_RETRY,
+                 outcome == AllocationOutcome::kTimedOut || outcome == AllocationOutcome::kPathLost
+                     ? AP_ALLOCATION_FAILURE_RETRY
+                     : AP_ALLOCATION_FAILURE_NO_RETRY,
                  -1);
           return;
         }
@@ -173,9 +179,10 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
             std::move(translator), *session, std::move(daemon_end),
             [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
             // Only the attached side receives an Attach.
-            [](const Attach &, client::UniqueFd &) {
+            [](RemoteConversation &, const Attach &, client::UniqueFd &) {
               return uint32_t{AP_ALLOCATION_FAILURE_NO_RETRY};
             });
+        attach_due_.emplace_back(now() + kAttachHold, conversation.get());
         conversations_.emplace(conversation.get(), std::move(conversation));
       });
   return true;
@@ -185,14 +192,14 @@ void NetworkNode::on_partner_bracket(net::lu62::Session &session) {
   auto conversation = std::make_unique<RemoteConversation>(
       ConversationTranslator::attached(session.params().max_send_ru), session, client::UniqueFd(),
       [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
-      [this, &session](const Attach &a, client::UniqueFd &daemon_end) {
-        return attach(a, session, daemon_end);
+      [this, &session](RemoteConversation &c, const Attach &a, client::UniqueFd &daemon_end) {
+        return attach(c, a, session, daemon_end);
       });
   conversations_.emplace(conversation.get(), std::move(conversation));
 }
 
-uint32_t NetworkNode::attach(const Attach &attach, const net::lu62::Session &session,
-                             client::UniqueFd &daemon_end) {
+uint32_t NetworkNode::attach(RemoteConversation &conversation, const Attach &attach,
+                             const net::lu62::Session &session, client::UniqueFd &daemon_end) {
   client::AllocateRequest request;
   request.tp_name = ascii(attach.tp_name);
   request.mapped = attach.resource == net::ConversationResource::kMappedHalfDuplex;
@@ -217,6 +224,27 @@ uint32_t NetworkNode::attach(const Attach &attach, const net::lu62::Session &ses
   } else if (attach.user_id) {
     return AP_SECURITY_NOT_VALID;  // a user with neither password nor trust
   }
+  if (broker_.verified_by_system(request)) {
+    // The system (PAM) verifies this user's password, as for a local
+    // allocation: away from the loop, and the conversation waits for it.
+    RemoteConversation *waiting = &conversation;
+    const bool started =
+        broker_.verify_from_network(request, [this, waiting, request](bool verified) {
+          // A conversation waiting for its attach is never swept.
+          if (conversations_.count(waiting) == 0) return;
+          client::UniqueFd end;
+          const uint32_t refusal =
+              verified ? hand_to_tp(request, end, true) : AP_SECURITY_NOT_VALID;
+          waiting->attach_resolved(refusal, std::move(end));
+          sweep();
+        });
+    return started ? RemoteConversation::kAttachPending : AP_TP_NOT_AVAILABLE_RETRY;
+  }
+  return hand_to_tp(request, daemon_end, false);
+}
+
+uint32_t NetworkNode::hand_to_tp(const client::AllocateRequest &request,
+                                 client::UniqueFd &daemon_end, bool system_verified) {
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
     return AP_TP_NOT_AVAILABLE_RETRY;
@@ -224,7 +252,7 @@ uint32_t NetworkNode::attach(const Attach &attach, const net::lu62::Session &ses
   client::UniqueFd tp_end(ends[1]);
   daemon_end.reset(ends[0]);
   ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
-  const uint32_t refusal = broker_.attach_from_network(request, std::move(tp_end));
+  const uint32_t refusal = broker_.attach_from_network(request, std::move(tp_end), system_verified);
   if (refusal != 0) daemon_end.reset();
   return refusal;
 }
@@ -298,16 +326,25 @@ void NetworkNode::link_lost(const std::string &why) {
   link_queue_.clear();
   log("network: link lost: " + log_safe(why));
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, link_.get(), nullptr);
-  for (auto &[key, conversation] : conversations_) conversation->on_link_lost(kSenseLinkLost);
 }
 
 void NetworkNode::on_timer() {
   manager_->on_timer();
+  const auto at = now();
+  while (!attach_due_.empty() && attach_due_.front().first <= at) {
+    RemoteConversation *conversation = attach_due_.front().second;
+    attach_due_.pop_front();
+    if (conversations_.count(conversation) != 0) conversation->send_attach();
+  }
   sweep();
 }
 
 std::optional<std::chrono::steady_clock::time_point> NetworkNode::next_deadline() const {
-  return manager_->next_deadline();
+  auto next = manager_->next_deadline();
+  if (!attach_due_.empty() && (!next || attach_due_.front().first < *next)) {
+    next = attach_due_.front().first;
+  }
+  return next;
 }
 
 void NetworkNode::watch(RemoteConversation &conversation, uint32_t events) {
@@ -329,6 +366,13 @@ void NetworkNode::watch(RemoteConversation &conversation, uint32_t events) {
 }
 
 void NetworkNode::sweep() {
+  if (!link_up_ && !path_lost_reported_) {
+    // Here, not where the link failed: that may be inside the session layer's
+    // own call.  Every session on the link ends under its conversation; each
+    // TP's next verb gets a conversation failure (retry: a new link may serve).
+    path_lost_reported_ = true;
+    manager_->on_path_lost(link_partner_, kSenseLinkLost);
+  }
   std::erase_if(conversations_, [this](const auto &entry) {
     if (!entry.second->finished()) return false;
     watched_.erase(entry.first);

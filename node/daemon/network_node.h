@@ -66,8 +66,11 @@ class NetworkNode : public net::lu62::BiuTransport,
   void watch_link();
   void link_lost(const std::string &why);
   void watch(RemoteConversation &conversation, uint32_t events);
-  uint32_t attach(const net::Attach &attach, const net::lu62::Session &session,
-                  client::UniqueFd &daemon_end);
+  uint32_t attach(RemoteConversation &conversation, const net::Attach &attach,
+                  const net::lu62::Session &session, client::UniqueFd &daemon_end);
+  // A new socket pair for an accepted Attach: the TP's end to the broker.
+  uint32_t hand_to_tp(const client::AllocateRequest &request, client::UniqueFd &daemon_end,
+                      bool system_verified);
   void sweep();
   void log(const std::string &line) { output_.log(line); }
 
@@ -86,6 +89,10 @@ class NetworkNode : public net::lu62::BiuTransport,
   bool link_out_watched_ = false;
   std::map<RemoteConversation *, std::unique_ptr<RemoteConversation>> conversations_;
   std::map<RemoteConversation *, int> watched_;  // registered descriptor by conversation
+  // Allocated conversations whose Attach waits a moment for the TP's first
+  // data to travel with, oldest first.
+  std::deque<std::pair<std::chrono::steady_clock::time_point, RemoteConversation *>> attach_due_;
+  bool path_lost_reported_ = false;  // the sessions heard of the link's loss
 };
 
 }  // namespace snanode::daemon

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include "snanode/verbs.h"
+
 namespace snanode::daemon {
 
 using net::lu62::Output;
@@ -29,7 +31,7 @@ RemoteConversation::~RemoteConversation() {
 }
 
 bool RemoteConversation::finished() const {
-  return !tp_end_.valid() && (session_ == nullptr || translator_.ended());
+  return !attach_pending_ && !tp_end_.valid() && (session_ == nullptr || translator_.ended());
 }
 
 void RemoteConversation::on_ready(uint32_t events) {
@@ -40,13 +42,43 @@ void RemoteConversation::on_ready(uint32_t events) {
   update_watch();
 }
 
-void RemoteConversation::read_frames() {
+void RemoteConversation::attach_resolved(uint32_t refusal, client::UniqueFd daemon_end) {
+  if (!attach_pending_) return;
+  attach_pending_ = false;
+  if (refusal == 0 && daemon_end.valid()) {
+    tp_end_ = std::move(daemon_end);
+    flush();
+  } else {
+    out_.clear();
+    engine::Frame failed;
+    failed.type = engine::FrameType::kAttachFailed;
+    failed.code = refusal == 0 ? uint32_t{AP_SECURITY_NOT_VALID} : refusal;
+    if (!translator_.ended()) apply(translator_.on_frame(failed));
+    update_receive_ready();
+  }
+  update_watch();
+}
+
+void RemoteConversation::send_attach() {
+  if (session_ == nullptr) return;
+  apply(translator_.send_attach());
+  update_watch();
+}
+
+void RemoteConversation::read_frames(bool to_the_end) {
+  reading_ = true;
   std::vector<engine::Frame> frames;
-  reader_.read(tp_end_.get(), frames, /*to_the_end=*/false);
-  for (const engine::Frame &frame : frames) apply(translator_.on_frame(frame));
-  if (reader_.end() == engine::FrameReader::End::kNone) return;
+  do {
+    frames.clear();
+    // Once a write has failed the TP has gone: what it sent is read to the end.
+    reader_.read(tp_end_.get(), frames, to_the_end || tp_write_failed_);
+    for (const engine::Frame &frame : frames) apply(translator_.on_frame(frame));
+  } while (tp_write_failed_ && !frames.empty() && reader_.end() == engine::FrameReader::End::kNone);
+  reading_ = false;
+  if (reader_.end() == engine::FrameReader::End::kNone && !tp_write_failed_) return;
   tp_stream_ended_ = true;
-  // The TP has gone: without a deallocation first, its partner hears an abend.
+  // The TP has gone: without a deallocation first, its partner hears of a
+  // conversation failure.
   if (!translator_.ended()) apply(translator_.on_link_lost());
   out_.clear();
   close_tp_end();
@@ -64,14 +96,16 @@ void RemoteConversation::on_response(net::lu62::Session &, const net::Rh &rh, ne
   update_watch();
 }
 
-void RemoteConversation::on_session_ended(net::lu62::Session &, uint32_t sense) {
-  session_ = nullptr;
-  apply(translator_.on_session_failure(sense));
+void RemoteConversation::on_request_to_send(net::lu62::Session &) {
+  apply(translator_.on_request_to_send());
   update_watch();
 }
 
-void RemoteConversation::on_link_lost(uint32_t sense) {
-  if (session_ == nullptr) return;
+void RemoteConversation::on_send_window_open(net::lu62::Session &) {
+  update_watch();
+}
+
+void RemoteConversation::on_session_ended(net::lu62::Session &, uint32_t sense) {
   session_ = nullptr;
   apply(translator_.on_session_failure(sense));
   update_watch();
@@ -79,8 +113,10 @@ void RemoteConversation::on_link_lost(uint32_t sense) {
 
 void RemoteConversation::apply(Output out) {
   if (out.attach) {
-    const uint32_t refusal = on_attach_(*out.attach, tp_end_);
-    if (refusal != 0) {
+    const uint32_t refusal = on_attach_(*this, *out.attach, tp_end_);
+    if (refusal == kAttachPending) {
+      attach_pending_ = true;
+    } else if (refusal != 0) {
       engine::Frame failed;
       failed.type = engine::FrameType::kAttachFailed;
       failed.code = refusal;
@@ -103,10 +139,21 @@ void RemoteConversation::apply(Output out) {
     session->fail(out.protocol_error);
     cut_ = true;
   }
-  if (tp_end_.valid()) {
+  // While the attach logic decides, frames wait for the TP that may come.
+  const bool tp_to_come = tp_end_.valid() || attach_pending_;
+  if (tp_to_come) {
     for (const engine::Frame &frame : out.frames) engine::encode_frame(frame, out_);
   }
-  if (out.failure) cut_ = true;
+  if (out.failure) {
+    // The TP's next verb learns which failure it is; then its end closes.
+    if (tp_to_come && !cut_) {
+      engine::Frame failure;
+      failure.type = engine::FrameType::kFailure;
+      failure.code = *out.failure;
+      engine::encode_frame(failure, out_);
+    }
+    cut_ = true;
+  }
   // The bracket is over: the session may serve another conversation, and
   // this one never touches it again.
   if (translator_.ended()) {
@@ -115,8 +162,11 @@ void RemoteConversation::apply(Output out) {
     // Ended before anything went out (an abend first thing): the session's
     // bracket was never used and goes back unused.
     if (!sent_any_ && session_ != nullptr && session_->user() == this) session_->release();
+    // The bracket's last chain may still wait for the pacing window: the
+    // session must not call this conversation, which may be gone by then.
+    if (session_ != nullptr && session_->user() == this) session_->attach_user(nullptr);
     session_ = nullptr;
-    if (!cut_ && !orderly_end_queued_ && tp_end_.valid()) {
+    if (!cut_ && !orderly_end_queued_ && tp_to_come) {
       out_.insert(out_.end(), std::begin(engine::kOrderlyEnd), std::end(engine::kOrderlyEnd));
       orderly_end_queued_ = true;
     }
@@ -125,7 +175,14 @@ void RemoteConversation::apply(Output out) {
 }
 
 void RemoteConversation::flush() {
-  if (!tp_end_.valid()) return;
+  if (!tp_end_.valid()) {
+    update_receive_ready();  // a pending attach's frames count too
+    return;
+  }
+  if (tp_write_failed_) {
+    out_.clear();
+    return;
+  }
   size_t sent = 0;
   while (sent < out_.size()) {
     const ssize_t n =
@@ -136,12 +193,12 @@ void RemoteConversation::flush() {
     }
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    // The TP's end is gone.
+    // The TP's end is gone; what the TP sent before it closed still counts
+    // (a deallocation, say), so it is read before the end is judged.
     out_.clear();
-    sent = 0;
-    tp_stream_ended_ = true;
-    if (!translator_.ended()) apply(translator_.on_link_lost());
-    close_tp_end();
+    tp_write_failed_ = true;
+    // Inside read_frames, it reads on to the end itself.
+    if (!reading_ && !tp_stream_ended_) read_frames(/*to_the_end=*/true);
     return;
   }
   out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(sent));
@@ -166,7 +223,11 @@ void RemoteConversation::close_tp_end() {
 void RemoteConversation::update_watch() {
   uint32_t events = 0;
   if (tp_end_.valid()) {
-    if (!tp_stream_ended_) events |= EPOLLIN;
+    // While the session holds units behind a closed pacing window, the TP's
+    // end is not read: the TP waits for the partner rather than the daemon
+    // growing by all it sends (on_send_window_open reads on).
+    const bool window_closed = session_ != nullptr && session_->held_requests() > 0;
+    if (!tp_stream_ended_ && !window_closed) events |= EPOLLIN;
     if (!out_.empty()) events |= EPOLLOUT;
   }
   if (events == watched_) return;

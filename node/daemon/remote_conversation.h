@@ -26,9 +26,11 @@ class RemoteConversation : public net::lu62::SessionUser {
  public:
   // The attached side asks its owner what to do with the partner's Attach:
   // the TP's end of a new socket pair, or the allocation error's secondary
-  // code (the socket end then stays invalid).
-  using AttachHandler =
-      std::function<uint32_t(const net::Attach &attach, client::UniqueFd &daemon_end)>;
+  // code (the socket end then stays invalid), or kAttachPending: the answer
+  // comes later through attach_resolved().
+  using AttachHandler = std::function<uint32_t(
+      RemoteConversation &conversation, const net::Attach &attach, client::UniqueFd &daemon_end)>;
+  static constexpr uint32_t kAttachPending = 0xFFFFFFFF;
   // Tells the owner which events of the TP's end to watch (none: -1 events).
   using Watch = std::function<void(RemoteConversation &conversation, uint32_t events)>;
 
@@ -39,8 +41,11 @@ class RemoteConversation : public net::lu62::SessionUser {
   int fd() const { return tp_end_.get(); }
   // The TP's end is readable or writable (or hung up).
   void on_ready(uint32_t events);
-  // The link beneath the session is gone.
-  void on_link_lost(uint32_t sense);
+  // The answer to a pending Attach: 0 and the TP's end, or the refusal.
+  // What the partner sent meanwhile waits for the TP.
+  void attach_resolved(uint32_t refusal, client::UniqueFd daemon_end);
+  // The Attach goes now if the TP has not yet sent anything to carry it.
+  void send_attach();
   // Nothing more will happen: the owner may drop it.
   bool finished() const;
 
@@ -49,12 +54,13 @@ class RemoteConversation : public net::lu62::SessionUser {
                   uint16_t snf) override;
   void on_response(net::lu62::Session &session, const net::Rh &rh, net::ByteSpan ru,
                    uint16_t snf) override;
-  void on_request_to_send(net::lu62::Session &) override {}
+  void on_request_to_send(net::lu62::Session &session) override;
+  void on_send_window_open(net::lu62::Session &session) override;
   void on_session_ended(net::lu62::Session &session, uint32_t sense) override;
 
  private:
   void apply(net::lu62::Output out);
-  void read_frames();
+  void read_frames(bool to_the_end = false);
   void flush();
   void close_tp_end();
   void update_watch();
@@ -70,6 +76,9 @@ class RemoteConversation : public net::lu62::SessionUser {
   engine::FrameReader reader_;
   std::vector<uint8_t> out_;  // encoded frames not yet taken by the TP's end
   bool tp_stream_ended_ = false;
+  bool attach_pending_ = false;   // the attach logic has not answered yet
+  bool tp_write_failed_ = false;  // the TP's end refused a write: it has gone
+  bool reading_ = false;          // inside read_frames
   bool orderly_end_queued_ = false;
   bool cut_ = false;       // the TP's end closes without the orderly end
   bool sent_any_ = false;  // a unit of this conversation went to the session

@@ -437,7 +437,7 @@ void Conversation::take_frame(Frame &&frame) {
     return;
   }
   if (purging_ && frame.type != FrameType::kDeallocate && frame.type != FrameType::kAttachFailed &&
-      frame.type != FrameType::kRequestToSend) {
+      frame.type != FrameType::kFailure && frame.type != FrameType::kRequestToSend) {
     // Sent before the partner knew this side purges: purged too.  Only its
     // ending, which no error can undo, still counts.
     give_back_buffer(std::move(frame.payload));
@@ -511,6 +511,9 @@ void Conversation::take_frame(Frame &&frame) {
     case FrameType::kAttachFailed:
       enqueue(InKind::kAttachFailed, {}, frame.code);
       break;
+    case FrameType::kFailure:
+      enqueue(InKind::kFailure, {}, frame.code);
+      break;
     default:
       break;
   }
@@ -547,7 +550,10 @@ bool Conversation::terminal_result(const Inbound &item, Result &result) const {
       result = {AP_DEALLOC_ABEND_PROG, 0};
       return true;
     case InKind::kFailure:
-      result = {AP_CONV_FAILURE_NO_RETRY, 0};
+      result = {
+          static_cast<uint16_t>(item.code == AP_CONV_FAILURE_RETRY ? AP_CONV_FAILURE_RETRY
+                                                                   : AP_CONV_FAILURE_NO_RETRY),
+          0};
       return true;
     case InKind::kAttachFailed:
       result = {AP_ALLOCATION_ERROR, item.code};

@@ -28,6 +28,11 @@ enum class FrameType : uint8_t {
   // The answer to a purging send-error: the frames the sender of this one
   // sent before it are the ones it sent before it knew of the error.
   kErrorSeen = 9,
+  // code: the primary return code (conversation failure, retry or not) of a
+  // conversation the node ended under the TP, e.g. when the session or link
+  // to a partner on another node failed.  A link that simply breaks says
+  // only "no retry".  New in daemon protocol version 2.
+  kFailure = 10,
 };
 
 // DATA flag: a control frame (turn, confirm, error, deallocation) follows at

@@ -47,6 +47,7 @@ struct Side {
   fs::path log_dir;  // this side's node log directory
   pid_t daemon = -1;
   int report = -1, from_partner = -1, to_partner = -1;
+  bool across_nodes = false;  // the partner TP is on the other node
 
   void say(char kind, std::string text) const {
     for (char &c : text) c = c == '\n' ? ' ' : c;
@@ -400,6 +401,7 @@ inline void run(const Scenario &scenario, Deploy how) {
   Side server{"server",  server_dir / "server", server_daemon,
               report[1], to_server[0],          to_client[1]};
   if (!scenario.server) client.from_partner = client.to_partner = -1;
+  client.across_nodes = server.across_nodes = how == Deploy::kTwoNodes;
   if (how == Deploy::kThreads) client.log_dir = server.log_dir = dir / "node";
   for (const Side *side : {&client, &server}) fs::create_directories(side->log_dir);
 

@@ -15,7 +15,7 @@ namespace {
 constexpr int kRuSize = 256;
 
 std::string node_config(const fs::path &dir, const char *cp, const char *lu, const char *partner,
-                        const char *partner_cp) {
+                        const char *partner_cp, bool trust_partner = false) {
   std::ostringstream text;
   text << "[node]\nname = \"" << cp << "\"\nnetwork_id = \"NETA\"\nattach_timeout_ms = 5000\n"
        << "socket_path = \"" << (dir / "node.sock").string() << "\"\n"
@@ -24,6 +24,7 @@ std::string node_config(const fs::path &dir, const char *cp, const char *lu, con
        << "[[local_lu]]\nalias = \"" << lu << "\"\nlu_name = \"NETA." << lu << "\"\n"
        << "[[partner_lu]]\nalias = \"" << partner << "\"\nlu_name = \"NETA." << partner
        << "\"\nowning_cp = \"NETA." << partner_cp << "\"\n"
+       << (trust_partner ? "trust_already_verified = true\n" : "")
        << "[[mode]]\nname = \"#INTER\"\nsession_limit = 4\nmax_ru_size = " << kRuSize
        << "\npacing_window = 2\n";
   return text.str();
@@ -123,15 +124,20 @@ void program_security_acceptor(Side &) {
   CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
 }
 
-// Node B's daemon dies mid-conversation: both TPs' next verbs fail, and a new
+// Node B's daemon dies mid-conversation: the link is lost, every session on it
+// ends, and each TP's next verb at node A gets a conversation failure with
+// retry (another path may serve), whether it receives or sends; a new
 // allocation at node A is refused for a retry.
 void link_loss_allocator(Side &) {
   Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
   REQUIRE_EQ(c.call(cmallc), CM_OK);
   CHECK_EQ(c.send("before", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  Conv sending = initialize_remote("E2E", CM_BASIC_CONVERSATION);
+  REQUIRE_EQ(sending.call(cmallc), CM_OK);
   REQUIRE_PARTNER();  // node B is gone
-  const CM_RETURN_CODE rc = c.receive().rc;
-  CHECK_EQ(rc == CM_RESOURCE_FAILURE_RETRY || rc == CM_RESOURCE_FAILURE_NO_RETRY, true);
+  CHECK_EQ(c.receive().rc, CM_RESOURCE_FAILURE_RETRY);
+  CHECK_EQ(sending.send(record(CM_BASIC_CONVERSATION, "lost"), CM_SEND_AND_FLUSH),
+           CM_RESOURCE_FAILURE_RETRY);
   Conv again = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
   // The allocation's outcome may come with the verb after it.
   const CM_RETURN_CODE allocated = again.call(cmallc);
@@ -143,6 +149,8 @@ void link_loss_acceptor(Side &side) {
   Conv c = accept();
   CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "before",
              CM_SEND_RECEIVED);
+  Conv second = accept();  // its Attach came alone: node A's TP sent nothing yet
+  CHECK_EQ(second.state(), CM_RECEIVE_STATE);
   REQUIRE_EQ(::kill(side.daemon, SIGKILL), 0);
   int status = 0;
   ::waitpid(side.daemon, &status, 0);  // not this process's child: returns at once
@@ -151,28 +159,32 @@ void link_loss_acceptor(Side &side) {
   CHECK_EQ(c.send("after") == CM_OK && c.call(cmptr) == CM_OK && c.receive().rc == CM_OK, false);
 }
 
-// More than the daemon holds for a TP that does not read yet: pacing stops
-// the sender until B reads, and every byte still arrives.
-constexpr int kBulkRecords = 48;
+// Far more than the daemons and sockets hold for a TP that does not read yet:
+// pacing stops node A's daemon, which stops reading its TP, so the sender
+// cannot finish before B reads; every byte still arrives.
+constexpr int kBulkRecords = 140;
 constexpr size_t kBulkSize = 30000;
 
-void bulk_allocator(Side &) {
+void bulk_allocator(Side &side) {
   Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
   REQUIRE_EQ(c.call(cmallc), CM_OK);
   for (int i = 0; i < kBulkRecords; ++i) {
     REQUIRE_EQ(c.send(pattern_text(kBulkSize, static_cast<char>('A' + i % 20))), CM_OK);
   }
+  side.post();
   CHECK_EQ(c.deallocate(), CM_OK);
 }
 
-void bulk_acceptor(Side &) {
+void bulk_acceptor(Side &side) {
   Conv c = accept();
-  std::this_thread::sleep_for(500ms);  // the sender fills what the daemons hold
+  // The sender fills what the daemons hold, and then waits.
+  CHECK_EQ(side.await(700), false);
   for (int i = 0; i < kBulkRecords; ++i) {
     const Received r = c.receive(static_cast<CM_INT32>(kBulkSize));
     REQUIRE_EQ(r.rc, CM_OK);
     CHECK_EQ(r.text == pattern_text(kBulkSize, static_cast<char>('A' + i % 20)), true);
   }
+  CHECK_EQ(side.await(), true);  // the sender's post, after its last record
   CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
 }
 
@@ -184,22 +196,96 @@ void unknown_tp(Side &) {
   CHECK_EQ(c.receive().rc, CM_TPN_NOT_RECOGNIZED);
 }
 
+// Already verified: node A's TP allocates to node B with PROGRAM security
+// (B verifies CLERK); B's TP, now running for CLERK, allocates back to A with
+// SAME, which passes CLERK on as already verified.  Node A accepts that only
+// when it trusts node B's LU.
+template <bool trusted>
+void verified_back_allocator(Side &) {
+  REQUIRE_EQ(local_tp(cmsltp, "BACK"), CM_OK);
+  Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+  REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
+  REQUIRE_EQ(c.name(cmscsu, "CLERK"), CM_OK);
+  REQUIRE_EQ(c.name(cmscsp, "SECRET"), CM_OK);
+  REQUIRE_EQ(c.call(cmallc), CM_OK);
+  CHECK_EQ(c.send("go", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  const Received answer = c.receive();
+  if (!trusted) {  // B's TP reports what its allocation got
+    CHECK_DATA(answer, CM_COMPLETE_DATA_RECEIVED, "refused", CM_NO_STATUS_RECEIVED);
+    return;
+  }
+  CHECK_DATA(answer, CM_COMPLETE_DATA_RECEIVED, "come back", CM_NO_STATUS_RECEIVED);
+  Conv back = accept();
+  unsigned char user[11] = {};
+  CM_INT32 length = 0;
+  CHECK_EQ(back.call(cmesui, user, &length), CM_OK);
+  CHECK_EQ(std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length)), "CLERK");
+  CHECK_DATA(back.receive(), CM_COMPLETE_DATA_RECEIVED, "as CLERK", CM_NO_STATUS_RECEIVED);
+}
+
+template <bool trusted>
+void verified_back_acceptor(Side &) {
+  Conv c = accept();
+  CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "go", CM_SEND_RECEIVED);
+  Conv back = initialize("BACK", CM_MAPPED_CONVERSATION, CM_NONE, "LUA");
+  REQUIRE_EQ(back.set(cmscst, CM_SECURITY_SAME), CM_OK);
+  REQUIRE_EQ(back.call(cmallc), CM_OK);
+  if (trusted) {
+    CHECK_EQ(c.send("come back", CM_SEND_AND_DEALLOCATE), CM_OK);
+    CHECK_EQ(back.send("as CLERK", CM_SEND_AND_DEALLOCATE), CM_OK);
+    return;
+  }
+  CHECK_EQ(back.send("x", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+  CHECK_EQ(back.receive().rc, CM_SECURITY_NOT_VALID);
+  CHECK_EQ(c.send("refused", CM_SEND_AND_DEALLOCATE), CM_OK);
+}
+
+// PROGRAM security for users whose password the system (PAM) verifies at
+// node B, as for a local allocation: the PAM service accepts root and has no
+// account for the other user.
+void pam_allocator(Side &) {
+  for (const char *user : {"nobodyhere", "root"}) {
+    Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
+    REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
+    REQUIRE_EQ(c.name(cmscsu, user), CM_OK);
+    REQUIRE_EQ(c.name(cmscsp, "any"), CM_OK);
+    REQUIRE_EQ(c.call(cmallc), CM_OK);
+    CHECK_EQ(c.send("as root", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
+    CHECK_EQ(c.receive().rc,
+             std::string(user) == "root" ? CM_DEALLOCATED_NORMAL : CM_SECURITY_NOT_VALID);
+  }
+}
+
+void pam_acceptor(Side &) {
+  Conv c = accept();
+  unsigned char user[11] = {};
+  CM_INT32 length = 0;
+  CHECK_EQ(c.call(cmesui, user, &length), CM_OK);
+  CHECK_EQ(std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length)), "root");
+  CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "as root",
+             CM_SEND_RECEIVED);
+  CHECK_EQ(c.deallocate(), CM_OK);
+}
+
 struct TwoNodes {
   fs::path base;
   std::array<fs::path, 2> dirs;
   Children children;
   bool up = false;
 
-  TwoNodes() {
+  // `a_trusts_b`: node A takes users node B verified (already verified).
+  // `b_config`: more of node B's configuration.
+  explicit TwoNodes(bool a_trusts_b = false, const std::string &b_config = "") {
     char pattern[] = "/tmp/cpic-2node-XXXXXX";
     if (::mkdtemp(pattern) == nullptr) return;
     base = pattern;
     dirs = {base / "a", base / "b"};
     for (const auto &dir : dirs) fs::create_directories(dir);
-    std::ofstream(dirs[0] / "node.toml") << node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB");
-    std::ofstream(dirs[1] / "node.toml")
-        << node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA")
-        << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n";
+    std::ofstream(dirs[0] / "node.toml")
+        << node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB", a_trusts_b);
+    std::ofstream(dirs[1] / "node.toml") << node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA")
+                                         << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n"
+                                         << b_config;
     int link[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, link) != 0) return;
     up = start_daemon(dirs[0], children, link[0], link[1]) &&
@@ -297,6 +383,34 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
     EXPECT_EQ(::pclose(pipe), 0) << "tshark could not read " << capture;
     EXPECT_EQ(std::string(out.data(), m), "") << capture;
   }
+}
+
+TEST(TwoNodes, AlreadyVerifiedUsersOnlyFromATrustedPartner) {
+  for (bool trusted : {false, true}) {
+    SCOPED_TRACE(trusted ? "node A trusts node B" : "node A does not trust node B");
+    TwoNodes nodes(trusted);
+    ASSERT_TRUE(nodes.up) << "no daemons: see " << nodes.base;
+    if (trusted) {
+      nodes.run(verified_back_allocator<true>, verified_back_acceptor<true>);
+    } else {
+      nodes.run(verified_back_allocator<false>, verified_back_acceptor<false>);
+    }
+  }
+}
+
+TEST(TwoNodes, PasswordsThePartnerNodeLeavesToPam) {
+  // The service "runuser" lets root authenticate anyone it names; elsewhere
+  // there is no PAM service a test can rely on.
+  std::ifstream service("/etc/pam.d/runuser");
+  const std::string text((std::istreambuf_iterator<char>(service)), {});
+  if (::geteuid() != 0 || text.find("pam_rootok") == std::string::npos) {
+    GTEST_SKIP() << "needs root and /etc/pam.d/runuser with pam_rootok";
+  }
+  TwoNodes nodes(false,
+                 "[pam]\nenabled = true\nservice = \"runuser\"\n[[user]]\nuser_id = \"root\"\n"
+                 "[[user]]\nuser_id = \"nobodyhere\"\n");
+  ASSERT_TRUE(nodes.up) << "no daemons: see " << nodes.base;
+  nodes.run(pam_allocator, pam_acceptor);
 }
 
 // `snanoded --check` names what is wrong with the network's keys.

@@ -133,6 +133,7 @@ struct Pair {
     auto &seen = side == Dir::kAtoB ? a_sees : b_sees;
     for (auto &f : out.frames) seen.push_back(std::move(f));
     if (out.attach) attach = out.attach;
+    if (out.failure) (side == Dir::kAtoB ? a_failure : b_failure) = out.failure;
     for (auto &u : out.units) {
       transcript.push_back({side, u});
       in_flight.push_back({side, std::move(u)});
@@ -142,6 +143,7 @@ struct Pair {
   ConversationTranslator a, b;
   std::vector<Frame> sent_by_a, sent_by_b, a_sees, b_sees;
   std::optional<Attach> attach;
+  std::optional<uint16_t> a_failure, b_failure;  // what each TP's next verb got
   std::vector<Wire> transcript;
   std::deque<Wire> in_flight;
   static constexpr size_t kMaxDeliveries = 1000;
@@ -288,6 +290,14 @@ std::vector<Flow> flows() {
      {{AB, "0b90a0", m + "000512ff71"}, {BA, "879000", kMinusRsp0846},
       {BA, "0b9000", fmh7 + "0889000000"}},
      {data("q", true), cd(), seen()}},
+    {"what the TP sent before it read the partner's purging error is purged, even with the turn",
+     hello(true), 256,
+     {{AB, data("d1")}, {BA, purging()}, {BA, cd()}, {AB, data("stale", true)}, {AB, cd()},
+      {AB, seen()}, {AB, data("fresh")}},
+     {{AB, "0b9080", m + "000612ff6431"}, {BA, "879000", kMinusRsp0846}, {AB, "4b9020", kLustat},
+      {BA, "0b9000", fmh7 + "0889000000"}, {BA, "4b9020", kLustat},
+      {AB, "039000", "000912ff6672657368"}},
+     {data("d1"), seen(), data("fresh")}},
     {"data crossing a purging send-error is purged", hello(true), 256,
      {{AB, data("d1")}, {AB, data("d2"), false}, {BA, purging()}},
      {{AB, "0b9080", m + "000612ff6431"}, {AB, "039000", "000612ff6432"},
@@ -446,8 +456,9 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   // After the end, nothing the TP sends reaches the session.
   EXPECT_TRUE(pair.a.on_frame(data_bytes({0x00, 0x02})).units.empty());
 
-  // The TP's link breaking is an abend for the partner; before anything
-  // reached the partner there is nothing to end there.
+  // The TP's link breaking (its process died) is a conversation failure for
+  // the partner's TP, not an abend; before anything reached the partner there
+  // is nothing to end there.
   Pair lost(hello(true));
   lost.send(AB, data("x"));
   lost.send(AB, data("y", true));
@@ -456,9 +467,9 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   ASSERT_EQ(lost.transcript.size(), 3u);
   EXPECT_EQ(rh_hex(lost.transcript[1].unit.rh), "039000");
   EXPECT_EQ(rh_hex(lost.transcript[2].unit.rh), "0b9001");
-  EXPECT_EQ(to_hex(lost.transcript[2].unit.ru), "07070864000000");
-  EXPECT_TRUE(same(lost.b_sees, {data("x"), data("y"), frame(FrameType::kDeallocate, kAbend)}))
-      << describe(lost.b_sees);
+  EXPECT_EQ(to_hex(lost.transcript[2].unit.ru), "07070864000100");
+  EXPECT_TRUE(same(lost.b_sees, {data("x"), data("y")})) << describe(lost.b_sees);
+  EXPECT_EQ(lost.b_failure, AP_CONV_FAILURE_NO_RETRY);
   EXPECT_TRUE(lost.a.ended() && lost.b.ended());
   // A TP that deallocates while its partner's purging error is on the way
   // gave the turn away: its end reaches the partner as an abend after the
@@ -478,6 +489,16 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
       << describe(gone.b_sees);
   EXPECT_TRUE(gone.a_sees.empty()) << describe(gone.a_sees);
   EXPECT_TRUE(gone.a.ended() && gone.b.ended());
+  // The same when the partner's FMH-7 reached A's translator first: A's TP
+  // had not read it yet when it deallocated.
+  Pair late(hello(true));
+  late.send(AB, data("d1"));
+  late.send(BA, frame(FrameType::kSendError, kPurging));
+  late.send(AB, frame(FrameType::kDeallocate));
+  units.clear();
+  for (const Wire &w : late.transcript) units += rh_hex(w.unit.rh) + " ";
+  EXPECT_EQ(units, "0b9080 879000 4b9020 0b9000 879000 4b9020 0b9001 ");
+  EXPECT_TRUE(late.a.ended() && late.b.ended());
 
   Pair unsent(hello(true));
   unsent.send(AB, data("y", true));

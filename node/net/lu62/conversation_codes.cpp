@@ -61,6 +61,8 @@ ErrorMeaning error_meaning(uint32_t sense) {
     case sense::kProgramErrorTruncation:
     case sense::kServiceErrorTruncation:
       return ErrorMeaning::kProgramErrorTruncation;
+    case kSenseTpProcessEnded:
+      return ErrorMeaning::kPartnerProcessEnded;
     default:
       break;
   }

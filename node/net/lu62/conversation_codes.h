@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "net/formats/sense_codes.h"
+
 namespace snanode::net::lu62 {
 
 // The FMH-7 sense for an allocation error the daemon's attach logic gives as
@@ -13,11 +15,18 @@ uint32_t allocation_sense(uint32_t secondary);
 // an allocation sense received in an FMH-7; 0 when `sense` is not one.
 uint32_t allocation_secondary(uint32_t sense);
 
+// The FMH-7 sense a node sends for a TP whose process ended without
+// deallocating (its link to the node broke): the node, not the program, ends
+// the conversation, and the partner's TP hears a conversation failure as it
+// would from a local partner that died.
+inline constexpr uint32_t kSenseTpProcessEnded = sense::kDeallocateAbendService;
+
 // What an FMH-7's sense tells the TP that receives it.
 enum class ErrorMeaning : uint8_t {
   kProgramError,  // Send_Error: no truncation, or purging when −RSP(X'0846') came first
   kProgramErrorTruncation,
-  kAbend,  // Deallocate(abend)
+  kAbend,                // Deallocate(abend)
+  kPartnerProcessEnded,  // kSenseTpProcessEnded: resource failure, no retry
   kAllocationError,
   kOther,
 };

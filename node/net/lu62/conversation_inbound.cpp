@@ -46,6 +46,12 @@ Output ConversationTranslator::on_unit(const Rh &rh, ByteSpan ru) {
   return out;
 }
 
+Output ConversationTranslator::on_request_to_send() {
+  Output out;
+  if (!ended_) out.frames.push_back(make_frame(FrameType::kRequestToSend));
+  return out;
+}
+
 void ConversationTranslator::fail(uint32_t sense, Output &out) {
   out.protocol_error = sense;
   out.failure = AP_CONV_FAILURE_NO_RETRY;
@@ -160,7 +166,8 @@ void ConversationTranslator::take_while_awaiting_turn(const Rh &rh, ByteSpan ru,
   if (collect_error_chain(rh, ru)) {
     ByteReader in(error_chain_);
     const auto fmh7 = decode_error_description(in);
-    if (fmh7 && error_meaning(fmh7->sense) == ErrorMeaning::kAbend) {
+    const ErrorMeaning meaning = fmh7 ? error_meaning(fmh7->sense) : ErrorMeaning::kOther;
+    if (meaning == ErrorMeaning::kAbend || meaning == ErrorMeaning::kPartnerProcessEnded) {
       take_error_description(out);
       ended_ = true;  // an abend ends the bracket; this side's error is moot
       return;
@@ -217,6 +224,13 @@ void ConversationTranslator::take_error_description(Output &out) {
                                 : engine::SendErrorKind::kNoTruncation;
     out.frames.push_back(
         make_frame(FrameType::kSendError, static_cast<uint8_t>(kind), std::move(log_data)));
+    // What the TP sent before it reads this error is what the partner purges;
+    // its engine answers the error with ERROR_SEEN after all of it.
+    stale_until_error_seen_ = kind == engine::SendErrorKind::kPurging;
+  } else if (meaning == ErrorMeaning::kPartnerProcessEnded) {
+    // Nothing the partner's TP said ends this: its node did, for it.
+    out.failure = AP_CONV_FAILURE_NO_RETRY;
+    terminal_delivered_ = true;
   } else if (meaning == ErrorMeaning::kAllocationError) {
     out.frames.push_back(
         make_frame(FrameType::kAttachFailed, 0, {}, allocation_secondary(fmh7->sense)));

@@ -64,8 +64,9 @@ Output ConversationTranslator::on_frame(const Frame &frame) {
   if (ended_) return out;
   switch (frame.type) {
     case FrameType::kErrorSeen:
-      // The partner's purging error was answered on the wire already: the
-      // FMH-7 came after everything this side's TP had sent before it.
+      // The TP has read the partner's purging error: what it sends from now
+      // on is fresh.  (The partner's own answer was given on the wire.)
+      stale_until_error_seen_ = false;
       return out;
     case FrameType::kRequestToSend: {
       if (!bracket_begun_) return out;  // the allocating side sends first anyway
@@ -77,6 +78,17 @@ Output ConversationTranslator::on_frame(const Frame &frame) {
     }
     default:
       break;
+  }
+  if (stale_until_error_seen_ && frame.type != FrameType::kAttachFailed) {
+    // Sent before the TP knew of the partner's purging error: purged, as a
+    // local partner's engine would drop it.  Only an ending still counts; a
+    // normal one without the turn (given away on the partner's −RSP) can
+    // only reach the partner as an abend.
+    if (frame.type != FrameType::kDeallocate) return out;
+    if (!holder_) {
+      send_abend(frame.payload, out);
+      return out;
+    }
   }
   if (error_expected_) {
     // The partner purges whatever this side sends until its FMH-7 is in.  An
@@ -119,6 +131,12 @@ Output ConversationTranslator::on_frame(const Frame &frame) {
   return out;
 }
 
+Output ConversationTranslator::send_attach() {
+  Output out;
+  if (!ended_ && !bracket_begun_ && !attach_.empty() && !awaiting_turn_) end_chain({}, out);
+  return out;
+}
+
 Output ConversationTranslator::on_link_lost() {
   if (!bracket_begun_) {
     // The TP died before anything reached the partner: there is nothing to
@@ -128,6 +146,7 @@ Output ConversationTranslator::on_link_lost() {
     ended_ = true;
     return {};
   }
+  process_ended_ = true;
   Frame abend;
   abend.type = FrameType::kDeallocate;
   abend.flags = static_cast<uint8_t>(engine::DeallocKind::kAbend);
@@ -255,7 +274,9 @@ void ConversationTranslator::send_abend(const Bytes &log_data, Output &out) {
     ended_ = true;
     return;
   }
-  report_error({sense::kDeallocateAbendProgram, log_data, true}, out);
+  report_error(
+      {process_ended_ ? kSenseTpProcessEnded : sense::kDeallocateAbendProgram, log_data, true},
+      out);
 }
 
 void ConversationTranslator::report_error(DeferredError error, Output &out) {

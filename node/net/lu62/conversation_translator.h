@@ -61,11 +61,18 @@ class ConversationTranslator {
   // The attached side: the session hands it the unit that began the bracket.
   static ConversationTranslator attached(size_t max_ru_size);
 
+  // Allocating side: the Attach in a chain of its own, when it has not gone
+  // out yet with data or a status (the partner's TP is then started or
+  // reached even though this side's TP sends nothing for a while).
+  Output send_attach();
   // A frame from the local TP's link.
   Output on_frame(const engine::Frame &frame);
+  // The partner's request-to-send (SIG), which the session answers itself.
+  Output on_request_to_send();
   // A unit of this conversation's bracket from the session.
   Output on_unit(const Rh &rh, ByteSpan ru);
-  // The TP's link broke without an orderly end: the partner sees an abend.
+  // The TP's link broke without an orderly end (its process died): the
+  // partner's TP sees a conversation failure, as from a local partner.
   Output on_link_lost();
   // The session failed under the conversation (UNBIND with `sense`, or the
   // route beneath it): how the TP's next verb learns of it.
@@ -169,7 +176,11 @@ class ConversationTranslator {
   std::optional<DeferredError> deferred_;
   std::vector<engine::Frame> held_frames_;
   bool error_expected_ = false;
+  // The partner's purging FMH-7 went to the TP: what the TP sends before its
+  // ERROR_SEEN frame was sent before it knew, and is dropped.
+  bool stale_until_error_seen_ = false;
   bool tp_gone_ = false;             // the TP ended while an error was expected
+  bool process_ended_ = false;       // ...or its link broke: the end is a failure
   bool terminal_delivered_ = false;  // the TP was told the conversation ended
 
   // An FMH-7 chain being collected (it may carry its log over several RUs).

@@ -227,6 +227,12 @@ void Session::fail(uint32_t sense, const BiuView *request) {
   unbind(decision::kUnbindInvalidSessionParameters, sense);
 }
 
+void Session::lost(uint32_t sense) {
+  if (state_ == SessionState::kEnded) return;
+  state_ = SessionState::kEnded;
+  end(sense);
+}
+
 void Session::end(uint32_t sense) {
   SessionUser *user = user_;
   user_ = nullptr;

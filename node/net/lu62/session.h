@@ -100,6 +100,9 @@ class Session {
   // The partner broke the protocol: answer `request` (if any) negatively, then
   // UNBIND with the same sense.
   void fail(uint32_t sense, const BiuView *request = nullptr);
+  // The path beneath the session failed: it ends at once, without UNBIND
+  // (nothing would carry it), and its conversation hears `sense`.
+  void lost(uint32_t sense);
   // The conversation is done with a bracket it holds but has not used (or is
   // between brackets): ends it with a LUSTAT carrying CEB when begun.
   void release();

@@ -286,6 +286,20 @@ void SessionManager::on_unit_received(const std::string &from, ByteSpan bytes) {
   sweep();
 }
 
+void SessionManager::on_path_lost(const std::string &partner, uint32_t sense) {
+  for (auto &[key, ms] : modes_) {
+    if (key.first != partner) continue;
+    ms.limits_known = ms.cnos_running = false;
+    fail_queue(ms, AllocationOutcome::kPathLost);
+  }
+  std::erase_if(pending_binds_,
+                [&](const auto &entry) { return entry.second.key.first == partner; });
+  for (auto &[address, session] : sessions_) {
+    if (session->partner() == partner) session->lost(sense);
+  }
+  sweep();
+}
+
 void SessionManager::on_timer() {
   const Clock::time_point now = clock_.now();
   for (auto &[key, ms] : modes_) {

@@ -28,6 +28,7 @@ enum class AllocationOutcome : uint8_t {
   kTimedOut,     // no session became free in time
   kModeUnknown,  // not configured here
   kNoSessions,   // the partner allows no sessions on the mode (CNOS, or its BIND refusal)
+  kPathLost,     // the path to the partner failed before a session was found
 };
 
 // Called once: with the session (its bracket ours to begin) when allocated,
@@ -65,6 +66,11 @@ class SessionManager : public SessionHost, public CnosOwner {
   void change_session_limits(const std::string &partner, const std::string &mode);
   // Ends the free sessions of `partner` and `mode` with a normal UNBIND.
   void deactivate_free_sessions(const std::string &partner, const std::string &mode);
+
+  // The path to `partner` failed: every session with it ends without UNBIND
+  // (each conversation on one hears `sense`), waiting allocations fail, and
+  // the session limits are negotiated again before the next session.
+  void on_path_lost(const std::string &partner, uint32_t sense);
 
   // One unit from the transport; `from` is the partner LU the daemon routes
   // replies to when the unit is a BIND.
