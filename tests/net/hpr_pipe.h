@@ -44,6 +44,9 @@ class NlpPipe {
   Impairment &impairment(int from_side) { return impairment_[from_side]; }
   std::function<void(int from_side, ByteSpan nlp)> tap;
 
+  // Hands `nlp` to `side`'s receiver as if the pipe had carried it.
+  void inject(int side, ByteSpan nlp) { receivers_[side]->on_nlp(nlp); }
+
   // Hands every packet due by now to its receiver, in time order.
   void deliver_due() {
     while (!in_flight_.empty() && in_flight_.begin()->first.first <= clock_.now()) {

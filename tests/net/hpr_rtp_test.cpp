@@ -24,6 +24,7 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   const RtpConfig config = test_config();
   TwoNodes n(config, 1, 512);
   size_t nlps[2] = {0, 0};
+  Bytes setup_copy;
   n.pipe.tap = [&](int from, ByteSpan) { ++nlps[from]; };
   const Bytes big = make_biu(1, 20000);
   ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, big));
@@ -55,6 +56,22 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 2; }, 5s));
   EXPECT_EQ(n.a.connection_count(), 2u);
   EXPECT_FALSE(n.a.send_biu("NETC.CPC", Priority::kHigh, big));
+  // Closed by A once its last BIU is acknowledged: both sides hear it ended
+  // normally, and a late copy of its setup does not bring it back.
+  n.pipe.tap = [&](int from, ByteSpan nlp) {
+    if (from == 0 && nlp.size() > 20 && setup_copy.empty())
+      setup_copy.assign(nlp.begin(), nlp.end());
+  };
+  ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kMedium, make_biu(4, 100)));
+  n.a.close("NETB.CPB", Priority::kMedium);
+  ASSERT_TRUE(n.run_until([&] { return !n.seen_a.ended.empty() && !n.seen_b.ended.empty(); }, 1s));
+  EXPECT_EQ(n.seen_a.ended[0].first, 0u);
+  EXPECT_EQ(n.seen_b.ended[0].first, 0u);
+  EXPECT_EQ(n.seen_b.bius.back(), make_biu(4, 100));
+  n.pipe.inject(1, setup_copy);
+  EXPECT_EQ(n.b.connection_count(), 2u);
+  n.seen_a.ended.clear();
+  n.seen_b.ended.clear();
   // Idle for several alive periods: the probes keep it up.
   n.run_until([] { return false; }, 4 * config.alive_timer);
   EXPECT_TRUE(n.seen_a.ended.empty());

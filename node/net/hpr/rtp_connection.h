@@ -94,6 +94,8 @@ class RtpConnection {
   uint64_t retransmitted() const { return send_.retransmitted(); }
   uint64_t duplicates() const { return receive_.duplicates(); }
   uint64_t bytes_acknowledged() const { return send_.acknowledged(); }
+  // Received out of order, held until the bytes before them arrive.
+  size_t bytes_held() const { return receive_.buffered(); }
   const RtpStats &stats() const { return stats_; }
 
  private:

@@ -5,6 +5,9 @@
 #include "net/hpr/rtp_decisions.h"
 
 namespace snanode::net::hpr {
+namespace {
+constexpr size_t kEndedSetupsKept = 4096;
+}  // namespace
 
 struct RtpNode::Port : ee::NlpReceiver {
   Port(RtpNode &n, std::string cp, ee::NlpLink &l, Bytes labels)
@@ -89,6 +92,8 @@ void RtpNode::on_nlp(Port &port, ByteSpan bytes) {
     auto known = by_setup_key_.find({&port, t.tcid});
     if (known != by_setup_key_.end()) {
       entry = known->second;
+    } else if (ended_setups_.contains({&port, t.tcid})) {
+      // A late copy of the setup of a connection that has ended.
     } else if (auto offer = read_setup(t)) {
       auto created = std::make_unique<Entry>();
       created->port = &port;
@@ -117,6 +122,18 @@ void RtpNode::on_link_inactive(Port &port, std::string_view why) {
   for (auto &entry : connections_) {
     if (entry->port == &port) {
       entry->connection->fail(decision::kSensePathFailure, "link down: " + std::string(why));
+    }
+  }
+  reap();
+}
+
+void RtpNode::close(std::string_view partner_cp, Priority priority) {
+  for (auto &[key, entry] : senders_) {
+    if (key.first->partner_cp == partner_cp && key.second == priority) {
+      ++depth_;
+      entry->connection->close(clock_.now());
+      --depth_;
+      break;
     }
   }
   reap();
@@ -171,7 +188,16 @@ void RtpNode::reap() {
   }
   for (const auto &entry : ended) {
     by_local_tcid_.erase(entry->connection->local_tcid());
-    if (entry->setup_key) by_setup_key_.erase({entry->port, *entry->setup_key});
+    if (entry->setup_key) {
+      const std::pair key{entry->port, *entry->setup_key};
+      by_setup_key_.erase(key);
+      ended_setups_.insert(key);
+      ended_setup_order_.push_back(key);
+      if (ended_setup_order_.size() > kEndedSetupsKept) {
+        ended_setups_.erase(ended_setup_order_.front());
+        ended_setup_order_.pop_front();
+      }
+    }
     std::erase_if(senders_, [&](const auto &kv) { return kv.second == entry.get(); });
   }
   // The listener may send again (opening new connections) from here.

@@ -10,7 +10,9 @@
 // connection ends back through the listener.
 #pragma once
 
+#include <deque>
 #include <map>
+#include <set>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,6 +59,11 @@ class RtpNode {
   // it if there is none.  False when no link reaches the partner.
   bool send_biu(std::string_view partner_cp, Priority priority, ByteSpan biu);
 
+  // Ends the connection this node sends on to `partner_cp` at `priority`
+  // once what is queued on it is acknowledged (the partner sees the last
+  // message indicator); the listener hears of it with sense 0.
+  void close(std::string_view partner_cp, Priority priority);
+
   void on_timer();
   std::optional<RtpTime> next_deadline() const;
 
@@ -90,6 +97,10 @@ class RtpNode {
   std::map<Tcid, Entry *> by_local_tcid_;
   std::map<std::pair<Port *, Tcid>, Entry *> by_setup_key_;
   std::map<std::pair<Port *, Priority>, Entry *> senders_;
+  // Setup keys of connections that ended: a late copy of their setup NLP
+  // must not open a connection again (the partner never reuses a TCID).
+  std::set<std::pair<Port *, Tcid>> ended_setups_;
+  std::deque<std::pair<Port *, Tcid>> ended_setup_order_;
   uint32_t tcid_counter_ = 0;
   int depth_ = 0;
 };
