@@ -6,14 +6,19 @@ namespace snanode::net::hpr {
 
 RtpReassembly::Outcome RtpReassembly::accept(uint32_t wire_bsn, ByteSpan data, bool start, bool end,
                                              std::vector<Bytes> &complete) {
-  const uint64_t bsn = unwrap(wire_bsn);
-  const uint64_t stop = bsn + data.size();
-  if (data.empty() || bsn < next_ - std::min<uint64_t>(next_, window_)) return Outcome::kRefused;
-  if (stop <= next_) {
+  // Where the data lies relative to what was delivered, in the 32-bit
+  // sequence space (so the stream may wrap).
+  const int64_t at = offset_of(wire_bsn);
+  const auto size = static_cast<int64_t>(data.size());
+  const auto window = static_cast<int64_t>(window_);
+  if (size == 0 || size > window || at < -window || at + size > window) return Outcome::kRefused;
+  if (at + size <= 0) {
     ++duplicates_;
     return Outcome::kDuplicate;
   }
-  if (bsn < next_ || stop > next_ + window_) return Outcome::kRefused;
+  if (at < 0) return Outcome::kRefused;  // overlaps delivered data at another offset
+  const uint64_t bsn = next_ + static_cast<uint64_t>(at);
+  const uint64_t stop = bsn + data.size();
   auto after = pending_.lower_bound(bsn);
   if (after != pending_.end() && after->first == bsn) {
     if (after->second.data.size() != data.size()) return Outcome::kRefused;
@@ -65,8 +70,10 @@ void RtpReassembly::deliver(Piece &piece, std::vector<Bytes> &complete) {
 }
 
 void RtpReassembly::note_stream_end(uint32_t wire_bsn) {
-  const uint64_t bsn = unwrap(wire_bsn);
-  if (bsn > highest_ && bsn <= next_ + window_) highest_ = bsn;
+  const int64_t at = offset_of(wire_bsn);
+  if (at > 0 && at <= static_cast<int64_t>(window_)) {
+    highest_ = std::max(highest_, next_ + static_cast<uint64_t>(at));
+  }
 }
 
 std::vector<std::pair<uint32_t, uint32_t>> RtpReassembly::gaps(size_t limit) const {

@@ -48,6 +48,9 @@ class RtpReassembly {
     bool end = false;
   };
   void deliver(Piece &piece, std::vector<Bytes> &complete);
+  int64_t offset_of(uint32_t bsn) const {
+    return static_cast<int32_t>(bsn - static_cast<uint32_t>(next_));
+  }
 
   size_t window_;
   size_t max_message_;
