@@ -264,8 +264,13 @@ void RtpConnection::pump(RtpTime now) {
     }
     const bool last =
         !send_.peek_retransmission() && (!send_.has_new_data() || send_.in_flight() >= window_);
-    send_segment(*segment, again || last || bytes_since_request_ + size >= config_.status_every,
-                 now);
+    // Ask for a status on a resend, at the end of what can go now, when no
+    // request is outstanding (about one per round trip however slow the
+    // rate) and every status_every bytes.
+    send_segment(
+        *segment,
+        again || last || requests_.empty() || bytes_since_request_ + size >= config_.status_every,
+        now);
   }
   finish_close_if_done();
 }
@@ -398,6 +403,12 @@ void RtpConnection::check_partner_close() {
   }
 }
 
+// The status timer, short enough that a silent partner is asked at least
+// eight times before the connection gives up on it.
+RtpDuration RtpConnection::request_timeout() const {
+  return std::min<RtpDuration>(rate_.rto(), config_.failure_timeout / 8);
+}
+
 // ---- Time ------------------------------------------------------------------
 
 void RtpConnection::on_timer(RtpTime now) {
@@ -406,12 +417,13 @@ void RtpConnection::on_timer(RtpTime now) {
     fail(decision::kSensePathFailure, "the partner stopped answering");
     return;
   }
-  if (!requests_.empty() && now - requests_.front().sent >= rate_.rto()) {
+  if (!requests_.empty() && now - requests_.front().sent >= request_timeout()) {
     // Unanswered: the request or its reply was lost, or the partner is gone.
     requests_.pop_front();
     rate_.on_request_timeout();
     send_probe(now);
-  } else if (requests_.empty() && send_.in_flight() > 0 && now - last_request_ >= rate_.rto()) {
+  } else if (requests_.empty() && send_.in_flight() > 0 &&
+             now - last_request_ >= request_timeout()) {
     send_probe(now);
   } else if (requests_.empty() && now - last_heard_ >= config_.alive_timer) {
     send_probe(now);
@@ -423,9 +435,9 @@ std::optional<RtpTime> RtpConnection::next_deadline() const {
   if (ended()) return std::nullopt;
   RtpTime at = last_heard_ + config_.failure_bound();
   if (!requests_.empty()) {
-    at = std::min(at, requests_.front().sent + rate_.rto());
+    at = std::min(at, requests_.front().sent + request_timeout());
   } else if (send_.in_flight() > 0) {
-    at = std::min(at, last_request_ + rate_.rto());
+    at = std::min(at, last_request_ + request_timeout());
   } else {
     at = std::min(at, last_heard_ + config_.alive_timer);
   }

@@ -116,6 +116,7 @@ class RtpConnection {
   void send_status(std::optional<uint8_t> correlator, RtpTime now);
   void on_status(const StatusReport &status, const std::optional<Arb> &reply, RtpTime now);
   void finish_close_if_done();
+  RtpDuration request_timeout() const;
   void check_partner_close();
 
   const RtpConfig &config_;
