@@ -211,7 +211,10 @@ void RtpConnection::send_status(std::optional<uint8_t> correlator, RtpTime now) 
   t.status_requested = t.setup;  // a setup NLP always asks
   t.bsn = static_cast<uint32_t>(send_.sent_end());
   StatusReport status;
-  status.gaps = receive_.gaps(config_.max_gaps_reported);
+  // As many gaps as the link's packet holds (each takes 8 bytes).
+  const size_t room =
+      link_.max_nlp_size() > header_size() + 32 ? link_.max_nlp_size() - header_size() - 32 : 0;
+  status.gaps = receive_.gaps(std::min(config_.max_gaps_reported, room / 8));
   status.gap_detected = !status.gaps.empty();
   status.report_number = static_cast<uint16_t>(stats_.status_replies_sent);
   status.received_sequence = static_cast<uint32_t>(receive_.next());
