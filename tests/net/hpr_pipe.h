@@ -4,6 +4,7 @@
 // every NLP it carries to a tap (for captures and fuzz seeds).
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <random>
@@ -31,7 +32,8 @@ struct Impairment {
   // most `queue_limit` bytes wait for it; the rest are dropped.
   uint32_t capacity = 0;
   size_t queue_limit = 64 * 1024;
-  bool silent = false;  // everything sent this way is lost
+  bool silent = false;     // everything sent this way is lost
+  bool slowdown1 = false;  // marks every NLP with the NHDR's slowdown 1 bit
 };
 
 class NlpPipe {
@@ -91,10 +93,11 @@ class NlpPipe {
       at = free_at + imp.delay;
     }
     if (chance(imp.reorder)) at += imp.reorder_delay;
+    Bytes bytes(nlp.begin(), nlp.end());
+    if (imp.slowdown1 && bytes.size() > 1) bytes[1] |= 0x04;
     const int copies = chance(imp.duplicate) ? 2 : 1;
-    for (int i = 0; i < copies; ++i) {
-      in_flight_.emplace(std::pair{at, sequence_++}, Packet{from, Bytes(nlp.begin(), nlp.end())});
-    }
+    for (int i = 0; i < copies; ++i)
+      in_flight_.emplace(std::pair{at, sequence_++}, Packet{from, bytes});
     return true;
   }
 

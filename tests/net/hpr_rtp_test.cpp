@@ -124,27 +124,47 @@ TEST(HprRtp, RateGrowsWhileThePartnerKeepsUpAndBacksOffAtTheBottleneck) {
   imp.capacity = 4 * 1024 * 1024;  // 4 MB/s, a 64 KB queue
   imp.delay = 5ms;
   size_t sent = 0;
-  uint32_t peak = 0, after_peak_low = UINT32_MAX;
-  for (int round = 0; round < 100; ++round) {
-    while (sent < (round + 1) * 20u) {
-      ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(sent, 4000)));
-      ++sent;
+  // Offers 8 MB/s for `rounds` of 10 ms; calls `sample` with the rate after each.
+  auto stream = [&](int rounds, const std::function<void(uint32_t)> &sample) {
+    for (int round = 0; round < rounds; ++round) {
+      for (int i = 0; i < 20; ++i, ++sent) {
+        ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(sent, 4000)));
+      }
+      n.run_until([] { return false; }, 10ms);
+      sample(n.a.connection("NETB.CPB", Priority::kHigh)->rate());
     }
-    n.run_until([] { return false; }, 10ms);
-    const uint32_t rate = n.a.connection("NETB.CPB", Priority::kHigh)->rate();
+  };
+  uint32_t peak = 0, after_peak_low = UINT32_MAX;
+  stream(100, [&](uint32_t rate) {
     if (rate > peak) {
       peak = rate;
       after_peak_low = UINT32_MAX;
     }
     after_peak_low = std::min(after_peak_low, rate);
-  }
+  });
   ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == sent; }, 60s));
   // Grew from the conservative start past the bottleneck, then backed off,
   // and kept near it rather than far beyond.
+  const RtpConnection &c = *n.a.connection("NETB.CPB", Priority::kHigh);
   EXPECT_GT(peak, config.initial_rate * 4);
-  EXPECT_GT(n.a.connection("NETB.CPB", Priority::kHigh)->retransmitted(), 0u);
+  EXPECT_GT(c.retransmitted(), 0u);
   EXPECT_LT(after_peak_low, peak * 0.8);
   EXPECT_LT(peak, imp.capacity * 3u);
+
+  // The path has room but the network marks slowdown: the partner reports it
+  // and the rate falls with nothing lost; unmarked, it grows again.
+  imp.capacity = 0;
+  imp.slowdown1 = true;
+  const uint32_t before = c.rate();
+  const uint64_t resent = c.retransmitted();
+  uint32_t low = UINT32_MAX, high = 0;
+  stream(30, [&](uint32_t rate) { low = std::min(low, rate); });
+  EXPECT_LT(low, before / 4);
+  imp.slowdown1 = false;
+  stream(30, [&](uint32_t rate) { high = std::max(high, rate); });
+  EXPECT_GT(high, low * 2);
+  EXPECT_EQ(c.retransmitted(), resent);
+  ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == sent; }, 60s));
   for (size_t i = 0; i < sent; ++i) ASSERT_EQ(n.seen_b.bius[i], make_biu(i, 4000)) << i;
 }
 
