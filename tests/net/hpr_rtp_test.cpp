@@ -190,6 +190,12 @@ TEST(HprRtp, ASilentPartnerFailsTheConnectionWithinTheBound) {
     ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(3, 100)));
     ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 3; }, 2s));
     EXPECT_EQ(n.seen_b.bius[2], make_biu(3, 100));
+    // A link that goes away takes its connections with it.
+    n.a.remove_link("NETB.CPB");
+    EXPECT_EQ(n.a.connection_count(), 0u);
+    EXPECT_EQ(n.seen_a.ended.size(), 2u);
+    EXPECT_EQ(n.seen_a.ended[1].first, decision::kSensePathFailure);
+    EXPECT_FALSE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(4, 100)));
   }
   // Idle, and then the partner is gone: the alive probe finds out.
   {

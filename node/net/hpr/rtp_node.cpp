@@ -37,6 +37,22 @@ ee::NlpReceiver &RtpNode::add_link(std::string partner_cp, ee::NlpLink &link, By
   return *ports_.back();
 }
 
+RtpNode::Port *RtpNode::find_port(std::string_view partner_cp) const {
+  for (const auto &port : ports_) {
+    if (port->partner_cp == partner_cp) return port.get();
+  }
+  return nullptr;
+}
+
+void RtpNode::remove_link(std::string_view partner_cp) {
+  Port *port = find_port(partner_cp);
+  if (!port) return;
+  on_link_inactive(*port, "link removed");
+  std::erase_if(ended_setups_, [&](const auto &key) { return key.first == port; });
+  std::erase_if(ended_setup_order_, [&](const auto &key) { return key.first == port; });
+  std::erase_if(ports_, [&](const auto &p) { return p.get() == port; });
+}
+
 Tcid RtpNode::next_tcid() {
   // Instance in the first half, a counter in the second: unique for this
   // node's life, and unlike the TCIDs of the node's earlier lives.
@@ -67,14 +83,13 @@ RtpNode::Entry *RtpNode::open(Port &port, Priority priority) {
 }
 
 bool RtpNode::send_biu(std::string_view partner_cp, Priority priority, ByteSpan biu) {
-  auto port = std::find_if(ports_.begin(), ports_.end(),
-                           [&](const auto &p) { return p->partner_cp == partner_cp; });
-  if (port == ports_.end()) return false;
+  Port *port = find_port(partner_cp);
+  if (!port) return false;
   ++depth_;
-  auto sender = senders_.find({port->get(), priority});
+  auto sender = senders_.find({port, priority});
   Entry *entry = sender != senders_.end() && !sender->second->connection->ended()
                      ? sender->second
-                     : open(**port, priority);
+                     : open(*port, priority);
   entry->connection->send_message(biu, clock_.now());
   --depth_;
   reap();

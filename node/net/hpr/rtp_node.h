@@ -54,6 +54,9 @@ class RtpNode {
   // The link to the adjacent node `partner_cp`, reached with `anr_labels`.
   // The returned receiver is what the link hands its NLPs and state changes.
   ee::NlpReceiver &add_link(std::string partner_cp, ee::NlpLink &link, Bytes anr_labels);
+  // Forgets the link (before its object goes away): its connections fail with
+  // a path failure, and the listener hears of each.
+  void remove_link(std::string_view partner_cp);
 
   // Sends one BIU on the connection to `partner_cp` at `priority`, opening
   // it if there is none.  False when no link reaches the partner.
@@ -82,6 +85,7 @@ class RtpNode {
 
   void on_nlp(Port &port, ByteSpan bytes);
   void on_link_inactive(Port &port, std::string_view why);
+  Port *find_port(std::string_view partner_cp) const;
   Entry *open(Port &port, Priority priority);
   Tcid next_tcid();
   RtpConnection::MessageHandler deliver_to(Port &port);
