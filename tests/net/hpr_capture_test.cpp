@@ -91,6 +91,12 @@ TEST(HprCapture, TsharkShowsTheSetupDataAndStatusNlpsAsSent) {
     const uint32_t dlf = static_cast<uint32_t>(std::stoul(f[7], nullptr, 16));
     EXPECT_EQ(f[0], from == 0 ? "127.0.0.2" : "127.0.0.3");
     EXPECT_EQ(f[13] + f[14], "") << "expert or malformed: " << lines[i];
+    // The indicators tshark shows are those the node set.
+    auto meant = decode_nlp(nlps[i].nlp);
+    ASSERT_TRUE(meant);
+    EXPECT_EQ(f[5] + f[6], std::to_string(meant->thdr.status_requested) +
+                               std::to_string(meant->thdr.optional_segments));
+    EXPECT_EQ(dlf, meant->data.size());
     if (i == 0) {
       // A's first NLP sets the connection up, on A's own TCID.
       EXPECT_TRUE(setup);

@@ -55,7 +55,8 @@ class RtpNode {
   // The returned receiver is what the link hands its NLPs and state changes.
   ee::NlpReceiver &add_link(std::string partner_cp, ee::NlpLink &link, Bytes anr_labels);
   // Forgets the link (before its object goes away): its connections fail with
-  // a path failure, and the listener hears of each.
+  // a path failure, and the listener hears of each.  Not from inside one of
+  // this node's callbacks.
   void remove_link(std::string_view partner_cp);
 
   // Sends one BIU on the connection to `partner_cp` at `priority`, opening
