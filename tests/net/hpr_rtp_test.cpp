@@ -51,6 +51,15 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   EXPECT_EQ(ca->state(), RtpState::kConnected);
   EXPECT_EQ(ca->bytes_acknowledged(), big.size());
 
+  // The session layer's transport routes by partner LU; unknown LUs go nowhere.
+  RtpBiuTransport transport(n.a);
+  transport.route("NETB.LUB", "NETB.CPB", Priority::kHigh);
+  transport.send_biu("NETB.LUB", make_biu(5, 40));
+  transport.send_biu("NETB.NOBODY", make_biu(6, 40));
+  ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 2; }, 1s));
+  n.run_until([] { return false; }, 100ms);
+  EXPECT_EQ(n.seen_b.bius.back(), make_biu(5, 40));
+  n.seen_b.bius.pop_back();
   // Another priority is another connection; a partner with no link is refused.
   ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kLow, make_biu(3, 100)));
   ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 2; }, 5s));
