@@ -47,6 +47,8 @@ std::vector<Captured> exchange() {
   EXPECT_TRUE(n.b.send_biu("NETA.CPA", Priority::kHigh, test::make_biu(2, 200)));
   EXPECT_TRUE(n.run_until([&] { return n.seen_a.bius.size() == 1; }, 1s));
   n.run_until([] { return false; }, 100ms);
+  n.a.close("NETB.CPB", Priority::kHigh);
+  EXPECT_TRUE(n.run_until([&] { return !n.seen_b.ended.empty(); }, 1s));
   return out;
 }
 
@@ -72,7 +74,7 @@ TEST(HprCapture, TsharkShowsTheSetupDataAndStatusNlpsAsSent) {
       "tshark -r " + path + " -T fields -E separator='|' -E occurrence=a -e ip.src" + t + "tcid" +
       t + "setupi" + t + "somi" + t + "eomi" + t + "sri" + t + "osi" + t + "dlf" + t + "bsn" + t +
       "optional.type" + t + "optional.10.tcid" + t + "optional.0e.rseq" +
-      " -e sna.th.fid -e _ws.expert -e _ws.malformed 2>/dev/null");
+      " -e sna.th.fid -e _ws.expert -e _ws.malformed" + t + "lmi 2>/dev/null");
   std::remove(path.c_str());
   const std::vector<std::string> lines = split(out, '\n');
   ASSERT_EQ(lines.size(), nlps.size() + 1) << out;
@@ -84,7 +86,7 @@ TEST(HprCapture, TsharkShowsTheSetupDataAndStatusNlpsAsSent) {
   size_t data_nlps[2] = {0, 0}, statuses = 0, a_set_up = 0;
   for (size_t i = 0; i < nlps.size(); ++i) {
     const std::vector<std::string> f = split(lines[i], '|');
-    ASSERT_EQ(f.size(), 15u) << lines[i];
+    ASSERT_EQ(f.size(), 16u) << lines[i];
     const int from = nlps[i].from;
     const std::string &tcid = f[1], &types = f[9];
     const bool setup = f[2] == "1", somi = f[3] == "1", eomi = f[4] == "1";
@@ -97,6 +99,8 @@ TEST(HprCapture, TsharkShowsTheSetupDataAndStatusNlpsAsSent) {
     EXPECT_EQ(f[5] + f[6], std::to_string(meant->thdr.status_requested) +
                                std::to_string(meant->thdr.optional_segments));
     EXPECT_EQ(dlf, meant->data.size());
+    // Only A's last NLP, closing the connection, carries LMI.
+    EXPECT_EQ(f[15], i + 1 == nlps.size() && from == 0 ? "1" : "0") << lines[i];
     if (i == 0) {
       // A's first NLP sets the connection up, on A's own TCID.
       EXPECT_TRUE(setup);
