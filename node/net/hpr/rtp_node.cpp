@@ -1,0 +1,235 @@
+#include "net/hpr/rtp_node.h"
+
+#include <algorithm>
+
+#include "net/hpr/rtp_decisions.h"
+
+namespace snanode::net::hpr {
+namespace {
+constexpr size_t kEndedSetupsKept = 4096;
+}  // namespace
+
+struct RtpNode::Port : ee::NlpReceiver {
+  Port(RtpNode &n, std::string cp, ee::NlpLink &l, Bytes labels)
+      : node(n), partner_cp(std::move(cp)), link(l), anr_labels(std::move(labels)) {}
+  void on_nlp(ByteSpan nlp) override { node.on_nlp(*this, nlp); }
+  void on_link_active() override { active = true; }
+  void on_link_inactive(std::string_view why) override {
+    active = false;
+    node.on_link_inactive(*this, why);
+  }
+
+  RtpNode &node;
+  std::string partner_cp;
+  ee::NlpLink &link;
+  Bytes anr_labels;
+  bool active = false;
+};
+
+RtpNode::RtpNode(RtpNodeConfig config, const lu62::Clock &clock, RtpNodeListener &listener)
+    : config_(std::move(config)), clock_(clock), listener_(listener) {}
+
+RtpNode::~RtpNode() = default;
+
+ee::NlpReceiver &RtpNode::add_link(std::string partner_cp, ee::NlpLink &link, Bytes anr_labels) {
+  ports_.push_back(
+      std::make_unique<Port>(*this, std::move(partner_cp), link, std::move(anr_labels)));
+  return *ports_.back();
+}
+
+RtpNode::Port *RtpNode::find_port(std::string_view partner_cp) const {
+  for (const auto &port : ports_) {
+    if (port->partner_cp == partner_cp) return port.get();
+  }
+  return nullptr;
+}
+
+void RtpNode::remove_link(std::string_view partner_cp) {
+  Port *port = find_port(partner_cp);
+  if (!port) return;
+  on_link_inactive(*port, "link removed");
+  std::erase_if(ended_setups_, [&](const auto &key) { return key.first == port; });
+  std::erase_if(ended_setup_order_, [&](const auto &key) { return key.first == port; });
+  std::erase_if(ports_, [&](const auto &p) { return p.get() == port; });
+}
+
+Tcid RtpNode::next_tcid() {
+  // Instance in the first half, a counter in the second: unique for this
+  // node's life, and unlike the TCIDs of the node's earlier lives.
+  ++tcid_counter_;
+  Tcid tcid;
+  for (int i = 0; i < 4; ++i) {
+    tcid[i] = static_cast<uint8_t>(config_.tcid_instance >> (24 - 8 * i));
+    tcid[4 + i] = static_cast<uint8_t>(tcid_counter_ >> (24 - 8 * i));
+  }
+  return tcid;
+}
+
+RtpConnection::MessageHandler RtpNode::deliver_to(Port &port) {
+  return [this, &port](ByteSpan message) { listener_.on_biu(port.partner_cp, message); };
+}
+
+RtpNode::Entry *RtpNode::open(Port &port, Priority priority) {
+  auto entry = std::make_unique<Entry>();
+  entry->port = &port;
+  entry->connection = std::make_unique<RtpConnection>(
+      config_.rtp, RtpEndpoint{config_.cp_name, priority, port.anr_labels}, port.link, next_tcid(),
+      deliver_to(port), clock_.now());
+  Entry *raw = entry.get();
+  by_local_tcid_[raw->connection->local_tcid()] = raw;
+  senders_[{&port, priority}] = raw;
+  connections_.push_back(std::move(entry));
+  return raw;
+}
+
+bool RtpNode::send_biu(std::string_view partner_cp, Priority priority, ByteSpan biu) {
+  Port *port = find_port(partner_cp);
+  if (!port) return false;
+  ++depth_;
+  auto sender = senders_.find({port, priority});
+  Entry *entry = sender != senders_.end() && !sender->second->connection->ended()
+                     ? sender->second
+                     : open(*port, priority);
+  entry->connection->send_message(biu, clock_.now());
+  --depth_;
+  reap();
+  return true;
+}
+
+void RtpNode::on_nlp(Port &port, ByteSpan bytes) {
+  auto nlp = decode_nlp(bytes);
+  if (!nlp || nlp->nhdr.mode != SwitchingMode::kAnr) return;
+  const Thdr &t = nlp->thdr;
+  Entry *entry = nullptr;
+  ++depth_;
+  if (t.setup) {
+    // The initiator addresses its own TCID until it learns ours.
+    auto known = by_setup_key_.find({&port, t.tcid});
+    if (known != by_setup_key_.end()) {
+      entry = known->second;
+    } else if (ended_setups_.contains({&port, t.tcid})) {
+      // A late copy of the setup of a connection that has ended.
+    } else if (auto offer = read_setup(t)) {
+      auto created = std::make_unique<Entry>();
+      created->port = &port;
+      created->setup_key = t.tcid;
+      created->connection = std::make_unique<RtpConnection>(
+          config_.rtp, RtpEndpoint{config_.cp_name, nlp->nhdr.priority, port.anr_labels}, port.link,
+          next_tcid(), *offer, deliver_to(port), clock_.now());
+      entry = created.get();
+      by_local_tcid_[entry->connection->local_tcid()] = entry;
+      by_setup_key_[{&port, t.tcid}] = entry;
+      // The partner's connection also serves this node's sends at that
+      // priority, unless this node has one of its own.
+      senders_.try_emplace({&port, nlp->nhdr.priority}, entry);
+      connections_.push_back(std::move(created));
+    }
+  } else {
+    auto known = by_local_tcid_.find(t.tcid);
+    if (known != by_local_tcid_.end() && known->second->port == &port) entry = known->second;
+  }
+  if (entry) entry->connection->on_nlp(nlp.value(), clock_.now());
+  --depth_;
+  reap();
+}
+
+void RtpNode::on_link_inactive(Port &port, std::string_view why) {
+  for (auto &entry : connections_) {
+    if (entry->port == &port) {
+      entry->connection->fail(decision::kSensePathFailure, "link down: " + std::string(why));
+    }
+  }
+  reap();
+}
+
+void RtpNode::close(std::string_view partner_cp, Priority priority) {
+  for (auto &[key, entry] : senders_) {
+    if (key.first->partner_cp == partner_cp && key.second == priority) {
+      ++depth_;
+      entry->connection->close(clock_.now());
+      --depth_;
+      break;
+    }
+  }
+  reap();
+}
+
+void RtpNode::on_timer() {
+  ++depth_;
+  const RtpTime now = clock_.now();
+  for (size_t i = 0; i < connections_.size(); ++i) {
+    RtpConnection &c = *connections_[i]->connection;
+    if (auto due = c.next_deadline(); due && *due <= now) c.on_timer(now);
+  }
+  --depth_;
+  reap();
+}
+
+std::optional<RtpTime> RtpNode::next_deadline() const {
+  std::optional<RtpTime> earliest;
+  for (const auto &entry : connections_) {
+    if (auto due = entry->connection->next_deadline()) {
+      earliest = earliest ? std::min(*earliest, *due) : *due;
+    }
+  }
+  return earliest;
+}
+
+std::vector<const RtpConnection *> RtpNode::connections() const {
+  std::vector<const RtpConnection *> all;
+  for (const auto &entry : connections_) all.push_back(entry->connection.get());
+  return all;
+}
+
+const RtpConnection *RtpNode::connection(std::string_view partner_cp, Priority priority) const {
+  for (const auto &[key, entry] : senders_) {
+    if (key.first->partner_cp == partner_cp && key.second == priority) {
+      return entry->connection.get();
+    }
+  }
+  return nullptr;
+}
+
+void RtpNode::reap() {
+  if (depth_ != 0) return;
+  std::vector<std::unique_ptr<Entry>> ended;
+  for (auto it = connections_.begin(); it != connections_.end();) {
+    if ((*it)->connection->ended()) {
+      ended.push_back(std::move(*it));
+      it = connections_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  for (const auto &entry : ended) {
+    by_local_tcid_.erase(entry->connection->local_tcid());
+    if (entry->setup_key) {
+      const std::pair key{entry->port, *entry->setup_key};
+      by_setup_key_.erase(key);
+      ended_setups_.insert(key);
+      ended_setup_order_.push_back(key);
+      if (ended_setup_order_.size() > kEndedSetupsKept) {
+        ended_setups_.erase(ended_setup_order_.front());
+        ended_setup_order_.pop_front();
+      }
+    }
+    std::erase_if(senders_, [&](const auto &kv) { return kv.second == entry.get(); });
+  }
+  // The listener may send again (opening new connections) from here.
+  for (const auto &entry : ended) {
+    const RtpConnection &c = *entry->connection;
+    listener_.on_connection_ended(entry->port->partner_cp, c.priority(), c.failure_sense(),
+                                  c.failure_reason());
+  }
+}
+
+void RtpBiuTransport::route(std::string partner_lu, std::string partner_cp, Priority priority) {
+  routes_[std::move(partner_lu)] = {std::move(partner_cp), priority};
+}
+
+void RtpBiuTransport::send_biu(std::string_view partner_lu, ByteSpan biu) {
+  auto route = routes_.find(partner_lu);
+  if (route != routes_.end()) (void)node_.send_biu(route->second.first, route->second.second, biu);
+}
+
+}  // namespace snanode::net::hpr

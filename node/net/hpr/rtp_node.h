@@ -1,0 +1,126 @@
+// The node's RTP endpoint: its connections to adjacent nodes, one per
+// (partner node, transmission priority) for what this node sends, opened on
+// the first BIU and opened again after a failure; NLPs arriving on a link are
+// routed to their connection by TCID, and a setup NLP from a partner opens a
+// new one.  Every connection carries whole BIUs of any number of LU-LU
+// sessions (FID5 TH in front, so the session layer above tells them apart).
+//
+// Nothing blocks: the daemon's loop hands it NLPs through the receiver each
+// link is given, calls on_timer() at next_deadline(), and gets BIUs and
+// connection ends back through the listener.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <set>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "net/ee/nlp_link.h"
+#include "net/hpr/rtp_connection.h"
+#include "net/lu62/transport.h"
+
+namespace snanode::net::hpr {
+
+class RtpNodeListener {
+ public:
+  virtual ~RtpNodeListener() = default;
+  virtual void on_biu(std::string_view partner_cp, ByteSpan biu) = 0;
+  // A connection to `partner_cp` ended: sense 0 when the partner closed it,
+  // else why it failed (the sessions on it are gone).
+  virtual void on_connection_ended(std::string_view partner_cp, Priority priority, uint32_t sense,
+                                   std::string_view why) = 0;
+};
+
+struct RtpNodeConfig {
+  std::string cp_name;  // NETID.CPNAME of this node
+  RtpConfig rtp;
+  // Makes this node instance's TCIDs differ from an earlier one's (the
+  // daemon passes something random).
+  uint32_t tcid_instance = 1;
+};
+
+class RtpNode {
+ public:
+  RtpNode(RtpNodeConfig config, const lu62::Clock &clock, RtpNodeListener &listener);
+  ~RtpNode();
+  RtpNode(const RtpNode &) = delete;
+  RtpNode &operator=(const RtpNode &) = delete;
+
+  // The link to the adjacent node `partner_cp`, reached with `anr_labels`.
+  // The returned receiver is what the link hands its NLPs and state changes.
+  ee::NlpReceiver &add_link(std::string partner_cp, ee::NlpLink &link, Bytes anr_labels);
+  // Forgets the link (before its object goes away): its connections fail with
+  // a path failure, and the listener hears of each.  Not from inside one of
+  // this node's callbacks.
+  void remove_link(std::string_view partner_cp);
+
+  // Sends one BIU on the connection to `partner_cp` at `priority`, opening
+  // it if there is none.  False when no link reaches the partner.
+  bool send_biu(std::string_view partner_cp, Priority priority, ByteSpan biu);
+
+  // Ends the connection this node sends on to `partner_cp` at `priority`
+  // once what is queued on it is acknowledged (the partner sees the last
+  // message indicator); the listener hears of it with sense 0.
+  void close(std::string_view partner_cp, Priority priority);
+
+  void on_timer();
+  std::optional<RtpTime> next_deadline() const;
+
+  size_t connection_count() const { return connections_.size(); }
+  std::vector<const RtpConnection *> connections() const;
+  // The connection this node sends on to `partner_cp` at `priority`, if any.
+  const RtpConnection *connection(std::string_view partner_cp, Priority priority) const;
+
+ private:
+  struct Port;
+  struct Entry {
+    Port *port = nullptr;
+    std::unique_ptr<RtpConnection> connection;
+    std::optional<Tcid> setup_key;  // the partner's TCID, for a connection it set up
+  };
+
+  void on_nlp(Port &port, ByteSpan bytes);
+  void on_link_inactive(Port &port, std::string_view why);
+  Port *find_port(std::string_view partner_cp) const;
+  Entry *open(Port &port, Priority priority);
+  Tcid next_tcid();
+  RtpConnection::MessageHandler deliver_to(Port &port);
+  // Removes ended connections and tells the listener; only at the outermost
+  // call, never under a connection's own frame.
+  void reap();
+
+  RtpNodeConfig config_;
+  const lu62::Clock &clock_;
+  RtpNodeListener &listener_;
+  std::vector<std::unique_ptr<Port>> ports_;
+  std::vector<std::unique_ptr<Entry>> connections_;
+  std::map<Tcid, Entry *> by_local_tcid_;
+  std::map<std::pair<Port *, Tcid>, Entry *> by_setup_key_;
+  std::map<std::pair<Port *, Priority>, Entry *> senders_;
+  // Setup keys of connections that ended: a late copy of their setup NLP
+  // must not open a connection again (the partner never reuses a TCID).
+  std::set<std::pair<Port *, Tcid>> ended_setups_;
+  std::deque<std::pair<Port *, Tcid>> ended_setup_order_;
+  uint32_t tcid_counter_ = 0;
+  int depth_ = 0;
+};
+
+// The session layer's BiuTransport over an RtpNode: each partner LU is routed
+// to the node that owns it, at the priority of its mode.
+class RtpBiuTransport : public lu62::BiuTransport {
+ public:
+  explicit RtpBiuTransport(RtpNode &node) : node_(node) {}
+  void route(std::string partner_lu, std::string partner_cp, Priority priority);
+  void send_biu(std::string_view partner_lu, ByteSpan biu) override;
+
+ private:
+  RtpNode &node_;
+  std::map<std::string, std::pair<std::string, Priority>, std::less<>> routes_;
+};
+
+}  // namespace snanode::net::hpr

@@ -1,0 +1,93 @@
+#include "net/hpr/rtp_reassembly.h"
+
+#include <algorithm>
+
+namespace snanode::net::hpr {
+
+RtpReassembly::Outcome RtpReassembly::accept(uint32_t wire_bsn, ByteSpan data, bool start, bool end,
+                                             std::vector<Bytes> &complete) {
+  // Where the data lies relative to what was delivered, in the 32-bit
+  // sequence space (so the stream may wrap).
+  const int64_t at = offset_of(wire_bsn);
+  const auto size = static_cast<int64_t>(data.size());
+  const auto window = static_cast<int64_t>(window_);
+  if (size == 0 || size > window || at < -window || at + size > window) return Outcome::kRefused;
+  if (at + size <= 0) {
+    ++duplicates_;
+    return Outcome::kDuplicate;
+  }
+  if (at < 0) return Outcome::kRefused;  // overlaps delivered data at another offset
+  const uint64_t bsn = next_ + static_cast<uint64_t>(at);
+  const uint64_t stop = bsn + data.size();
+  auto after = pending_.lower_bound(bsn);
+  if (after != pending_.end() && after->first == bsn) {
+    if (after->second.data.size() != data.size()) return Outcome::kRefused;
+    ++duplicates_;
+    return Outcome::kDuplicate;
+  }
+  if ((after != pending_.end() && after->first < stop) ||
+      (after != pending_.begin() &&
+       std::prev(after)->first + std::prev(after)->second.data.size() > bsn)) {
+    return Outcome::kRefused;
+  }
+  highest_ = std::max(highest_, stop);
+  if (bsn != next_) {
+    buffered_ += data.size();
+    pending_.emplace_hint(after, bsn, Piece{Bytes(data.begin(), data.end()), start, end});
+    return Outcome::kAccepted;
+  }
+  Piece piece{Bytes(data.begin(), data.end()), start, end};
+  deliver(piece, complete);
+  while (!pending_.empty() && pending_.begin()->first == next_) {
+    Piece next = std::move(pending_.begin()->second);
+    pending_.erase(pending_.begin());
+    buffered_ -= next.data.size();
+    deliver(next, complete);
+  }
+  return Outcome::kAccepted;
+}
+
+void RtpReassembly::deliver(Piece &piece, std::vector<Bytes> &complete) {
+  next_ += piece.data.size();
+  if (piece.start) {
+    // A start inside an unfinished message: the sender abandoned it.
+    message_.clear();
+    in_message_ = true;
+  }
+  if (!in_message_) return;  // the tail of a message whose start was never seen
+  if (message_.size() + piece.data.size() > max_message_) {
+    broken_ = true;
+    message_.clear();
+    in_message_ = false;
+    return;
+  }
+  message_.insert(message_.end(), piece.data.begin(), piece.data.end());
+  if (piece.end) {
+    complete.push_back(std::move(message_));
+    message_.clear();
+    in_message_ = false;
+  }
+}
+
+void RtpReassembly::note_stream_end(uint32_t wire_bsn) {
+  const int64_t at = offset_of(wire_bsn);
+  if (at > 0 && at <= static_cast<int64_t>(window_)) {
+    highest_ = std::max(highest_, next_ + static_cast<uint64_t>(at));
+  }
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> RtpReassembly::gaps(size_t limit) const {
+  std::vector<std::pair<uint32_t, uint32_t>> out;
+  uint64_t at = next_;
+  for (const auto &[bsn, piece] : pending_) {
+    if (out.size() >= limit) return out;
+    if (bsn > at) out.emplace_back(static_cast<uint32_t>(at), static_cast<uint32_t>(bsn));
+    at = bsn + piece.data.size();
+  }
+  if (highest_ > at && out.size() < limit) {
+    out.emplace_back(static_cast<uint32_t>(at), static_cast<uint32_t>(highest_));
+  }
+  return out;
+}
+
+}  // namespace snanode::net::hpr

@@ -1,0 +1,80 @@
+#include "net/hpr/rtp_send_queue.h"
+
+#include <algorithm>
+
+namespace snanode::net::hpr {
+
+void RtpSendQueue::push_message(ByteSpan message) {
+  if (message.empty()) return;
+  waiting_.push_back({Bytes(message.begin(), message.end()), 0});
+  waiting_bytes_ += message.size();
+}
+
+RtpSegment *RtpSendQueue::cut(size_t max_data) {
+  if (waiting_.empty() || max_data == 0) return nullptr;
+  Waiting &w = waiting_.front();
+  const size_t size = std::min(max_data, w.bytes.size() - w.offset);
+  RtpSegment segment;
+  segment.bsn = sent_end_;
+  segment.start = w.offset == 0;
+  segment.data.assign(w.bytes.begin() + static_cast<std::ptrdiff_t>(w.offset),
+                      w.bytes.begin() + static_cast<std::ptrdiff_t>(w.offset + size));
+  w.offset += size;
+  segment.end = w.offset == w.bytes.size();
+  if (segment.end) waiting_.pop_front();
+  waiting_bytes_ -= size;
+  sent_end_ += size;
+  unacked_.push_back(std::move(segment));
+  return &unacked_.back();
+}
+
+uint64_t RtpSendQueue::unwrap(uint32_t sequence) const {
+  const uint64_t back = static_cast<uint32_t>(static_cast<uint32_t>(sent_end_) - sequence);
+  return back > sent_end_ ? 0 : sent_end_ - back;
+}
+
+void RtpSendQueue::acknowledge(uint32_t sequence) {
+  const uint64_t upto = unwrap(sequence);
+  if (upto <= acknowledged_) return;
+  acknowledged_ = upto;
+  while (!unacked_.empty() && unacked_.front().bsn + unacked_.front().data.size() <= upto) {
+    unacked_.pop_front();
+  }
+}
+
+RtpTime RtpSendQueue::mark_missing(uint32_t wire_begin, uint32_t wire_end, RtpTime sent_before) {
+  const uint64_t begin = unwrap(wire_begin);
+  const uint64_t end = begin + static_cast<uint32_t>(wire_end - wire_begin);
+  auto it = std::lower_bound(
+      unacked_.begin(), unacked_.end(), begin,
+      [](const RtpSegment &s, uint64_t at) { return s.bsn + s.data.size() <= at; });
+  RtpTime latest{};
+  for (; it != unacked_.end() && it->bsn < end; ++it) {
+    if (it->queued_for_retransmission || it->last_sent >= sent_before) continue;
+    it->queued_for_retransmission = true;
+    retransmit_.push_back(it->bsn);
+    latest = std::max(latest, it->last_sent);
+  }
+  return latest;
+}
+
+RtpSegment *RtpSendQueue::peek_retransmission() {
+  while (!retransmit_.empty()) {
+    const uint64_t bsn = retransmit_.front();
+    auto it = std::lower_bound(unacked_.begin(), unacked_.end(), bsn,
+                               [](const RtpSegment &s, uint64_t at) { return s.bsn < at; });
+    if (it != unacked_.end() && it->bsn == bsn && it->queued_for_retransmission) return &*it;
+    retransmit_.pop_front();  // acknowledged meanwhile
+  }
+  return nullptr;
+}
+
+void RtpSendQueue::retransmitted() {
+  if (RtpSegment *segment = peek_retransmission()) {
+    segment->queued_for_retransmission = false;
+    retransmit_.pop_front();
+    ++retransmitted_;
+  }
+}
+
+}  // namespace snanode::net::hpr
