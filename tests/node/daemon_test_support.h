@@ -31,7 +31,17 @@ struct TempDir {
     char pattern[] = "/tmp/snanoded-test-XXXXXX";
     path = ::mkdtemp(pattern);
   }
-  ~TempDir() { fs::remove_all(path); }
+  // A TP the daemon started may still be writing here for a moment after
+  // the daemon stopped (TPs outlive their daemon), so removal is retried
+  // instead of aborting the test run on "Directory not empty".
+  ~TempDir() {
+    for (int tries = 0; tries < 100; ++tries) {
+      std::error_code error;
+      fs::remove_all(path, error);
+      if (!error) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
   fs::path path;
 };
 
