@@ -77,6 +77,21 @@ bool Broker::handle(ClientId client, client::ReceivedMessage &&received) {
   return true;
 }
 
+BrokerSnapshot Broker::snapshot(Clock::time_point now) const {
+  BrokerSnapshot snapshot;
+  for (const auto &[id, state] : clients_) {
+    if (!state.greeted) continue;
+    std::set<std::string> names(state.tp_names.begin(), state.tp_names.end());
+    snapshot.processes.push_back({id, state.peer, {names.begin(), names.end()}});
+  }
+  for (const auto &accept : accepts_) snapshot.accepts.push_back({accept.client, accept.tp_names});
+  for (const auto &attach : attaches_) {
+    snapshot.attaches.push_back({attach.info.tp_name, attach.info.mode, attach.info.partner_lu_name,
+                                 attach.deadline - now});
+  }
+  return snapshot;
+}
+
 bool Broker::within_limits(ClientId client, const Client &state, const client::Message &message) {
   const char *passed = nullptr;
   if (std::holds_alternative<client::RegisterTp>(message) &&

@@ -1,0 +1,99 @@
+// The daemon's control requests at the protocol level: a request of another
+// version or an unknown command is answered with what is wrong, a process
+// that does not answer the daemon's stats query is shown as such without
+// holding the answer up, and a caller outside the node's owners may look
+// but not change.
+#include <grp.h>
+#include <sys/stat.h>
+
+#include "daemon/control_service.h"
+#include "node/daemon_test_support.h"
+
+namespace daemon_test {
+namespace {
+
+struct Answer {
+  int status = -1;
+  std::string text;
+};
+
+Answer control(const std::string &socket, std::vector<std::string> words,
+               uint32_t version = client::kControlVersion) {
+  client::MessageChannel channel(client::connect_unix_socket(socket));
+  Answer answer;
+  if (!channel.send(client::ControlRequest{version, 7, std::move(words)})) return answer;
+  for (;;) {
+    auto received = channel.receive();
+    const auto *reply = received ? std::get_if<client::ControlReply>(&received->message) : nullptr;
+    if (reply == nullptr || reply->request_id != 7) return answer;
+    answer.status = reply->status;
+    answer.text += reply->text;
+    if (!reply->more) return answer;
+  }
+}
+
+using DaemonControl = DaemonFixture;
+
+TEST_F(DaemonControl, AnswersWhatIsWrongAndDoesNotWaitForASilentProcess) {
+  const Answer other = control(socket_, {"status"}, client::kControlVersion + 98);
+  EXPECT_EQ(other.status, daemon::kControlBadRequest);
+  EXPECT_NE(other.text.find("control version 99"), std::string::npos) << other.text;
+  EXPECT_NE(other.text.find("speaks version 1"), std::string::npos) << other.text;
+
+  const Answer unknown = control(socket_, {"reboot"});
+  EXPECT_EQ(unknown.status, daemon::kControlBadRequest);
+  EXPECT_NE(unknown.text.find("unknown command: reboot"), std::string::npos) << unknown.text;
+
+  EXPECT_EQ(control(socket_, {"link", "start"}).text, "no network configured\n");
+
+  // A greeted process that never reads: the stats query goes unanswered.
+  auto silent = greet(socket_);
+  ASSERT_TRUE(silent);
+  const auto asked = std::chrono::steady_clock::now();
+  const Answer status = control(socket_, {"status", "--json"});
+  const auto took = std::chrono::steady_clock::now() - asked;
+  EXPECT_EQ(status.status, daemon::kControlOk);
+  EXPECT_NE(status.text.find("\"processes\":1,\"processes_not_answering\":1"), std::string::npos)
+      << status.text;
+  EXPECT_NE(status.text.find("\"answered\":false"), std::string::npos) << status.text;
+  EXPECT_GE(took, daemon::kStatsDeadline);
+  EXPECT_LT(took, 5 * daemon::kStatsDeadline);
+}
+
+TEST_F(DaemonControl, AnOutsiderMayLookButNotChange) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+  // The owner opens the socket to everyone (for watching only).
+  ASSERT_EQ(::chmod(dir_.path.c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(socket_.c_str(), 0666), 0);
+  int results[2];
+  ASSERT_EQ(::pipe(results), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(results[0]);
+    constexpr uid_t kNobody = 65534;
+    if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) {
+      ::_exit(1);
+    }
+    const Answer changed = control(socket_, {"trace", "on"});
+    const Answer looked = control(socket_, {"tp", "list", "--json"});
+    const std::string report = std::to_string(changed.status) + " " +
+                               std::to_string(looked.status) + " " + looked.text + changed.text;
+    (void)!::write(results[1], report.data(), report.size());
+    ::_exit(0);
+  }
+  ::close(results[1]);
+  std::string report;
+  char buffer[512];
+  for (ssize_t n; (n = ::read(results[0], buffer, sizeof buffer)) > 0;) report.append(buffer, n);
+  ::close(results[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(report.rfind("1 0 {\"tps\":[]}\n", 0), 0u) << report;
+  EXPECT_NE(report.find("refused: trace on changes the node"), std::string::npos) << report;
+  EXPECT_NE(report.find("you are uid 65534"), std::string::npos) << report;
+}
+
+}  // namespace
+}  // namespace daemon_test
