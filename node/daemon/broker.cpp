@@ -111,8 +111,14 @@ bool Broker::within_limits(ClientId client, const Client &state, const client::M
 }
 
 bool Broker::greet(ClientId client, Client &state, const client::Hello &hello) {
-  if (hello.version != client::kProtocolVersion ||
-      hello.pid != static_cast<uint32_t>(state.peer.pid) ||
+  if (hello.version != client::kProtocolVersion) {
+    output_.log_limited("hello", "client " + std::to_string(client) +
+                                     " refused: its node library speaks protocol version " +
+                                     std::to_string(hello.version) + ", this daemon version " +
+                                     std::to_string(client::kProtocolVersion));
+    return false;
+  }
+  if (hello.pid != static_cast<uint32_t>(state.peer.pid) ||
       hello.uid != static_cast<uint32_t>(state.peer.uid)) {
     output_.log_limited(
         "hello", "client " + std::to_string(client) + " refused: hello (pid " +

@@ -271,9 +271,13 @@ void ControlService::finish(uint32_t query_id) {
     status.processes.push_back(std::move(entry));
   }
   status.started.assign(started_tps_.begin(), started_tps_.end());
-  const Table table = status_table(status, query.view);
-  reply(query.requester, query.request_id, kControlOk,
-        query.json ? render_json(table) : render_text(table));
+  std::string text;
+  for (size_t rows = kMaxListedRows;; rows /= 2) {
+    const Table table = status_table(status, query.view, rows);
+    text = query.json ? render_json(table) : render_text(table);
+    if (text.size() <= kMaxAnswerBytes || rows == 0) break;
+  }
+  reply(query.requester, query.request_id, kControlOk, text);
 }
 
 void ControlService::send_log(ClientId client, uint32_t request_id, bool json) {

@@ -58,7 +58,7 @@ Section node_section(const NodeStatus &status, size_t omitted) {
       .add("network", status.network)
       .add("processes", uint64_t{status.processes.size()})
       .add("processes_not_answering", uint64_t{unanswered})
-      .add("conversations_omitted", uint64_t{omitted});
+      .add("rows_omitted", uint64_t{omitted});
   return {"node", true, {row}};
 }
 
@@ -94,15 +94,11 @@ Section tp_section(const NodeStatus &status) {
   return section;
 }
 
-Section conversation_section(const NodeStatus &status, size_t &omitted) {
+Section conversation_section(const NodeStatus &status) {
   Section section{"conversations", false, {}};
   for (const auto &process : status.processes) {
     if (!process.report) continue;
     for (const auto &conv : process.report->conversations) {
-      if (section.rows.size() == kMaxListedConversations) {
-        ++omitted;
-        continue;
-      }
       Row row;
       row.add("pid", static_cast<int64_t>(process.peer.pid))
           .add("id", uint64_t{conv.id})
@@ -207,32 +203,35 @@ Section started_section(const NodeStatus &status) {
 
 }  // namespace
 
-Table status_table(const NodeStatus &status, StatusView view) {
-  size_t omitted = 0;
+Table status_table(const NodeStatus &status, StatusView view, size_t max_rows) {
   Table table;
   switch (view) {
     case StatusView::kTps:
       table.push_back(tp_section(status));
-      return table;
+      break;
     case StatusView::kConversations:
-      table.push_back(conversation_section(status, omitted));
-      table.push_back(node_section(status, omitted));
-      return table;
+      table.push_back(conversation_section(status));
+      break;
     case StatusView::kSessions:
       table.push_back(session_section(status));
-      return table;
+      break;
     case StatusView::kAll:
+      add_configuration(status, table);
+      table.push_back(process_section(status));
+      table.push_back(tp_section(status));
+      table.push_back(conversation_section(status));
+      table.push_back(queue_section(status));
+      table.push_back(accept_section(status));
+      table.push_back(started_section(status));
       break;
   }
-  Section conversations = conversation_section(status, omitted);
-  table.push_back(node_section(status, omitted));
-  add_configuration(status, table);
-  table.push_back(process_section(status));
-  table.push_back(tp_section(status));
-  table.push_back(std::move(conversations));
-  table.push_back(queue_section(status));
-  table.push_back(accept_section(status));
-  table.push_back(started_section(status));
+  size_t omitted = 0;
+  for (Section &section : table) {
+    if (section.rows.size() <= max_rows) continue;
+    omitted += section.rows.size() - max_rows;
+    section.rows.resize(max_rows);
+  }
+  table.insert(table.begin(), node_section(status, omitted));
   return table;
 }
 

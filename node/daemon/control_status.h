@@ -50,10 +50,14 @@ struct NodeStatus {
 // What a command shows.
 enum class StatusView { kAll, kTps, kConversations, kSessions };
 
-// At most this many conversations are listed; the node section says how many
-// were left out, so the answer stays within what one client may be sent.
-inline constexpr size_t kMaxListedConversations = 500;
+// An answer must fit the output queue of the client it goes to (limits.h):
+// lists are cut to `max_rows` rows each, and the node section counts the rows
+// left out.  The caller lowers `max_rows` until the rendered answer fits
+// kMaxAnswerBytes.
+inline constexpr size_t kMaxListedRows = 1000;
+inline constexpr size_t kMaxAnswerBytes = 192 * 1024;
 
-Table status_table(const NodeStatus &status, StatusView view);
+// The `node` section comes first in every view.
+Table status_table(const NodeStatus &status, StatusView view, size_t max_rows);
 
 }  // namespace snanode::daemon

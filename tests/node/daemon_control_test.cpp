@@ -32,6 +32,31 @@ Answer control(const std::string &socket, std::vector<std::string> words,
   }
 }
 
+// Names come from clients: they must not break the JSON, and long lists are
+// cut with the count of what was left out.
+TEST(ControlStatus, EscapesNamesAndCutsLongLists) {
+  config::NodeConfig config;
+  daemon::NodeStatus status;
+  status.config = &config;
+  daemon::ProcessStatus process;
+  process.peer = {4242, 0};
+  process.report.emplace();
+  process.report->tps = {{"A\"B\\\x01", "APPN.LOCAL"}};
+  process.report->conversations.resize(5);
+  status.processes.push_back(process);
+  const std::string tps =
+      daemon::render_json(daemon::status_table(status, daemon::StatusView::kTps, 10));
+  EXPECT_NE(tps.find("\"name\":\"A\\\"B\\\\\\u0001\""), std::string::npos) << tps;
+  const daemon::Table cut = daemon::status_table(status, daemon::StatusView::kConversations, 2);
+  ASSERT_EQ(cut.size(), 2u);
+  EXPECT_EQ(cut[1].rows.size(), 2u);
+  const auto &node = cut[0].rows.at(0).fields;
+  const auto omitted = std::find_if(
+      node.begin(), node.end(), [](const auto &field) { return field.first == "rows_omitted"; });
+  ASSERT_NE(omitted, node.end());
+  EXPECT_EQ(std::get<uint64_t>(omitted->second), 3u);
+}
+
 using DaemonControl = DaemonFixture;
 
 TEST_F(DaemonControl, AnswersWhatIsWrongAndDoesNotWaitForASilentProcess) {
@@ -90,7 +115,8 @@ TEST_F(DaemonControl, AnOutsiderMayLookButNotChange) {
   int status = 0;
   ::waitpid(child, &status, 0);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_EQ(report.rfind("1 0 {\"tps\":[]}\n", 0), 0u) << report;
+  EXPECT_EQ(report.rfind("1 0 {\"node\":{\"name\":\"TESTNODE\"", 0), 0u) << report;
+  EXPECT_NE(report.find(",\"tps\":[]}\n"), std::string::npos) << report;
   EXPECT_NE(report.find("refused: trace on changes the node"), std::string::npos) << report;
   EXPECT_NE(report.find("you are uid 65534"), std::string::npos) << report;
 }
