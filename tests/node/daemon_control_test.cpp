@@ -85,6 +85,36 @@ TEST_F(DaemonControl, AnswersWhatIsWrongAndDoesNotWaitForASilentProcess) {
   EXPECT_LT(took, 5 * daemon::kStatsDeadline);
 }
 
+// The next trace-control a raw client gets (stats queries go unanswered).
+std::optional<client::TraceControl> next_trace(client::MessageChannel &channel) {
+  while (auto received = channel.receive()) {
+    if (const auto *trace = std::get_if<client::TraceControl>(&received->message)) return *trace;
+  }
+  return std::nullopt;
+}
+
+TEST_F(DaemonControl, TraceOfOneTpReachesItsProcessesNowAndLater) {
+  auto serving = greet(socket_);
+  auto later = greet(socket_);
+  ASSERT_TRUE(serving && later);
+  ASSERT_TRUE(serving->send(client::RegisterTp{"TRACEME"}));
+  // The registration is in once a status lists it.
+  for (int tries = 0; tries < 100; ++tries) {
+    if (control(socket_, {"status", "--json"}).text.find("TRACEME") != std::string::npos) break;
+  }
+  const Answer told = control(socket_, {"trace", "on", "--tp", "TRACEME", "--file", "/tmp/t.trc"});
+  EXPECT_EQ(told.status, daemon::kControlOk);
+  EXPECT_NE(told.text.find("1 process(es) told"), std::string::npos) << told.text;
+  const auto now = next_trace(*serving);
+  ASSERT_TRUE(now);
+  EXPECT_TRUE(now->on);
+  EXPECT_EQ(now->file, "/tmp/t.trc");
+  ASSERT_TRUE(later->send(client::AcceptWait{1, {"OTHER", "TRACEME"}}));
+  const auto then = next_trace(*later);
+  ASSERT_TRUE(then);
+  EXPECT_TRUE(then->on);
+}
+
 TEST_F(DaemonControl, AnOutsiderMayLookButNotChange) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
   // The owner opens the socket to everyone (for watching only).
