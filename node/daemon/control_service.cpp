@@ -209,7 +209,16 @@ void ControlService::trace(ClientId client, uint32_t request_id, const Command &
                            ": " + std::to_string(targets.size()) + " process(es) told" +
                            (control.file.empty() ? "" : ", file " + log_safe(control.file));
   output_.log("control: " + line);
-  reply(client, request_id, kControlOk, line + "\n");
+  if (!command.json) {
+    reply(client, request_id, kControlOk, line + "\n");
+    return;
+  }
+  Row row;
+  row.add("on", control.on)
+      .add("scope", scope)
+      .add("file", control.file)
+      .add("processes_told", uint64_t{targets.size()});
+  reply(client, request_id, kControlOk, render_json({Section{"trace", true, {row}}}));
 }
 
 void ControlService::send_trace(ClientId client, const client::TraceControl &control) {

@@ -248,9 +248,11 @@ TEST_F(CtlStatus, ShowsWhatRunsAndWhatWasKilled) {
   const fs::path trace = dir_ / "client.trc";
   int rc = -1;
   const std::string told =
-      ctl("trace on --pid " + std::to_string(client_) + " --file " + trace.string(), rc);
+      ctl("trace on --json --pid " + std::to_string(client_) + " --file " + trace.string(), rc);
   EXPECT_EQ(rc, 0) << told;
-  EXPECT_NE(told.find("1 process(es) told"), std::string::npos) << told;
+  const auto answer = ctl_test::JsonParser(told).parse();
+  ASSERT_TRUE(answer) << told;
+  EXPECT_EQ((*answer)["trace"]["processes_told"].number, 1);
   status = status_json();
   ASSERT_EQ(rows_of(status, "processes", client_).size(), 1u);
   EXPECT_TRUE((*rows_of(status, "processes", client_)[0])["trace"].flag);
