@@ -137,12 +137,13 @@ void ControlService::request(ClientId client, const ControlCaller &caller,
               std::to_string(group) + ") may do; you are uid " + std::to_string(caller.uid) + "\n");
     return;
   }
-  change(client, id, command);
+  change(client, id, caller, command);
 }
 
-void ControlService::change(ClientId client, uint32_t request_id, const Command &command) {
+void ControlService::change(ClientId client, uint32_t request_id, const ControlCaller &caller,
+                            const Command &command) {
   const std::string &what = command.words.front();
-  if (what == "trace") return trace(client, request_id, command);
+  if (what == "trace") return trace(client, request_id, caller, command);
   // The node's only link is the one it was started with, and its capture
   // file is opened with it.
   if (!has_network_()) {
@@ -154,11 +155,13 @@ void ControlService::change(ClientId client, uint32_t request_id, const Command 
             std::string("SNANODE_CAPTURE or [network] capture_file") + ") are set at start\n");
 }
 
-void ControlService::trace(ClientId client, uint32_t request_id, const Command &command) {
-  client::TraceControl control;
-  control.on = command.words[1] == "on";
+void ControlService::trace(ClientId client, uint32_t request_id, const ControlCaller &caller,
+                           const Command &command) {
+  TraceOrder order;
+  order.control.on = command.words[1] == "on";
+  order.set_by = caller.uid;
   if (auto file = command.options.find("--file"); file != command.options.end()) {
-    control.file = file->second;
+    order.control.file = file->second;
   }
   const auto tp = command.options.find("--tp");
   const auto pid = command.options.find("--pid");
@@ -167,32 +170,33 @@ void ControlService::trace(ClientId client, uint32_t request_id, const Command &
     return;
   }
   const BrokerSnapshot snapshot = broker_.snapshot(Clock::now());
-  std::set<ClientId> targets;
+  std::map<ClientId, uid_t> targets;  // and their users
   std::string scope = "the node";
+  const auto serves = [&](const std::vector<std::string> &names) {
+    return std::find(names.begin(), names.end(), tp->second) != names.end();
+  };
   if (tp != command.options.end()) {
     scope = "TP " + log_safe(tp->second);
+    std::map<ClientId, uid_t> users;
     for (const auto &process : snapshot.processes) {
-      const auto &names = process.tp_names;
-      if (std::find(names.begin(), names.end(), tp->second) != names.end()) {
-        targets.insert(process.client);
-      }
+      users[process.client] = process.peer.uid;
+      if (serves(process.tp_names)) targets[process.client] = process.peer.uid;
     }
     for (const auto &accept : snapshot.accepts) {
-      const auto &names = accept.tp_names;
-      if (std::find(names.begin(), names.end(), tp->second) != names.end()) {
-        targets.insert(accept.client);
-      }
+      if (serves(accept.tp_names)) targets[accept.client] = users[accept.client];
     }
     // Instances started later get it when they register the name.
-    if (control.on) {
-      tp_traces_[tp->second] = control;
+    if (order.control.on) {
+      tp_traces_[tp->second] = order;
     } else {
       tp_traces_.erase(tp->second);
     }
   } else if (pid != command.options.end()) {
     scope = "pid " + log_safe(pid->second);
     for (const auto &process : snapshot.processes) {
-      if (std::to_string(process.peer.pid) == pid->second) targets.insert(process.client);
+      if (std::to_string(process.peer.pid) == pid->second) {
+        targets[process.client] = process.peer.uid;
+      }
     }
     if (targets.empty()) {
       reply(client, request_id, kControlUnavailable,
@@ -200,39 +204,54 @@ void ControlService::trace(ClientId client, uint32_t request_id, const Command &
       return;
     }
   } else {
-    for (const auto &process : snapshot.processes) targets.insert(process.client);
-    node_trace_ = control.on ? std::optional(control) : std::nullopt;
-    if (!control.on) tp_traces_.clear();
+    for (const auto &process : snapshot.processes) targets[process.client] = process.peer.uid;
+    node_trace_ = order.control.on ? std::optional(order) : std::nullopt;
+    if (!order.control.on) tp_traces_.clear();
   }
-  for (const ClientId target : targets) send_trace(target, control);
-  const std::string line = "trace " + std::string(control.on ? "on" : "off") + " for " + scope +
-                           ": " + std::to_string(targets.size()) + " process(es) told" +
-                           (control.file.empty() ? "" : ", file " + log_safe(control.file));
+  size_t without_file = 0;
+  for (const auto &[target, uid] : targets) without_file += send_trace(target, uid, order) ? 0 : 1;
+  const std::string file = order.control.file;
+  std::string line = "trace " + std::string(order.control.on ? "on" : "off") + " for " + scope +
+                     ": " + std::to_string(targets.size()) + " process(es) told" +
+                     (file.empty() ? "" : ", file " + log_safe(file));
+  if (without_file != 0) {
+    line += "; " + std::to_string(without_file) +
+            " of another user trace into their own file (only root names a file for them)";
+  }
   output_.log("control: " + line);
   if (!command.json) {
     reply(client, request_id, kControlOk, line + "\n");
     return;
   }
   Row row;
-  row.add("on", control.on)
+  row.add("on", order.control.on)
       .add("scope", scope)
-      .add("file", control.file)
-      .add("processes_told", uint64_t{targets.size()});
+      .add("file", file)
+      .add("processes_told", uint64_t{targets.size()})
+      .add("processes_without_file", uint64_t{without_file});
   reply(client, request_id, kControlOk, render_json({Section{"trace", true, {row}}}));
 }
 
-void ControlService::send_trace(ClientId client, const client::TraceControl &control) {
-  output_.send(client, control, -1);
+bool ControlService::send_trace(ClientId client, uid_t uid, const TraceOrder &order) {
+  if (order.control.file.empty() || order.set_by == 0 || order.set_by == uid) {
+    output_.send(client, order.control, -1);
+    return true;
+  }
+  client::TraceControl own_file = order.control;
+  own_file.file.clear();
+  output_.send(client, own_file, -1);
+  return false;
 }
 
-void ControlService::greeted(ClientId client) {
-  if (node_trace_) send_trace(client, *node_trace_);
+void ControlService::greeted(ClientId client, uid_t uid) {
+  if (node_trace_) send_trace(client, uid, *node_trace_);
 }
 
-void ControlService::tp_named(ClientId client, const std::vector<std::string> &tp_names) {
+void ControlService::tp_named(ClientId client, uid_t uid,
+                              const std::vector<std::string> &tp_names) {
   for (const auto &name : tp_names) {
     if (auto found = tp_traces_.find(name); found != tp_traces_.end()) {
-      send_trace(client, found->second);
+      send_trace(client, uid, found->second);
       return;
     }
   }

@@ -67,8 +67,8 @@ class ControlService {
   void report(ClientId client, client::StatsReport &&report);
   // A process was welcomed / registered or waits for TP names: it gets the
   // trace the node or those TPs have on.
-  void greeted(ClientId client);
-  void tp_named(ClientId client, const std::vector<std::string> &tp_names);
+  void greeted(ClientId client, uid_t uid);
+  void tp_named(ClientId client, uid_t uid, const std::vector<std::string> &tp_names);
   void disconnected(ClientId client);
 
   void expire(Clock::time_point now);
@@ -99,10 +99,21 @@ class ControlService {
   void start_query(ClientId client, uint32_t request_id, StatusView view, bool json);
   void finish(uint32_t query_id);
   void send_log(ClientId client, uint32_t request_id, bool json);
+  // A trace switched on or off, and who did it.  A trace file is opened by
+  // each process as its own user, so only root may name one for the
+  // processes of another user; they trace into their own default file.
+  struct TraceOrder {
+    client::TraceControl control;
+    uid_t set_by = 0;
+  };
+
   // trace / capture / link; the caller may change the node.
-  void change(ClientId client, uint32_t request_id, const Command &command);
-  void trace(ClientId client, uint32_t request_id, const Command &command);
-  void send_trace(ClientId client, const client::TraceControl &control);
+  void change(ClientId client, uint32_t request_id, const ControlCaller &caller,
+              const Command &command);
+  void trace(ClientId client, uint32_t request_id, const ControlCaller &caller,
+             const Command &command);
+  // False when the file was left out for this process.
+  bool send_trace(ClientId client, uid_t uid, const TraceOrder &order);
 
   const config::NodeConfig &config_;
   const Broker &broker_;
@@ -114,8 +125,8 @@ class ControlService {
   std::map<uint32_t, Query> queries_;
   std::deque<StartedTp> started_tps_;
   std::deque<std::string> log_lines_;
-  std::optional<client::TraceControl> node_trace_;         // trace on for every process
-  std::map<std::string, client::TraceControl> tp_traces_;  // by TP name
+  std::optional<TraceOrder> node_trace_;         // trace on for every process
+  std::map<std::string, TraceOrder> tp_traces_;  // by TP name
 };
 
 }  // namespace snanode::daemon

@@ -311,9 +311,9 @@ void Server::serve_client(ClientId id) {
         log_limited("connection", "client " + std::to_string(id) + " connected: pid " +
                                       std::to_string(peer.pid) + ", uid " +
                                       std::to_string(peer.uid));
-        control_.greeted(id);
+        control_.greeted(id, peer.uid);
       }
-      if (!named.empty()) control_.tp_named(id, named);
+      if (!named.empty()) control_.tp_named(id, connection.peer.uid, named);
       if (unreachable_.count(id) != 0) return;
     }
   } catch (const client::ProtocolError &e) {
@@ -322,6 +322,10 @@ void Server::serve_client(ClientId id) {
 }
 
 bool Server::serve_control(ClientId id, Connection &connection, client::Message &message) {
+  if (connection.control) {
+    unreachable(id, "a message after its control request");
+    return true;
+  }
   if (auto *report = std::get_if<client::StatsReport>(&message)) {
     if (!connection.greeted) return false;  // the broker drops it
     control_.report(id, std::move(*report));
@@ -329,8 +333,8 @@ bool Server::serve_control(ClientId id, Connection &connection, client::Message 
   }
   const auto *request = std::get_if<client::ControlRequest>(&message);
   if (request == nullptr) return false;
-  if (connection.greeted || connection.control) {
-    unreachable(id, "a control request on a connection that has made one");
+  if (connection.greeted) {
+    unreachable(id, "a control request on a process's connection");
     return true;
   }
   connection.control = true;
