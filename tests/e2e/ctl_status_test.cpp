@@ -125,6 +125,7 @@ class CtlStatus : public ::testing::Test {
     daemon_ = ::fork();
     ASSERT_GE(daemon_, 0);
     if (daemon_ == 0) {
+      ::setpgid(0, 0);  // the TPs it starts too, so that they can be stopped with it
       ::execl(SNANODED_PATH, SNANODED_PATH, "--foreground", "--config",
               (dir_ / "node.toml").c_str(), static_cast<char *>(nullptr));
       ::_exit(127);
@@ -139,6 +140,7 @@ class CtlStatus : public ::testing::Test {
     }
     ::kill(daemon_, SIGTERM);
     ::waitpid(daemon_, nullptr, 0);
+    ::kill(-daemon_, SIGKILL);  // a started TP still running would hold the test's output open
     fs::remove_all(dir_);
   }
 
