@@ -35,9 +35,11 @@ inline constexpr const char *kUnitUtil = "vcpic/cpicutil";
     if (!(cond)) v0_assert((unit), __LINE__, (text)); \
   } while (0)
 
-// True when the API trace is on.
+// True when the API trace is on.  The node daemon may switch it from another
+// thread while the process runs, hence the atomic read.
 inline bool api_trace_on() noexcept {
-  return (ptrc[SNANODE_TRACE_API_BYTE] & SNANODE_TRACE_API_BIT) != 0;
+  return (__atomic_load_n(&ptrc[SNANODE_TRACE_API_BYTE], __ATOMIC_RELAXED) &
+          SNANODE_TRACE_API_BIT) != 0;
 }
 
 // True unless the node's trace flags suppress audit records.

@@ -81,6 +81,26 @@ bool dispatch(DaemonClient::Shared &shared, ReceivedMessage &received) {
     shared.events.attached(std::move(*attach), std::move(received.descriptor));
     return true;
   }
+  if (const auto *query = std::get_if<StatsQuery>(&received.message)) {
+    // Answered from the applier with the lock held, like every message: the
+    // daemon waits a short while for it and never blocks on it.
+    StatsReport report = shared.events.report();
+    report.query_id = query->query_id;
+    std::vector<uint8_t> bytes;
+    try {
+      encode_message(report, false, bytes);
+    } catch (const ProtocolError &) {
+      report.conversations.clear();  // more than a message holds: the rest still helps
+      bytes.clear();
+      encode_message(report, false, bytes);
+    }
+    shared.outbox.post(bytes);
+    return true;
+  }
+  if (const auto *control = std::get_if<TraceControl>(&received.message)) {
+    shared.events.trace(*control);
+    return true;
+  }
   return false;
 }
 

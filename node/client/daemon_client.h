@@ -36,6 +36,11 @@ class DaemonEvents {
                          UniqueFd end) = 0;
   // An attach for a receive-allocate that waits, with the attached side's end.
   virtual void attached(AttachDelivery attach, UniqueFd end) = 0;
+  // The daemon asks what the process's engine holds (for snanodectl); the
+  // answer goes back at once.  By default: nothing.
+  virtual StatsReport report() { return {}; }
+  // The daemon switches this process's API trace.  By default ignored.
+  virtual void trace(const TraceControl &control) { (void)control; }
 };
 
 class DaemonClient {

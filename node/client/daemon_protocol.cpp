@@ -47,6 +47,40 @@ void fields(Io &io, AttachDelivery &m) {
   io(m.partner_lu_name), io(m.local_lu_alias);
 }
 
+template <class Io>
+void fields(Io &io, ControlRequest &m) {
+  io(m.version), io(m.request_id), io(m.words);
+}
+template <class Io>
+void fields(Io &io, ControlReply &m) {
+  io(m.request_id), io(m.status), io(m.more), io(m.text);
+}
+template <class Io>
+void fields(Io &io, StatsQuery &m) {
+  io(m.query_id);
+}
+template <class Io>
+void fields(Io &io, TpReport &m) {
+  io(m.name), io(m.local_lu);
+}
+template <class Io>
+void fields(Io &io, ConversationReport &m) {
+  io(m.id), io(m.local_tp), io(m.partner_tp), io(m.local_lu), io(m.partner_lu), io(m.mode);
+  io(m.state), io(m.bytes_sent), io(m.bytes_received), io(m.age_ms);
+}
+template <class Io>
+void fields(Io &io, SessionUse &m) {
+  io(m.partner_lu), io(m.mode), io(m.in_use);
+}
+template <class Io>
+void fields(Io &io, StatsReport &m) {
+  io(m.query_id), io(m.trace_on), io(m.tps), io(m.conversations), io(m.sessions);
+}
+template <class Io>
+void fields(Io &io, TraceControl &m) {
+  io(m.on), io(m.file);
+}
+
 class Writer {
  public:
   explicit Writer(std::vector<uint8_t> &out) : out_(out) {}
@@ -54,6 +88,10 @@ class Writer {
   void operator()(bool &v) { out_.push_back(v ? 1 : 0); }
   void operator()(uint16_t &v) { put(v, 2); }
   void operator()(uint32_t &v) { put(v, 4); }
+  void operator()(uint64_t &v) {
+    put(static_cast<uint32_t>(v >> 32), 4);
+    put(static_cast<uint32_t>(v), 4);
+  }
   void operator()(std::string &v) {
     if (v.size() > std::numeric_limits<uint16_t>::max()) throw ProtocolError("text too long");
     put(static_cast<uint32_t>(v.size()), 2);
@@ -68,6 +106,13 @@ class Writer {
     if (v.size() > std::numeric_limits<uint16_t>::max()) throw ProtocolError("too many names");
     put(static_cast<uint32_t>(v.size()), 2);
     for (auto &s : v) (*this)(s);
+  }
+  // Lists of records: a u16 count, then each record's fields.
+  template <class Record>
+  void operator()(std::vector<Record> &v) {
+    if (v.size() > std::numeric_limits<uint16_t>::max()) throw ProtocolError("too many records");
+    put(static_cast<uint32_t>(v.size()), 2);
+    for (auto &record : v) fields(*this, record);
   }
 
  private:
@@ -90,6 +135,10 @@ class Reader {
   }
   void operator()(uint16_t &v) { v = static_cast<uint16_t>(get(2)); }
   void operator()(uint32_t &v) { v = get(4); }
+  void operator()(uint64_t &v) {
+    const uint64_t high = get(4);
+    v = (high << 32) | get(4);
+  }
   void operator()(std::string &v) {
     const uint32_t size = get(2);
     need(size);
@@ -107,6 +156,15 @@ class Reader {
     const uint32_t count = get(2);
     v.assign(count, std::string());
     for (auto &s : v) (*this)(s);
+  }
+  template <class Record>
+  void operator()(std::vector<Record> &v) {
+    const uint32_t count = get(2);
+    // Every record takes at least a byte: a count past what is left is a lie
+    // that must not make a huge allocation.
+    need(count);
+    v.assign(count, Record{});
+    for (auto &record : v) fields(*this, record);
   }
   bool at_end() const { return left_ == 0; }
 
@@ -197,9 +255,10 @@ bool may_pass_descriptor(const Message &message) {
 }
 
 const char *message_name(const Message &message) {
-  static constexpr const char *kNames[] = {"hello",    "welcome",         "register",
-                                           "withdraw", "accept-wait",     "accept-cancel",
-                                           "allocate", "allocate-result", "attach"};
+  static constexpr const char *kNames[] = {
+      "hello",         "welcome",     "register",        "withdraw",     "accept-wait",
+      "accept-cancel", "allocate",    "allocate-result", "attach",       "control-request",
+      "control-reply", "stats-query", "stats-report",    "trace-control"};
   static_assert(std::size(kNames) == std::variant_size_v<Message>);
   return kNames[message.index()];
 }

@@ -21,9 +21,13 @@
 
 namespace snanode::client {
 
-// 2: the conversation links carry the FAILURE frame (engine/frame.h); a
-// library that would read it as a broken link is refused at the hello.
+// 2: the conversation links carry the FAILURE frame (engine/frame.h), and
+// the daemon asks processes for their conversations (stats-query) and
+// switches their trace (trace-control); control connections (snanodectl).
+// A library of version 1 would misread both, so it is refused at the hello.
 inline constexpr uint32_t kProtocolVersion = 2;
+// The version of the words of a control request (see ControlRequest).
+inline constexpr uint32_t kControlVersion = 1;
 inline constexpr size_t kMessageHeaderSize = 6;
 inline constexpr uint32_t kMaxMessageSize = 64 * 1024;
 
@@ -99,8 +103,74 @@ struct AttachDelivery {
   std::string local_lu_alias;   // the LU the attach arrives at
 };
 
+// Control tool to daemon, the first and only message of a control connection
+// (no hello).  The envelope never changes: whatever a later version needs
+// travels in `words`, and `version` says how to read them, so a daemon of any
+// version can decode a request and answer one it does not speak with a
+// message saying so.
+struct ControlRequest {
+  uint32_t version = kControlVersion;
+  uint32_t request_id = 0;
+  std::vector<std::string> words;  // the command line, e.g. {"status", "--json"}
+};
+
+// Daemon to control tool: the answer in pieces of at most kControlChunk
+// bytes, the last with `more` false.  `status` 0: done; otherwise `text`
+// says why not (refused, unknown command, other version).
+struct ControlReply {
+  uint32_t request_id = 0;
+  uint8_t status = 0;
+  bool more = false;
+  std::string text;
+};
+inline constexpr size_t kControlChunk = 60000;
+
+// Daemon to process: report your TPs and conversations.
+struct StatsQuery {
+  uint32_t query_id = 0;
+};
+
+struct TpReport {
+  std::string name;  // empty: started without a name
+  std::string local_lu;
+};
+struct ConversationReport {
+  uint32_t id = 0;
+  std::string local_tp;
+  std::string partner_tp;  // known on the allocating side only
+  std::string local_lu;
+  std::string partner_lu;
+  std::string mode;
+  std::string state;  // reset, send, receive, confirm, ...
+  uint64_t bytes_sent = 0;
+  uint64_t bytes_received = 0;
+  uint32_t age_ms = 0;
+};
+struct SessionUse {
+  std::string partner_lu;
+  std::string mode;
+  uint32_t in_use = 0;
+};
+
+// Process to daemon: the answer to a stats query, from its engine.
+struct StatsReport {
+  uint32_t query_id = 0;
+  bool trace_on = false;
+  std::vector<TpReport> tps;
+  std::vector<ConversationReport> conversations;
+  std::vector<SessionUse> sessions;
+};
+
+// Daemon to process: turn the API trace on or off; `file` non-empty: trace
+// into that file from now on.
+struct TraceControl {
+  bool on = false;
+  std::string file;
+};
+
 using Message = std::variant<Hello, Welcome, RegisterTp, WithdrawTp, AcceptWait, AcceptCancel,
-                             AllocateRequest, AllocateResult, AttachDelivery>;
+                             AllocateRequest, AllocateResult, AttachDelivery, ControlRequest,
+                             ControlReply, StatsQuery, StatsReport, TraceControl>;
 
 // Bytes that cannot be a message of this protocol.
 class ProtocolError : public std::runtime_error {

@@ -1,5 +1,7 @@
 #include "client/daemon_remote.h"
 
+#include "trace/trace_settings.h"
+
 namespace snanode::client {
 
 std::unique_ptr<DaemonRemote> DaemonRemote::connect(const std::string &path, engine::Engine &engine,
@@ -47,6 +49,16 @@ void DaemonRemote::allocated(uint32_t request_id, uint16_t primary, uint32_t sec
 
 void DaemonRemote::attached(AttachDelivery attach, UniqueFd end) {
   engine_.remote_attached(std::move(attach), std::move(end));
+}
+
+StatsReport DaemonRemote::report() {
+  StatsReport report = engine_.report();
+  report.trace_on = trace::api_trace_on();
+  return report;
+}
+
+void DaemonRemote::trace(const TraceControl &control) {
+  trace::set_api_trace(control.on, control.file);
 }
 
 }  // namespace snanode::client

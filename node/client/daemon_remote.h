@@ -41,6 +41,8 @@ class DaemonRemote : public engine::RemoteNode, private DaemonEvents {
   // DaemonEvents
   void allocated(uint32_t request_id, uint16_t primary, uint32_t secondary, UniqueFd end) override;
   void attached(AttachDelivery attach, UniqueFd end) override;
+  StatsReport report() override;
+  void trace(const TraceControl &control) override;
 
   engine::Engine &engine_;
   std::unique_ptr<DaemonClient> client_;

@@ -86,6 +86,21 @@ bool Broker::handle(ClientId client, client::ReceivedMessage &&received) {
   return true;
 }
 
+BrokerSnapshot Broker::snapshot(Clock::time_point now) const {
+  BrokerSnapshot snapshot;
+  for (const auto &[id, state] : clients_) {
+    if (!state.greeted) continue;
+    std::set<std::string> names(state.tp_names.begin(), state.tp_names.end());
+    snapshot.processes.push_back({id, state.peer, {names.begin(), names.end()}});
+  }
+  for (const auto &accept : accepts_) snapshot.accepts.push_back({accept.client, accept.tp_names});
+  for (const auto &attach : attaches_) {
+    snapshot.attaches.push_back({attach.info.tp_name, attach.info.mode, attach.info.partner_lu_name,
+                                 attach.deadline - now});
+  }
+  return snapshot;
+}
+
 bool Broker::within_limits(ClientId client, const Client &state, const client::Message &message) {
   const char *passed = nullptr;
   if (std::holds_alternative<client::RegisterTp>(message) &&
@@ -105,8 +120,14 @@ bool Broker::within_limits(ClientId client, const Client &state, const client::M
 }
 
 bool Broker::greet(ClientId client, Client &state, const client::Hello &hello) {
-  if (hello.version != client::kProtocolVersion ||
-      hello.pid != static_cast<uint32_t>(state.peer.pid) ||
+  if (hello.version != client::kProtocolVersion) {
+    output_.log_limited("hello", "client " + std::to_string(client) +
+                                     " refused: its node library speaks protocol version " +
+                                     std::to_string(hello.version) + ", this daemon version " +
+                                     std::to_string(client::kProtocolVersion));
+    return false;
+  }
+  if (hello.pid != static_cast<uint32_t>(state.peer.pid) ||
       hello.uid != static_cast<uint32_t>(state.peer.uid)) {
     output_.log_limited(
         "hello", "client " + std::to_string(client) + " refused: hello (pid " +

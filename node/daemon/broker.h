@@ -77,6 +77,28 @@ using TpOwner = std::function<uid_t(const config::InvokableTp &tp)>;
 using RemoteAllocation = std::function<bool(ClientId client, const client::AllocateRequest &request,
                                             const std::optional<std::string> &verified_user)>;
 
+// What the broker holds, for the node's status (snanodectl).
+struct BrokerSnapshot {
+  struct Process {
+    ClientId client = 0;
+    PeerCredentials peer;
+    std::vector<std::string> tp_names;  // registered
+  };
+  struct Accept {
+    ClientId client = 0;
+    std::vector<std::string> tp_names;
+  };
+  struct QueuedAttach {
+    std::string tp_name;
+    std::string mode;
+    std::string partner_lu;
+    Clock::duration left;  // until it is refused
+  };
+  std::vector<Process> processes;  // greeted ones
+  std::vector<Accept> accepts;
+  std::vector<QueuedAttach> attaches;
+};
+
 class Broker {
  public:
   // `owner` defaults to the uid of the account named by the TP's `user`, or
@@ -93,6 +115,8 @@ class Broker {
   // Refuses attaches whose queue time-out has passed.
   void expire(Clock::time_point now);
   std::optional<Clock::time_point> next_deadline() const;
+
+  BrokerSnapshot snapshot(Clock::time_point now) const;
 
   // An instance of an invokable TP the daemon started has exited.
   void instance_exited(const std::string &tp_name);

@@ -78,6 +78,7 @@ Server::Server(const config::NodeConfig &config, std::string socket_path, bool l
       socket_path_(std::move(socket_path)),
       log_to_stderr_(log_to_stderr),
       broker_(config_, *this, std::move(password_check)),
+      control_(config_, broker_, *this, socket_path_, [this] { return network_ != nullptr; }),
       limited_log_(limits::kLogLinesPerWindow, limits::kLogWindow,
                    [this](const std::string &line) { log(line); }),
       verifier_(limits::kVerifierThreads, limits::kVerificationsWaiting,
@@ -171,6 +172,7 @@ int Server::run() {
     for (int i = 0; i < ready; ++i) dispatch(events[i].data.u64, events[i].events, stopping);
     const Clock::time_point now = Clock::now();
     broker_.expire(now);
+    control_.expire(now);
     if (network_) network_->on_timer();
     expire_silent_clients(now);
     if (accept_resumes_ && *accept_resumes_ <= now) set_accepting(true);
@@ -221,6 +223,7 @@ int Server::next_timeout() const {
   };
   if (!hello_deadlines_.empty()) earliest(hello_deadlines_.front().first);
   earliest(accept_resumes_);
+  earliest(control_.next_deadline());
   if (network_) earliest(network_->next_deadline());
   earliest(limited_log_.next_flush());
   if (!next) return -1;
@@ -296,7 +299,18 @@ void Server::serve_client(ClientId id) {
   }
   try {
     while (auto received = channel.next()) {
+      if (serve_control(id, connection, received->message)) {
+        if (unreachable_.count(id) != 0) return;
+        continue;
+      }
       const bool hello = std::holds_alternative<client::Hello>(received->message);
+      // Names it takes conversations for (the broker moves the message).
+      std::vector<std::string> named;
+      if (const auto *reg = std::get_if<client::RegisterTp>(&received->message)) {
+        named.push_back(reg->tp_name);
+      } else if (const auto *wait = std::get_if<client::AcceptWait>(&received->message)) {
+        named = wait->tp_names;
+      }
       if (!broker_.handle(id, std::move(*received))) {
         unreachable_.insert(id);
         return;
@@ -307,12 +321,35 @@ void Server::serve_client(ClientId id) {
         log_limited("connection", "client " + std::to_string(id) + " connected: pid " +
                                       std::to_string(peer.pid) + ", uid " +
                                       std::to_string(peer.uid));
+        control_.greeted(id, peer.uid);
       }
+      if (!named.empty()) control_.tp_named(id, connection.peer.uid, named);
       if (unreachable_.count(id) != 0) return;
     }
   } catch (const client::ProtocolError &e) {
     unreachable(id, e.what());
   }
+}
+
+bool Server::serve_control(ClientId id, Connection &connection, client::Message &message) {
+  if (connection.control) {
+    unreachable(id, "a message after its control request");
+    return true;
+  }
+  if (auto *report = std::get_if<client::StatsReport>(&message)) {
+    if (!connection.greeted) return false;  // the broker drops it
+    control_.report(id, std::move(*report));
+    return true;
+  }
+  const auto *request = std::get_if<client::ControlRequest>(&message);
+  if (request == nullptr) return false;
+  if (connection.greeted) {
+    unreachable(id, "a control request on a process's connection");
+    return true;
+  }
+  connection.control = true;
+  control_.request(id, caller_of(connection.channel->fd()), *request);
+  return true;
 }
 
 void Server::flush_client(ClientId id, Connection &connection) {
@@ -341,7 +378,10 @@ void Server::expire_silent_clients(Clock::time_point now) {
     const ClientId id = hello_deadlines_.front().second;
     hello_deadlines_.pop_front();
     auto found = clients_.find(id);
-    if (found != clients_.end() && !found->second.greeted && unreachable_.insert(id).second) {
+    if (found != clients_.end() && found->second.control) {
+      unreachable_.insert(id);  // a control connection has had its answer
+    } else if (found != clients_.end() && !found->second.greeted &&
+               unreachable_.insert(id).second) {
       log_limited("hello", "client " + std::to_string(id) + " dropped: no hello in time");
     }
   }
@@ -360,6 +400,7 @@ void Server::drop(ClientId id) {
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.channel->fd(), nullptr);
   clients_.erase(found);
   broker_.disconnected(id);
+  control_.disconnected(id);
   if (greeted) log_limited("connection", "client " + std::to_string(id) + " disconnected");
 }
 
@@ -428,6 +469,7 @@ bool Server::launch(const config::InvokableTp &tp, const std::string &lu_alias) 
     ::_exit(127);
   }
   children_[pid] = tp.tp_name;
+  control_.tp_started(pid, tp.tp_name);
   return true;
 }
 
@@ -442,6 +484,7 @@ void Server::reap_children() {
                                 : "ended by signal " + std::to_string(WTERMSIG(status));
     log("TP " + log_safe(found->second) + " (pid " + std::to_string(pid) + ") " + how);
     broker_.instance_exited(found->second);
+    control_.tp_exited(pid, status);
     children_.erase(found);
   }
 }
@@ -465,6 +508,7 @@ void Server::reload() {
 }
 
 void Server::log(const std::string &line) {
+  control_.remember_log_line(line);
   daemon_log(line, log_to_stderr_);
 }
 

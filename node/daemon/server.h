@@ -19,6 +19,7 @@
 #include "client/message_channel.h"
 #include "config/node_config.h"
 #include "daemon/broker.h"
+#include "daemon/control_service.h"
 #include "daemon/log_rate_limit.h"
 #include "daemon/network_node.h"
 #include "daemon/output_queue.h"
@@ -72,6 +73,7 @@ class Server : private BrokerOutput {
     PeerCredentials peer;
     bool greeted = false;
     bool waiting_to_write = false;  // polled for room to write
+    bool control = false;           // snanodectl's: one request, no hello
   };
 
   // BrokerOutput
@@ -89,6 +91,8 @@ class Server : private BrokerOutput {
   void shed_connection(int error);
   void set_accepting(bool on);
   void serve_client(ClientId id);
+  // Messages for the control service rather than the broker; true when taken.
+  bool serve_control(ClientId id, Connection &connection, client::Message &message);
   void flush_client(ClientId id, Connection &connection);
   void watch_writes(ClientId id, Connection &connection, bool on);
   void expire_silent_clients(Clock::time_point now);
@@ -106,6 +110,7 @@ class Server : private BrokerOutput {
   client::UniqueFd signals_;
   client::UniqueFd epoll_;
   Broker broker_;
+  ControlService control_;
   LogRateLimit limited_log_;
   ClientId next_client_ = 1;
   std::map<ClientId, Connection> clients_;

@@ -206,12 +206,14 @@ bool Conversation::send_data(NAP_SEND_DATA_VCB &vcb, void *token) {
     state_ = ConvState::kSend;
     vcb.rts_received = take_rts();
     if (take_send_notice(result)) return done(hdr, result.primary, result.secondary);
+    bytes_sent_ += vcb.data_length;
     link_->send_data(0, vcb.data_pointer, vcb.data_length, caller_blocks_);
     return done(hdr, AP_OK);
   }
   if (!buffer_data(vcb.data_pointer, vcb.data_length, result)) {
     return done(hdr, result.primary, result.secondary);
   }
+  bytes_sent_ += vcb.data_length;
   state_ = ConvState::kSend;
   vcb.rts_received = take_rts();
 
@@ -446,11 +448,13 @@ void Conversation::take_frame(Frame &&frame) {
   control_follows_ = frame.type == FrameType::kData && (frame.flags & kDataMoreFollows) != 0;
   if (frame.type == FrameType::kData && frame.landed != 0) {
     // Read into the receive that waits (mapped, nothing ahead of it).
+    bytes_received_ += frame.landed;
     inbound_.push_back(Inbound{InKind::kData, {}, 0, 0, frame.landed});
     if ((frame.flags & kDataMoreFollows) == 0) service_waiting();
     return;
   }
   if (frame.type == FrameType::kData) {
+    bytes_received_ += frame.payload.size();
     inbound_data_ += frame.payload.size();
     if (!setup_.mapped && !inbound_.empty() && inbound_.back().kind == InKind::kData) {
       auto &bytes = inbound_.back().bytes;

@@ -68,6 +68,9 @@ class Conversation : public FrameSink {
   bool mapped() const { return setup_.mapped; }
   uint8_t sync_level() const { return setup_.sync_level; }
   ConvState state() const { return state_; }
+  // Data the TP has sent and the partner has sent it, in bytes (for status).
+  uint64_t bytes_sent() const { return bytes_sent_; }
+  uint64_t bytes_received() const { return bytes_received_; }
   bool has_waiting_verb() const { return waiting_.vcb != nullptr; }
   std::shared_ptr<LinkReader> link_reader() const { return link_->reader(); }
   // Where the next record may go for the receive `vcb`, while it waits on a
@@ -228,6 +231,8 @@ class Conversation : public FrameSink {
   bool input_wanted_ = false;     // as last told to the link
   bool caller_blocks_ = false;    // the verb being carried out has a thread waiting for it
   int busy_ = 0;
+  uint64_t bytes_sent_ = 0;
+  uint64_t bytes_received_ = 0;
   RecordCursor in_cursor_;  // basic: where the received stream stands
 };
 

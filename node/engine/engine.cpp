@@ -97,7 +97,7 @@ void Engine::start_tp(NAP_START_TP_VCB &vcb) {
     return;
   }
   const TpId id = next_tp_++;
-  tps_[id] = Tp{lu->alias, lu->lu_name, std::nullopt};
+  tps_[id] = Tp{lu->alias, lu->lu_name, std::nullopt, ebcdic_name(vcb.tp_name, sizeof vcb.tp_name)};
   std::memcpy(vcb.tp_id, &id, sizeof id);
   put_ascii_name(lu->alias, vcb.local_lu_name, sizeof vcb.local_lu_name);
   put_result(vcb, AP_OK);

@@ -79,6 +79,9 @@ class Engine : private ConversationHost {
   // nullptr.  Also for one whose verb has just ended its conversation (the
   // engine has let go of it): the link, to write out before the verb returns.
   std::shared_ptr<LinkReader> reader_for(const void *vcb);
+
+  // What the engine holds, for the daemon's status (engine_report.cpp).
+  client::StatsReport report() const;
   // Where the link may put the next record for a receive that waits (see
   // Landing); false when it may not.
   bool landing_for(const void *vcb, Landing &landing);
@@ -91,11 +94,17 @@ class Engine : private ConversationHost {
     std::string lu_alias;
     std::string lu_name;
     std::optional<std::string> verified_user;
+    std::string name;  // the TP's name, for status reports
   };
   struct ConvEntry {
     std::unique_ptr<Conversation> conv;
     TpId tp = 0;
     std::string session;  // partner LU and mode of the session it holds; empty: none
+    // For status reports.
+    std::string partner_tp;  // known on the allocating side only
+    std::string partner_lu;
+    std::string mode;
+    DeadlineTimer::Clock::time_point since = DeadlineTimer::Clock::now();
   };
   // What an attach tells the accepting TP.
   struct AttachInfo {

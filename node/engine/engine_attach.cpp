@@ -147,7 +147,13 @@ void Engine::add_conversation(NAP_ALLOCATE &vcb, const AllocateRequest &request,
                               std::unique_ptr<Conversation> own) {
   const uint32_t id = next_conv_id();
   own->set_id(id);
-  convs_[id] = ConvEntry{std::move(own), request.tp, request.session};
+  const AttachInfo &info = request.info;
+  convs_[id] = ConvEntry{std::move(own),
+                         request.tp,
+                         request.session,
+                         info.tp_name,
+                         request.session.substr(0, request.session.find('/')),
+                         info.mode};
   maybe_ended_.push_back(id);
   tp_convs_[request.tp].push_back(id);
   vcb.hdr.conv_id = id;
@@ -331,10 +337,11 @@ void Engine::deliver_attach(PendingAttach attach, NAP_RECEIVE_ALLOCATE &vcb) {
   const config::LocalLu *lu = directory_.local_lu(info.local_lu_alias);
   if (lu == nullptr) lu = &directory_.default_local_lu();
   const TpId tp_id = next_tp_++;
-  tps_[tp_id] = Tp{lu->alias, lu->lu_name, info.user};
+  tps_[tp_id] = Tp{lu->alias, lu->lu_name, info.user, info.tp_name};
 
   const uint32_t conv_id = attach.half->id();
-  convs_[conv_id] = ConvEntry{std::move(attach.half), tp_id, ""};
+  convs_[conv_id] =
+      ConvEntry{std::move(attach.half), tp_id, "", "", info.partner_lu_name, info.mode};
   maybe_ended_.push_back(conv_id);  // its partner may have ended it already
   tp_convs_[tp_id].push_back(conv_id);
 

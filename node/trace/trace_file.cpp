@@ -26,6 +26,9 @@ struct TraceFile {
   std::filesystem::path path;
   int fd = -1;
   pid_t owner = 0;  // the process that opened fd
+  // A file named while the process runs (set_api_trace) outlasts the
+  // settings read when the first record is written.
+  std::filesystem::path chosen;
 };
 
 void init_mutex(pthread_mutex_t *mutex) {
@@ -80,6 +83,33 @@ int open_file(TraceFile &file) {
 
 }  // namespace
 
+namespace snanode::trace {
+
+void set_api_trace(bool on, const std::string &file) {
+  TraceFile &trace = trace_file();
+  pthread_mutex_lock(&trace.mutex);
+  if (!file.empty()) {
+    trace.chosen = file;
+    use_path(trace, file);
+  }
+  // Other threads read the flag bytes without a lock; one atomic byte
+  // operation keeps them from seeing anything but before or after.
+  if (on) {
+    __atomic_fetch_or(&ptrc[SNANODE_TRACE_API_BYTE], SNANODE_TRACE_API_BIT, __ATOMIC_RELAXED);
+  } else {
+    __atomic_fetch_and(&ptrc[SNANODE_TRACE_API_BYTE],
+                       static_cast<unsigned char>(~SNANODE_TRACE_API_BIT), __ATOMIC_RELAXED);
+  }
+  pthread_mutex_unlock(&trace.mutex);
+}
+
+bool api_trace_on() {
+  return (__atomic_load_n(&ptrc[SNANODE_TRACE_API_BYTE], __ATOMIC_RELAXED) &
+          SNANODE_TRACE_API_BIT) != 0;
+}
+
+}  // namespace snanode::trace
+
 extern "C" {
 
 TRC_API trc_api = {0, {0, 0, 0}, -1};
@@ -88,7 +118,7 @@ void sepuapi_init(unsigned char *trace_flags) {
   TraceFile &file = trace_file();
   pthread_mutex_lock(&file.mutex);
   const snanode::trace::TraceSettings settings = snanode::trace::resolve_trace_settings();
-  use_path(file, settings.file);
+  use_path(file, file.chosen.empty() ? settings.file : file.chosen);
   if (settings.api_trace && trace_flags != nullptr) {
     trace_flags[SNANODE_TRACE_API_BYTE] |= SNANODE_TRACE_API_BIT;
   }

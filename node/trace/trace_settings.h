@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 
 namespace snanode::trace {
 
@@ -15,5 +16,11 @@ struct TraceSettings {
 // SNANODE_TRACE_FILE names the file, by default api.trc in the node's log
 // directory.
 TraceSettings resolve_trace_settings();
+
+// Turns the API trace of this process on or off while it runs (the node
+// daemon asks for it on behalf of snanodectl); `file` non-empty: records go
+// there from now on.  The file opens with the first record.
+void set_api_trace(bool on, const std::string &file);
+bool api_trace_on();
 
 }  // namespace snanode::trace

@@ -25,6 +25,18 @@ std::vector<uint8_t> encoded(const Message &message, bool descriptor = false) {
   return out;
 }
 
+// Records in lists, and byte counts past 32 bits.
+StatsReport stats_report() {
+  StatsReport report;
+  report.query_id = 12;
+  report.trace_on = true;
+  report.tps = {{"PAYROLL", "APPN.LOCAL"}, {"", ""}};
+  report.conversations = {
+      {3, "PAYROLL", "ECHO", "APPN.LOCAL", "APPN.OTHER", "#INTER", "send", 5'000'000'001, 7, 1234}};
+  report.sessions = {{"APPN.OTHER", "#INTER", 2}};
+  return report;
+}
+
 std::vector<Message> one_of_each() {
   AllocateRequest allocate;
   allocate.request_id = 0x01020304;
@@ -56,7 +68,12 @@ std::vector<Message> one_of_each() {
           AcceptCancel{9},
           allocate,
           AllocateResult{0x01020304, 0x0300, 0x21600810},
-          attach};
+          attach,
+          ControlRequest{kControlVersion, 5, {"trace", "on", "--tp", "PAYROLL"}},
+          ControlReply{5, 1, true, "refused"},
+          StatsQuery{12},
+          stats_report(),
+          TraceControl{true, "/tmp/x.trc"}};
 }
 
 TEST(DaemonProtocol, EveryMessageDecodesToWhatWasEncoded) {
@@ -93,6 +110,24 @@ TEST(DaemonProtocol, EveryMessageDecodesToWhatWasEncoded) {
   EXPECT_EQ(full_back.allocator_user, std::optional<std::string>("bob"));
   EXPECT_EQ(full_back.sync_level, 1);
   EXPECT_FALSE(full_back.mapped);
+}
+
+TEST(DaemonProtocol, StatsReportRecordsSurviveAndALyingCountIsRefused) {
+  const auto bytes = encoded(stats_report());
+  size_t used = 0;
+  const auto back =
+      std::get<StatsReport>(decode_message(bytes.data(), bytes.size(), used)->message);
+  ASSERT_EQ(back.conversations.size(), 1u);
+  EXPECT_EQ(back.conversations[0].bytes_sent, 5'000'000'001u);
+  EXPECT_EQ(back.conversations[0].partner_tp, "ECHO");
+  EXPECT_EQ(back.tps[0].name, "PAYROLL");
+  EXPECT_EQ(back.sessions[0].in_use, 2u);
+  // A count of 65535 records in a short message: refused before any is made.
+  StatsReport empty;
+  auto lying = encoded(empty);
+  lying[lying.size() - 6] = 0xFF;  // the tps count, followed by two empty counts
+  lying[lying.size() - 5] = 0xFF;
+  EXPECT_THROW(decode_message(lying.data(), lying.size(), used), ProtocolError);
 }
 
 TEST(DaemonProtocol, HeaderIsBigEndianLengthTypeAndDescriptorCount) {
