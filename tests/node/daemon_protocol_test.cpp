@@ -165,6 +165,17 @@ TEST(DaemonProtocol, PartialInputWaitsAndMalformedInputIsRefused) {
     EXPECT_THROW(decode_message(c.bytes.data(), c.bytes.size(), used), ProtocolError) << c.what;
   }
   EXPECT_THROW(encoded(RegisterTp{std::string(70000, 'x')}), ProtocolError);
+
+  // A flag that is the only fault of an otherwise whole message: 1 reads,
+  // any other value but 0 is refused.
+  auto flagged = encoded(TraceControl{true, "f"});
+  const size_t flag = kMessageHeaderSize;
+  ASSERT_EQ(flagged[flag], 1);
+  EXPECT_TRUE(decode_message(flagged.data(), flagged.size(), used));
+  for (uint8_t value : {2, 7, 255}) {
+    flagged[flag] = value;
+    EXPECT_THROW(decode_message(flagged.data(), flagged.size(), used), ProtocolError) << +value;
+  }
 }
 
 // Writes `text` into `fd` and reads it back from `reader`.
