@@ -419,6 +419,11 @@ std::optional<std::chrono::steady_clock::time_point> NetworkNode::next_deadline(
   auto next = manager_->next_deadline();
   if (ee_) {
     if (auto ee = ee_->next_deadline(); ee && (!next || *ee < *next)) next = ee;
+    // The sessions are looked at for the log once a second (the links' TEST
+    // timers wake the loop about as often anyway).
+    if (const auto look = sessions_noted_ + kSessionsNoteInterval; !next || look < *next) {
+      next = look;
+    }
   }
   if (!attach_due_.empty() && (!next || attach_due_.front().first < *next)) {
     next = attach_due_.front().first;
