@@ -2,6 +2,7 @@
 
 #include <sys/random.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -18,6 +19,15 @@ constexpr Priority kSessionPriority = Priority::kHigh;
 // A "start" link that failed is activated again this long after; a partner
 // that comes back first activates it itself, sooner.
 constexpr auto kReactivateAfter = std::chrono::seconds(5);
+
+// An XID (or XID_DONE, DISC) unanswered is sent again after a quarter of the
+// link's liveness time, within 1 to 15 seconds: a lost XID on a lossy path
+// then costs a few seconds, not the fifteen of the LDLC default, and the
+// activation gives up about when a silent partner would be declared down.
+net::ee::Duration retry_interval(uint32_t liveness_seconds) {
+  const auto quarter = std::chrono::milliseconds(liveness_seconds * 250);
+  return std::clamp<net::ee::Duration>(quarter, std::chrono::seconds(1), std::chrono::seconds(15));
+}
 
 std::string hex_sense(uint32_t sense) {
   char text[12];
@@ -133,6 +143,7 @@ std::unique_ptr<EeNetwork> EeNetwork::open(const config::NodeConfig &config,
     station.local.cp_name = settings.cp_name;
     station.partner_cp_name = link_config.cp_name;
     station.liveness = std::chrono::seconds(link_config.liveness_seconds);
+    station.retry_interval = retry_interval(link_config.liveness_seconds);
     if (link_config.activate_at_start) station.reactivate_after = kReactivateAfter;
     std::string link_error;
     link->station = network->endpoint_->add_link(*address, station, *link, &link_error);
