@@ -206,7 +206,7 @@ void bulk_acceptor(Side &side) {
 }
 
 // A stream of records larger than a session's RUs, each checked on arrival.
-constexpr int kStreamRecords = 256;
+constexpr int kStreamRecords = 64;
 constexpr size_t kStreamRecord = 32767;
 
 void stream_allocator(Side &) {
