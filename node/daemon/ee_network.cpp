@@ -60,7 +60,7 @@ struct EeNetwork::Link : net::ee::NlpReceiver {
   }
 
   EeNetwork &network;
-  const config::LinkConfig &config;
+  const config::LinkConfig config;
   std::string address;
   net::ee::LinkStation *station = nullptr;
   net::ee::NlpReceiver *rtp = nullptr;
