@@ -143,7 +143,7 @@ int main(int argc, char **argv) {
                "With --check: an invokable TP's program that is not installed is a problem, "
                "not a warning");
   // The test transport of the network (see network_node.h): an inherited
-  // datagram socket to the partner node.  Hidden: Enterprise Extender replaces it.
+  // datagram socket to the partner node.  Hidden: Enterprise Extender is the real one.
   int link_fd = -1;
   app.add_option("--link-fd", link_fd, "")->group("");
   CLI11_PARSE(app, argc, argv);
@@ -172,11 +172,13 @@ int main(int argc, char **argv) {
     std::cerr << "snanoded: " << error << "\n";
     return 1;
   }
-  if (link_fd >= 0) {
-    if (!config.network.enabled) {
-      std::cerr << "snanoded: --link-fd needs [network] enabled = true\n";
-      return 1;
-    }
+  if (link_fd >= 0 && !config.network.enabled) {
+    std::cerr << "snanoded: --link-fd needs [network] enabled = true\n";
+    return 1;
+  }
+  // Without the test link, an enabled network with a local address runs on
+  // Enterprise Extender.
+  if (link_fd >= 0 || (config.network.enabled && !config.network.local_address.empty())) {
     const char *capture = std::getenv("SNANODE_CAPTURE");
     server.attach_link(link_fd, capture != nullptr ? capture : config.network.capture_file);
   }

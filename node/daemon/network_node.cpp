@@ -20,14 +20,20 @@ using net::lu62::AllocationOutcome;
 using net::lu62::ConversationTranslator;
 
 constexpr uint64_t kLinkToken = 0;
+// Tokens 1..5: the Enterprise Extender endpoint's sockets (a conversation's
+// token is its address, never that small).
+constexpr uint64_t kFirstEeToken = 1;
 constexpr size_t kMaxBiu = 65536;
-// A path failure under every session on the link (a retry may find another).
+// A path failure under every session on the link or RTP connection (a retry
+// may find another).
 constexpr uint32_t kSenseLinkLost = 0x80020000;
 // How long an allocated conversation's Attach waits for the TP's first data
 // or status to carry it before it goes alone: a TP usually sends at once
 // (one unit instead of two), but a partner TP waits in Accept, or for a
 // request-to-send, until the Attach arrives.
 constexpr auto kAttachHold = std::chrono::milliseconds(10);
+// How often the number of sessions with each partner LU is looked at for the log.
+constexpr auto kSessionsNoteInterval = std::chrono::seconds(1);
 
 net::Bytes ebcdic(const std::string &text) {
   net::Bytes out(text.size());
@@ -100,26 +106,56 @@ NetworkNode::NetworkNode(const config::NodeConfig &config, client::UniqueFd link
   for (const config::PartnerLu &lu : config_.partner_lus) {
     if (!lu.owning_cp.empty() && link_partner_.empty()) link_partner_ = lu.lu_name;
   }
-  ::fcntl(link_.get(), F_SETFL, ::fcntl(link_.get(), F_GETFL) | O_NONBLOCK);
-  ::fcntl(link_.get(), F_SETFD, FD_CLOEXEC);  // the TPs it starts do not hold the link
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.u64 = kLinkToken;
-  ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, link_.get(), &event);
+  if (link_.valid()) {
+    ::fcntl(link_.get(), F_SETFL, ::fcntl(link_.get(), F_GETFL) | O_NONBLOCK);
+    ::fcntl(link_.get(), F_SETFD, FD_CLOEXEC);  // the TPs it starts do not hold the link
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kLinkToken;
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, link_.get(), &event);
+  }
   if (!capture_file.empty()) {
     std::string error;
-    capture_ = net::CaptureWriter::open(capture_file, net::CaptureEndpoints{}, &error);
+    capture_ = net::CaptureWriter::open(
+        capture_file,
+        link_.valid() ? net::CaptureEndpoints{} : EeNetwork::capture_endpoints(config_), &error);
     if (!capture_) log("capture " + log_safe(capture_file) + " not written: " + log_safe(error));
   }
   manager_ =
       std::make_unique<net::lu62::SessionManager>(local_lu_config(config_), *this, *this, *this);
+  if (link_.valid()) {
+    log("network: control point " + log_safe(config_.network.cp_name) + ", LU " +
+        log_safe(manager_->config().lu_name) + " on the link to " + log_safe(link_partner_));
+    return;
+  }
+  std::string error;
+  ee_ = EeNetwork::open(config_, *this, *this, capture_.get(), &error);
+  if (!ee_) {
+    link_up_ = false;
+    log("network: no Enterprise Extender endpoint on " + log_safe(config_.network.local_address) +
+        ": " + log_safe(error));
+    return;
+  }
+  for (unsigned i = 0; i < net::ee::kPortCount; ++i) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kFirstEeToken + i;
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, ee_->fds()[i], &event);
+  }
   log("network: control point " + log_safe(config_.network.cp_name) + ", LU " +
-      log_safe(manager_->config().lu_name) + " on the link to " + log_safe(link_partner_));
+      log_safe(manager_->config().lu_name) + " on Enterprise Extender at " +
+      log_safe(config_.network.local_address) + " port " +
+      std::to_string(config_.network.port_base));
 }
 
 NetworkNode::~NetworkNode() {
   conversations_.clear();  // before the sessions they point at
   manager_.reset();
+  ee_.reset();
+}
+
+bool NetworkNode::reachable(const std::string &partner_lu) {
+  return ee_ ? ee_->reachable(partner_lu) : link_up_;
 }
 
 const config::PartnerLu *NetworkNode::remote_partner(const std::string &name) const {
@@ -136,7 +172,7 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
   auto answer = [this, client, request](uint16_t primary, uint32_t secondary, int fd) {
     return output_.send(client, client::AllocateResult{request.request_id, primary, secondary}, fd);
   };
-  if (!link_up_) {
+  if (!reachable(partner->lu_name)) {
     answer(AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_RETRY, -1);
     return true;
   }
@@ -257,7 +293,11 @@ uint32_t NetworkNode::hand_to_tp(const client::AllocateRequest &request,
   return refusal;
 }
 
-void NetworkNode::send_biu(std::string_view, net::ByteSpan biu) {
+void NetworkNode::send_biu(std::string_view partner_lu, net::ByteSpan biu) {
+  if (ee_) {
+    ee_->send_biu(partner_lu, biu);
+    return;
+  }
   if (!link_up_) return;
   if (capture_) capture_->write_biu(net::CaptureDirection::kSent, biu, net::BiuFraming{});
   // A burst (a thousand brackets ending at once) can fill the link's buffer:
@@ -298,10 +338,38 @@ void NetworkNode::on_ready() {
       if ((events[i].events & ~uint32_t{EPOLLOUT}) != 0) read_link();
       continue;
     }
+    if (ee_ && events[i].data.u64 < kFirstEeToken + net::ee::kPortCount) {
+      ee_->on_readable(ee_->fds()[events[i].data.u64 - kFirstEeToken]);
+      continue;
+    }
     auto *conversation = reinterpret_cast<RemoteConversation *>(events[i].data.u64);
     if (conversations_.count(conversation) != 0) conversation->on_ready(events[i].events);
   }
   sweep();
+  if (ee_) ee_->flush();
+}
+
+void NetworkNode::on_biu(const std::string &partner_lu, net::ByteSpan biu) {
+  manager_->on_unit_received(partner_lu, biu);
+}
+
+void NetworkNode::on_path_lost(const std::string &partner_lu) {
+  paths_lost_.insert(partner_lu);
+}
+
+void NetworkNode::note_sessions() {
+  for (const config::PartnerLu &lu : config_.partner_lus) {
+    if (lu.owning_cp.empty()) continue;
+    size_t count = 0;
+    for (const config::Mode &mode : config_.modes) {
+      count += manager_->sessions(lu.lu_name, mode.name).size();
+    }
+    size_t &logged = sessions_logged_[lu.lu_name];
+    if (count == logged) continue;
+    log("network: sessions with " + log_safe(lu.lu_name) + ": " + std::to_string(count) +
+        (count > logged ? " (bound)" : " (unbound)"));
+    logged = count;
+  }
 }
 
 void NetworkNode::read_link() {
@@ -329,6 +397,7 @@ void NetworkNode::link_lost(const std::string &why) {
 }
 
 void NetworkNode::on_timer() {
+  if (ee_) ee_->on_timer();
   manager_->on_timer();
   const auto at = now();
   while (!attach_due_.empty() && attach_due_.front().first <= at) {
@@ -337,10 +406,25 @@ void NetworkNode::on_timer() {
     if (conversations_.count(conversation) != 0) conversation->send_attach();
   }
   sweep();
+  if (ee_) {
+    ee_->flush();
+    if (at - sessions_noted_ >= kSessionsNoteInterval) {
+      sessions_noted_ = at;
+      note_sessions();
+    }
+  }
 }
 
 std::optional<std::chrono::steady_clock::time_point> NetworkNode::next_deadline() const {
   auto next = manager_->next_deadline();
+  if (ee_) {
+    if (auto ee = ee_->next_deadline(); ee && (!next || *ee < *next)) next = ee;
+    // The sessions are looked at for the log once a second (the links' TEST
+    // timers wake the loop about as often anyway).
+    if (const auto look = sessions_noted_ + kSessionsNoteInterval; !next || look < *next) {
+      next = look;
+    }
+  }
   if (!attach_due_.empty() && (!next || attach_due_.front().first < *next)) {
     next = attach_due_.front().first;
   }
@@ -372,6 +456,10 @@ void NetworkNode::sweep() {
     // TP's next verb gets a conversation failure (retry: a new link may serve).
     path_lost_reported_ = true;
     manager_->on_path_lost(link_partner_, kSenseLinkLost);
+  }
+  while (!paths_lost_.empty()) {
+    const std::string partner = std::move(paths_lost_.extract(paths_lost_.begin()).value());
+    manager_->on_path_lost(partner, kSenseLinkLost);
   }
   std::erase_if(conversations_, [this](const auto &entry) {
     if (!entry.second->finished()) return false;

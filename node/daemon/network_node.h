@@ -1,10 +1,10 @@
 // The daemon on the network: the LU-LU sessions of its default local LU with
 // partner LUs on another node, and the conversations on them.
 //
-// Units travel on a link the daemon is handed at start: a connected
-// SOCK_SEQPACKET (or SOCK_DGRAM) socket on which every datagram is one BIU
-// (TH + RH + RU).  That is the test transport; the Enterprise Extender link
-// over UDP takes its place later, with the same units.
+// Units travel over Enterprise Extender (EeNetwork: UDP links, RTP
+// connections) when [network] local_address is set, or on a link the daemon
+// is handed at start: a connected SOCK_SEQPACKET (or SOCK_DGRAM) socket on
+// which every datagram is one BIU (TH + RH + RU), the test transport.
 //
 // An allocation whose partner LU is configured with an owning control point
 // comes here from the broker: a session is allocated (CNOS and BIND run on
@@ -15,6 +15,7 @@
 #pragma once
 
 #include <deque>
+#include <set>
 #include <map>
 #include <memory>
 #include <optional>
@@ -23,6 +24,7 @@
 #include "client/unique_fd.h"
 #include "config/node_config.h"
 #include "daemon/broker.h"
+#include "daemon/ee_network.h"
 #include "daemon/remote_conversation.h"
 #include "net/capture/pcap_writer.h"
 #include "net/lu62/session_manager.h"
@@ -31,9 +33,11 @@ namespace snanode::daemon {
 
 class NetworkNode : public net::lu62::BiuTransport,
                     public net::lu62::Clock,
-                    public net::lu62::IncomingConversations {
+                    public net::lu62::IncomingConversations,
+                    private EeNetworkEvents {
  public:
-  // Takes `link_fd`.  `capture_file` (may be empty) gets every unit.
+  // Takes `link_fd`; without one (invalid), the node runs on Enterprise
+  // Extender.  `capture_file` (may be empty) gets every unit or datagram.
   NetworkNode(const config::NodeConfig &config, client::UniqueFd link, Broker &broker,
               BrokerOutput &output, const std::string &capture_file);
   ~NetworkNode() override;
@@ -58,6 +62,13 @@ class NetworkNode : public net::lu62::BiuTransport,
   time_point now() const override { return std::chrono::steady_clock::now(); }
   // IncomingConversations
   void on_partner_bracket(net::lu62::Session &session) override;
+  // EeNetworkEvents
+  void on_biu(const std::string &partner_lu, net::ByteSpan biu) override;
+  void on_path_lost(const std::string &partner_lu) override;
+  void log(const std::string &line) override { output_.log(line); }
+  bool reachable(const std::string &partner_lu);
+  // Logs the sessions with each partner LU when their number changes.
+  void note_sessions();
 
   const config::PartnerLu *remote_partner(const std::string &name) const;
   void read_link();
@@ -72,7 +83,6 @@ class NetworkNode : public net::lu62::BiuTransport,
   uint32_t hand_to_tp(const client::AllocateRequest &request, client::UniqueFd &daemon_end,
                       bool system_verified);
   void sweep();
-  void log(const std::string &line) { output_.log(line); }
 
   const config::NodeConfig &config_;
   client::UniqueFd link_;
@@ -92,7 +102,11 @@ class NetworkNode : public net::lu62::BiuTransport,
   // Allocated conversations whose Attach waits a moment for the TP's first
   // data to travel with, oldest first.
   std::deque<std::pair<std::chrono::steady_clock::time_point, RemoteConversation *>> attach_due_;
-  bool path_lost_reported_ = false;  // the sessions heard of the link's loss
+  bool path_lost_reported_ = false;   // the sessions heard of the link's loss
+  std::unique_ptr<EeNetwork> ee_;     // the Enterprise Extender network, without a link fd
+  std::set<std::string> paths_lost_;  // partner LUs whose sessions must end (from sweep)
+  std::map<std::string, size_t> sessions_logged_;  // partner LU -> sessions last logged
+  time_point sessions_noted_{};
 };
 
 }  // namespace snanode::daemon

@@ -54,7 +54,8 @@ class Server : private BrokerOutput {
   // removing a stale socket no daemon answers on.  False with `error` set.
   bool listen(std::string &error);
 
-  // Joins the node to the network over `link_fd` (see network_node.h); only
+  // Joins the node to the network over `link_fd`, or over Enterprise Extender
+  // when it is -1 (see network_node.h); only
   // with [network] enabled.  Call before run().
   void attach_link(int link_fd, const std::string &capture_file);
 

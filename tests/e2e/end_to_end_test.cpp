@@ -692,7 +692,9 @@ std::vector<Param> all_runs() {
   for (const Scenario &s : kScenarios) {
     if (!s.processes_only) runs.push_back({&s, Deploy::kThreads});
     runs.push_back({&s, Deploy::kProcesses});
-    if (kNotYetOnTwoNodes.count(s.name) == 0) runs.push_back({&s, Deploy::kTwoNodes});
+    if (kNotYetOnTwoNodes.count(s.name) != 0) continue;
+    runs.push_back({&s, Deploy::kTwoNodes});
+    runs.push_back({&s, Deploy::kTwoHosts});
   }
   return runs;
 }

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "cpic.h"
+#include "e2e/two_hosts.h"
 #include "support/tp_user.h"
 
 namespace e2e {
@@ -37,7 +38,9 @@ using namespace std::chrono_literals;
 
 // kTwoNodes: the client's node daemon reaches the server's LU (LOCAL) on a
 // second node daemon over a link of whole units (see network_node.h).
-enum class Deploy { kThreads, kProcesses, kTwoNodes };
+// kTwoHosts: the same two nodes as two hosts, 127.0.0.2 and 127.0.0.3, joined
+// by an Enterprise Extender link configured in their files alone.
+enum class Deploy { kThreads, kProcesses, kTwoNodes, kTwoHosts };
 
 // What a side sees of the runner.  Report lines start with a letter: F a
 // failed check, A the side gave up, K a process is about to be killed on
@@ -232,7 +235,8 @@ struct Scenario {
 inline const char *deploy_name(Deploy how) {
   return how == Deploy::kThreads     ? "threads"
          : how == Deploy::kProcesses ? "processes"
-                                     : "two_nodes";
+         : how == Deploy::kTwoNodes  ? "two_nodes"
+                                     : "two_hosts";
 }
 
 inline void run_side(Side &side, void (*body)(Side &), const std::vector<std::string> &serves) {
@@ -357,7 +361,14 @@ inline void run(const Scenario &scenario, Deploy how) {
   } remove{dir};
   // Two nodes: the server's in dir/b, whose LU LOCAL the client's node (in
   // dir, its own LU LUA) reaches over the link.
-  const fs::path server_dir = how == Deploy::kTwoNodes ? dir / "b" : dir;
+  const bool two = how == Deploy::kTwoNodes || how == Deploy::kTwoHosts;
+  const fs::path server_dir = two ? dir / "b" : dir;
+  const uint16_t base = how == Deploy::kTwoHosts ? free_port_base() : 0;
+  if (how == Deploy::kTwoHosts && base == 0) GTEST_SKIP() << "127.0.0.2 and .3 not bindable";
+  const auto hosts = [&](int host, const char *partner_cp) {
+    return std::pair{base != 0 ? host_network_keys(host, base) : "",
+                     base != 0 ? host_link(host, partner_cp) : ""};
+  };
   fs::create_directories(server_dir);
   auto write_config = [&](const fs::path &at, const std::string &network) {
     std::ofstream(at / "node.toml")
@@ -366,15 +377,17 @@ inline void run(const Scenario &scenario, Deploy how) {
         << "\"\n[[mode]]\nname = \"#INTER\"\nsession_limit = 2000\n"
         << test_support::with_tp_user(scenario.config) << network;
   };
-  if (how == Deploy::kTwoNodes) {
-    write_config(dir,
-                 "[network]\nenabled = true\ncp_name = \"APPN.NODEA\"\n[[local_lu]]\nalias = "
-                 "\"LUA\"\n[[partner_lu]]\nalias = \"LOCAL\"\nlu_name = \"APPN.LOCAL\"\n"
-                 "owning_cp = \"APPN.NODEB\"\n");
-    write_config(server_dir,
-                 "[network]\nenabled = true\ncp_name = \"APPN.NODEB\"\n[[partner_lu]]\nalias = "
-                 "\"LUA\"\nlu_name = \"APPN.LUA\"\nowning_cp = \"APPN.NODEA\"\n"
-                 "trust_already_verified = true\n");
+  if (two) {
+    const auto [a_keys, a_link] = hosts(0, "APPN.NODEB");
+    const auto [b_keys, b_link] = hosts(1, "APPN.NODEA");
+    write_config(dir, "[network]\nenabled = true\ncp_name = \"APPN.NODEA\"\n" + a_keys +
+                          "[[local_lu]]\nalias = \"LUA\"\n[[partner_lu]]\nalias = \"LOCAL\"\n"
+                          "lu_name = \"APPN.LOCAL\"\nowning_cp = \"APPN.NODEB\"\n" +
+                          a_link);
+    write_config(server_dir, "[network]\nenabled = true\ncp_name = \"APPN.NODEB\"\n" + b_keys +
+                                 "[[partner_lu]]\nalias = \"LUA\"\nlu_name = \"APPN.LUA\"\n"
+                                 "owning_cp = \"APPN.NODEA\"\ntrust_already_verified = true\n" +
+                                 b_link);
   } else {
     write_config(dir, "");
   }
@@ -389,6 +402,10 @@ inline void run(const Scenario &scenario, Deploy how) {
     ::close(link[0]);
     ::close(link[1]);
     ASSERT_TRUE(up) << "no daemons: see " << dir;
+  } else if (how == Deploy::kTwoHosts) {
+    ASSERT_TRUE(start_daemon(dir, children) && start_daemon(server_dir, children) &&
+                link_up(dir / "snanoded.log"))
+        << "no daemons or no link: see " << dir;
   }
   // Made after the daemon, so that neither it nor its TPs hold an end.
   int report[2], to_server[2], to_client[2];
@@ -401,7 +418,7 @@ inline void run(const Scenario &scenario, Deploy how) {
   Side server{"server",  server_dir / "server", server_daemon,
               report[1], to_server[0],          to_client[1]};
   if (!scenario.server) client.from_partner = client.to_partner = -1;
-  client.across_nodes = server.across_nodes = how == Deploy::kTwoNodes;
+  client.across_nodes = server.across_nodes = two;
   if (how == Deploy::kThreads) client.log_dir = server.log_dir = dir / "node";
   for (const Side *side : {&client, &server}) fs::create_directories(side->log_dir);
 

@@ -1,0 +1,296 @@
+// Two nodes as two hosts: node daemons on 127.0.0.2 and 127.0.0.3 joined by
+// an Enterprise Extender link, against the bare transports between the same
+// two addresses, in one run:
+//   ping-pong: a 100-byte record and its echo between a TP on each node,
+//              against a 100-byte UDP datagram and its echo;
+//   streaming: 32767-byte records from a TP on one node to a TP on the other,
+//              against a TCP stream written 32767 bytes at a time.
+//
+//   two_host_bench [rounds [megabytes [port_base]]]   default 2000, 64, 12000
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <algorithm>
+
+#include "bench_processes.h"
+#include "cpic.h"
+
+namespace {
+
+using bench::die;
+using Clock = std::chrono::steady_clock;
+constexpr const char *kAddress[2] = {"127.0.0.2", "127.0.0.3"};
+constexpr long kPingSize = 100;
+constexpr long kRecord = 32767;
+constexpr const char *kTp = "BENCH";
+
+double seconds_since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+sockaddr_in address_of(const char *ip, uint16_t port) {
+  sockaddr_in at{};
+  at.sin_family = AF_INET;
+  at.sin_port = htons(port);
+  ::inet_pton(AF_INET, ip, &at.sin_addr);
+  return at;
+}
+
+int bound_socket(int type, const char *ip, uint16_t port) {
+  const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in at = address_of(ip, port);
+  if (::bind(fd, reinterpret_cast<sockaddr *>(&at), sizeof at) != 0) {
+    die(std::string("cannot bind ") + ip + ":" + std::to_string(port));
+  }
+  return fd;
+}
+
+// Seconds per UDP round trip between the two addresses.
+double udp_ping_pong(int rounds, uint16_t port) {
+  const int server = bound_socket(SOCK_DGRAM, kAddress[1], port);
+  const pid_t echo = ::fork();
+  if (echo == 0) {
+    char buffer[2048];
+    sockaddr_in from{};
+    for (;;) {
+      socklen_t size = sizeof from;
+      const ssize_t n =
+          ::recvfrom(server, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &size);
+      if (n > 0)
+        ::sendto(server, buffer, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr *>(&from),
+                 size);
+    }
+  }
+  ::close(server);
+  const int client = bound_socket(SOCK_DGRAM, kAddress[0], 0);
+  sockaddr_in to = address_of(kAddress[1], port);
+  char data[kPingSize] = {};
+  const auto start = Clock::now();
+  for (int i = 0; i < rounds; ++i) {
+    ::sendto(client, data, sizeof data, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    if (::recv(client, data, sizeof data, 0) != kPingSize) die("UDP echo lost");
+  }
+  const double per_round = seconds_since(start) / rounds;
+  ::kill(echo, SIGKILL);
+  ::waitpid(echo, nullptr, 0);
+  ::close(client);
+  return per_round;
+}
+
+// Bytes per second of a TCP stream between the two addresses.
+double tcp_stream(long bytes, uint16_t port) {
+  const int listener = bound_socket(SOCK_STREAM, kAddress[1], port);
+  ::listen(listener, 1);
+  const pid_t sink = ::fork();
+  if (sink == 0) {
+    const int fd = ::accept(listener, nullptr, nullptr);
+    std::vector<char> buffer(kRecord);
+    while (::read(fd, buffer.data(), buffer.size()) > 0) {
+    }
+    (void)!::write(fd, "A", 1);
+    ::_exit(0);
+  }
+  ::close(listener);
+  const int fd = bound_socket(SOCK_STREAM, kAddress[0], 0);
+  sockaddr_in to = address_of(kAddress[1], port);
+  if (::connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0) die("TCP connect");
+  std::vector<char> data(kRecord, 's');
+  const auto start = Clock::now();
+  for (long sent = 0; sent < bytes; sent += kRecord) {
+    if (!bench::write_all(fd, data.data(), data.size())) die("TCP write");
+  }
+  ::shutdown(fd, SHUT_WR);
+  char answer = 0;
+  if (!bench::read_all(fd, &answer, 1)) die("TCP: no answer");
+  const double rate = static_cast<double>(bytes / kRecord * kRecord) / seconds_since(start);
+  ::close(fd);
+  ::waitpid(sink, nullptr, 0);
+  return rate;
+}
+
+// ---- the conversations ------------------------------------------------------------
+
+struct Conv {
+  unsigned char id[8] = {};
+};
+
+void check(const char *call, CM_RETURN_CODE rc) {
+  if (rc != CM_OK) die(std::string(call) + " failed with return code " + std::to_string(rc));
+}
+
+void send_as(Conv &c, CM_SEND_TYPE type, const void *data, long size) {
+  CM_RETURN_CODE rc;
+  cmsst(c.id, &type, &rc);
+  check("CMSST", rc);
+  CM_INT32 length = static_cast<CM_INT32>(size);
+  CM_REQUEST_TO_SEND_RECEIVED rts;
+  cmsend(c.id, static_cast<unsigned char *>(const_cast<void *>(data)), &length, &rts, &rc);
+  check("CMSEND", rc);
+}
+
+// Receives until the partner gives the turn: the records received, or the
+// return code that ended it, negated.
+long receive_turn(Conv &c, std::vector<unsigned char> &buffer, long &last) {
+  for (long records = 0;;) {
+    CM_INT32 max = static_cast<CM_INT32>(buffer.size()), length = 0;
+    CM_DATA_RECEIVED_TYPE data;
+    CM_STATUS_RECEIVED status;
+    CM_REQUEST_TO_SEND_RECEIVED rts;
+    CM_RETURN_CODE rc;
+    cmrcv(c.id, buffer.data(), &max, &data, &length, &status, &rts, &rc);
+    if (rc != CM_OK) return -static_cast<long>(rc);
+    if (data == CM_COMPLETE_DATA_RECEIVED) ++records, last = length;
+    if (status == CM_SEND_RECEIVED) return records;
+  }
+}
+
+// Node B's TP: echoes the first conversation's records until it ends, then
+// answers each turn of the second (its greeting, the stream) with one byte.
+void serve() {
+  CM_INT32 length = static_cast<CM_INT32>(std::strlen(kTp));
+  CM_RETURN_CODE rc;
+  cmsltp(reinterpret_cast<unsigned char *>(const_cast<char *>(kTp)), &length, &rc);
+  check("CMSLTP", rc);
+  std::vector<unsigned char> buffer(kRecord);
+  long last = 0;
+  Conv echo;
+  cmaccp(echo.id, &rc);
+  check("CMACCP", rc);
+  while (receive_turn(echo, buffer, last) > 0) {
+    send_as(echo, CM_SEND_AND_PREP_TO_RECEIVE, buffer.data(), last);
+  }
+  Conv stream;
+  cmaccp(stream.id, &rc);
+  check("CMACCP", rc);
+  // The greeting, then the stream: each answered with one byte.
+  while (receive_turn(stream, buffer, last) > 0) {
+    send_as(stream, CM_SEND_AND_PREP_TO_RECEIVE, "A", 1);
+  }
+}
+
+Conv allocate() {
+  // The server's TP may not have registered its name yet: try again.
+  for (int attempt = 0; attempt < 300; ++attempt) {
+    Conv c;
+    CM_RETURN_CODE rc;
+    cminit(c.id, reinterpret_cast<unsigned char *>(const_cast<char *>("        ")), &rc);
+    check("CMINIT", rc);
+    using Setter = void (*)(unsigned char *, unsigned char *, CM_INT32 *, CM_RETURN_CODE *);
+    const std::pair<Setter, const char *> names[] = {
+        {cmspln, "LUB"}, {cmsmn, "#INTER"}, {cmstpn, kTp}};
+    for (auto [call, value] : names) {
+      CM_INT32 length = static_cast<CM_INT32>(std::strlen(value));
+      call(c.id, reinterpret_cast<unsigned char *>(const_cast<char *>(value)), &length, &rc);
+      check("CMSPLN/CMSMN/CMSTPN", rc);
+    }
+    cmallc(c.id, &rc);
+    std::vector<unsigned char> buffer(kRecord);
+    long last = 0;
+    if (rc == CM_OK) {
+      // A refused allocation shows on this send (a name not served yet).
+      CM_SEND_TYPE type = CM_SEND_AND_PREP_TO_RECEIVE;
+      cmsst(c.id, &type, &rc);
+      CM_INT32 length = 1;
+      CM_REQUEST_TO_SEND_RECEIVED rts;
+      cmsend(c.id, reinterpret_cast<unsigned char *>(const_cast<char *>("x")), &length, &rts, &rc);
+      if (rc == CM_OK && receive_turn(c, buffer, last) == 1) return c;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  die("the server's TP could not be allocated");
+}
+
+std::string node_config(int host, uint16_t base) {
+  const char *self = host == 0 ? "A" : "B";
+  const char *partner = host == 0 ? "B" : "A";
+  std::ostringstream text;
+  text << "[network]\nenabled = true\ncp_name = \"APPN.CP" << self << "\"\nlocal_address = \""
+       << kAddress[host] << "\"\nport_base = " << base << "\n[[link]]\npartner = \""
+       << kAddress[1 - host] << "\"\ncp_name = \"APPN.CP" << partner
+       << "\"\n[[local_lu]]\nalias = \"LU" << self << "\"\nlu_name = \"APPN.LU" << self
+       << "\"\n[[partner_lu]]\nalias = \"LU" << partner << "\"\nlu_name = \"APPN.LU" << partner
+       << "\"\nowning_cp = \"APPN.CP" << partner << "\"\ntrust_already_verified = true\n"
+       << "[[mode]]\nname = \"#INTER\"\nmax_ru_size = 16384\npacing_window = 32\n";
+  return text.str();
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const int rounds = argc > 1 ? std::atoi(argv[1]) : 2000;
+  const long bytes = (argc > 2 ? std::atol(argv[2]) : 64) * 1024 * 1024;
+  const auto base = static_cast<uint16_t>(argc > 3 ? std::atoi(argv[3]) : 12000);
+  char pattern[] = "/tmp/two-host-bench-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) die("mkdtemp");
+  const bench::fs::path dir = pattern;
+
+  const double udp = udp_ping_pong(rounds, static_cast<uint16_t>(base + 100));
+  const double tcp = tcp_stream(bytes, static_cast<uint16_t>(base + 101));
+
+  pid_t daemons[2];
+  bench::fs::path configs[2];
+  for (int host = 0; host < 2; ++host) {
+    const bench::fs::path node = dir / (host == 0 ? "a" : "b");
+    configs[host] = bench::write_config(node, node_config(host, base));
+    daemons[host] =
+        bench::start_daemon(SNANODED_PATH, configs[host], node / "snanode.sock", node / "out");
+  }
+  // The link comes up in a round trip or two after both daemons are there.
+  for (int i = 0; i < 500; ++i) {
+    std::ifstream log(dir / "a" / "logs" / "snanoded.log");
+    const std::string text((std::istreambuf_iterator<char>(log)), {});
+    if (text.find(" is up") != std::string::npos) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ::setenv("SNANODE_DAEMON", "required", 1);
+  ::setenv("SNANODE_CONFIG", configs[1].c_str(), 1);
+  std::fflush(nullptr);
+  const pid_t server = ::fork();
+  if (server == 0) {
+    serve();
+    std::exit(0);
+  }
+  ::setenv("SNANODE_CONFIG", configs[0].c_str(), 1);
+  Conv echo = allocate();
+  std::vector<unsigned char> record(kRecord, 'c'), buffer(kRecord);
+  long last = 0;
+  auto start = Clock::now();
+  for (int i = 0; i < rounds; ++i) {
+    send_as(echo, CM_SEND_AND_PREP_TO_RECEIVE, record.data(), kPingSize);
+    if (receive_turn(echo, buffer, last) != 1 || last != kPingSize) die("the echo is wrong");
+  }
+  const double ping = seconds_since(start) / rounds;
+  CM_RETURN_CODE rc;
+  cmdeal(echo.id, &rc);
+  check("CMDEAL", rc);
+
+  Conv stream = allocate();
+  start = Clock::now();
+  CM_SEND_TYPE buffered = CM_BUFFER_DATA;
+  cmsst(stream.id, &buffered, &rc);
+  for (long sent = 0; sent < bytes; sent += kRecord) {
+    CM_INT32 length = kRecord;
+    CM_REQUEST_TO_SEND_RECEIVED rts;
+    cmsend(stream.id, record.data(), &length, &rts, &rc);
+    check("CMSEND", rc);
+  }
+  cmptr(stream.id, &rc);
+  check("CMPTR", rc);
+  if (receive_turn(stream, buffer, last) != 1) die("no answer to the stream");
+  const double rate = static_cast<double>(bytes / kRecord * kRecord) / seconds_since(start);
+  cmdeal(stream.id, &rc);
+  ::waitpid(server, nullptr, 0);
+  for (pid_t daemon : daemons) bench::stop_daemon(daemon);
+
+  std::printf("two hosts (127.0.0.2, 127.0.0.3), load %s\n", bench::load_average().c_str());
+  std::printf("ping-pong, %ld bytes, %d rounds: conversation %.1f us, UDP %.1f us, ratio %.2f\n",
+              kPingSize, rounds, ping * 1e6, udp * 1e6, ping / udp);
+  std::printf(
+      "stream, %ld-byte records, %ld MB: conversation %.1f MB/s, TCP %.1f MB/s, ratio %.2f\n",
+      kRecord, bytes >> 20, rate / 1e6, tcp / 1e6, rate / tcp);
+  bench::fs::remove_all(dir);
+  return 0;
+}

@@ -1,0 +1,88 @@
+// The daemon's Enterprise Extender network: the UDP endpoint with a link
+// station per configured [[link]], the RTP node whose connections run over
+// those links, and the route from each partner LU to the control point that
+// owns it.  NetworkNode puts the endpoint's sockets in its epoll set and feeds
+// its timers; units for a partner LU leave on the RTP connection to its
+// owning CP, and units that arrive come back tagged with the partner LU.
+//
+// A link going down or an RTP connection failing takes every session with the
+// LUs behind it: the owner hears `on_path_lost` for each such LU (from inside
+// the endpoint's or RTP node's call, so it should act later, from its loop).
+#pragma once
+
+#include <array>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "config/node_config.h"
+#include "net/capture/pcap_writer.h"
+#include "net/ee/udp_endpoint.h"
+#include "net/hpr/rtp_node.h"
+
+namespace snanode::daemon {
+
+class EeNetworkEvents {
+ public:
+  virtual ~EeNetworkEvents() = default;
+  virtual void on_biu(const std::string &partner_lu, net::ByteSpan biu) = 0;
+  virtual void on_path_lost(const std::string &partner_lu) = 0;
+  virtual void log(const std::string &line) = 0;
+};
+
+class EeNetwork : private net::hpr::RtpNodeListener {
+ public:
+  // Binds the endpoint on [network] local_address and adds the configured
+  // links, activating the "start" ones; nullptr with `error` set when the
+  // endpoint cannot be opened.  `capture` (may be null) gets every datagram.
+  static std::unique_ptr<EeNetwork> open(const config::NodeConfig &config,
+                                         const net::lu62::Clock &clock, EeNetworkEvents &events,
+                                         net::CaptureWriter *capture, std::string *error);
+  ~EeNetwork() override;
+  EeNetwork(const EeNetwork &) = delete;
+  EeNetwork &operator=(const EeNetwork &) = delete;
+
+  const std::array<int, net::ee::kPortCount> &fds() const { return endpoint_->fds(); }
+  void on_readable(int fd);
+  void on_timer();
+  // Sends what the layers above queued since the last call.
+  void flush() { endpoint_->flush(); }
+  std::optional<std::chrono::steady_clock::time_point> next_deadline() const;
+
+  void send_biu(std::string_view partner_lu, net::ByteSpan biu);
+  // Whether a new session with `partner_lu` may be tried now: its link is
+  // active, or it is a "demand" link, which this starts activating.
+  bool reachable(const std::string &partner_lu);
+
+  // The capture addresses for a configuration (IPv4 only; zeros otherwise).
+  static net::CaptureEndpoints capture_endpoints(const config::NodeConfig &config);
+
+ private:
+  struct Link;
+  EeNetwork(const config::NodeConfig &config, const net::lu62::Clock &clock,
+            EeNetworkEvents &events);
+  void on_biu(std::string_view partner_cp, net::ByteSpan biu) override;
+  void on_connection_ended(std::string_view partner_cp, net::Priority priority, uint32_t sense,
+                           std::string_view why) override;
+  void link_changed(Link &link, bool active, std::string_view why);
+  void lose_paths(std::string_view partner_cp);
+  // Logs the number of RTP connections when it grows (their ends are logged
+  // one by one).
+  void note_connections();
+  const std::string *lu_of(std::string_view partner_cp) const;
+
+  const config::NodeConfig &config_;
+  const net::lu62::Clock &clock_;
+  EeNetworkEvents &events_;
+  std::unique_ptr<net::ee::UdpEndpoint> endpoint_;
+  std::unique_ptr<net::hpr::RtpNode> rtp_;
+  std::unique_ptr<net::hpr::RtpBiuTransport> transport_;
+  std::vector<std::unique_ptr<Link>> links_;
+  std::map<std::string, std::string, std::less<>> cp_of_lu_;  // partner LU -> owning CP
+  size_t connections_logged_ = 0;
+};
+
+}  // namespace snanode::daemon
