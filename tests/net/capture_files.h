@@ -35,18 +35,8 @@ inline Bytes read_file(const std::string &path) {
 
 // FID5 TH of the test session (address 80..01, whole BIU), then the RH and RU.
 inline Bytes whole_biu(bool expedited, uint16_t snf, ByteSpan rh, ByteSpan ru) {
-  Bytes biu = {static_cast<uint8_t>(0x5C | (expedited ? 1 : 0)),
-               0,
-               static_cast<uint8_t>(snf >> 8),
-               static_cast<uint8_t>(snf),
-               0x80,
-               0,
-               0,
-               0,
-               0,
-               0,
-               0,
-               0x01};
+  Bytes biu = {
+      uint8_t(0x5C | expedited), 0, uint8_t(snf >> 8), uint8_t(snf), 0x80, 0, 0, 0, 0, 0, 0, 1};
   biu.insert(biu.end(), rh.begin(), rh.end());
   biu.insert(biu.end(), ru.begin(), ru.end());
   return biu;
