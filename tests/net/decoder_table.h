@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -23,82 +24,58 @@
 
 namespace snanode::net::fuzz {
 
+// Encodes `value`; false when the encoder refused it.
 template <class T, class Encode>
-inline bool stable(const Result<T> &decoded, Encode encode,
-                   std::function<Result<T>(ByteSpan)> decode) {
+inline bool encodes(Encode encode, const T &value, Bytes &out) {
+  if constexpr (std::is_void_v<decltype(encode(value, out))>) {
+    encode(value, out);
+    return true;
+  } else {
+    return encode(value, out).ok();
+  }
+}
+
+// False when `decode` accepted `unit` but its value does not survive a round trip.
+template <class Decode, class Encode>
+inline bool stable(Decode decode, Encode encode, ByteSpan unit) {
+  const auto decoded = decode(unit);
   if (!decoded) return true;
   Bytes again;
-  if (!encode(decoded.value(), again)) return false;
-  Result<T> redecoded = decode(again);
+  if (!encodes(encode, decoded.value(), again)) return false;
+  const auto redecoded = decode(again);
   return redecoded && redecoded.value() == decoded.value();
+}
+
+// A decoder that reads from a ByteReader, as one of a whole unit.
+template <class T>
+inline auto whole(Result<T> (*decode)(ByteReader &)) {
+  return [decode](ByteSpan unit) {
+    ByteReader in(unit);
+    return decode(in);
+  };
 }
 
 // Each returns false when the decoder accepted a unit that does not survive
 // a round trip.
 inline const std::vector<std::pair<const char *, std::function<bool(ByteSpan)>>> &decoders() {
   static const std::vector<std::pair<const char *, std::function<bool(ByteSpan)>>> all = {
-      {"bind",
-       [](ByteSpan b) {
-         return stable<Bind>(
-             decode_bind(b), [](const Bind &v, Bytes &o) { return encode_bind(v, o).ok(); },
-             decode_bind);
-       }},
-      {"attach",
-       [](ByteSpan b) {
-         auto decode = [](ByteSpan s) {
-           ByteReader in(s);
-           return decode_attach(in);
-         };
-         return stable<Attach>(
-             decode(b), [](const Attach &v, Bytes &o) { return encode_attach(v, o).ok(); }, decode);
-       }},
+      {"bind", [](ByteSpan b) { return stable(decode_bind, encode_bind, b); }},
+      {"attach", [](ByteSpan b) { return stable(whole(decode_attach), encode_attach, b); }},
       {"fmh7",
        [](ByteSpan b) {
          ByteReader in(b);
          Result<ErrorDescription> fmh7 = decode_error_description(in);
          if (fmh7 && fmh7->log_data_follows) (void)read_error_log(in);
-         auto decode = [](ByteSpan s) {
-           ByteReader r(s);
-           return decode_error_description(r);
-         };
-         return stable<ErrorDescription>(
-             fmh7,
-             [](const ErrorDescription &v, Bytes &o) {
-               encode_error_description(v, o);
-               return true;
-             },
-             decode);
+         return stable(whole(decode_error_description), encode_error_description, b);
        }},
-      {"unbind",
-       [](ByteSpan b) {
-         return stable<Unbind>(
-             decode_unbind(b),
-             [](const Unbind &v, Bytes &o) {
-               encode_unbind(v, o);
-               return true;
-             },
-             decode_unbind);
-       }},
+      {"unbind", [](ByteSpan b) { return stable(decode_unbind, encode_unbind, b); }},
       {"control",
        [](ByteSpan b) {
-         auto put = [](auto encode) {
-           return [encode](const auto &v, Bytes &o) {
-             encode(v, o);
-             return true;
-           };
-         };
-         return stable<Signal>(decode_signal(b), put(encode_signal), decode_signal) &&
-                stable<Lustat>(decode_lustat(b), put(encode_lustat), decode_lustat) &&
-                stable<Ipm>(decode_ipm(b), put(encode_ipm), decode_ipm) &&
-                stable<NegativeResponse>(decode_negative_response(b), put(encode_negative_response),
-                                         decode_negative_response);
+         return stable(decode_signal, encode_signal, b) &&
+                stable(decode_lustat, encode_lustat, b) && stable(decode_ipm, encode_ipm, b) &&
+                stable(decode_negative_response, encode_negative_response, b);
        }},
-      {"cnos",
-       [](ByteSpan b) {
-         return stable<Cnos>(
-             decode_cnos(b), [](const Cnos &v, Bytes &o) { return encode_cnos(v, o).ok(); },
-             decode_cnos);
-       }},
+      {"cnos", [](ByteSpan b) { return stable(decode_cnos, encode_cnos, b); }},
       {"biu",
        [](ByteSpan b) {
          Result<BiuView> biu = decode_biu(b);
@@ -123,12 +100,7 @@ inline const std::vector<std::pair<const char *, std::function<bool(ByteSpan)>>>
                 (nlp->nhdr.mode != SwitchingMode::kAnr || re->thdr == nlp->thdr) &&
                 std::equal(re->data.begin(), re->data.end(), nlp->data.begin(), nlp->data.end());
        }},
-      {"xid3",
-       [](ByteSpan b) {
-         return stable<Xid3>(
-             decode_xid3(b), [](const Xid3 &v, Bytes &o) { return encode_xid3(v, o).ok(); },
-             decode_xid3);
-       }},
+      {"xid3", [](ByteSpan b) { return stable(decode_xid3, encode_xid3, b); }},
       {"segments",
        [](ByteSpan b) {
          Result<std::vector<OptionalSegment>> segments = split_segments(b);

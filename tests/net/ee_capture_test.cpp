@@ -5,12 +5,10 @@
 // stations meant (expected values written from the layouts, not from the
 // encoders).
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdlib>
 
 #include "ee_pipe.h"
-#include "net/capture/pcap_writer.h"
+#include "net/capture_files.h"
+#include "net/golden_units.h"
 #include "net/tshark_run.h"
 
 namespace snanode::net::ee {
@@ -18,23 +16,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::vector<std::string> lines(const std::string &text) {
-  std::vector<std::string> out;
-  size_t start = 0;
-  for (size_t at; (at = text.find('\n', start)) != std::string::npos; start = at + 1) {
-    out.push_back(text.substr(start, at - start));
-  }
-  return out;
-}
-
 // Writes `sent` to a capture file (A's datagrams as sent, B's as received)
 // and returns what tshark prints of `fields`, a line per datagram.
 std::string read_back(const std::vector<testing::SentDatagram> &sent, const std::string &fields) {
-  const std::string path = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
-                           std::string("/ee_capture_") + std::to_string(::getpid()) + ".pcap";
-  std::string error;
-  auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
-  EXPECT_TRUE(writer) << error;
+  const std::string path = tshark_check::temp_pcap("ee_capture");
+  auto writer = tshark_check::open_capture(path);
   if (!writer) return {};
   for (const auto &d : sent) {
     EXPECT_TRUE(
@@ -63,8 +49,7 @@ TEST(EeCapture, ActivationNlpsTestAndDeactivationDecodeAsMeant) {
     thdr.tcid = {1, 2, 3, 4, 5, 6, 7, 8};
     thdr.bsn = 0x1000;
     // One whole BIU: FID5 TH, RH (RQE1), a mapped record "HELLO".
-    const uint8_t data[] = {0x5C, 0x00, 0x00, 0x02, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01,
-                            0x03, 0x90, 0x00, 0x00, 0x09, 0x12, 0xFF, 0xC8, 0xC5, 0xD3, 0xD3, 0xD6};
+    const Bytes data = golden::from_hex("5C 00 0002 8000000000000001 039000 0009 12FF C8C5D3D3D6");
     Bytes nlp;
     ASSERT_TRUE(encode_nlp(nhdr, thdr, data, nlp).ok());
     ASSERT_TRUE(pipe.a.send_nlp(p, nlp));
@@ -79,7 +64,7 @@ TEST(EeCapture, ActivationNlpsTestAndDeactivationDecodeAsMeant) {
                 " -e sna.xid.type3.state -e sna.xid.type3.negcsup -e sna.xid.type3.negcomp"
                 " -e sna.xid.type3.tg -e sna.control.0e.value -e sna.nlp.nhdr.tpf -e sna.nlp.frh"
                 " -e sna.nlp.thdr.bsn -e _ws.expert -e _ws.malformed");
-  const std::vector<std::string> rows = lines(fields);
+  const std::vector<std::string> rows = tshark_check::split(fields);
   // tshark prints each field at its width: LLC control as 16 bits, the
   // node ID number as 32, the exchange state as 16.
   const std::vector<std::string> expected = {
@@ -122,8 +107,7 @@ TEST(EeCapture, RefusedActivationCarriesTheNegotiationErrorVector) {
   EXPECT_EQ(read_back(pipe.sent, "-e sna.control.key -e _ws.expert -e _ws.malformed"),
             "0x0e,0x46,0x61  \n0x0e,0x46,0x61,0x22  \n");
   const Bytes &answer = pipe.sent[1].bytes;
-  EXPECT_EQ(Bytes(answer.end() - 9, answer.end()),
-            (Bytes{0x22, 0x07, 0x00, 0x00, 0x00, 0x10, 0x16, 0x00, 0x1D}));
+  EXPECT_EQ(Bytes(answer.end() - 9, answer.end()), golden::from_hex("22 07 000000 1016001D"));
 }
 
 }  // namespace

@@ -16,6 +16,27 @@ using testing::station_config;
 constexpr uint32_t kNodeA = 0x05D00001;
 constexpr uint32_t kNodeB = 0x05D00002;
 
+// Both stations' state and what their receivers heard: active flags,
+// activations and link-inactive reports.
+std::string both(const Pipe &pipe) {
+  return std::to_string(pipe.a.active()) + std::to_string(pipe.b.active()) + " " +
+         std::to_string(pipe.ra.activations) + std::to_string(pipe.rb.activations) + " " +
+         std::to_string(pipe.ra.inactive.size()) + std::to_string(pipe.rb.inactive.size());
+}
+
+LinkStationConfig node_a(const char *partner = "") {
+  return station_config(kNodeA, "NETA.CPA", partner);
+}
+LinkStationConfig node_b(const char *partner = "") {
+  return station_config(kNodeB, "NETA.CPB", partner);
+}
+
+// Starts the activation at `starter` and runs the pipe for 100 ms.
+void activate(Pipe &pipe, LinkStation &starter) {
+  starter.activate(pipe.now);
+  pipe.run_for(100ms);
+}
+
 Bytes numbered_nlp(uint32_t n) {
   Nhdr nhdr;
   Thdr thdr;
@@ -27,30 +48,22 @@ Bytes numbered_nlp(uint32_t n) {
 }
 
 TEST(EeLinkStation, ActivatesNegotiatesCarriesNlpsAndDeactivates) {
-  LinkStationConfig a = station_config(kNodeA, "NETA.CPA", "NETA.CPB");
-  LinkStationConfig b = station_config(kNodeB, "NETA.CPB", "");
+  LinkStationConfig b = node_b();
   b.local.max_btu = 1200;
   b.local.tg_number = 5;
   b.local.anr_label = {0x82, 0x07};
-  Pipe pipe(a, b);
+  Pipe pipe(node_a("NETA.CPB"), b);
   EXPECT_FALSE(pipe.a.send_nlp(Priority::kHigh, numbered_nlp(0)));
-  pipe.a.activate(pipe.now);
-  pipe.run_for(100ms);
-
-  ASSERT_TRUE(pipe.a.active());
-  ASSERT_TRUE(pipe.b.active());
-  EXPECT_EQ(pipe.ra.activations, 1);
-  EXPECT_EQ(pipe.rb.activations, 1);
+  activate(pipe, pipe.a);
+  ASSERT_EQ(both(pipe), "11 11 00");
   // B has the higher node ID: primary.  B's TG number wins over A's "any";
   // the smaller BTU bounds both directions.
-  EXPECT_FALSE(pipe.a.negotiated().primary);
-  EXPECT_TRUE(pipe.b.negotiated().primary);
-  EXPECT_EQ(pipe.a.negotiated().tg_number, 5);
-  EXPECT_EQ(pipe.b.negotiated().tg_number, 5);
-  EXPECT_EQ(pipe.a.max_nlp_size(), 1200u);
-  EXPECT_EQ(pipe.b.max_nlp_size(), 1200u);
-  EXPECT_EQ(pipe.a.partner().cp_name, "NETA.CPB");
-  EXPECT_EQ(pipe.b.partner().cp_name, "NETA.CPA");
+  for (const LinkStation *s : {&pipe.a, &pipe.b}) {
+    EXPECT_EQ(s->negotiated().primary, s == &pipe.b);
+    EXPECT_EQ(s->negotiated().tg_number, 5);
+    EXPECT_EQ(s->max_nlp_size(), 1200u);
+  }
+  EXPECT_EQ(pipe.a.partner().cp_name + " " + pipe.b.partner().cp_name, "NETA.CPB NETA.CPA");
   EXPECT_EQ(pipe.a.partner().node_id, kNodeB);
   EXPECT_EQ(pipe.a.partner().anr_label, (Bytes{0x82, 0x07}));
   EXPECT_EQ(pipe.b.partner().anr_label, (Bytes{0x80, 0x01}));
@@ -79,10 +92,7 @@ TEST(EeLinkStation, ActivatesNegotiatesCarriesNlpsAndDeactivates) {
 
   pipe.a.deactivate(pipe.now);
   pipe.run_for(100ms);
-  EXPECT_FALSE(pipe.a.active());
-  EXPECT_FALSE(pipe.b.active());
-  ASSERT_EQ(pipe.ra.inactive.size(), 1u);
-  ASSERT_EQ(pipe.rb.inactive.size(), 1u);
+  ASSERT_EQ(both(pipe), "00 11 11");
   EXPECT_EQ(pipe.ra.inactive[0], "deactivated");
   EXPECT_EQ(pipe.rb.inactive[0], "the partner disconnected the link");
   EXPECT_FALSE(pipe.b.send_nlp(Priority::kHigh, numbered_nlp(9)));
@@ -91,21 +101,17 @@ TEST(EeLinkStation, ActivatesNegotiatesCarriesNlpsAndDeactivates) {
 
 TEST(EeLinkStation, ActivationsThatCrossOrAreRefused) {
   {  // Both sides start at once: one link, one primary.
-    Pipe pipe(station_config(kNodeA, "NETA.CPA", ""), station_config(kNodeB, "NETA.CPB", ""));
+    Pipe pipe(node_a(), node_b());
     pipe.a.activate(pipe.now);
-    pipe.b.activate(pipe.now);
-    pipe.run_for(100ms);
-    ASSERT_TRUE(pipe.a.active());
-    ASSERT_TRUE(pipe.b.active());
+    activate(pipe, pipe.b);
+    ASSERT_EQ(both(pipe), "11 11 00");
     EXPECT_NE(pipe.a.negotiated().primary, pipe.b.negotiated().primary);
     EXPECT_EQ(pipe.a.negotiated().tg_number, pipe.b.negotiated().tg_number);
-    EXPECT_EQ(pipe.ra.activations + pipe.rb.activations, 2);
   }
   {  // A prenegotiation XID on an active link: a stray copy soon after the
      // activation, the partner starting again later.
-    Pipe pipe(station_config(kNodeA, "NETA.CPA", ""), station_config(kNodeB, "NETA.CPB", ""));
-    pipe.a.activate(pipe.now);
-    pipe.run_for(100ms);
+    Pipe pipe(node_a(), node_b());
+    activate(pipe, pipe.a);
     ASSERT_TRUE(pipe.a.active());
     LocalIdentity b;
     b.node_id = kNodeB;
@@ -126,17 +132,14 @@ TEST(EeLinkStation, ActivationsThatCrossOrAreRefused) {
     EXPECT_TRUE(answer && answer->kind == LdlcKind::kXid && answer->response);
   }
   {  // The partner is not the node configured: both ends give up at once.
-    Pipe pipe(station_config(kNodeA, "NETA.CPA", "NETA.CPX"),
-              station_config(kNodeB, "NETA.CPB", ""));
-    pipe.a.activate(pipe.now);
-    pipe.run_for(100ms);
-    EXPECT_FALSE(pipe.a.active());
-    EXPECT_FALSE(pipe.b.active());
+    Pipe pipe(node_a("NETA.CPX"), node_b());
+    activate(pipe, pipe.a);
+    EXPECT_FALSE(pipe.a.active() || pipe.b.active());
     ASSERT_EQ(pipe.ra.inactive.size(), 1u);
     EXPECT_NE(pipe.ra.inactive[0].find("NETA.CPB"), std::string::npos) << pipe.ra.inactive[0];
   }
   {  // No answer at all: the activation fails after the retries, not before.
-    Pipe pipe(station_config(kNodeA, "NETA.CPA", ""), station_config(kNodeB, "NETA.CPB", ""));
+    Pipe pipe(node_a(), node_b());
     pipe.cut(true);
     const TimePoint start = pipe.now;
     pipe.a.activate(pipe.now);
@@ -150,16 +153,14 @@ TEST(EeLinkStation, ActivationsThatCrossOrAreRefused) {
 }
 
 TEST(EeLinkStation, SilentPartnerIsDeclaredDownWithinTheLivenessBoundAndFoundAgain) {
-  LinkStationConfig a = station_config(kNodeA, "NETA.CPA", "");
+  LinkStationConfig a = node_a();
   a.reactivate_after = 30s;
-  Pipe pipe(a, station_config(kNodeB, "NETA.CPB", ""));
-  pipe.a.activate(pipe.now);
-  pipe.run_for(100ms);
+  Pipe pipe(a, node_b());
+  activate(pipe, pipe.a);
   ASSERT_TRUE(pipe.a.active());
   // Idle but answering: TESTs keep the link up for far longer than the bound.
   pipe.run_for(60s);
-  EXPECT_TRUE(pipe.a.active());
-  EXPECT_TRUE(pipe.b.active());
+  EXPECT_EQ(both(pipe), "11 11 00");
 
   pipe.cut(false);  // B goes silent
   const TimePoint silent_since = pipe.now;
@@ -175,11 +176,7 @@ TEST(EeLinkStation, SilentPartnerIsDeclaredDownWithinTheLivenessBoundAndFoundAga
   // heard again: A's next activation, 30 s after the failure, finds it.
   pipe.cut(false, false);
   pipe.run_for(40s);
-  EXPECT_TRUE(pipe.a.active());
-  EXPECT_TRUE(pipe.b.active());
-  EXPECT_EQ(pipe.ra.activations, 2);
-  EXPECT_EQ(pipe.rb.activations, 2);
-  ASSERT_EQ(pipe.rb.inactive.size(), 1u);
+  ASSERT_EQ(both(pipe), "11 22 11");
   EXPECT_NE(pipe.rb.inactive[0].find("stopped answering"), std::string::npos);
 }
 
@@ -196,14 +193,10 @@ TEST(EeLinkStation, ActivationTrafficAndDeactivationSurviveAnImpairedPath) {
     Impairment ab = bad, ba = bad;
     ab.seed = seed;
     ba.seed = seed + 1000;
-    Pipe pipe(station_config(kNodeA, "NETA.CPA", ""), station_config(kNodeB, "NETA.CPB", ""), ab,
-              ba);
+    Pipe pipe(node_a(), node_b(), ab, ba);
     (seed % 2 ? pipe.a : pipe.b).activate(pipe.now);
     pipe.run_for(9s);  // the activation's retries take up to 8 s
-    ASSERT_TRUE(pipe.a.active());
-    ASSERT_TRUE(pipe.b.active());
-    EXPECT_EQ(pipe.ra.activations, 1);
-    EXPECT_EQ(pipe.rb.activations, 1);
+    ASSERT_EQ(both(pipe), "11 11 00");
 
     // A minute of traffic: the link stays up, and what arrives is what was
     // sent (the link neither repairs nor invents: each arrives at most twice).
@@ -226,15 +219,11 @@ TEST(EeLinkStation, ActivationTrafficAndDeactivationSurviveAnImpairedPath) {
       arrived += count > 0;
     }
     EXPECT_GT(arrived, 480);
-    EXPECT_TRUE(pipe.a.active());
-    EXPECT_TRUE(pipe.ra.inactive.empty());
+    EXPECT_EQ(both(pipe), "11 11 00");
 
     pipe.b.deactivate(pipe.now);
     pipe.run_for(10s);
-    EXPECT_FALSE(pipe.a.active());
-    EXPECT_FALSE(pipe.b.active());
-    EXPECT_EQ(pipe.ra.inactive.size(), 1u);
-    EXPECT_EQ(pipe.rb.inactive.size(), 1u);
+    EXPECT_EQ(both(pipe), "00 11 11");
   }
 }
 
@@ -243,9 +232,8 @@ TEST(EeLinkStation, ActivationTrafficAndDeactivationSurviveAnImpairedPath) {
 // them, a station that is not reset always has a timer running (a station
 // left waiting with none would hang its link for good).
 TEST(EeLinkStation, MangledDatagramsNeverLeaveAStationWithoutATimer) {
-  Pipe good(station_config(kNodeA, "NETA.CPA", ""), station_config(kNodeB, "NETA.CPB", ""));
-  good.a.activate(good.now);
-  good.run_for(100ms);
+  Pipe good(node_a(), node_b());
+  activate(good, good.a);
   ASSERT_TRUE(good.b.active());
   std::vector<Bytes> variants;
   for (const auto &d : good.sent) {
@@ -266,7 +254,7 @@ TEST(EeLinkStation, MangledDatagramsNeverLeaveAStationWithoutATimer) {
       struct : DatagramSink {
         void send_datagram(unsigned, Bytes) override {}
       } sink;
-      LinkStation b(station_config(kNodeB, "NETA.CPB", ""), sink, receiver);
+      LinkStation b(node_b(), sink, receiver);
       for (size_t i = 0; i < steps; ++i) {
         if (good.sent[i].from_a) b.on_datagram(good.sent[i].bytes, now);
       }

@@ -6,11 +6,9 @@
 // NLPs then seed a bounded mutation loop over the incoming-NLP path.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <memory>
 
-#include "net/capture/pcap_writer.h"
+#include "net/capture_files.h"
 #include "net/hpr_pipe.h"
 #include "net/tshark_run.h"
 
@@ -20,13 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 
 std::vector<std::string> split(const std::string &text, char separator) {
-  std::vector<std::string> parts;
-  size_t start = 0;
-  for (size_t at; (at = text.find(separator, start)) != std::string::npos; start = at + 1) {
-    parts.push_back(text.substr(start, at - start));
-  }
-  parts.push_back(text.substr(start));
-  return parts;
+  return tshark_check::split(text, separator, true);
 }
 
 struct Captured {
@@ -56,11 +48,10 @@ TEST(HprCapture, TsharkShowsTheSetupDataAndStatusNlpsAsSent) {
   if (!tshark_check::have_tshark()) GTEST_SKIP() << "tshark is not installed";
   const std::vector<Captured> nlps = exchange();
   ASSERT_GE(nlps.size(), 5u);
-  const std::string path = "/tmp/hpr_capture." + std::to_string(getpid()) + ".pcap";
+  const std::string path = tshark_check::temp_pcap("hpr_capture");
   {
-    std::string error;
-    auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
-    ASSERT_TRUE(writer) << error;
+    auto writer = tshark_check::open_capture(path);
+    ASSERT_TRUE(writer);
     for (const Captured &c : nlps) {
       Bytes datagram = {kHprSap, kHprSap, kLlcUi};
       datagram.insert(datagram.end(), c.nlp.begin(), c.nlp.end());

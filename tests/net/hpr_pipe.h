@@ -170,21 +170,7 @@ struct TwoNodes {
 // A BIU of `size` bytes: a FID5 TH and RH in front (so captures decode), then
 // a pattern numbered by `n`.
 inline Bytes make_biu(uint32_t n, size_t size) {
-  Bytes biu = {0x5C,
-               0x00,
-               static_cast<uint8_t>(n >> 8),
-               static_cast<uint8_t>(n),
-               0x80,
-               0,
-               0,
-               0,
-               0,
-               0,
-               0,
-               0x01,
-               0x03,
-               0x90,
-               0x00};
+  Bytes biu = {0x5C, 0, uint8_t(n >> 8), uint8_t(n), 0x80, 0, 0, 0, 0, 0, 0, 1, 0x03, 0x90, 0};
   for (size_t i = biu.size(); i < size; ++i) biu.push_back(static_cast<uint8_t>(n * 31 + i));
   return biu;
 }

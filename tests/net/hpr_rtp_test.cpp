@@ -39,13 +39,12 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   ASSERT_TRUE(n.b.send_biu("NETA.CPA", Priority::kHigh, answer));
   ASSERT_TRUE(n.run_until([&] { return !n.seen_a.bius.empty(); }, 5s));
   EXPECT_EQ(n.seen_a.bius.at(0), answer);
-  EXPECT_EQ(n.a.connection_count(), 1u);
-  EXPECT_EQ(n.b.connection_count(), 1u);
+  EXPECT_EQ(std::pair(n.a.connection_count(), n.b.connection_count()),
+            (std::pair<size_t, size_t>(1, 1)));
   const RtpConnection *ca = n.a.connection("NETB.CPB", Priority::kHigh);
   const RtpConnection *cb = n.b.connection("NETA.CPA", Priority::kHigh);
   ASSERT_TRUE(ca && cb);
-  EXPECT_TRUE(ca->initiator());
-  EXPECT_FALSE(cb->initiator());
+  EXPECT_TRUE(ca->initiator() && !cb->initiator());
   EXPECT_EQ(ca->remote_tcid(), cb->local_tcid());
   EXPECT_EQ(cb->remote_tcid(), ca->local_tcid());
   EXPECT_EQ(ca->state(), RtpState::kConnected);
@@ -74,17 +73,13 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kMedium, make_biu(4, 100)));
   n.a.close("NETB.CPB", Priority::kMedium);
   ASSERT_TRUE(n.run_until([&] { return !n.seen_a.ended.empty() && !n.seen_b.ended.empty(); }, 1s));
-  EXPECT_EQ(n.seen_a.ended[0].first, 0u);
-  EXPECT_EQ(n.seen_b.ended[0].first, 0u);
+  EXPECT_EQ(n.seen_a.ended[0].first | n.seen_b.ended[0].first, 0u);
   EXPECT_EQ(n.seen_b.bius.back(), make_biu(4, 100));
   n.pipe.inject(1, setup_copy);
   EXPECT_EQ(n.b.connection_count(), 2u);
-  n.seen_a.ended.clear();
-  n.seen_b.ended.clear();
   // Idle for several alive periods: the probes keep it up.
   n.run_until([] { return false; }, 4 * config.alive_timer);
-  EXPECT_TRUE(n.seen_a.ended.empty());
-  EXPECT_TRUE(n.seen_b.ended.empty());
+  EXPECT_EQ(n.seen_a.ended.size() + n.seen_b.ended.size(), 2u);
 }
 
 TEST(HprRtp, LossDuplicationAndReorderingDeliverEveryByteOnceInOrder) {
@@ -122,8 +117,7 @@ TEST(HprRtp, LossDuplicationAndReorderingDeliverEveryByteOnceInOrder) {
   }
   EXPECT_GT(retransmitted, 0u);
   EXPECT_GT(duplicates, 0u);
-  EXPECT_TRUE(n.seen_a.ended.empty());
-  EXPECT_TRUE(n.seen_b.ended.empty());
+  EXPECT_TRUE(n.seen_a.ended.empty() && n.seen_b.ended.empty());
 }
 
 TEST(HprRtp, RateGrowsWhileThePartnerKeepsUpAndBacksOffAtTheBottleneck) {
@@ -179,11 +173,15 @@ TEST(HprRtp, RateGrowsWhileThePartnerKeepsUpAndBacksOffAtTheBottleneck) {
 
 TEST(HprRtp, ASilentPartnerFailsTheConnectionWithinTheBound) {
   const RtpConfig config = test_config();
+  // A connection carrying one BIU.
+  const auto connected = [&](TwoNodes &n) {
+    ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(1, 100)));
+    ASSERT_TRUE(n.run_until([&] { return !n.seen_b.bius.empty(); }, 1s));
+  };
   // Busy: data outstanding when the partner goes silent.
   {
     TwoNodes n(config);
-    ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(1, 100)));
-    ASSERT_TRUE(n.run_until([&] { return !n.seen_b.bius.empty(); }, 1s));
+    connected(n);
     n.pipe.impairment(1).silent = true;
     const RtpTime silent_at = n.clock.now();
     ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(2, 5000)));
@@ -209,8 +207,7 @@ TEST(HprRtp, ASilentPartnerFailsTheConnectionWithinTheBound) {
   // Idle, and then the partner is gone: the alive probe finds out.
   {
     TwoNodes n(config);
-    ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(1, 100)));
-    ASSERT_TRUE(n.run_until([&] { return !n.seen_b.bius.empty(); }, 1s));
+    connected(n);
     n.run_until([] { return false; }, 1s);
     n.pipe.impairment(1).silent = true;
     const RtpTime silent_at = n.clock.now();

@@ -7,15 +7,12 @@
 // of every flow is then written to a pcap and read back by tshark.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <string>
 
-#include "net/capture/pcap_writer.h"
+#include "net/capture_files.h"
 #include "net/lu62/conversation_translator.h"
 #include "net/tshark_run.h"
 #include "snanode/verbs.h"
@@ -65,24 +62,14 @@ constexpr uint8_t kAbend = static_cast<uint8_t>(engine::DeallocKind::kAbend);
 constexpr uint8_t kTrunc = static_cast<uint8_t>(engine::SendErrorKind::kTruncation);
 constexpr uint8_t kPurging = static_cast<uint8_t>(engine::SendErrorKind::kPurging);
 
-std::string describe(const std::vector<Frame> &frames) {
+// Frames as text, compared whole: type, flags, code and every payload byte.
+std::string text(const std::vector<Frame> &frames) {
   std::string out;
   for (const Frame &f : frames) {
-    out += "{type " + std::to_string(static_cast<int>(f.type)) + " flags " +
-           std::to_string(f.flags) + " code " + std::to_string(f.code) + " " +
-           to_hex(f.payload).substr(0, 40) + "} ";
+    out += "{" + std::to_string(static_cast<int>(f.type)) + " " + std::to_string(f.flags) + " " +
+           std::to_string(f.code) + " " + to_hex(f.payload) + "} ";
   }
   return out;
-}
-bool same(const std::vector<Frame> &x, const std::vector<Frame> &y) {
-  if (x.size() != y.size()) return false;
-  for (size_t i = 0; i < x.size(); ++i) {
-    if (x[i].type != y[i].type || x[i].flags != y[i].flags || x[i].code != y[i].code ||
-        x[i].payload != y[i].payload) {
-      return false;
-    }
-  }
-  return true;
 }
 
 // TP "HELLO" (EBCDIC), no security, sync level as given.
@@ -186,30 +173,18 @@ const std::string kLustat = "0400060001";
 const std::string kMinusRsp0846 = "08460000";
 
 // Short names for the table.
-Frame cd() {
-  return frame(FrameType::kChangeDirection);
-}
-Frame confirm(uint8_t kind = 0) {
-  return frame(FrameType::kConfirm, kind);
-}
-Frame confirmed() {
-  return frame(FrameType::kConfirmed);
-}
-Frame purging() {
-  return frame(FrameType::kSendError, kPurging);
-}
-Frame seen() {
-  return frame(FrameType::kErrorSeen);
-}
-Frame dealloc(uint8_t kind = 0, const std::string &log = "") {
+const auto cd = [] { return frame(FrameType::kChangeDirection); };
+const auto confirm = [](uint8_t kind = 0) { return frame(FrameType::kConfirm, kind); };
+const auto confirmed = [] { return frame(FrameType::kConfirmed); };
+const auto purging = [] { return frame(FrameType::kSendError, kPurging); };
+const auto seen = [] { return frame(FrameType::kErrorSeen); };
+const auto dealloc = [](uint8_t kind = 0, const std::string &log = "") {
   return frame(FrameType::kDeallocate, kind, log);
-}
-Frame refused(uint32_t secondary) {
-  return frame(FrameType::kAttachFailed, 0, "", secondary);
-}
-Frame basic(std::initializer_list<uint8_t> bytes, bool more = false) {
+};
+const auto refused = [](uint32_t code) { return frame(FrameType::kAttachFailed, 0, "", code); };
+const auto basic = [](std::initializer_list<uint8_t> bytes, bool more = false) {
   return data_bytes(Bytes(bytes), more);
-}
+};
 
 std::vector<Flow> flows() {
   // A basic record of 40000 bytes as the TP writes it: segments with the
@@ -352,6 +327,13 @@ std::vector<Flow> flows() {
   return table;
 }
 
+// The RH of every unit that went over the session, in order.
+std::string rhs(const Pair &pair) {
+  std::string out;
+  for (const Wire &w : pair.transcript) out += rh_hex(w.unit.rh) + " ";
+  return out;
+}
+
 // Runs a flow's steps through a fresh pair; the delivery `mutate_at`, if
 // any, is spoiled by `mutate` on its way.
 Pair run_flow(const Flow &flow, size_t mutate_at = SIZE_MAX,
@@ -364,7 +346,7 @@ Pair run_flow(const Flow &flow, size_t mutate_at = SIZE_MAX,
 }
 
 std::vector<Frame> expected(const std::vector<Frame> &row, const std::vector<Frame> &sent) {
-  if (!same(row, kAsSent)) return row;
+  if (text(row) != text(kAsSent)) return row;
   // A local link would deliver every frame but the purging handshake's answer,
   // which each side's translator makes for its own TP.
   std::vector<Frame> out;
@@ -381,9 +363,7 @@ TEST(NetConversationFlows, EachFlowSendsTheUnitsMeantAndThePartnerSeesTheSameFra
 
     std::vector<Expect> want;
     for (const Expect &e : flow.units) want.insert(want.end(), e.times, e);
-    std::string got_units;
-    for (const Wire &w : pair.transcript) got_units += " " + rh_hex(w.unit.rh);
-    ASSERT_EQ(pair.transcript.size(), want.size()) << got_units;
+    ASSERT_EQ(pair.transcript.size(), want.size()) << rhs(pair);
     for (size_t i = 0; i < want.size(); ++i) {
       const Wire &got = pair.transcript[i];
       SCOPED_TRACE("unit " + std::to_string(i));
@@ -395,14 +375,10 @@ TEST(NetConversationFlows, EachFlowSendsTheUnitsMeantAndThePartnerSeesTheSameFra
       const size_t open = want[i].ru.find("...");
       EXPECT_EQ(open == std::string::npos ? ru : ru.substr(0, open), want[i].ru.substr(0, open));
     }
-    EXPECT_TRUE(same(pair.b_sees, expected(flow.b_sees, pair.sent_by_a)))
-        << "B sees " << describe(pair.b_sees);
-    EXPECT_TRUE(same(pair.a_sees, expected(flow.a_sees, pair.sent_by_b)))
-        << "A sees " << describe(pair.a_sees);
-    ASSERT_TRUE(pair.attach.has_value());
-    EXPECT_EQ(*pair.attach, flow.attach);
-    EXPECT_EQ(pair.a.ended(), flow.ended);
-    EXPECT_EQ(pair.b.ended(), flow.ended);
+    EXPECT_EQ(text(pair.b_sees), text(expected(flow.b_sees, pair.sent_by_a)));
+    EXPECT_EQ(text(pair.a_sees), text(expected(flow.a_sees, pair.sent_by_b)));
+    EXPECT_EQ(pair.attach, flow.attach);
+    EXPECT_EQ(pair.a.ended() + 10 * pair.b.ended(), 11 * flow.ended);
   }
 }
 
@@ -414,24 +390,18 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   Pair pair(secured);
   pair.send(AB, data_bytes({0x00, 0x02}));
   ASSERT_EQ(pair.transcript.size(), 1u);
+  // Security 0b: user ID, password; no LUW; correlator 01020304; the record.
   EXPECT_EQ(to_hex(pair.transcript[0].unit.ru),
-            "210502ff0003d0000005c8c5d3d3d6"
-            "0b"
-            "0602e4e2c5d9f1"
-            "0301d7e6"
-            "00"
-            "0401020304"
+            "210502ff0003d0000005c8c5d3d3d60b0602e4e2c5d9f10301d7e6000401020304"
             "0002");
-  ASSERT_TRUE(pair.attach.has_value());
-  EXPECT_EQ(*pair.attach, secured);
+  EXPECT_EQ(pair.attach, secured);
 
   Attach verified = hello(true);
   verified.user_id = Bytes{0xE4, 0xE2, 0xC5, 0xD9, 0xF1};
   verified.already_verified = true;
   Pair second(verified);
   second.send(AB, frame(FrameType::kChangeDirection));
-  ASSERT_TRUE(second.attach.has_value());
-  EXPECT_TRUE(second.attach->already_verified);
+  EXPECT_EQ(second.attach, verified);
   EXPECT_EQ(to_hex(second.transcript[0].unit.ru).substr(8, 2), "80");
 
   // A partner that ends the bracket with RQD1 gets its response at once; the
@@ -444,7 +414,7 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   Output ended = rqd1.b.on_unit(end, Bytes{0x00, 0x05, 0x12, 0xFF, 'y'});
   ASSERT_EQ(ended.units.size(), 1u);
   EXPECT_EQ(rh_hex(ended.units[0].rh), "838000");
-  EXPECT_TRUE(same(ended.frames, {data("y", true), dealloc()})) << describe(ended.frames);
+  EXPECT_EQ(text(ended.frames), text({data("y", true), dealloc()}));
   EXPECT_TRUE(rqd1.b.ended());
 
   // A path failure may heal on a new session; a protocol error would recur.
@@ -464,11 +434,9 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   lost.send(AB, data("y", true));
   lost.take(AB, lost.a.on_link_lost());
   lost.pump();
-  ASSERT_EQ(lost.transcript.size(), 3u);
-  EXPECT_EQ(rh_hex(lost.transcript[1].unit.rh), "039000");
-  EXPECT_EQ(rh_hex(lost.transcript[2].unit.rh), "0b9001");
+  ASSERT_EQ(rhs(lost), "0b9080 039000 0b9001 ");
   EXPECT_EQ(to_hex(lost.transcript[2].unit.ru), "07070864000100");
-  EXPECT_TRUE(same(lost.b_sees, {data("x"), data("y")})) << describe(lost.b_sees);
+  EXPECT_EQ(text(lost.b_sees), text({data("x"), data("y")}));
   EXPECT_EQ(lost.b_failure, AP_CONV_FAILURE_NO_RETRY);
   EXPECT_TRUE(lost.a.ended() && lost.b.ended());
   // A TP that deallocates while its partner's purging error is on the way
@@ -480,14 +448,10 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   gone.deliver_one();  // the −RSP reaches A, A's CD is on the wire
   gone.send(AB, frame(FrameType::kDeallocate), false);
   gone.pump();
-  std::string units;
-  for (const Wire &w : gone.transcript) units += rh_hex(w.unit.rh) + " ";
-  EXPECT_EQ(units, "0b9080 879000 4b9020 0b9000 879000 4b9020 0b9001 ");
+  EXPECT_EQ(rhs(gone), "0b9080 879000 4b9020 0b9000 879000 4b9020 0b9001 ");
   EXPECT_EQ(to_hex(gone.transcript.back().unit.ru), "07070864000000");
-  EXPECT_TRUE(same(gone.b_sees, {data("d1"), frame(FrameType::kErrorSeen),
-                                 frame(FrameType::kDeallocate, kAbend)}))
-      << describe(gone.b_sees);
-  EXPECT_TRUE(gone.a_sees.empty()) << describe(gone.a_sees);
+  EXPECT_EQ(text(gone.b_sees), text({data("d1"), seen(), dealloc(kAbend)}));
+  EXPECT_EQ(text(gone.a_sees), "");
   EXPECT_TRUE(gone.a.ended() && gone.b.ended());
   // The same when the partner's FMH-7 reached A's translator first: A's TP
   // had not read it yet when it deallocated.
@@ -495,9 +459,7 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
   late.send(AB, data("d1"));
   late.send(BA, frame(FrameType::kSendError, kPurging));
   late.send(AB, frame(FrameType::kDeallocate));
-  units.clear();
-  for (const Wire &w : late.transcript) units += rh_hex(w.unit.rh) + " ";
-  EXPECT_EQ(units, "0b9080 879000 4b9020 0b9000 879000 4b9020 0b9001 ");
+  EXPECT_EQ(rhs(late), "0b9080 879000 4b9020 0b9000 879000 4b9020 0b9001 ");
   EXPECT_TRUE(late.a.ended() && late.b.ended());
 
   Pair unsent(hello(true));
@@ -560,12 +522,10 @@ TEST(NetConversationFlows, TsharkReadsEveryUnitWithTheIndicatorsMeant) {
     const Pair pair = run_flow(flow);
     all_units.insert(all_units.end(), pair.transcript.begin(), pair.transcript.end());
   }
-  const std::string path = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
-                           "/net_conversation_flows." + std::to_string(getpid()) + ".pcap";
+  const std::string path = tshark_check::temp_pcap("net_conversation_flows");
   {
-    std::string error;
-    auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
-    ASSERT_TRUE(writer) << error;
+    auto writer = tshark_check::open_capture(path);
+    ASSERT_TRUE(writer);
     BiuFraming framing;
     framing.sent_tcid = {1, 2, 3, 4, 5, 6, 7, 8};
     framing.received_tcid = {8, 7, 6, 5, 4, 3, 2, 1};
@@ -573,40 +533,26 @@ TEST(NetConversationFlows, TsharkReadsEveryUnitWithTheIndicatorsMeant) {
     for (const Wire &w : all_units) {
       const int dir = w.dir == AB ? 0 : 1;
       const uint16_t seq = ++snf[dir][w.unit.expedited ? 1 : 0];
-      Bytes biu = {static_cast<uint8_t>(0x5C | (w.unit.expedited ? 1 : 0)),
-                   0,
-                   static_cast<uint8_t>(seq >> 8),
-                   static_cast<uint8_t>(seq),
-                   0x80,
-                   0,
-                   0,
-                   0,
-                   0,
-                   0,
-                   0,
-                   0x01};
-      ByteWriter rh(biu);
-      encode_rh(w.unit.rh, rh);
-      biu.insert(biu.end(), w.unit.ru.begin(), w.unit.ru.end());
+      Bytes rh;
+      ByteWriter rh_out(rh);
+      encode_rh(w.unit.rh, rh_out);
       ASSERT_TRUE(writer->write_biu(
-          w.dir == AB ? CaptureDirection::kSent : CaptureDirection::kReceived, biu, framing));
+          w.dir == AB ? CaptureDirection::kSent : CaptureDirection::kReceived,
+          tshark_check::whole_biu(w.unit.expedited, seq, rh, w.unit.ru), framing));
     }
   }
   const std::string out = run("tshark -r " + path +
                               " -T fields -E separator='|' -e sna.rh.0 -e sna.rh.1 -e sna.rh.2"
                               " -e _ws.expert -e _ws.malformed 2>/dev/null");
   std::remove(path.c_str());
-  size_t at = 0;
-  for (const Wire &w : all_units) {
-    const size_t end = out.find('\n', at);
-    ASSERT_NE(end, std::string::npos) << "tshark printed fewer packets than written";
-    const std::string line = out.substr(at, end - at);
-    at = end + 1;
-    const std::string rh = rh_hex(w.unit.rh);
-    EXPECT_EQ(line,
+  const std::vector<std::string> lines = tshark_check::split(out, '\n', true);
+  ASSERT_EQ(lines.size(), all_units.size() + 1) << "tshark printed another number of packets";
+  EXPECT_EQ(lines.back(), "");
+  for (size_t i = 0; i < all_units.size(); ++i) {
+    const std::string rh = rh_hex(all_units[i].unit.rh);
+    EXPECT_EQ(lines[i],
               "0x" + rh.substr(0, 2) + "|0x" + rh.substr(2, 2) + "|0x" + rh.substr(4, 2) + "||");
   }
-  EXPECT_EQ(at, out.size());
 }
 
 }  // namespace

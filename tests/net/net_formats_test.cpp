@@ -32,28 +32,54 @@ std::string name_of(const Bytes &bytes) {
   return name_from_ebcdic(bytes).value_or("<not a name>");
 }
 
+using golden::from_hex;
+
+// The decoded value, after checking that it encodes back to `golden`.
+template <class T, class Encode>
+T reencodes(const Result<T> &decoded, Encode encode, const Bytes &golden) {
+  EXPECT_TRUE(decoded) << std::hex << decoded.sense();
+  if (!decoded) return T{};
+  Bytes out;
+  (void)encode(decoded.value(), out);
+  EXPECT_EQ(out, golden);
+  return decoded.value();
+}
+
+template <class T>
+Result<T> from_reader(Result<T> (*decode)(ByteReader &), ByteSpan bytes) {
+  ByteReader in(bytes);
+  return decode(in);
+}
+
+Bytes patched(ByteSpan base, size_t at, uint8_t value) {
+  Bytes b(base.begin(), base.end());
+  b[at] = value;
+  return b;
+}
+
+Bytes rh_bytes(const Rh &rh) {
+  Bytes out;
+  ByteWriter w(out);
+  encode_rh(rh, w);
+  return out;
+}
+
 TEST(NetFormats, GoldenBindDecodesToItsFieldsAndReencodes) {
   Result<Bind> bind = decode_bind(golden::kBind);
   ASSERT_TRUE(bind) << std::hex << bind.sense();
-  EXPECT_FALSE(bind->nonnegotiable);
-  EXPECT_TRUE(bind->primary.multiple_ru_chains);
-  EXPECT_EQ(bind->primary.chain_response_protocol, 3);
-  EXPECT_TRUE(bind->fm_headers);
-  EXPECT_TRUE(bind->bracket_termination_rule1);
-  EXPECT_EQ(bind->send_receive_mode, 2);
-  EXPECT_TRUE(bind->primary_sends_first);
-  EXPECT_EQ(bind->pacing.secondary_send_window, 7);
-  EXPECT_TRUE(bind->pacing.adaptive);
-  EXPECT_TRUE(bind->pacing.primary_staging);
-  EXPECT_EQ(bind->max_ru_secondary_sends, 256u);
-  EXPECT_EQ(bind->max_ru_primary_sends, 256u);
-  EXPECT_TRUE(bind->access_security_accepted);
-  EXPECT_TRUE(bind->already_verified_accepted);
-  EXPECT_FALSE(bind->lu_lu_verification);
-  EXPECT_EQ(bind->sync_level, BindSyncLevel::kConfirm);
-  EXPECT_EQ(name_of(bind->plu_name), "NETA.LUA");
-  EXPECT_EQ(name_of(bind->mode_name), "#INTER");
-  EXPECT_EQ(name_of(bind->slu_name), "NETB.LUB");
+  // Negotiable; multiple-RU chains, both responses; FM headers, rule 1; HDX-FF,
+  // primary first; window 7, adaptive, staged; RU sizes; security accepted.
+  const Bind &b = bind.value();
+  EXPECT_EQ((std::vector<unsigned>{
+                b.nonnegotiable, b.primary.multiple_ru_chains, b.primary.chain_response_protocol,
+                b.fm_headers, b.bracket_termination_rule1, b.send_receive_mode,
+                b.primary_sends_first, b.pacing.secondary_send_window, b.pacing.adaptive,
+                b.pacing.primary_staging, b.max_ru_secondary_sends, b.max_ru_primary_sends,
+                b.access_security_accepted, b.already_verified_accepted, b.lu_lu_verification}),
+            (std::vector<unsigned>{0, 1, 3, 1, 1, 2, 1, 7, 1, 1, 256, 256, 1, 1, 0}));
+  EXPECT_EQ(b.sync_level, BindSyncLevel::kConfirm);
+  EXPECT_EQ(name_of(b.plu_name) + " " + name_of(b.mode_name) + " " + name_of(b.slu_name),
+            "NETA.LUA #INTER NETB.LUB");
 
   Bind built;
   built.plu_name = ebcdic("NETA.LUA");
@@ -88,7 +114,7 @@ TEST(NetFormats, RuSizesRoundDownToTheirEncodedForm) {
                {7, 0x80, 8},
                {9, 0x90, 9},
                {15u << 15, 0xFF, 15u << 15},
-               {1u << 30, 0xFF, 15u << 15}};
+               {1u << 30, 0xFF, 15u << 15}};  // clang-format keeps
   for (const auto &c : cases) {
     EXPECT_EQ(encode_ru_size(c.bytes), c.code) << c.bytes;
     EXPECT_EQ(decode_ru_size(c.code), c.decoded) << c.bytes;
@@ -120,53 +146,46 @@ TEST(NetFormats, GoldenAttachesDecodeAndReencode) {
   EXPECT_EQ(out, Bytes(golden::kAttachWithData.begin(), golden::kAttachWithData.begin() + 35));
 
   ByteReader secure_in(golden::kAttachWithPassword);
-  Result<Attach> secure = decode_attach(secure_in);
-  ASSERT_TRUE(secure) << std::hex << secure.sense();
-  EXPECT_EQ(secure->resource, ConversationResource::kBasicHalfDuplex);
-  EXPECT_EQ(secure->sync_level, AttachSyncLevel::kConfirm);
-  EXPECT_EQ(name_of(secure->user_id.value()), "USER1");
-  EXPECT_EQ(name_of(secure->password.value()), "SECRET");
-  EXPECT_FALSE(secure->luw);
+  const Attach secure =
+      reencodes(decode_attach(secure_in), encode_attach, golden::kAttachWithPassword);
   EXPECT_TRUE(secure_in.at_end());
-  out.clear();
-  ASSERT_TRUE(encode_attach(secure.value(), out));
-  EXPECT_EQ(out, golden::kAttachWithPassword);
+  EXPECT_EQ(secure.resource, ConversationResource::kBasicHalfDuplex);
+  EXPECT_EQ(secure.sync_level, AttachSyncLevel::kConfirm);
+  EXPECT_EQ(
+      name_of(secure.user_id.value_or(Bytes{})) + "/" + name_of(secure.password.value_or(Bytes{})),
+      "USER1/SECRET");
+  EXPECT_FALSE(secure.luw);
 
   // PIP after an Attach: a X'12F5' variable of X'12E2' subfields.
   Bytes pip;
   append_pip({ebcdic("ONE"), {}, ebcdic("THREE")}, pip);
   EXPECT_EQ(pip, golden::kPip);
-  ByteReader pip_in(pip);
-  Result<std::vector<Bytes>> parameters = read_pip(pip_in);
-  ASSERT_TRUE(parameters);
-  EXPECT_EQ(parameters.value(), (std::vector<Bytes>{ebcdic("ONE"), {}, ebcdic("THREE")}));
-  pip[14] = 0xE3;  // second subfield of another ID
-  ByteReader bad_pip(pip);
-  EXPECT_EQ(read_pip(bad_pip).sense(), sense::kPipNotSpecifiedCorrectly);
+  EXPECT_EQ(from_reader(read_pip, pip).value(),
+            (std::vector<Bytes>{ebcdic("ONE"), {}, ebcdic("THREE")}));
+  // The second subfield of another ID.
+  EXPECT_EQ(from_reader(read_pip, patched(pip, 14, 0xE3)).sense(),
+            sense::kPipNotSpecifiedCorrectly);
 
   // Blanking touches the password bytes only.
-  Bytes blanked = golden::kAttachWithPassword;
+  Bytes blanked = golden::kAttachWithPassword, expected = blanked;
+  std::fill(expected.begin() + 25, expected.begin() + 31, 0x40);
   EXPECT_EQ(blank_attach_password(blanked, 0x40), Blanking::kBlanked);
-  for (size_t i = 0; i < blanked.size(); ++i) {
-    const bool in_password = i >= 25 && i < 31;
-    EXPECT_EQ(blanked[i], in_password ? 0x40 : golden::kAttachWithPassword[i]) << i;
-  }
+  EXPECT_EQ(blanked, expected);
   // Cut inside the security field, the rest is blanked.
   Bytes cut(golden::kAttachWithPassword.begin(), golden::kAttachWithPassword.begin() + 27);
   EXPECT_EQ(blank_attach_password(cut, 0x40), Blanking::kBlankedRemainder);
-  EXPECT_EQ(cut[26], 0x40);
-  EXPECT_EQ(cut[25], 0x40);
+  EXPECT_EQ(cut[25] << 8 | cut[26], 0x4040);
 }
 
 TEST(NetFormats, GoldenErrorDescriptionsAndControlRusDecodeAndReencode) {
-  ByteReader abend_in(golden::kFmh7Abend);
-  Result<ErrorDescription> abend = decode_error_description(abend_in);
-  ASSERT_TRUE(abend);
-  EXPECT_EQ(abend->sense, sense::kDeallocateAbendProgram);
-  EXPECT_FALSE(abend->log_data_follows);
-  Bytes out;
-  encode_error_description(abend.value(), out);
-  EXPECT_EQ(out, golden::kFmh7Abend);
+  const auto put = [](auto encode) {
+    return [encode](const auto &v, Bytes &o) { return encode(v, o), true; };
+  };
+  const ErrorDescription abend =
+      reencodes(from_reader(decode_error_description, golden::kFmh7Abend),
+                put(encode_error_description), golden::kFmh7Abend);
+  EXPECT_EQ(abend.sense, sense::kDeallocateAbendProgram);
+  EXPECT_FALSE(abend.log_data_follows);
 
   ByteReader log_in(golden::kFmh7WithLog);
   Result<ErrorDescription> with_log = decode_error_description(log_in);
@@ -176,56 +195,34 @@ TEST(NetFormats, GoldenErrorDescriptionsAndControlRusDecodeAndReencode) {
   Result<Bytes> log = read_error_log(log_in);
   ASSERT_TRUE(log);
   EXPECT_EQ(name_of(log.value()), "HELLO");
-  out.clear();
+  Bytes out;
   encode_error_description(with_log.value(), out);
   append_error_log(log.value(), out);
   EXPECT_EQ(out, golden::kFmh7WithLog);
 
-  Result<Unbind> unbind = decode_unbind(golden::kUnbindNormal);
-  ASSERT_TRUE(unbind);
-  EXPECT_EQ(unbind->type, decision::kUnbindNormal);
-  EXPECT_EQ(unbind->sense, 0u);
-  out.clear();
-  encode_unbind(unbind.value(), out);
-  EXPECT_EQ(out, golden::kUnbindNormal);
-  const Bytes with_sense = {0x32, 0xFE, 0x08, 0x35, 0x00, 0x0A, 0x35, 0x01, 0x00};
-  EXPECT_EQ(decode_unbind(with_sense).value(),
+  const Unbind unbind =
+      reencodes(decode_unbind(golden::kUnbindNormal), put(encode_unbind), golden::kUnbindNormal);
+  EXPECT_EQ(unbind.type, decision::kUnbindNormal);
+  EXPECT_EQ(unbind.sense, 0u);
+  EXPECT_EQ(decode_unbind(from_hex("32 FE 0835000A 350100")).value(),
             (Unbind{0xFE, sense::bind_parameter_at(10), {0x35, 0x01, 0x00}}));
+  reencodes(decode_signal(golden::kSignalRequestToSend), put(encode_signal),
+            golden::kSignalRequestToSend);
+  EXPECT_EQ(
+      reencodes(decode_lustat(golden::kLustatNull), put(encode_lustat), golden::kLustatNull).status,
+      decision::kLustatNullStatus);
+  EXPECT_EQ(decode_ipm(golden::kIpmSolicited).value(), (Ipm{IpmType::kSolicited, false, 7}));
+  reencodes(Result<Ipm>(Ipm{IpmType::kResetAcknowledgement, true, 0x1234}), put(encode_ipm),
+            from_hex("A0 1234"));
+  const Bytes negative = from_hex("08210002 31");
+  EXPECT_EQ(reencodes(decode_negative_response(negative), put(encode_negative_response), negative),
+            (NegativeResponse{sense::kBindModeNameUnknown, kRequestBind}));
 
-  Result<Signal> signal = decode_signal(golden::kSignalRequestToSend);
-  ASSERT_TRUE(signal);
-  out.clear();
-  encode_signal(signal.value(), out);
-  EXPECT_EQ(out, golden::kSignalRequestToSend);
-
-  Result<Lustat> lustat = decode_lustat(golden::kLustatNull);
-  ASSERT_TRUE(lustat);
-  EXPECT_EQ(lustat->status, decision::kLustatNullStatus);
-  out.clear();
-  encode_lustat(lustat.value(), out);
-  EXPECT_EQ(out, golden::kLustatNull);
-
-  Result<Ipm> ipm = decode_ipm(golden::kIpmSolicited);
-  ASSERT_TRUE(ipm);
-  EXPECT_EQ(ipm.value(), (Ipm{IpmType::kSolicited, false, 7}));
-  out.clear();
-  encode_ipm(Ipm{IpmType::kResetAcknowledgement, true, 0x1234}, out);
-  EXPECT_EQ(out, (Bytes{0xA0, 0x12, 0x34}));
-
-  out.clear();
-  encode_negative_response({sense::kBindModeNameUnknown, kRequestBind}, out);
-  EXPECT_EQ(out, (Bytes{0x08, 0x21, 0x00, 0x02, 0x31}));
-  EXPECT_EQ(decode_negative_response(out).value().request_code, kRequestBind);
-
-  Result<Cnos> cnos = decode_cnos(golden::kCnos);
-  ASSERT_TRUE(cnos) << std::hex << cnos.sense();
-  EXPECT_EQ(cnos->action, decision::kCnosActionSet);
-  EXPECT_EQ(cnos->max_sessions, 8);
-  EXPECT_EQ(cnos->source_min_winners, 4);
-  EXPECT_EQ(name_of(cnos->mode_name), "#INTER");
-  out.clear();
-  ASSERT_TRUE(encode_cnos(cnos.value(), out));
-  EXPECT_EQ(out, golden::kCnos);
+  const Cnos cnos = reencodes(decode_cnos(golden::kCnos), encode_cnos, golden::kCnos);
+  EXPECT_EQ(cnos.action, decision::kCnosActionSet);
+  EXPECT_EQ(cnos.max_sessions, 8);
+  EXPECT_EQ(cnos.source_min_winners, 4);
+  EXPECT_EQ(name_of(cnos.mode_name), "#INTER");
 }
 
 TEST(NetFormats, GoldenDatagramDecodesLayerByLayerAndReencodes) {
@@ -237,10 +234,9 @@ TEST(NetFormats, GoldenDatagramDecodesLayerByLayerAndReencodes) {
   ASSERT_TRUE(nlp) << std::hex << nlp.sense();
   EXPECT_EQ(nlp->nhdr.mode, SwitchingMode::kAnr);
   EXPECT_EQ(nlp->nhdr.priority, Priority::kHigh);
-  EXPECT_EQ(nlp->nhdr.labels, (Bytes{0x80, 0x01}));
+  EXPECT_EQ(nlp->nhdr.labels, from_hex("8001"));
   EXPECT_EQ(nlp->thdr.tcid, (Tcid{1, 2, 3, 4, 5, 6, 7, 8}));
-  EXPECT_TRUE(nlp->thdr.start_of_message);
-  EXPECT_TRUE(nlp->thdr.end_of_message);
+  EXPECT_TRUE(nlp->thdr.start_of_message && nlp->thdr.end_of_message);
   EXPECT_EQ(nlp->thdr.bsn, 0x1000u);
   EXPECT_EQ(nlp->data.size(), 24u);
   Result<BiuView> biu = decode_biu(nlp->data);
@@ -265,16 +261,14 @@ TEST(NetFormats, GoldenDatagramDecodesLayerByLayerAndReencodes) {
 TEST(NetFormats, GoldenXid3DecodesAndReencodes) {
   Result<Xid3> xid = decode_xid3(golden::kXid3);
   ASSERT_TRUE(xid) << std::hex << xid.sense();
-  EXPECT_EQ(xid->node_type, 2);
-  EXPECT_EQ(xid->id_block, 0x05D);
-  EXPECT_EQ(xid->id_number, 0x12345u);
-  EXPECT_TRUE(xid->standalone_bind && xid->whole_bind_generated && xid->whole_bind_required);
-  EXPECT_TRUE(xid->cp_services && xid->cp_cp_sessions);
-  EXPECT_FALSE(xid->network_node);
-  EXPECT_EQ(xid->state, XidExchangeState::kPrenegotiation);
-  EXPECT_TRUE(xid->negotiation_complete_supported);
-  EXPECT_EQ(xid->link_station_role, decision::kXidRoleNegotiable);
-  EXPECT_EQ(xid->max_btu, 1461);
+  const Xid3 &x = xid.value();
+  EXPECT_EQ((std::vector<unsigned>{x.node_type, x.id_block, x.id_number, x.standalone_bind,
+                                   x.whole_bind_generated, x.whole_bind_required, x.cp_services,
+                                   x.cp_cp_sessions, x.network_node,
+                                   x.negotiation_complete_supported, x.max_btu}),
+            (std::vector<unsigned>{2, 0x05D, 0x12345, 1, 1, 1, 1, 1, 0, 1, 1461}));
+  EXPECT_EQ(x.state, XidExchangeState::kPrenegotiation);
+  EXPECT_EQ(x.link_station_role, decision::kXidRoleNegotiable);
   ASSERT_EQ(xid->control_vectors.size(), 1u);
   EXPECT_EQ(xid->control_vectors[0], network_name_cv(kNetworkNameCp, ebcdic("NETA.CPA")));
 
@@ -287,16 +281,13 @@ TEST(NetFormats, GoldenXid3DecodesAndReencodes) {
   ASSERT_TRUE(encode_xid3(built, out));
   EXPECT_EQ(out, golden::kXid3);
 
-  Bytes bad = golden::kXid3;
-  bad[18] = 0x0A;  // DLC section of another size
-  EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat | 18);
-  bad = golden::kXid3;
-  bad[30] = 0x0A;  // network name CV past the end
-  EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat | 29);
-  bad = golden::kXid3;
-  bad[1] = 0x29;  // length past the I-field
+  // A DLC section of another size, the network name CV past the end, the
+  // length past the I-field, and format 1.
+  EXPECT_EQ(decode_xid3(patched(golden::kXid3, 18, 0x0A)).sense(), decision::kSenseXidFormat | 18);
+  EXPECT_EQ(decode_xid3(patched(golden::kXid3, 30, 0x0A)).sense(), decision::kSenseXidFormat | 29);
+  Bytes bad = patched(golden::kXid3, 1, 0x29);
   EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat | 1);
-  bad[0] = 0x12;  // format 1
+  bad[0] = 0x12;
   EXPECT_EQ(decode_xid3(bad).sense(), decision::kSenseXidFormat);
 }
 
@@ -344,78 +335,49 @@ TEST(NetFormats, RhIndicatorsSitAtTheirMasks) {
     rh.bci = rh.eci = false;
     rh.response = bit.response;
     rh.*bit.field = true;
-    Bytes out;
-    ByteWriter w(out);
-    encode_rh(rh, w);
-    Bytes expected = {0, 0, 0};
-    if (bit.response) expected[0] |= 0x80;
+    Bytes expected = {static_cast<uint8_t>(bit.response ? 0x80 : 0), 0, 0};
     expected[bit.byte] |= bit.mask;
+    const Bytes out = rh_bytes(rh);
     EXPECT_EQ(out, expected) << bit.byte << "/" << int(bit.mask);
-    ByteReader in(out);
-    EXPECT_EQ(decode_rh(in).value(), rh);
+    EXPECT_EQ(from_reader(decode_rh, out).value(), rh);
   }
   for (RuCategory category :
        {RuCategory::kFmd, RuCategory::kNc, RuCategory::kDfc, RuCategory::kSc}) {
-    Rh rh;
-    rh.category = category;
-    Bytes out;
-    ByteWriter w(out);
-    encode_rh(rh, w);
-    EXPECT_EQ(out[0] & 0x60, static_cast<int>(category) << 5);
+    EXPECT_EQ(rh_bytes(Rh{.category = category})[0] & 0x60, static_cast<int>(category) << 5);
   }
   // The responses LU 6.2 sends: +RSP(BIND), −RSP(BIND), +RSP to a definite
   // request, −RSP to an FMD chain.
-  Rh bind_rq;
-  bind_rq.category = RuCategory::kSc;
-  bind_rq.fi = true;
+  Rh bind_rq{.category = RuCategory::kSc, .fi = true}, confirm, data;
   bind_rq.set_form(ResponseForm::kRqd1);
-  Rh confirm;
   confirm.set_form(ResponseForm::kRqd3);
-  Rh data;
   data.set_form(ResponseForm::kRqe1);
-  const struct {
-    Rh rh;
-    Bytes expected;
-  } responses[] = {{response_rh(bind_rq, false), {0xEB, 0x80, 0x00}},
-                   {response_rh(bind_rq, true), {0xEF, 0x90, 0x00}},
-                   {response_rh(confirm, false), {0x83, 0xA0, 0x00}},
-                   {response_rh(data, true), {0x87, 0x90, 0x00}}};
-  for (const auto &r : responses) {
-    Bytes out;
-    ByteWriter w(out);
-    encode_rh(r.rh, w);
-    EXPECT_EQ(out, r.expected);
-  }
+  EXPECT_EQ(rh_bytes(response_rh(bind_rq, false)), from_hex("EB8000"));
+  EXPECT_EQ(rh_bytes(response_rh(bind_rq, true)), from_hex("EF9000"));
+  EXPECT_EQ(rh_bytes(response_rh(confirm, false)), from_hex("83A000"));
+  EXPECT_EQ(rh_bytes(response_rh(data, true)), from_hex("879000"));
 }
 
 TEST(NetFormats, RequestIndicatorRulesRefuseWithTheirSense) {
-  auto request = [](const std::function<void(Rh &)> &set) {
+  const struct {
+    void (*set)(Rh &);
+    uint32_t sense;
+  } cases[] = {
+      {[](Rh &rh) { rh.bbi = rh.cdi = true; }, 0u},
+      {[](Rh &rh) { rh.bci = false, rh.bbi = true; }, sense::kBeginBracketNotAllowed},
+      {[](Rh &rh) { rh.eci = false, rh.cdi = true; }, sense::kLastInChainIndicatorsInvalid},
+      {[](Rh &rh) { rh.cdi = rh.cebi = true; }, sense::kLastInChainIndicatorsInvalid},
+      {[](Rh &rh) { rh.set_form(ResponseForm::kRqd1), rh.cdi = true; },
+       sense::kResponseRequestIndicatorsInvalid},
+      {[](Rh &rh) { rh.dr1 = false; }, sense::kResponseRequestIndicatorsInvalid},
+      {[](Rh &rh) { rh.csi = true; }, sense::kAlternateCodeNotSupported},
+      {[](Rh &rh) { rh.edi = true; }, sense::kEncipheredDataIndicatorInvalid},
+      {[](Rh &rh) { rh.pdi = true; }, sense::kPaddedDataIndicatorInvalid}};
+  for (const auto &c : cases) {
     Rh rh;
     rh.set_form(ResponseForm::kRqe1);
-    set(rh);
-    return check_request_indicators(rh);
-  };
-  EXPECT_EQ(request([](Rh &rh) { rh.bbi = rh.cdi = true; }), 0u);
-  EXPECT_EQ(request([](Rh &rh) {
-              rh.bci = false;
-              rh.bbi = true;
-            }),
-            sense::kBeginBracketNotAllowed);
-  EXPECT_EQ(request([](Rh &rh) {
-              rh.eci = false;
-              rh.cdi = true;
-            }),
-            sense::kLastInChainIndicatorsInvalid);
-  EXPECT_EQ(request([](Rh &rh) { rh.cdi = rh.cebi = true; }), sense::kLastInChainIndicatorsInvalid);
-  EXPECT_EQ(request([](Rh &rh) {
-              rh.set_form(ResponseForm::kRqd1);
-              rh.cdi = true;
-            }),
-            sense::kResponseRequestIndicatorsInvalid);
-  EXPECT_EQ(request([](Rh &rh) { rh.dr1 = false; }), sense::kResponseRequestIndicatorsInvalid);
-  EXPECT_EQ(request([](Rh &rh) { rh.csi = true; }), sense::kAlternateCodeNotSupported);
-  EXPECT_EQ(request([](Rh &rh) { rh.edi = true; }), sense::kEncipheredDataIndicatorInvalid);
-  EXPECT_EQ(request([](Rh &rh) { rh.pdi = true; }), sense::kPaddedDataIndicatorInvalid);
+    c.set(rh);
+    EXPECT_EQ(check_request_indicators(rh), c.sense) << std::hex << c.sense;
+  }
 }
 
 TEST(NetFormats, RecordsReassembleAcrossRusAndSegments) {
@@ -474,22 +436,16 @@ TEST(NetFormats, RecordsReassembleAcrossRusAndSegments) {
 // Each malformed unit with the sense code the receiver answers it with.
 TEST(NetFormats, MalformedUnitsAreRefusedWithTheirSense) {
   auto bind_with = [](size_t at, uint8_t value) {
-    Bytes b = golden::kBind;
-    b[at] = value;
-    return decode_bind(b).sense();
+    return decode_bind(patched(golden::kBind, at, value)).sense();
   };
   auto bind_cut = [](size_t size) {
     return decode_bind(ByteSpan(golden::kBind).first(size)).sense();
   };
   auto attach_with = [](size_t at, uint8_t value, const Bytes &base = golden::kAttachWithData) {
-    Bytes b = base;
-    b[at] = value;
-    ByteReader in(b);
-    return decode_attach(in).sense();
+    return from_reader(decode_attach, patched(base, at, value)).sense();
   };
   auto attach_cut = [](size_t size) {
-    ByteReader in(ByteSpan(golden::kAttachWithData).first(size));
-    return decode_attach(in).sense();
+    return from_reader(decode_attach, ByteSpan(golden::kAttachWithData).first(size)).sense();
   };
   const struct {
     const char *what;
@@ -527,46 +483,25 @@ TEST(NetFormats, MalformedUnitsAreRefusedWithTheirSense) {
       {"Attach subfield past security", attach_with(16, 0x09, golden::kAttachWithPassword),
        sense::kAccessSecurityLengthWrong},
       {"FMH-7 length",
-       [] {
-         Bytes b = golden::kFmh7Abend;
-         b[0] = 8;
-         ByteReader in(b);
-         return decode_error_description(in).sense();
-       }(),
+       from_reader(decode_error_description, patched(golden::kFmh7Abend, 0, 8)).sense(),
        sense::kFmhLengthWrong},
-      {"SIG code", decode_signal(Bytes{0xC9, 0x00, 0x02, 0x00, 0x01}).sense(),
-       sense::kParameterError},
+      {"SIG code", decode_signal(from_hex("C9 0002 0001")).sense(), sense::kParameterError},
       {"SIG short", decode_signal(Bytes{0xC9, 0x00, 0x01}).sense(), decision::kSenseRuLength},
       {"LUSTAT short", decode_lustat(Bytes{0x04, 0x00}).sense(), decision::kSenseRuLength},
       {"UNBIND cut sense", decode_unbind(Bytes{0x32, 0x01, 0x00}).sense(),
        decision::kSenseRuLength},
       {"IPM type", decode_ipm(Bytes{0xC0, 0x00, 0x01}).sense(), sense::kParameterError},
       {"-RSP short", decode_negative_response(Bytes{0x08, 0x46}).sense(), decision::kSenseRuLength},
-      {"CNOS mode name",
-       [] {
-         Bytes b = golden::kCnos;
-         b[16] = 0x07;
-         return decode_cnos(b).sense();
-       }(),
+      {"CNOS mode name", decode_cnos(patched(golden::kCnos, 16, 0x07)).sense(),
        decision::kSenseRuLength},
-      {"CNOS session count",
-       [] {
-         Bytes b = golden::kCnos;
-         b[9] = 0x80;
-         return decode_cnos(b).sense();
-       }(),
+      {"CNOS session count", decode_cnos(patched(golden::kCnos, 9, 0x80)).sense(),
        sense::kParameterError},
       {"TH FID", decode_biu(Bytes(15, 0x20)).sense(), decision::kSenseInvalidFid},
       {"TH short", decode_biu(Bytes(11, 0x5C)).sense(), decision::kSenseTooShortTh},
       {"RH short", decode_biu(Bytes(14, 0x5C)).sense(), decision::kSenseTooShortRh},
       {"NLP no X'FF'", decode_nlp(Bytes{0xC4, 0x00, 0x80, 0x01}).sense(),
        decision::kSenseNlpHeader},
-      {"NLP DLF",
-       [] {
-         Bytes b(golden::kDataDatagram.begin() + 3, golden::kDataDatagram.end());
-         b[21] = 0x19;
-         return decode_nlp(b).sense();
-       }(),
+      {"NLP DLF", decode_nlp(patched(ByteSpan(golden::kDataDatagram).subspan(3), 21, 0x19)).sense(),
        decision::kSenseNlpHeader},
   };
   for (const auto &c : cases) {

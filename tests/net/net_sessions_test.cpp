@@ -10,9 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "net/capture/pcap_writer.h"
+#include "net/capture_files.h"
 #include "net/formats/control_rus.h"
 #include "net/formats/sense_codes.h"
+#include "net/golden_units.h"
 #include "net/lu62/session_manager.h"
 #include "net/tshark_run.h"
 
@@ -126,16 +127,13 @@ ModeConfig mode(uint32_t ru_send, uint32_t ru_receive, uint8_t send_window, uint
   return {name, ru_send, ru_receive, send_window, receive_window, limit, winners};
 }
 
-// The units one side sent whose RH (and RU start, if given) match.
-std::vector<Bytes> sent(const Pipe &pipe, int side, std::vector<uint8_t> rh_and_ru) {
-  std::vector<Bytes> found;
-  for (const auto &[from, biu] : pipe.log) {
-    if (from == side && biu.size() >= 12 + rh_and_ru.size() &&
-        std::equal(rh_and_ru.begin(), rh_and_ru.end(), biu.begin() + 12)) {
-      found.push_back(biu);
-    }
-  }
-  return found;
+// How many units one side sent whose RH (and RU start, if given) match.
+size_t sent(const Pipe &pipe, int side, const char *rh_and_ru) {
+  const Bytes start = golden::from_hex(rh_and_ru);
+  return std::count_if(pipe.log.begin(), pipe.log.end(), [&](const auto &unit) {
+    return unit.first == side && unit.second.size() >= 12 + start.size() &&
+           std::equal(start.begin(), start.end(), unit.second.begin() + 12);
+  });
 }
 
 TEST(Sessions, BindKeepsTheLowerOfBothSidesAndCnosSplitsTheWinners) {
@@ -151,16 +149,13 @@ TEST(Sessions, BindKeepsTheLowerOfBothSidesAndCnosSplitsTheWinners) {
   ASSERT_EQ(p.b.sessions().size(), 1u);
   const SessionParams &pa = p.a.sessions()[0]->params();
   const SessionParams &pb = p.b.sessions()[0]->params();
-  EXPECT_TRUE(pa.primary && pa.local_winner);
-  EXPECT_FALSE(pb.primary || pb.local_winner);
-  EXPECT_EQ(pa.max_send_ru, 256u);  // B takes no more
-  EXPECT_EQ(pa.max_receive_ru, 512u);
-  EXPECT_EQ(pa.send_window, 5);
-  EXPECT_EQ(pa.receive_window, 3);
-  EXPECT_EQ(pb.max_send_ru, pa.max_receive_ru);
-  EXPECT_EQ(pb.max_receive_ru, pa.max_send_ru);
-  EXPECT_EQ(pb.send_window, pa.receive_window);
-  EXPECT_EQ(pb.receive_window, pa.send_window);
+  // A is primary and winner; A sends RUs of 256 (B takes no more), B of 512.
+  EXPECT_EQ((std::vector<unsigned>{pa.primary, pa.local_winner, pa.max_send_ru, pa.max_receive_ru,
+                                   pa.send_window, pa.receive_window}),
+            (std::vector<unsigned>{1, 1, 256, 512, 5, 3}));
+  EXPECT_EQ((std::vector<unsigned>{pb.primary, pb.local_winner, pb.max_send_ru, pb.max_receive_ru,
+                                   pb.send_window, pb.receive_window}),
+            (std::vector<unsigned>{0, 0, 512, 256, 3, 5}));
 
   // BINDs B refuses, each with its sense, the request code echoed, and no session.
   const SessionAddress used = p.b.sessions()[0]->address();
@@ -180,6 +175,7 @@ TEST(Sessions, BindKeepsTheLowerOfBothSidesAndCnosSplitsTheWinners) {
       {"session cryptography", kMode, {0xA0, 0, 0, 0, 0, 0, 1, 3}, 0x0835001A, 26, 0x20},
   };
   for (const Case &k : cases) {
+    SCOPED_TRACE(k.what);
     Bytes ru;
     ASSERT_TRUE(encode_bind(build_bind(mode(256, 256, 1, 1, 1, 1, k.mode), kLuA, kLuB, true), ru));
     if (k.patch_at >= 0) ru[k.patch_at] = k.patch;
@@ -188,15 +184,14 @@ TEST(Sessions, BindKeepsTheLowerOfBothSidesAndCnosSplitsTheWinners) {
                Rh{.category = RuCategory::kSc, .fi = true, .dr1 = true}, ru, biu);
     p.pipe.to[0].clear();
     p.b.manager.on_unit_received(kLuA, biu);
-    ASSERT_EQ(p.pipe.to[0].size(), 1u) << k.what;
+    ASSERT_EQ(p.pipe.to[0].size(), 1u);
     Result<BiuView> rsp = decode_biu(p.pipe.to[0].front());
-    ASSERT_TRUE(rsp) << k.what;
-    EXPECT_EQ(rsp->th.session_address, k.address) << k.what;
-    EXPECT_TRUE(rsp->th.expedited && rsp->rh.response && rsp->rh.rti && rsp->rh.sdi) << k.what;
+    ASSERT_TRUE(rsp);
+    EXPECT_EQ(rsp->th.session_address, k.address);
+    EXPECT_TRUE(rsp->th.expedited && rsp->rh.response && rsp->rh.rti && rsp->rh.sdi);
     Result<NegativeResponse> negative = decode_negative_response(rsp->ru);
-    ASSERT_TRUE(negative) << k.what;
-    EXPECT_EQ(negative->sense, k.sense) << k.what;
-    EXPECT_EQ(negative->request_code, kRequestBind) << k.what;
+    ASSERT_TRUE(negative);
+    EXPECT_EQ(negative.value(), (NegativeResponse{k.sense, kRequestBind}));
   }
   p.pipe.to[0].clear();
   EXPECT_EQ(p.b.sessions().size(), 1u);
@@ -210,16 +205,15 @@ TEST(Sessions, BindKeepsTheLowerOfBothSidesAndCnosSplitsTheWinners) {
   Conversation &waits = p.a.allocate();
   ASSERT_EQ(p.pipe.to[1].size(), 1u);
   Result<BiuView> bind_unit = decode_biu(p.pipe.to[1].front());
-  ASSERT_TRUE(bind_unit);
-  Result<Bind> raised = decode_bind(bind_unit->ru);
-  ASSERT_TRUE(raised);
+  Result<Bind> raised = decode_bind(bind_unit ? bind_unit->ru : ByteSpan{});
+  ASSERT_TRUE(bind_unit && raised);
   raised->max_ru_primary_sends = 4096;
   Bytes image, rsp;
   ASSERT_TRUE(encode_bind(raised.value(), image));
   encode_biu(bind_unit->th, response_rh(bind_unit->rh, false), image, rsp);
   p.pipe.to[1].clear();
   p.a.manager.on_unit_received(kLuB, rsp);
-  EXPECT_EQ(sent(p.pipe, 0, {0x6B, 0x80, 0x00, 0x32, 0xFE, 0x08, 0x35, 0x00, 0x0B}).size(), 1u);
+  EXPECT_EQ(sent(p.pipe, 0, "6B800032FE0835000B"), 1u);
   EXPECT_FALSE(waits.outcome);
   EXPECT_EQ(p.a.sessions().size(), 1u);
 }
@@ -248,7 +242,7 @@ TEST(Sessions, AllocationsBeyondTheLimitQueueUntilASessionFreesOrTimeOut) {
   EXPECT_EQ(p.a.manager.queued_allocations(kLuB, kMode), 1u);
   ASSERT_EQ(p.a.sessions().size(), 2u);  // one A wins, one B wins and A bid for
   EXPECT_NE(first.session->params().local_winner, second.session->params().local_winner);
-  EXPECT_EQ(sent(p.pipe, 0, {0x4B, 0x80, 0x80, 0x04}).size(), 1u);  // the bid: LUSTAT, BB, RQD1
+  EXPECT_EQ(sent(p.pipe, 0, "4B808004"), 1u);  // the bid: LUSTAT, BB, RQD1
 
   // The first bracket ends: the queued allocation gets that session.
   Session *freed = first.session;
@@ -291,7 +285,7 @@ void run_contention(Pair &p) {
   ASSERT_EQ(p.b.incoming.size(), 2u);
   EXPECT_TRUE(p.b.incoming[1].requests.at(0).bbi);
   // A refused the bid: −RSP(X'08140000') with the LUSTAT request code.
-  EXPECT_EQ(sent(p.pipe, 0, {0xCF, 0x90, 0x00, 0x08, 0x14, 0x00, 0x00, 0x04}).size(), 1u);
+  EXPECT_EQ(sent(p.pipe, 0, "CF90000814000004"), 1u);
 
   ASSERT_TRUE(winner.send(true, true, true));  // A's bracket ends
   p.pump();
@@ -306,7 +300,7 @@ void run_contention(Pair &p) {
   ASSERT_EQ(p.a.incoming.size(), 1u);
   Conversation &taker = p.a.incoming[0];
   EXPECT_FALSE(taker.requests.at(0).bbi);  // the granted bid began the bracket
-  EXPECT_EQ(sent(p.pipe, 1, {0x4B, 0x80, 0x80, 0x04}).size(), 2u);
+  EXPECT_EQ(sent(p.pipe, 1, "4B808004"), 2u);
   Session &b_session = *bidder.session;
   EXPECT_EQ(b_session.bracket(), Bracket::kLocal);
   ASSERT_TRUE(taker.session->send_unit(Rh{.response = true}, {}, false));
@@ -314,7 +308,7 @@ void run_contention(Pair &p) {
   EXPECT_EQ(bidder.responses.size(), 1u);
   EXPECT_EQ(b_session.bracket(), Bracket::kBetween);
   EXPECT_TRUE(p.a.sessions()[0]->free());
-  EXPECT_EQ(sent(p.pipe, 0, {0x4B, 0x80, 0x00, 0x05}).size(), 1u);  // RTR after A's bracket
+  EXPECT_EQ(sent(p.pipe, 0, "4B800005"), 1u);  // RTR after A's bracket
 
   // A refuses a bid for an allocation it then gives up unused: its RTR lets
   // B bid again at once.
@@ -355,7 +349,7 @@ void run_pacing(Pair &p) {
   ASSERT_EQ(in.requests.size(), 5u);
   EXPECT_EQ(c.session->held_requests(), 0u);
   for (int i = 0; i < 5; ++i) EXPECT_EQ(in.requests[i].pi, i % 2 == 0) << i;
-  EXPECT_EQ(sent(p.pipe, 1, {0x83, 0x01, 0x00, 0x00, 0x00, 0x02}).size(), 3u);  // IPMs
+  EXPECT_EQ(sent(p.pipe, 1, "830100000002"), 3u);  // IPMs
 }
 
 TEST(Sessions, PacingHoldsTheSenderToItsWindowUntilThePacingResponse) {
@@ -381,7 +375,7 @@ TEST(Sessions, PacingHoldsTheSenderToItsWindowUntilThePacingResponse) {
   p.b.manager.on_unit_received(kLuA, overrun);
   p.pump();
   EXPECT_EQ(sender.ended, 0x20110000u);
-  EXPECT_EQ(sent(p.pipe, 1, {0x6B, 0x80, 0x00, 0x32, 0xFE, 0x20, 0x11, 0x00, 0x00}).size(), 1u);
+  EXPECT_EQ(sent(p.pipe, 1, "6B800032FE20110000"), 1u);
 }
 
 TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
@@ -409,8 +403,8 @@ TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
   p.pump();
   EXPECT_EQ(two.ended, 0x20010000u);
   EXPECT_EQ(p.b.incoming[1].ended, 0x20010000u);
-  EXPECT_EQ(sent(p.pipe, 1, {0x87, 0x90, 0x00, 0x20, 0x01, 0x00, 0x00}).size(), 1u);
-  EXPECT_EQ(sent(p.pipe, 1, {0x6B, 0x80, 0x00, 0x32, 0xFE, 0x20, 0x01, 0x00, 0x00}).size(), 1u);
+  EXPECT_EQ(sent(p.pipe, 1, "87900020010000"), 1u);
+  EXPECT_EQ(sent(p.pipe, 1, "6B800032FE20010000"), 1u);
 
   // A unit cut inside its RH: its TH still names the session.
   biu.assign(13, 0);
@@ -432,10 +426,10 @@ TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
   EXPECT_TRUE(p.a.sessions().empty());
   EXPECT_TRUE(p.b.sessions().empty());
   EXPECT_FALSE(four.ended);
-  EXPECT_EQ(sent(p.pipe, 0, {0x6B, 0x80, 0x00, 0x32, 0x01, 0, 0, 0, 0}).size(), 1u);
+  EXPECT_EQ(sent(p.pipe, 0, "6B8000320100000000"), 1u);
   // +RSP(UNBIND) to each UNBIND: three from B, one from A.
-  EXPECT_EQ(sent(p.pipe, 0, {0xEB, 0x80, 0x00, 0x32}).size(), 3u);
-  EXPECT_EQ(sent(p.pipe, 1, {0xEB, 0x80, 0x00, 0x32}).size(), 1u);
+  EXPECT_EQ(sent(p.pipe, 0, "EB800032"), 3u);
+  EXPECT_EQ(sent(p.pipe, 1, "EB800032"), 1u);
 }
 
 // Every unit of a whole exchange, cut and with bytes changed, fed to a live
@@ -465,7 +459,7 @@ TEST(Sessions, MutatedUnitsFromThePartnerNeverBreakTheManager) {
     for (size_t i = before; i < p.pipe.log.size(); ++i) {
       ASSERT_TRUE(decode_biu(p.pipe.log[i].second)) << "round " << round << " unit " << i;
     }
-    sessions_ended += sent(p.pipe, 1, {0x6B, 0x80, 0x00, 0x32, 0xFE}).size();
+    sessions_ended += sent(p.pipe, 1, "6B800032FE");
     Conversation &later = p.b.allocate();
     p.pump();
     p.clock.t += std::chrono::minutes(1);
@@ -488,13 +482,10 @@ TEST(Sessions, TsharkReadsEveryUnitTheSessionsExchange) {
   std::vector<std::pair<int, Bytes>> units = p.pipe.log;
   units.insert(units.end(), paced.pipe.log.begin(), paced.pipe.log.end());
 
-  const char *dir = std::getenv("TMPDIR");
-  const std::string path =
-      std::string(dir ? dir : "/tmp") + "/net_sessions_" + std::to_string(::getpid()) + ".pcap";
+  const std::string path = tshark_check::temp_pcap("net_sessions");
   {
-    std::string error;
-    auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
-    ASSERT_TRUE(writer) << error;
+    auto writer = tshark_check::open_capture(path);
+    ASSERT_TRUE(writer);
     for (const auto &[side, biu] : units) {
       ASSERT_TRUE(writer->write_biu(
           side == 0 ? CaptureDirection::kSent : CaptureDirection::kReceived, biu, BiuFraming{}));
@@ -505,10 +496,7 @@ TEST(Sessions, TsharkReadsEveryUnitTheSessionsExchange) {
           " -T fields -E separator='|' -e sna.rh.0 -e sna.rh.1 -e sna.rh.2 -e data.data"
           " -e _ws.expert -e _ws.malformed 2>/dev/null");
   std::remove(path.c_str());
-  std::vector<std::string> lines;
-  for (size_t start = 0, end; (end = out.find('\n', start)) != std::string::npos; start = end + 1) {
-    lines.push_back(out.substr(start, end - start));
-  }
+  const std::vector<std::string> lines = tshark_check::split(out);
   ASSERT_EQ(lines.size(), units.size()) << out;
   auto count = [&](const std::string &prefix) {
     return std::count_if(lines.begin(), lines.end(),

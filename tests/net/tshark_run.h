@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "net/formats/byte_io.h"
 
@@ -34,6 +35,19 @@ inline std::string hex(ByteSpan bytes) {
     out.push_back(digits[b & 0xF]);
   }
   return out;
+}
+
+// What tshark printed, cut at `separator`; a last piece with no separator
+// after it is kept only if `keep_tail`.
+inline std::vector<std::string> split(const std::string &text, char separator = '\n',
+                                      bool keep_tail = false) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  for (size_t at; (at = text.find(separator, start)) != std::string::npos; start = at + 1) {
+    parts.push_back(text.substr(start, at - start));
+  }
+  if (keep_tail) parts.push_back(text.substr(start));
+  return parts;
 }
 
 }  // namespace snanode::net::tshark_check
