@@ -289,6 +289,7 @@ void ControlService::finish(uint32_t query_id) {
   status.uptime = status.now - started_;
   status.socket_path = socket_path_;
   status.network = has_network_();
+  if (status.network && network_status_) status.network_sections = network_status_();
   status.broker = broker_.snapshot(status.now);
   for (const auto &process : status.broker.processes) {
     if (process.client == query.requester) continue;

@@ -61,6 +61,11 @@ class ControlService {
  public:
   ControlService(const config::NodeConfig &config, const Broker &broker, BrokerOutput &output,
                  std::string socket_path, std::function<bool()> has_network);
+  // Where the status gets the network's sections from (the network node,
+  // once the daemon has one).
+  void set_network_status(std::function<Table()> sections) {
+    network_status_ = std::move(sections);
+  }
 
   void request(ClientId client, const ControlCaller &caller, const client::ControlRequest &request);
   // A process's answer to a stats query.
@@ -120,6 +125,7 @@ class ControlService {
   BrokerOutput &output_;
   std::string socket_path_;
   std::function<bool()> has_network_;
+  std::function<Table()> network_status_;
   Clock::time_point started_ = Clock::now();
   uint32_t next_query_ = 1;
   std::map<uint32_t, Query> queries_;

@@ -214,6 +214,7 @@ Table status_table(const NodeStatus &status, StatusView view, size_t max_rows) {
       break;
     case StatusView::kSessions:
       table.push_back(session_section(status));
+      table.insert(table.end(), status.network_sections.begin(), status.network_sections.end());
       break;
     case StatusView::kAll:
       add_configuration(status, table);
@@ -223,6 +224,7 @@ Table status_table(const NodeStatus &status, StatusView view, size_t max_rows) {
       table.push_back(queue_section(status));
       table.push_back(accept_section(status));
       table.push_back(started_section(status));
+      table.insert(table.end(), status.network_sections.begin(), status.network_sections.end());
       break;
   }
   size_t omitted = 0;

@@ -41,6 +41,9 @@ struct NodeStatus {
   Clock::duration uptime{};
   std::string socket_path;
   bool network = false;
+  // The network's own sections (links, RTP connections, LU-LU sessions), as
+  // the network node describes them; empty without a network.
+  Table network_sections;
   std::vector<ProcessStatus> processes;
   BrokerSnapshot broker;
   std::vector<StartedTp> started;

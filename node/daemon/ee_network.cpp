@@ -252,4 +252,73 @@ void EeNetwork::note_connections() {
   connections_logged_ = count;
 }
 
+namespace {
+
+const char *station_state(net::ee::LinkStation::State state) {
+  using State = net::ee::LinkStation::State;
+  switch (state) {
+    case State::kReset:
+      return "inactive";
+    case State::kXidSent:
+    case State::kNegotiating:
+    case State::kResponding:
+    case State::kXidDonePending:
+      return "activating";
+    case State::kActive:
+      return "active";
+    case State::kDiscSent:
+      return "deactivating";
+  }
+  return "unknown";
+}
+
+const char *connection_state(net::hpr::RtpState state) {
+  switch (state) {
+    case net::hpr::RtpState::kSettingUp:
+      return "setting-up";
+    case net::hpr::RtpState::kConnected:
+      return "connected";
+    case net::hpr::RtpState::kClosed:
+      return "closed";
+    case net::hpr::RtpState::kFailed:
+      return "failed";
+  }
+  return "unknown";
+}
+
+}  // namespace
+
+void EeNetwork::add_status(Table &table) const {
+  Section links{"links", false, {}};
+  Section connections{"rtp_connections", false, {}};
+  for (const auto &link : links_) {
+    const net::ee::LinkStation *station = link->station;
+    Row row;
+    row.add("cp_name", link->config.cp_name)
+        .add("partner", link->config.partner)
+        .add("address", link->address)
+        .add("activate", std::string(link->config.activate_at_start ? "start" : "demand"))
+        .add("state", std::string(station ? station_state(station->state()) : "unresolved"));
+    // What the XID exchange agreed; 0 until the link is active.
+    const bool active = station != nullptr && station->active();
+    row.add("tg_number", uint64_t{active ? station->negotiated().tg_number : 0u})
+        .add("max_btu", uint64_t{active ? station->negotiated().max_btu : 0u});
+    links.rows.push_back(std::move(row));
+    for (uint8_t p = 0; p <= static_cast<uint8_t>(net::Priority::kNetwork); ++p) {
+      const auto *connection = rtp_->connection(link->config.cp_name, net::Priority{p});
+      if (connection == nullptr) continue;
+      Row c;
+      c.add("cp_name", link->config.cp_name)
+          .add("priority", uint64_t{p})
+          .add("state", std::string(connection_state(connection->state())))
+          .add("rate_bytes_per_s", uint64_t{connection->rate()})
+          .add("bytes_acknowledged", connection->bytes_acknowledged())
+          .add("retransmitted", connection->retransmitted());
+      connections.rows.push_back(std::move(c));
+    }
+  }
+  table.push_back(std::move(links));
+  table.push_back(std::move(connections));
+}
+
 }  // namespace snanode::daemon

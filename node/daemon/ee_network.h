@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "config/node_config.h"
+#include "daemon/control_table.h"
 #include "net/capture/pcap_writer.h"
 #include "net/ee/udp_endpoint.h"
 #include "net/hpr/rtp_node.h"
@@ -56,6 +57,9 @@ class EeNetwork : private net::hpr::RtpNodeListener {
   // Whether a new session with `partner_lu` may be tried now: its link is
   // active, or it is a "demand" link, which this starts activating.
   bool reachable(const std::string &partner_lu);
+
+  // The links and the RTP connections on them, for snanodectl.
+  void add_status(Table &table) const;
 
   // The capture addresses for a configuration (IPv4 only; zeros otherwise).
   static net::CaptureEndpoints capture_endpoints(const config::NodeConfig &config);

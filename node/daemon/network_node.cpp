@@ -357,6 +357,35 @@ void NetworkNode::on_path_lost(const std::string &partner_lu) {
   paths_lost_.insert(partner_lu);
 }
 
+Table NetworkNode::status_sections() const {
+  Section sessions{"network_sessions", false, {}};
+  for (const config::PartnerLu &lu : config_.partner_lus) {
+    if (lu.owning_cp.empty()) continue;
+    for (const config::Mode &mode : config_.modes) {
+      uint64_t bound = 0, in_use = 0, won = 0;
+      for (const net::lu62::Session *session : manager_->sessions(lu.lu_name, mode.name)) {
+        ++bound;
+        in_use += session->in_use() ? 1 : 0;
+        won += session->params().local_winner ? 1 : 0;
+      }
+      const uint64_t queued = manager_->queued_allocations(lu.lu_name, mode.name);
+      if (bound == 0 && queued == 0) continue;
+      Row row;
+      row.add("partner_lu", lu.lu_name)
+          .add("mode", mode.name)
+          .add("bound", bound)
+          .add("in_use", in_use)
+          .add("contention_winners", won)
+          .add("queued_allocations", queued)
+          .add("session_limit", uint64_t{mode.session_limit});
+      sessions.rows.push_back(std::move(row));
+    }
+  }
+  Table table{std::move(sessions)};
+  if (ee_) ee_->add_status(table);
+  return table;
+}
+
 void NetworkNode::note_sessions() {
   for (const config::PartnerLu &lu : config_.partner_lus) {
     if (lu.owning_cp.empty()) continue;

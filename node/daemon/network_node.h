@@ -55,6 +55,10 @@ class NetworkNode : public net::lu62::BiuTransport,
   bool allocate(ClientId client, const client::AllocateRequest &request,
                 const std::optional<std::string> &verified_user);
 
+  // What snanodectl shows of the network: the LU-LU sessions with each
+  // partner LU on each mode, then the links and RTP connections under them.
+  Table status_sections() const;
+
  private:
   // BiuTransport
   void send_biu(std::string_view partner_lu, net::ByteSpan biu) override;

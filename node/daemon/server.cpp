@@ -141,6 +141,7 @@ void Server::attach_link(int link_fd, const std::string &capture_file) {
                                        const std::optional<std::string> &user) {
     return network_->allocate(client, request, user);
   });
+  control_.set_network_status([this] { return network_->status_sections(); });
 }
 
 int Server::run() {

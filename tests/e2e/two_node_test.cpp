@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 
+#include "e2e/ctl_json.h"
 #include "e2e/scenario_runner.h"
 #include "e2e/two_hosts.h"
 
@@ -450,6 +451,21 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
   for (const auto &dir : nodes.dirs) check_capture(dir / "units.pcap");
 }
 
+// What `snanodectl session list --json` says of node A's network.
+ctl_test::Json network_status(const fs::path &dir) {
+  const std::string command = std::string(SNANODECTL_PATH) + " --socket " +
+                              (dir / "node.sock").string() + " --json session list";
+  FILE *pipe = ::popen(command.c_str(), "r");
+  std::string out;
+  std::array<char, 4096> chunk{};
+  for (size_t n; pipe && (n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0;)
+    out.append(chunk.data(), n);
+  if (pipe) ::pclose(pipe);
+  auto parsed = ctl_test::JsonParser(out).parse();
+  EXPECT_TRUE(parsed) << out;
+  return parsed ? *parsed : ctl_test::Json{};
+}
+
 // Two hosts on an EE link losing 5 % of the datagrams, duplicating and
 // reordering 1 % both ways: a stream arrives whole and in order; node B's
 // daemon killed, node A's TPs hear it within the link's liveness; once B is
@@ -463,6 +479,18 @@ TEST(TwoHosts, StreamOnALossyPathAndThePartnerRestarting) {
   if (nodes.port_base == 0) GTEST_SKIP() << "127.0.0.2 and 127.0.0.3 cannot be bound here";
   ASSERT_TRUE(nodes.up) << "no daemons or no link: see " << nodes.base;
   nodes.run(stream_allocator, stream_acceptor);
+  // The operator sees the link, its RTP connection and the session it bound.
+  const ctl_test::Json status = network_status(nodes.dirs[0]);
+  ASSERT_EQ(status["links"].items.size(), 1u);
+  EXPECT_EQ(status["links"].items[0]["cp_name"].text, "NETA.NODEB");
+  EXPECT_EQ(status["links"].items[0]["state"].text, "active");
+  EXPECT_GT(status["links"].items[0]["max_btu"].number, 0);
+  ASSERT_FALSE(status["rtp_connections"].items.empty());
+  EXPECT_EQ(status["rtp_connections"].items[0]["state"].text, "connected");
+  EXPECT_GT(status["rtp_connections"].items[0]["bytes_acknowledged"].number, 2'000'000);
+  ASSERT_EQ(status["network_sessions"].items.size(), 1u);
+  EXPECT_EQ(status["network_sessions"].items[0]["partner_lu"].text, "NETA.LUB");
+  EXPECT_GE(status["network_sessions"].items[0]["bound"].number, 1);
   nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
   ASSERT_TRUE(nodes.restart_b()) << "node B did not come back: see " << nodes.base;
   nodes.run(allocator, acceptor);
