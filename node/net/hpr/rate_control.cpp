@@ -25,6 +25,7 @@ bool RateControl::try_spend(size_t bytes, RtpTime now, RtpTime &ready_at) {
   const double need = static_cast<double>(bytes);
   if (tokens_ >= need) {
     tokens_ -= need;
+    sent_since_change_ += bytes;
     return true;
   }
   const double seconds = (need - tokens_) / static_cast<double>(rate_);
@@ -57,6 +58,7 @@ void RateControl::back_off(double factor, RtpTime now) {
   rate_ = std::max(config_.min_rate, static_cast<uint32_t>(rate_ * factor));
   started_ = true;
   changed_at_ = now;
+  sent_since_change_ = missing_since_change_ = 0;
 }
 
 // Growth and back-off act at most once per round trip: only a reply to a
@@ -64,13 +66,21 @@ void RateControl::back_off(double factor, RtpTime now) {
 // data sent after it can show that it was not enough.  A round
 // trip grown well beyond the shortest seen means a queue is building on the
 // path: a slowdown the sender sees for itself.
+//
+// A loss is taken for congestion when the path is also queueing or when more
+// than loss_tolerance of what was sent since the last change went missing.
+// A path that drops a few packets at random (radio, a busy switch) would
+// otherwise cut the rate on nearly every round trip, down to min_rate, while
+// sending slower saves none of those packets.
 void RateControl::on_reply(RateAction action, RtpTime lost_sent_at, RtpTime request_sent,
                            RtpTime now) {
   const bool fresh = request_sent > changed_at_;
-  // A loss of data sent before the last back-off was already answered by it.
-  const bool loss = lost_sent_at > changed_at_;
   const bool queueing =
       has_rtt_ && last_rtt_ > 2 * min_rtt_ && last_rtt_ - min_rtt_ > config_.queueing_slack;
+  const bool heavy = static_cast<double>(missing_since_change_) >
+                     config_.loss_tolerance * static_cast<double>(sent_since_change_);
+  // A loss of data sent before the last back-off was already answered by it.
+  const bool loss = lost_sent_at > changed_at_ && (heavy || queueing);
   if (action == RateAction::kCritical) {
     rate_ = config_.min_rate;
     back_off(1.0, now);
@@ -86,6 +96,7 @@ void RateControl::on_reply(RateAction action, RtpTime lost_sent_at, RtpTime requ
     rate_ = static_cast<uint32_t>(std::min<double>(config_.max_rate, rate_ * factor + 1));
     changed_at_ = now;
     rate_limited_ = false;
+    sent_since_change_ = missing_since_change_ = 0;
   }
 }
 

@@ -34,6 +34,8 @@ class RateControl {
   bool try_spend(size_t bytes, RtpTime now, RtpTime &ready_at);
   // The sender had more to send than the rate allowed since the last reply.
   void note_rate_limited() { rate_limited_ = true; }
+  // A status showed `bytes` of data missing for the first time.
+  void note_missing(size_t bytes) { missing_since_change_ += bytes; }
 
   void on_rtt_sample(RtpDuration rtt);
   // A rate reply to the request sent at `request_sent` arrived; it showed
@@ -52,6 +54,10 @@ class RateControl {
   bool started_ = false;  // the first back-off ended the start phase
   bool rate_limited_ = false;
   RtpTime changed_at_{};
+  // Data sent, and data reported missing, since the rate last changed: the
+  // share lost tells congestion from a path that drops at random.
+  uint64_t sent_since_change_ = 0;
+  uint64_t missing_since_change_ = 0;
   double tokens_ = 0;
   RtpTime refilled_{};
   bool has_rtt_ = false;

@@ -42,6 +42,10 @@ struct RtpConfig {
   double start_growth = 1.5;
   double growth = 1.0625;
   double loss_backoff = 0.75;
+  // A gap counts as congestion only while the path queues (below) or when
+  // more than this share of the bytes sent since the last rate change went
+  // missing; rarer losses are taken as the path's own and only resent.
+  double loss_tolerance = 0.1;
   double slowdown1_backoff = 0.875;
   double slowdown2_backoff = 0.5;
   // A round trip more than twice the shortest seen and longer than it by more

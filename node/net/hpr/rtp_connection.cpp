@@ -327,9 +327,11 @@ void RtpConnection::on_status(const StatusReport &status, const std::optional<Ar
     }
   }
   RtpTime lost_sent_at{};
+  size_t missing = 0;
   for (const auto &[begin, end] : status.gaps) {
-    lost_sent_at = std::max(lost_sent_at, send_.mark_missing(begin, end, sent_before));
+    lost_sent_at = std::max(lost_sent_at, send_.mark_missing(begin, end, sent_before, missing));
   }
+  rate_.note_missing(missing);
   if (request_sent) {
     rate_.on_reply(static_cast<RateAction>(std::min<uint8_t>(reply->rate_action, 4)), lost_sent_at,
                    *request_sent, now);

@@ -42,7 +42,8 @@ void RtpSendQueue::acknowledge(uint32_t sequence) {
   }
 }
 
-RtpTime RtpSendQueue::mark_missing(uint32_t wire_begin, uint32_t wire_end, RtpTime sent_before) {
+RtpTime RtpSendQueue::mark_missing(uint32_t wire_begin, uint32_t wire_end, RtpTime sent_before,
+                                   size_t &newly_missing) {
   const uint64_t begin = unwrap(wire_begin);
   const uint64_t end = begin + static_cast<uint32_t>(wire_end - wire_begin);
   auto it = std::lower_bound(
@@ -53,6 +54,7 @@ RtpTime RtpSendQueue::mark_missing(uint32_t wire_begin, uint32_t wire_end, RtpTi
     if (it->queued_for_retransmission || it->last_sent >= sent_before) continue;
     it->queued_for_retransmission = true;
     retransmit_.push_back(it->bsn);
+    newly_missing += it->data.size();
     latest = std::max(latest, it->last_sent);
   }
   return latest;

@@ -46,8 +46,9 @@ class RtpSendQueue {
   void acknowledge(uint32_t sequence);
   // Queues the unacknowledged segments overlapping [begin, end) that were
   // last sent before `sent_before`.  Returns when the latest of those newly
-  // queued was sent (RtpTime{} if none was).
-  RtpTime mark_missing(uint32_t begin, uint32_t end, RtpTime sent_before);
+  // queued was sent (RtpTime{} if none was), and adds their bytes to
+  // `newly_missing`.
+  RtpTime mark_missing(uint32_t begin, uint32_t end, RtpTime sent_before, size_t &newly_missing);
   // The next segment to send again (stays queued until retransmitted()).
   RtpSegment *peek_retransmission();
   void retransmitted();
