@@ -26,7 +26,7 @@ struct RtpConfig {
   // (and unacknowledged data is probed): twice the smoothed round trip,
   // clamped to [min_rto, max_rto]; initial_rto before the first sample.
   RtpDuration initial_rto = std::chrono::milliseconds(500);
-  RtpDuration min_rto = std::chrono::milliseconds(20);
+  RtpDuration min_rto = std::chrono::milliseconds(2);
   RtpDuration max_rto = std::chrono::seconds(2);
 
   // Adaptive rate (bytes of NLP per second).  The sender starts at
