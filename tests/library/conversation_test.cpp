@@ -101,27 +101,23 @@ Init init(const std::string &name) {
 }
 
 TEST_F(Conversations, CminitWithoutSideInformationGivesTheDefaults) {
-  {
-    const std::string name = " XYZ";
-    const Init r = init(name);
-    ASSERT_EQ(r.rc, CM_OK);
-    EXPECT_EQ(snt_nof_count(), 0u) << "a blank first byte means no side information";
-    const CCCB *b = cccb_of(r.id);
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(b->fInitializeState, 1);
-    EXPECT_EQ(b->ulAppcConvId + b->usProcessingMode, 0u);
-    EXPECT_EQ(b->ulConversationType, uint32_t{CM_MAPPED_CONVERSATION});
-    const SCD_ENTRY &s = b->SideInfo;
-    EXPECT_EQ(text_of(s.sym_dest_name, 8), padded(name, 8));
-    EXPECT_EQ(text_of(s.partner_LU_name, 17), std::string(17, ' '));
-    EXPECT_EQ(text_of(s.mode_name, 8) + text_of(s.TP_name, 64) + text_of(s.security_user_ID, 10) +
-                  text_of(s.security_password, 10),
-              std::string(92, '\x40'));
-    EXPECT_EQ(text_of(s.local_LU_alias, 8) + text_of(b->LocalLUName, 8), std::string(16, '\0'));
-    EXPECT_EQ(s.usUserIDLen, 1);
-    EXPECT_EQ(s.TP_name_type, uint32_t{CM_APPLICATION_TP});
-    EXPECT_EQ(s.conversation_security_type, uint32_t{CM_SECURITY_SAME});
-  }
+  const Init r = init(" XYZ");
+  ASSERT_EQ(r.rc, CM_OK);
+  EXPECT_EQ(snt_nof_count(), 0u) << "a blank first byte means no side information";
+  const CCCB *b = cccb_of(r.id);
+  ASSERT_NE(b, nullptr);
+  const SCD_ENTRY &s = b->SideInfo;
+  EXPECT_EQ(
+      std::tuple(b->fInitializeState, b->ulAppcConvId + b->usProcessingMode, b->ulConversationType,
+                 s.usUserIDLen, s.TP_name_type, s.conversation_security_type),
+      std::tuple(1, 0u, uint32_t{CM_MAPPED_CONVERSATION}, 1, uint32_t{CM_APPLICATION_TP},
+                 uint32_t{CM_SECURITY_SAME}));
+  EXPECT_EQ(text_of(s.sym_dest_name, 8) + text_of(s.partner_LU_name, 17),
+            " XYZ" + std::string(21, ' '));
+  EXPECT_EQ(text_of(s.mode_name, 8) + text_of(s.TP_name, 64) + text_of(s.security_user_ID, 10) +
+                text_of(s.security_password, 10),
+            std::string(92, '\x40'));
+  EXPECT_EQ(text_of(s.local_LU_alias, 8) + text_of(b->LocalLUName, 8), std::string(16, '\0'));
 }
 
 TEST_F(Conversations, CminitOfAnUnknownOrDeletedNameGives24AndAnIdNobodyKnows) {
@@ -223,11 +219,9 @@ TEST_F(Conversations, ExtractContextReadsTheContextOfAConversationInTheNode) {
   unsigned char context[8] = {0xAB, 0xAB};
   CM_INT32 length = -1;
   EXPECT_EQ(extract_context(fresh, context, &length), CM_PROGRAM_STATE_CHECK);
-  EXPECT_EQ(length, -1);
-  EXPECT_EQ(context[0], 0xAB);
+  EXPECT_EQ(std::pair(length, context[0]), std::pair(-1, uint8_t{0xAB}));
   EXPECT_EQ(extract_context(live, context, &length), CM_OK);
-  EXPECT_EQ(length, 8);
-  EXPECT_EQ(bytes(context, 8), Bytes(8, 0x22));
+  EXPECT_EQ(std::pair(length, bytes(context, 8)), std::pair(8, Bytes(8, 0x22)));
   EXPECT_EQ(extract_context(unknown, context, &length), CM_PROGRAM_PARAMETER_CHECK);
   EXPECT_EQ(problems(), (Probes{{kProblemUnknownConversation, 6}}));
 }
@@ -491,28 +485,19 @@ TEST_F(Conversations, EveryVerbsResultEndsOrKeepsTheConversation) {
 enum State { kReset, kInitialize, kIncoming, kActive, kBusy, kConfirmPending };
 
 void enter(State state, ConvId &id) {
-  switch (state) {
-    case kReset:
-      start_library();
-      id = ConvId{0x55, 0x66, 0x77, 0x01};
-      break;
-    case kInitialize:
-      initialized_conversation(id);
-      break;
-    case kIncoming:
-      incoming_conversation(id);
-      break;
-    case kActive:
-      active_conversation(id);
-      break;
-    case kBusy:  // a non-blocking flush in progress
-      active_conversation(id, CM_MAPPED_CONVERSATION, CM_NON_BLOCKING);
-      push(NAP_FLUSH, AP_OK, 0, 1);
-      ASSERT_EQ(rc_of(cmflus)(id), CM_OPERATION_INCOMPLETE);
-      break;
-    case kConfirmPending:
-      active_conversation(id)->fConfirmRequested = 1;
-      break;
+  if (state == kReset) {
+    start_library();
+    id = ConvId{0x55, 0x66, 0x77, 0x01};
+  } else if (state == kInitialize) {
+    initialized_conversation(id);
+  } else if (state == kIncoming) {
+    incoming_conversation(id);
+  } else if (state == kBusy) {  // a non-blocking flush in progress
+    active_conversation(id, CM_MAPPED_CONVERSATION, CM_NON_BLOCKING);
+    push(NAP_FLUSH, AP_OK, 0, 1);
+    ASSERT_EQ(rc_of(cmflus)(id), CM_OPERATION_INCOMPLETE);
+  } else {
+    active_conversation(id)->fConfirmRequested = state == kConfirmPending;
   }
 }
 
@@ -1157,12 +1142,11 @@ TEST_F(Conversations, AcceptDefinesTheProcessNameOnceAndCopiesTheIncomingConvers
 
   const CCCB *cccb = cccb_of(first);
   const SCD_ENTRY &s = cccb->SideInfo;
-  EXPECT_EQ(cccb->fInitializeState, 0);
-  EXPECT_EQ(cccb->ulAppcConvId, 0x99u);
+  EXPECT_EQ(std::tuple(cccb->fInitializeState, cccb->ulAppcConvId, cccb->ulSyncLevel,
+                       cccb->ulConversationType),
+            std::tuple(0, 0x99u, 1u, 0u));
   EXPECT_EQ(bytes(cccb->TpId, 8), bytes(in.tp_id, 8));
   EXPECT_EQ(bytes(s.TP_name, 64), in.tp_name);
-  EXPECT_EQ(cccb->ulSyncLevel, 1u);
-  EXPECT_EQ(cccb->ulConversationType, 0u);
   EXPECT_EQ(bytes(s.mode_name, 8), ebcdic_field("BATCH1", 8));
   EXPECT_EQ(bytes(s.partner_LU_name, 17), ebcdic_field("NETA.PARTNERLUXYZ", 17));
   EXPECT_EQ(std::vector<int>({s.usModeNameLen, s.usUserIDLen, s.usPartnerLULen,
