@@ -121,9 +121,7 @@ TEST_F(Conversations, CminitWithoutSideInformationGivesTheDefaults) {
 }
 
 TEST_F(Conversations, CminitOfAnUnknownOrDeletedNameGives24AndAnIdNobodyKnows) {
-  NodeEntry node;
-  node.name = "GONE";
-  node_holds(node);
+  node_holds({.name = "GONE"});
   SCD_ENTRY gone = named("GONE");
   ASSERT_EQ(SCD_main(SCD_DELETE, &gone), CM_OK);
   for (auto [name, node_verbs] : {std::pair{"UNKNOWN", 3u}, std::pair{"GONE", 0u}}) {
@@ -169,9 +167,8 @@ TEST_F(Conversations, CminitLocalLuPrecedence) {
     std::memcpy(pGCB->EnvLUAlias, padded(c.env, 8, '\0').data(), 8);
     std::memset(pGCB->CurrentContext, c.context ? 0x77 : 0, 8);
     std::memcpy(pGCB->CurrentContextLU, padded(c.context ? "CTXLU" : "", 8, '\0').data(), 8);
-    NodeEntry node;
-    node.name = c.side_info_lu != nullptr ? "LU" + std::to_string(n) : "";
-    node.local_lu = c.side_info_lu != nullptr ? c.side_info_lu : "";
+    const NodeEntry node{.name = c.side_info_lu ? "LU" + std::to_string(n) : "",
+                         .local_lu = c.side_info_lu ? c.side_info_lu : ""};
     if (c.side_info_lu != nullptr) node_holds(node);
     const Init r = init(node.name);
     ASSERT_EQ(r.rc, CM_OK);

@@ -300,7 +300,7 @@ struct NodeEntry {
   std::string tp_name = "PAYROLL", mode = "#INTER";
   uint32_t security = 2;
   std::string user = "CLERK", password = "SECRET";
-  std::string local_lu;  // empty: eight zero bytes
+  std::string local_lu{};  // empty: eight zero bytes
 };
 inline NOF_SIDE_INFO_DATA node_record(const NodeEntry &e) {
   NOF_SIDE_INFO_DATA r{};
