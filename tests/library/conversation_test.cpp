@@ -457,11 +457,12 @@ TEST_F(Conversations, EveryVerbsResultEndsOrKeepsTheConversation) {
         CM_RETURN_CODE result = rc;
         if (mode == CM_NON_BLOCKING) {
           ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE) << what;
-          EXPECT_EQ(snt_submitted_with_routine(0), 1) << what;
-          EXPECT_EQ(pGCB->NumVerbsOutstanding, 1u) << what;
+          EXPECT_EQ(std::pair(snt_submitted_with_routine(0), pGCB->NumVerbsOutstanding),
+                    std::pair(1, 1u))
+              << what;
           ASSERT_EQ(snt_complete_pending(0), 1) << what;
-          EXPECT_EQ(pGCB->NumVerbsOutstanding, 0u) << what;
-          EXPECT_EQ(pGCB->NumVerbsWaiting, 1u) << what;
+          EXPECT_EQ(std::pair(pGCB->NumVerbsOutstanding, pGCB->NumVerbsWaiting), std::pair(0u, 1u))
+              << what;
           EXPECT_EQ(cccb_of(id), cccb) << what << ": kept until collected";
           const Waited w = wait_one();
           EXPECT_EQ(w.id, id) << what;
@@ -560,8 +561,7 @@ TEST_F(Conversations, TheNextVerbDropsAnUncollectedCompletion) {
   ASSERT_EQ(pGCB->NumVerbsWaiting, 1u);
   push(NAP_REQUEST_TO_SEND, AP_OK, 0, 1);
   ASSERT_EQ(rc_of(cmrts)(id), CM_OPERATION_INCOMPLETE);
-  EXPECT_EQ(pGCB->NumVerbsWaiting, 0u);
-  EXPECT_EQ(cccb->fCompletionWaiting, 0);
+  EXPECT_TRUE(pGCB->NumVerbsWaiting == 0 && cccb->fCompletionWaiting == 0);
   ASSERT_EQ(snt_complete_pending(0), 1);
   expect_completion(id, CM_OK, "the flush result is gone");
   EXPECT_EQ(snt_assert_count(), 0u);
@@ -662,8 +662,7 @@ TEST_F(Conversations, LogDataGoesOnceAndIsNeededWhereItIsSent) {
                 header(NAP_SEND_ERROR, 0) +
                     std::vector<Field>{{26, u8(1)}, {28, u16(4)}, {32, ptr(log_data)}},
                 "first send error");
-  EXPECT_EQ(cccb->pLogData, nullptr);
-  EXPECT_EQ(cccb->usLogDataLength, 0);
+  EXPECT_TRUE(cccb->pLogData == nullptr && cccb->usLogDataLength == 0);
   EXPECT_EQ(run("CMSERR", id), CM_OK);
   expect_record(submitted(1), header(NAP_SEND_ERROR, 0) + std::vector<Field>{{26, u8(1)}},
                 "second send error");
@@ -735,8 +734,7 @@ TEST_F(Conversations, SendAndDeallocateAbendSendsDataThenDeallocate) {
     EXPECT_EQ(known(other), failing == NAP_SEND_DATA);
     if (failing == NAP_SEND_DATA) {
       EXPECT_EQ(snt_submitted_count(), 1u);
-      EXPECT_EQ(cccb->DeallcLogData, nullptr);
-      EXPECT_EQ(cccb->usDeallcLogDataLength, 0);
+      EXPECT_TRUE(cccb->DeallcLogData == nullptr && cccb->usDeallcLogDataLength == 0);
       EXPECT_NE(cccb->pLogData, nullptr) << "the program's log data stays set";
     }
     EXPECT_EQ(snt_assert_count(), 0u);
@@ -749,8 +747,8 @@ TEST_F(Conversations, SendAndDeallocateAbendSendsDataThenDeallocate) {
   push(NAP_DEALLOCATE, AP_OK, 0, 1);
   ASSERT_EQ(send(id, 1), CM_OPERATION_INCOMPLETE);
   ASSERT_EQ(snt_complete_pending(0), 1);
-  EXPECT_EQ(pGCB->NumVerbsWaiting, 0u) << "nothing to collect before the DEALLOCATE completes";
-  EXPECT_EQ(pGCB->NumVerbsOutstanding, 1u);
+  EXPECT_EQ(std::pair(pGCB->NumVerbsWaiting, pGCB->NumVerbsOutstanding), std::pair(0u, 1u))
+      << "nothing to collect before the DEALLOCATE completes";
   EXPECT_EQ(submitted_opcodes(), (std::vector<uint16_t>{NAP_SEND_DATA, NAP_DEALLOCATE}));
   ASSERT_EQ(snt_complete_pending(0), 1);
   expect_completion(id, CM_OK);
@@ -833,8 +831,8 @@ TEST_F(Conversations, WhatReceivedIsSplitIntoDataAndStatus) {
     EXPECT_EQ(r.rc, CM_OK);
     EXPECT_EQ(std::vector<CM_INT32>({r.data, r.status, r.length, r.rts}),
               std::vector<CM_INT32>({row.data, row.status, 42, 1}));
-    EXPECT_EQ(cccb->fConfirmRequested, row.confirm_requested);
-    EXPECT_EQ(cccb->fConfirmDeallocReceived, row.confirm_dealloc);
+    EXPECT_EQ(std::pair(cccb->fConfirmRequested, cccb->fConfirmDeallocReceived),
+              std::pair(row.confirm_requested, row.confirm_dealloc));
     EXPECT_EQ(assertions(), std::vector<std::string>(row.assertions, "vcpic/cpiccal3: FALSE"));
   }
   // The outputs are written after a failure too; a purged record does not
@@ -881,8 +879,8 @@ TEST_F(Conversations, TestRequestToSendIsSynchronousAndAnswersFromThePrimary) {
     EXPECT_EQ(run("CMTRTS", id), rc);
     EXPECT_EQ(g_out.rts, rts);
     EXPECT_EQ(known(id), primary != AP_DEALLOC_ABEND);
-    EXPECT_EQ(snt_submitted_with_routine(0), 0);
-    EXPECT_EQ(pGCB->NumVerbsWaiting + pGCB->NumVerbsOutstanding, 0u);
+    EXPECT_EQ(snt_submitted_with_routine(0) + pGCB->NumVerbsWaiting + pGCB->NumVerbsOutstanding,
+              0u);
   }
 }
 
@@ -908,11 +906,10 @@ TEST_F(Conversations, DeallocateWritesAnAuditRecord) {
   std::memcpy(active_conversation(id)->SideInfo.local_LU_alias, "LUALIAS1", 8);
   ASSERT_EQ(run("CMDEAL", id), CM_OK);
   ASSERT_EQ(snt_audit_count(), 1u);
-  const SNT_RECORD record = audit(0);
-  EXPECT_EQ(record.code, kAuditDeallocated);
-  EXPECT_STREQ(record.arg_types, "ba ca");
-  EXPECT_EQ(bytes(record.bytes[0], 8), bytes(id.data(), 8));
-  EXPECT_EQ(text_of(record.bytes[1], 8), "LUALIAS1");
+  const SNT_RECORD r = audit(0);
+  EXPECT_EQ(
+      std::tuple(r.code, std::string(r.arg_types), bytes(r.bytes[0], 8), text_of(r.bytes[1], 8)),
+      std::tuple(kAuditDeallocated, "ba ca", bytes(id.data(), 8), "LUALIAS1"));
 }
 
 // ---- Allocate ----
@@ -1072,8 +1069,7 @@ TEST_F(Conversations, NonBlockingAllocateCompletesThroughWaitOrIsCancelled) {
         cancel,
         {{0, u16(NAP_CANCEL)}, {2, u8(1)}, {12, raw(cccb->TpId, 8)}, {20, raw(&cancel[20], 4)}},
         "cancel");
-    EXPECT_EQ(cccb->ulAppcConvId, 0u);
-    EXPECT_EQ(cccb->fCancelPending, 0);
+    EXPECT_TRUE(cccb->ulAppcConvId == 0 && cccb->fCancelPending == 0);
     EXPECT_EQ(problems(), (Probes{{kProblemCancelPending, 1}}));
     EXPECT_EQ(wait_one().conversation_rc, CM_PRODUCT_SPECIFIC_ERROR);
     EXPECT_FALSE(known(id));

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -379,6 +380,9 @@ struct Extracted {
   std::string text;
   CM_INT32 length = -7;
 };
+inline std::tuple<CM_RETURN_CODE, std::string, CM_INT32> fields(const Extracted &e) {
+  return {e.rc, e.text, e.length};
+}
 inline Extracted extract_text(TextCall fn, ConvId &id, size_t buffer_size = 80) {
   Extracted out;
   out.text.assign(buffer_size, '~');
