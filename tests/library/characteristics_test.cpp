@@ -28,9 +28,7 @@ void local_lu_name_call(unsigned char *id, unsigned char *name, CM_INT32 *, CM_R
   Call(id, name, rc);
 }
 CM_RETURN_CODE set_value(ValueFn fn, ConvId &id, CM_INT32 value) {
-  CM_RETURN_CODE rc = -1;
-  fn(id.data(), &value, &rc);
-  return rc;
+  return rc_call(fn, id.data(), &value);
 }
 
 const auto none = +[](CCCB &) {};
@@ -235,9 +233,7 @@ TEST_F(Characteristics, EachCallReportsAnUnknownConversationWithItsProbe) {
     SCOPED_TRACE(probe);
     snt_reset();
     ConvId id = kUnknownId;
-    CM_RETURN_CODE rc = -1;
-    call(id.data(), &rc);
-    EXPECT_EQ(rc, CM_PROGRAM_PARAMETER_CHECK);
+    EXPECT_EQ(rc_call(call, id.data()), CM_PROGRAM_PARAMETER_CHECK);
     EXPECT_EQ(problems(), (Probes{{kProblemUnknownConversation, probe}}));
     EXPECT_EQ(bytes(problem(0).bytes[0], 8), bytes(kUnknownId.data(), 8));
   }

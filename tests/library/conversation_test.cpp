@@ -204,9 +204,7 @@ TEST_F(Conversations, CminitWithoutStartOrStorageGives20AndLeavesNothing) {
 // ---- contexts and CMTERM ----
 
 CM_RETURN_CODE extract_context(ConvId &id, unsigned char *context, CM_INT32 *length) {
-  CM_RETURN_CODE rc = -1;
-  cmectx(id.data(), context, length, &rc);
-  return rc;
+  return rc_call(cmectx, id.data(), context, length);
 }
 
 TEST_F(Conversations, ExtractContextReadsTheContextOfAConversationInTheNode) {
@@ -251,9 +249,7 @@ TEST_F(Conversations, SetContext) {
     unsigned char wanted[8];
     std::memset(wanted, c.wanted, sizeof wanted);
     CM_INT32 length = c.length;
-    CM_RETURN_CODE rc = -1;
-    cmsctx(wanted, &length, &rc);
-    EXPECT_EQ(rc, c.rc);
+    EXPECT_EQ(rc_call(cmsctx, wanted, &length), c.rc);
     const bool switched = c.rc == CM_OK && c.wanted != c.current;
     EXPECT_EQ(bytes(pGCB->CurrentContext, 8), Bytes(8, switched ? c.wanted : c.current));
     EXPECT_EQ(text_of(pGCB->CurrentContextLU, 8), padded(switched ? "NEWLU" : "OLDLU", 8, '\0'));
@@ -270,9 +266,7 @@ TEST_F(Conversations, SetContext) {
 }
 
 CM_RETURN_CODE terminate(CM_END_TYPE end_type) {
-  CM_RETURN_CODE rc = -1;
-  cmterm(&end_type, &rc);
-  return rc;
+  return rc_call(cmterm, &end_type);
 }
 
 TEST_F(Conversations, CmtermWithABadEndTypeOrNoContextFreesNothing) {
@@ -1159,18 +1153,14 @@ TEST_F(Conversations, AcceptDefinesTheProcessNameOnceAndCopiesTheIncomingConvers
 }
 
 CM_RETURN_CODE specify(std::string name, CM_INT32 length) {
-  CM_RETURN_CODE rc = -1;
-  cmsltp(reinterpret_cast<unsigned char *>(name.data()), &length, &rc);
-  return rc;
+  return rc_call(cmsltp, reinterpret_cast<unsigned char *>(name.data()), &length);
 }
 CM_RETURN_CODE specify(const std::string &name) {
   return specify(name, static_cast<CM_INT32>(name.size()));
 }
 CM_RETURN_CODE release(std::string name) {
   CM_INT32 length = static_cast<CM_INT32>(name.size());
-  CM_RETURN_CODE rc = -1;
-  cmrltp(reinterpret_cast<unsigned char *>(name.data()), &length, &rc);
-  return rc;
+  return rc_call(cmrltp, reinterpret_cast<unsigned char *>(name.data()), &length);
 }
 
 TEST_F(Conversations, AcceptOffersTheSpecifiedNamesAndTheEnvironmentsInTableOrder) {
@@ -1201,9 +1191,7 @@ TEST_F(Conversations, AcceptIncomingWithAUserIdMakesTheIncomingTpCurrent) {
     in.with_user = with_user;
     push(NAP_RECEIVE_ALLOCATE_CPIC, AP_OK, 0, 0, answer_allocation, &in);
     ConvId id{};
-    CM_RETURN_CODE rc = -1;
-    cminic(id.data(), &rc);
-    ASSERT_EQ(rc, CM_OK);
+    ASSERT_EQ(rc_call(cminic, id.data()), CM_OK);
     const uint32_t before = snt_submitted_count();
     ASSERT_EQ(run("CMACCI", id), CM_OK);
     // The unused previous context is ended either way.
@@ -1231,9 +1219,7 @@ TEST_F(Conversations, FailedAcceptsAndNonBlockingAcceptIncoming) {
 
   // CMACCI: the record stays for another try, and accepts only once.
   ConvId incoming{};
-  CM_RETURN_CODE rc = -1;
-  cminic(incoming.data(), &rc);
-  ASSERT_EQ(rc, CM_OK);
+  ASSERT_EQ(rc_call(cminic, incoming.data()), CM_OK);
   push(NAP_RECEIVE_ALLOCATE_CPIC, AP_UNSUCCESSFUL);
   EXPECT_EQ(run("CMACCI", incoming), CM_UNSUCCESSFUL);
   ASSERT_TRUE(known(incoming));

@@ -556,11 +556,7 @@ TEST_F(Submit, CmwaitAndCmchckPickByTablePositionNotCompletionOrder) {
 
 class Cancel : public StartedLibraryTest {
  protected:
-  static CM_RETURN_CODE cancel(ConvId id) {
-    CM_RETURN_CODE rc = -1;
-    CMCANC(id.data(), &rc);
-    return rc;
-  }
+  static CM_RETURN_CODE cancel(ConvId id) { return rc_call(CMCANC, id.data()); }
 };
 
 // The node is told what it knows: the conversation once allocated, the

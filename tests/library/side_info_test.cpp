@@ -273,24 +273,19 @@ SIDE_INFO app_entry(const std::string &name) {
 }
 CM_RETURN_CODE set(SIDE_INFO entry, CM_INT32 length = sizeof(SIDE_INFO)) {
   unsigned char key[8] = {};
-  CM_RETURN_CODE rc = -1;
-  xcmssi(key, &entry, &length, &rc);
-  return rc;
+  return rc_call(xcmssi, key, &entry, &length);
 }
 CM_RETURN_CODE extract(const std::string &name, SIDE_INFO &out, CM_INT32 length = sizeof(SIDE_INFO),
                        CM_INT32 entry_number = 0) {
   std::memset(&out, 'Q', sizeof out);
-  CM_RETURN_CODE rc = -1;
   std::string key = padded(name, 8);
-  xcmesi(&entry_number, reinterpret_cast<unsigned char *>(key.data()), &out, &length, &rc);
-  return rc;
+  return rc_call(xcmesi, &entry_number, reinterpret_cast<unsigned char *>(key.data()), &out,
+                 &length);
 }
 CM_RETURN_CODE remove(const std::string &name) {
-  CM_RETURN_CODE rc = -1;
   unsigned char key[8] = {};
   std::string sym = padded(name, 8);
-  xcmdsi(key, reinterpret_cast<unsigned char *>(sym.data()), &rc);
-  return rc;
+  return rc_call(xcmdsi, key, reinterpret_cast<unsigned char *>(sym.data()));
 }
 
 TEST_F(SideInfo, SetAndExtractRoundTrip) {

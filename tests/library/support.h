@@ -353,6 +353,13 @@ inline SCD_ENTRY named(const std::string &name) {
 
 // ---- calls ----
 
+// Makes a call whose last parameter is its return code, and returns that.
+template <typename F, typename... Args>
+CM_RETURN_CODE rc_call(F call, Args... args) {
+  CM_RETURN_CODE rc = -1;
+  call(args..., &rc);
+  return rc;
+}
 // Adapts a call taking (ID, ..., return code) to one returning its code.
 template <typename F>
 std::function<CM_RETURN_CODE(ConvId &)> rc_of(F call) {
