@@ -28,9 +28,7 @@ void local_lu_name_call(unsigned char *id, unsigned char *name, CM_INT32 *, CM_R
   Call(id, name, rc);
 }
 CM_RETURN_CODE set_value(ValueFn fn, ConvId &id, CM_INT32 value) {
-  CM_RETURN_CODE rc = -1;
-  fn(id.data(), &value, &rc);
-  return rc;
+  return rc_call(fn, id.data(), &value);
 }
 
 const auto none = +[](CCCB &) {};
@@ -235,9 +233,7 @@ TEST_F(Characteristics, EachCallReportsAnUnknownConversationWithItsProbe) {
     SCOPED_TRACE(probe);
     snt_reset();
     ConvId id = kUnknownId;
-    CM_RETURN_CODE rc = -1;
-    call(id.data(), &rc);
-    EXPECT_EQ(rc, CM_PROGRAM_PARAMETER_CHECK);
+    EXPECT_EQ(rc_call(call, id.data()), CM_PROGRAM_PARAMETER_CHECK);
     EXPECT_EQ(problems(), (Probes{{kProblemUnknownConversation, probe}}));
     EXPECT_EQ(bytes(problem(0).bytes[0], 8), bytes(kUnknownId.data(), 8));
   }
@@ -264,20 +260,18 @@ TEST_F(Characteristics, NamesComeBackAsTheConversionTablesAllow) {
     ConvId id{};
     initialized_conversation(id);
     ASSERT_EQ(set_text(row.set, id, row.stored), CM_OK);
-    const Extracted out = extract_text(row.extract, id);
-    EXPECT_EQ(out.rc, CM_OK);
-    EXPECT_EQ(out.length, static_cast<CM_INT32>(row.expected.size()));
-    EXPECT_EQ(out.text, padded(row.expected, 80, '~'));
+    EXPECT_EQ(fields(extract_text(row.extract, id)),
+              std::tuple(CM_OK, padded(row.expected, 80, '~'),
+                         static_cast<CM_INT32>(row.expected.size())));
   }
   // The local LU name is eight bytes and a terminator, once set.
   ConvId id{};
   initialized_conversation(id);
-  Extracted lu = extract_text(local_lu_name_call<cmelln>, id);
-  EXPECT_EQ(lu.rc, CM_PROGRAM_STATE_CHECK);
+  EXPECT_EQ(extract_text(local_lu_name_call<cmelln>, id).rc, CM_PROGRAM_STATE_CHECK);
   ASSERT_EQ(set_text(cmslln, id, "lu1"), CM_OK);
-  lu = extract_text(local_lu_name_call<CMELLN>, id);
-  EXPECT_EQ(lu.rc, CM_OK);
-  EXPECT_EQ(lu.text, padded(std::string("lu1     ") + '\0', 80, '~'));
+  const Extracted lu = extract_text(local_lu_name_call<CMELLN>, id);
+  EXPECT_EQ(std::pair(lu.rc, lu.text),
+            std::pair(CM_OK, padded(std::string("lu1     ") + '\0', 80, '~')));
 }
 
 // Before an incoming conversation is accepted nothing but the security type
@@ -295,8 +289,7 @@ TEST_F(Characteristics, ExtractCallsRefuseOnlyAConversationAwaitingAccept) {
       const Extracted out = extract_text(fn, id);
       EXPECT_EQ(out.rc, expected) << static_cast<int>(stage);
       if (stage == N) {
-        EXPECT_EQ(out.length, -7);
-        EXPECT_EQ(out.text, std::string(80, '~'));
+        EXPECT_EQ(std::pair(out.length, out.text), std::pair(-7, std::string(80, '~')));
       }
     }
     for (ValueFn fn : {cmect, cmesl, xcecst, CMECST}) {
@@ -372,19 +365,16 @@ TEST_F(Characteristics, UserIdAndPasswordAreStoredInEbcdicAndReadBackAsFarAsTheC
   ASSERT_EQ(set_value(cmscst, id, CM_SECURITY_PROGRAM), CM_OK);
   ASSERT_EQ(set_text(cmscsu, id, "user1"), CM_OK);
   ASSERT_EQ(set_text(xcscsp, id, "Pw.9"), CM_OK);
-  EXPECT_EQ(text_of(cccb->SideInfo.security_user_ID, 10),
-            padded("\xA4\xA2\x85\x99\xF1", 10, '\x40'));
+  EXPECT_EQ(
+      text_of(cccb->SideInfo.security_user_ID, 10) + text_of(cccb->SideInfo.security_password, 10),
+      padded("\xA4\xA2\x85\x99\xF1", 10, '\x40') + padded("\xD7\xA6\x4B\xF9", 10, '\x40'));
   EXPECT_EQ(cccb->SideInfo.usUserIDLen, 5);
-  EXPECT_EQ(text_of(cccb->SideInfo.security_password, 10), padded("\xD7\xA6\x4B\xF9", 10, '\x40'));
   // CMESUI hands back up to ten bytes, the others up to eight.
   ASSERT_EQ(set_text(cmscsu, id, "ABCDEFGHIJ"), CM_OK);
   const std::pair<TextCall, const char *> cases[] = {
       {cmesui, "ABCDEFGHIJ~~"}, {cmecsu, "ABCDEFGH~~~~"}, {XCECSU, "ABCDEFGH~~~~"}};
   for (auto [fn, expected] : cases) {
-    const Extracted out = extract_text(fn, id, 12);
-    EXPECT_EQ(out.rc, CM_OK);
-    EXPECT_EQ(out.length, 10);
-    EXPECT_EQ(out.text, expected);
+    EXPECT_EQ(fields(extract_text(fn, id, 12)), std::tuple(CM_OK, expected, 10));
   }
   // A shorter value replaces a longer one completely, and survives a change
   // of type.

@@ -101,33 +101,27 @@ Init init(const std::string &name) {
 }
 
 TEST_F(Conversations, CminitWithoutSideInformationGivesTheDefaults) {
-  {
-    const std::string name = " XYZ";
-    const Init r = init(name);
-    ASSERT_EQ(r.rc, CM_OK);
-    EXPECT_EQ(snt_nof_count(), 0u) << "a blank first byte means no side information";
-    const CCCB *b = cccb_of(r.id);
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(b->fInitializeState, 1);
-    EXPECT_EQ(b->ulAppcConvId + b->usProcessingMode, 0u);
-    EXPECT_EQ(b->ulConversationType, uint32_t{CM_MAPPED_CONVERSATION});
-    const SCD_ENTRY &s = b->SideInfo;
-    EXPECT_EQ(text_of(s.sym_dest_name, 8), padded(name, 8));
-    EXPECT_EQ(text_of(s.partner_LU_name, 17), std::string(17, ' '));
-    EXPECT_EQ(text_of(s.mode_name, 8) + text_of(s.TP_name, 64) + text_of(s.security_user_ID, 10) +
-                  text_of(s.security_password, 10),
-              std::string(92, '\x40'));
-    EXPECT_EQ(text_of(s.local_LU_alias, 8) + text_of(b->LocalLUName, 8), std::string(16, '\0'));
-    EXPECT_EQ(s.usUserIDLen, 1);
-    EXPECT_EQ(s.TP_name_type, uint32_t{CM_APPLICATION_TP});
-    EXPECT_EQ(s.conversation_security_type, uint32_t{CM_SECURITY_SAME});
-  }
+  const Init r = init(" XYZ");
+  ASSERT_EQ(r.rc, CM_OK);
+  EXPECT_EQ(snt_nof_count(), 0u) << "a blank first byte means no side information";
+  const CCCB *b = cccb_of(r.id);
+  ASSERT_NE(b, nullptr);
+  const SCD_ENTRY &s = b->SideInfo;
+  EXPECT_EQ(
+      std::tuple(b->fInitializeState, b->ulAppcConvId + b->usProcessingMode, b->ulConversationType,
+                 s.usUserIDLen, s.TP_name_type, s.conversation_security_type),
+      std::tuple(1, 0u, uint32_t{CM_MAPPED_CONVERSATION}, 1, uint32_t{CM_APPLICATION_TP},
+                 uint32_t{CM_SECURITY_SAME}));
+  EXPECT_EQ(text_of(s.sym_dest_name, 8) + text_of(s.partner_LU_name, 17),
+            " XYZ" + std::string(21, ' '));
+  EXPECT_EQ(text_of(s.mode_name, 8) + text_of(s.TP_name, 64) + text_of(s.security_user_ID, 10) +
+                text_of(s.security_password, 10),
+            std::string(92, '\x40'));
+  EXPECT_EQ(text_of(s.local_LU_alias, 8) + text_of(b->LocalLUName, 8), std::string(16, '\0'));
 }
 
 TEST_F(Conversations, CminitOfAnUnknownOrDeletedNameGives24AndAnIdNobodyKnows) {
-  NodeEntry node;
-  node.name = "GONE";
-  node_holds(node);
+  node_holds({.name = "GONE"});
   SCD_ENTRY gone = named("GONE");
   ASSERT_EQ(SCD_main(SCD_DELETE, &gone), CM_OK);
   for (auto [name, node_verbs] : {std::pair{"UNKNOWN", 3u}, std::pair{"GONE", 0u}}) {
@@ -173,9 +167,8 @@ TEST_F(Conversations, CminitLocalLuPrecedence) {
     std::memcpy(pGCB->EnvLUAlias, padded(c.env, 8, '\0').data(), 8);
     std::memset(pGCB->CurrentContext, c.context ? 0x77 : 0, 8);
     std::memcpy(pGCB->CurrentContextLU, padded(c.context ? "CTXLU" : "", 8, '\0').data(), 8);
-    NodeEntry node;
-    node.name = c.side_info_lu != nullptr ? "LU" + std::to_string(n) : "";
-    node.local_lu = c.side_info_lu != nullptr ? c.side_info_lu : "";
+    const NodeEntry node{.name = c.side_info_lu ? "LU" + std::to_string(n) : "",
+                         .local_lu = c.side_info_lu ? c.side_info_lu : ""};
     if (c.side_info_lu != nullptr) node_holds(node);
     const Init r = init(node.name);
     ASSERT_EQ(r.rc, CM_OK);
@@ -211,9 +204,7 @@ TEST_F(Conversations, CminitWithoutStartOrStorageGives20AndLeavesNothing) {
 // ---- contexts and CMTERM ----
 
 CM_RETURN_CODE extract_context(ConvId &id, unsigned char *context, CM_INT32 *length) {
-  CM_RETURN_CODE rc = -1;
-  cmectx(id.data(), context, length, &rc);
-  return rc;
+  return rc_call(cmectx, id.data(), context, length);
 }
 
 TEST_F(Conversations, ExtractContextReadsTheContextOfAConversationInTheNode) {
@@ -223,11 +214,9 @@ TEST_F(Conversations, ExtractContextReadsTheContextOfAConversationInTheNode) {
   unsigned char context[8] = {0xAB, 0xAB};
   CM_INT32 length = -1;
   EXPECT_EQ(extract_context(fresh, context, &length), CM_PROGRAM_STATE_CHECK);
-  EXPECT_EQ(length, -1);
-  EXPECT_EQ(context[0], 0xAB);
+  EXPECT_EQ(std::pair(length, context[0]), std::pair(-1, uint8_t{0xAB}));
   EXPECT_EQ(extract_context(live, context, &length), CM_OK);
-  EXPECT_EQ(length, 8);
-  EXPECT_EQ(bytes(context, 8), Bytes(8, 0x22));
+  EXPECT_EQ(std::pair(length, bytes(context, 8)), std::pair(8, Bytes(8, 0x22)));
   EXPECT_EQ(extract_context(unknown, context, &length), CM_PROGRAM_PARAMETER_CHECK);
   EXPECT_EQ(problems(), (Probes{{kProblemUnknownConversation, 6}}));
 }
@@ -260,9 +249,7 @@ TEST_F(Conversations, SetContext) {
     unsigned char wanted[8];
     std::memset(wanted, c.wanted, sizeof wanted);
     CM_INT32 length = c.length;
-    CM_RETURN_CODE rc = -1;
-    cmsctx(wanted, &length, &rc);
-    EXPECT_EQ(rc, c.rc);
+    EXPECT_EQ(rc_call(cmsctx, wanted, &length), c.rc);
     const bool switched = c.rc == CM_OK && c.wanted != c.current;
     EXPECT_EQ(bytes(pGCB->CurrentContext, 8), Bytes(8, switched ? c.wanted : c.current));
     EXPECT_EQ(text_of(pGCB->CurrentContextLU, 8), padded(switched ? "NEWLU" : "OLDLU", 8, '\0'));
@@ -279,9 +266,7 @@ TEST_F(Conversations, SetContext) {
 }
 
 CM_RETURN_CODE terminate(CM_END_TYPE end_type) {
-  CM_RETURN_CODE rc = -1;
-  cmterm(&end_type, &rc);
-  return rc;
+  return rc_call(cmterm, &end_type);
 }
 
 TEST_F(Conversations, CmtermWithABadEndTypeOrNoContextFreesNothing) {
@@ -466,11 +451,12 @@ TEST_F(Conversations, EveryVerbsResultEndsOrKeepsTheConversation) {
         CM_RETURN_CODE result = rc;
         if (mode == CM_NON_BLOCKING) {
           ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE) << what;
-          EXPECT_EQ(snt_submitted_with_routine(0), 1) << what;
-          EXPECT_EQ(pGCB->NumVerbsOutstanding, 1u) << what;
+          EXPECT_EQ(std::pair(snt_submitted_with_routine(0), pGCB->NumVerbsOutstanding),
+                    std::pair(1, 1u))
+              << what;
           ASSERT_EQ(snt_complete_pending(0), 1) << what;
-          EXPECT_EQ(pGCB->NumVerbsOutstanding, 0u) << what;
-          EXPECT_EQ(pGCB->NumVerbsWaiting, 1u) << what;
+          EXPECT_EQ(std::pair(pGCB->NumVerbsOutstanding, pGCB->NumVerbsWaiting), std::pair(0u, 1u))
+              << what;
           EXPECT_EQ(cccb_of(id), cccb) << what << ": kept until collected";
           const Waited w = wait_one();
           EXPECT_EQ(w.id, id) << what;
@@ -491,28 +477,19 @@ TEST_F(Conversations, EveryVerbsResultEndsOrKeepsTheConversation) {
 enum State { kReset, kInitialize, kIncoming, kActive, kBusy, kConfirmPending };
 
 void enter(State state, ConvId &id) {
-  switch (state) {
-    case kReset:
-      start_library();
-      id = ConvId{0x55, 0x66, 0x77, 0x01};
-      break;
-    case kInitialize:
-      initialized_conversation(id);
-      break;
-    case kIncoming:
-      incoming_conversation(id);
-      break;
-    case kActive:
-      active_conversation(id);
-      break;
-    case kBusy:  // a non-blocking flush in progress
-      active_conversation(id, CM_MAPPED_CONVERSATION, CM_NON_BLOCKING);
-      push(NAP_FLUSH, AP_OK, 0, 1);
-      ASSERT_EQ(rc_of(cmflus)(id), CM_OPERATION_INCOMPLETE);
-      break;
-    case kConfirmPending:
-      active_conversation(id)->fConfirmRequested = 1;
-      break;
+  if (state == kReset) {
+    start_library();
+    id = ConvId{0x55, 0x66, 0x77, 0x01};
+  } else if (state == kInitialize) {
+    initialized_conversation(id);
+  } else if (state == kIncoming) {
+    incoming_conversation(id);
+  } else if (state == kBusy) {  // a non-blocking flush in progress
+    active_conversation(id, CM_MAPPED_CONVERSATION, CM_NON_BLOCKING);
+    push(NAP_FLUSH, AP_OK, 0, 1);
+    ASSERT_EQ(rc_of(cmflus)(id), CM_OPERATION_INCOMPLETE);
+  } else {
+    active_conversation(id)->fConfirmRequested = state == kConfirmPending;
   }
 }
 
@@ -578,8 +555,7 @@ TEST_F(Conversations, TheNextVerbDropsAnUncollectedCompletion) {
   ASSERT_EQ(pGCB->NumVerbsWaiting, 1u);
   push(NAP_REQUEST_TO_SEND, AP_OK, 0, 1);
   ASSERT_EQ(rc_of(cmrts)(id), CM_OPERATION_INCOMPLETE);
-  EXPECT_EQ(pGCB->NumVerbsWaiting, 0u);
-  EXPECT_EQ(cccb->fCompletionWaiting, 0);
+  EXPECT_TRUE(pGCB->NumVerbsWaiting == 0 && cccb->fCompletionWaiting == 0);
   ASSERT_EQ(snt_complete_pending(0), 1);
   expect_completion(id, CM_OK, "the flush result is gone");
   EXPECT_EQ(snt_assert_count(), 0u);
@@ -680,8 +656,7 @@ TEST_F(Conversations, LogDataGoesOnceAndIsNeededWhereItIsSent) {
                 header(NAP_SEND_ERROR, 0) +
                     std::vector<Field>{{26, u8(1)}, {28, u16(4)}, {32, ptr(log_data)}},
                 "first send error");
-  EXPECT_EQ(cccb->pLogData, nullptr);
-  EXPECT_EQ(cccb->usLogDataLength, 0);
+  EXPECT_TRUE(cccb->pLogData == nullptr && cccb->usLogDataLength == 0);
   EXPECT_EQ(run("CMSERR", id), CM_OK);
   expect_record(submitted(1), header(NAP_SEND_ERROR, 0) + std::vector<Field>{{26, u8(1)}},
                 "second send error");
@@ -753,8 +728,7 @@ TEST_F(Conversations, SendAndDeallocateAbendSendsDataThenDeallocate) {
     EXPECT_EQ(known(other), failing == NAP_SEND_DATA);
     if (failing == NAP_SEND_DATA) {
       EXPECT_EQ(snt_submitted_count(), 1u);
-      EXPECT_EQ(cccb->DeallcLogData, nullptr);
-      EXPECT_EQ(cccb->usDeallcLogDataLength, 0);
+      EXPECT_TRUE(cccb->DeallcLogData == nullptr && cccb->usDeallcLogDataLength == 0);
       EXPECT_NE(cccb->pLogData, nullptr) << "the program's log data stays set";
     }
     EXPECT_EQ(snt_assert_count(), 0u);
@@ -767,8 +741,8 @@ TEST_F(Conversations, SendAndDeallocateAbendSendsDataThenDeallocate) {
   push(NAP_DEALLOCATE, AP_OK, 0, 1);
   ASSERT_EQ(send(id, 1), CM_OPERATION_INCOMPLETE);
   ASSERT_EQ(snt_complete_pending(0), 1);
-  EXPECT_EQ(pGCB->NumVerbsWaiting, 0u) << "nothing to collect before the DEALLOCATE completes";
-  EXPECT_EQ(pGCB->NumVerbsOutstanding, 1u);
+  EXPECT_EQ(std::pair(pGCB->NumVerbsWaiting, pGCB->NumVerbsOutstanding), std::pair(0u, 1u))
+      << "nothing to collect before the DEALLOCATE completes";
   EXPECT_EQ(submitted_opcodes(), (std::vector<uint16_t>{NAP_SEND_DATA, NAP_DEALLOCATE}));
   ASSERT_EQ(snt_complete_pending(0), 1);
   expect_completion(id, CM_OK);
@@ -851,8 +825,8 @@ TEST_F(Conversations, WhatReceivedIsSplitIntoDataAndStatus) {
     EXPECT_EQ(r.rc, CM_OK);
     EXPECT_EQ(std::vector<CM_INT32>({r.data, r.status, r.length, r.rts}),
               std::vector<CM_INT32>({row.data, row.status, 42, 1}));
-    EXPECT_EQ(cccb->fConfirmRequested, row.confirm_requested);
-    EXPECT_EQ(cccb->fConfirmDeallocReceived, row.confirm_dealloc);
+    EXPECT_EQ(std::pair(cccb->fConfirmRequested, cccb->fConfirmDeallocReceived),
+              std::pair(row.confirm_requested, row.confirm_dealloc));
     EXPECT_EQ(assertions(), std::vector<std::string>(row.assertions, "vcpic/cpiccal3: FALSE"));
   }
   // The outputs are written after a failure too; a purged record does not
@@ -899,8 +873,8 @@ TEST_F(Conversations, TestRequestToSendIsSynchronousAndAnswersFromThePrimary) {
     EXPECT_EQ(run("CMTRTS", id), rc);
     EXPECT_EQ(g_out.rts, rts);
     EXPECT_EQ(known(id), primary != AP_DEALLOC_ABEND);
-    EXPECT_EQ(snt_submitted_with_routine(0), 0);
-    EXPECT_EQ(pGCB->NumVerbsWaiting + pGCB->NumVerbsOutstanding, 0u);
+    EXPECT_EQ(snt_submitted_with_routine(0) + pGCB->NumVerbsWaiting + pGCB->NumVerbsOutstanding,
+              0u);
   }
 }
 
@@ -926,11 +900,10 @@ TEST_F(Conversations, DeallocateWritesAnAuditRecord) {
   std::memcpy(active_conversation(id)->SideInfo.local_LU_alias, "LUALIAS1", 8);
   ASSERT_EQ(run("CMDEAL", id), CM_OK);
   ASSERT_EQ(snt_audit_count(), 1u);
-  const SNT_RECORD record = audit(0);
-  EXPECT_EQ(record.code, kAuditDeallocated);
-  EXPECT_STREQ(record.arg_types, "ba ca");
-  EXPECT_EQ(bytes(record.bytes[0], 8), bytes(id.data(), 8));
-  EXPECT_EQ(text_of(record.bytes[1], 8), "LUALIAS1");
+  const SNT_RECORD r = audit(0);
+  EXPECT_EQ(
+      std::tuple(r.code, std::string(r.arg_types), bytes(r.bytes[0], 8), text_of(r.bytes[1], 8)),
+      std::tuple(kAuditDeallocated, "ba ca", bytes(id.data(), 8), "LUALIAS1"));
 }
 
 // ---- Allocate ----
@@ -1090,8 +1063,7 @@ TEST_F(Conversations, NonBlockingAllocateCompletesThroughWaitOrIsCancelled) {
         cancel,
         {{0, u16(NAP_CANCEL)}, {2, u8(1)}, {12, raw(cccb->TpId, 8)}, {20, raw(&cancel[20], 4)}},
         "cancel");
-    EXPECT_EQ(cccb->ulAppcConvId, 0u);
-    EXPECT_EQ(cccb->fCancelPending, 0);
+    EXPECT_TRUE(cccb->ulAppcConvId == 0 && cccb->fCancelPending == 0);
     EXPECT_EQ(problems(), (Probes{{kProblemCancelPending, 1}}));
     EXPECT_EQ(wait_one().conversation_rc, CM_PRODUCT_SPECIFIC_ERROR);
     EXPECT_FALSE(known(id));
@@ -1157,12 +1129,11 @@ TEST_F(Conversations, AcceptDefinesTheProcessNameOnceAndCopiesTheIncomingConvers
 
   const CCCB *cccb = cccb_of(first);
   const SCD_ENTRY &s = cccb->SideInfo;
-  EXPECT_EQ(cccb->fInitializeState, 0);
-  EXPECT_EQ(cccb->ulAppcConvId, 0x99u);
+  EXPECT_EQ(std::tuple(cccb->fInitializeState, cccb->ulAppcConvId, cccb->ulSyncLevel,
+                       cccb->ulConversationType),
+            std::tuple(0, 0x99u, 1u, 0u));
   EXPECT_EQ(bytes(cccb->TpId, 8), bytes(in.tp_id, 8));
   EXPECT_EQ(bytes(s.TP_name, 64), in.tp_name);
-  EXPECT_EQ(cccb->ulSyncLevel, 1u);
-  EXPECT_EQ(cccb->ulConversationType, 0u);
   EXPECT_EQ(bytes(s.mode_name, 8), ebcdic_field("BATCH1", 8));
   EXPECT_EQ(bytes(s.partner_LU_name, 17), ebcdic_field("NETA.PARTNERLUXYZ", 17));
   EXPECT_EQ(std::vector<int>({s.usModeNameLen, s.usUserIDLen, s.usPartnerLULen,
@@ -1182,18 +1153,14 @@ TEST_F(Conversations, AcceptDefinesTheProcessNameOnceAndCopiesTheIncomingConvers
 }
 
 CM_RETURN_CODE specify(std::string name, CM_INT32 length) {
-  CM_RETURN_CODE rc = -1;
-  cmsltp(reinterpret_cast<unsigned char *>(name.data()), &length, &rc);
-  return rc;
+  return rc_call(cmsltp, reinterpret_cast<unsigned char *>(name.data()), &length);
 }
 CM_RETURN_CODE specify(const std::string &name) {
   return specify(name, static_cast<CM_INT32>(name.size()));
 }
 CM_RETURN_CODE release(std::string name) {
   CM_INT32 length = static_cast<CM_INT32>(name.size());
-  CM_RETURN_CODE rc = -1;
-  cmrltp(reinterpret_cast<unsigned char *>(name.data()), &length, &rc);
-  return rc;
+  return rc_call(cmrltp, reinterpret_cast<unsigned char *>(name.data()), &length);
 }
 
 TEST_F(Conversations, AcceptOffersTheSpecifiedNamesAndTheEnvironmentsInTableOrder) {
@@ -1224,9 +1191,7 @@ TEST_F(Conversations, AcceptIncomingWithAUserIdMakesTheIncomingTpCurrent) {
     in.with_user = with_user;
     push(NAP_RECEIVE_ALLOCATE_CPIC, AP_OK, 0, 0, answer_allocation, &in);
     ConvId id{};
-    CM_RETURN_CODE rc = -1;
-    cminic(id.data(), &rc);
-    ASSERT_EQ(rc, CM_OK);
+    ASSERT_EQ(rc_call(cminic, id.data()), CM_OK);
     const uint32_t before = snt_submitted_count();
     ASSERT_EQ(run("CMACCI", id), CM_OK);
     // The unused previous context is ended either way.
@@ -1254,9 +1219,7 @@ TEST_F(Conversations, FailedAcceptsAndNonBlockingAcceptIncoming) {
 
   // CMACCI: the record stays for another try, and accepts only once.
   ConvId incoming{};
-  CM_RETURN_CODE rc = -1;
-  cminic(incoming.data(), &rc);
-  ASSERT_EQ(rc, CM_OK);
+  ASSERT_EQ(rc_call(cminic, incoming.data()), CM_OK);
   push(NAP_RECEIVE_ALLOCATE_CPIC, AP_UNSUCCESSFUL);
   EXPECT_EQ(run("CMACCI", incoming), CM_UNSUCCESSFUL);
   ASSERT_TRUE(known(incoming));

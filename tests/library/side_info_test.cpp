@@ -65,9 +65,7 @@ TEST_F(SideInfo, ThreeStatesTimesThreeOperations) {
     if (c.from == Deleted) {
       ASSERT_EQ(SCD_main(SCD_DELETE, &old), CM_OK);
     }
-    NodeEntry node;
-    node.name = name;
-    node.mode = "#BATCH";  // mode length 6
+    const NodeEntry node{.name = name, .mode = "#BATCH"};  // mode length 6
     if (c.node_asked) node_holds(node);
     const uint32_t before = snt_nof_count();
     SCD_ENTRY e = c.op == SCD_SET ? application_entry(name, 2) : named(name);
@@ -154,8 +152,7 @@ TEST_F(SideInfo, FailuresOfStorage) {
   // A lookup whose copy cannot be kept still fills the caller's entry.
   for (bool insert : {true, false}) {
     fresh_node();
-    NodeEntry node;
-    node.name = insert ? "VIAINS" : "VIAALLOC";
+    const NodeEntry node{.name = insert ? "VIAINS" : "VIAALLOC"};
     node_holds(node);
     insert ? snt_fail_table_inserts(1) : snt_fail_allocations(1);
     SCD_ENTRY e = named(node.name);
@@ -172,8 +169,7 @@ TEST_F(SideInfo, FailuresOfStorage) {
       {SCD_DELETE, snt_fail_table_inserts, 4}};
   for (const auto &[function, inject, probe] : cases) {
     fresh_node();
-    NodeEntry node;
-    node.name = "S" + std::to_string(probe);
+    const NodeEntry node{.name = "S" + std::to_string(probe)};
     if (function == SCD_DELETE) node_holds(node);
     inject(1);
     SCD_ENTRY e = application_entry(node.name, 4);
@@ -215,17 +211,13 @@ TEST_F(SideInfo, TheNodesRecordIsConvertedAndKept) {
       {"", 0, 0, std::string(17, ' ')}};
   for (const auto &[partner, qualified, period, stored] : partners) {
     SCOPED_TRACE(partner);
-    NodeEntry node;
-    node.partner = partner;
-    const SCD_ENTRY e = convert(node);
+    const SCD_ENTRY e = convert({.partner = partner});
     EXPECT_EQ(e.usPartnerLUQualified, qualified);
     EXPECT_EQ(e.usPartnerLUPeriodPos, period);
     EXPECT_EQ(e.usPartnerLULen, std::strlen(partner));
     EXPECT_EQ(text_of(e.partner_LU_name, 17), stored);
   }
-  NodeEntry node;
-  node.name = "KEPT";
-  node.local_lu = "BILLING";
+  NodeEntry node{.name = "KEPT", .local_lu = "BILLING"};
   const SCD_ENTRY e = convert(node);
   EXPECT_EQ(e.TP_name_type, 0u);
   EXPECT_EQ(bytes(e.TP_name, 64), ebcdic_field("PAYROLL", 64));
@@ -255,8 +247,8 @@ TEST_F(SideInfo, TheNodesRecordIsConvertedAndKept) {
     node.security = type;
     const SCD_ENTRY s = convert(node);
     const bool user = type == 1 || type == 2 || type == 5, password = type == 2 || type == 5;
-    EXPECT_EQ(bytes(s.security_user_ID, 10), user ? ebcdic_field("CLERK", 10) : Bytes(10, 0));
-    EXPECT_EQ(s.usUserIDLen, user ? 5 : 0);
+    EXPECT_EQ(std::pair(bytes(s.security_user_ID, 10), s.usUserIDLen),
+              std::pair(user ? ebcdic_field("CLERK", 10) : Bytes(10, 0), uint16_t(user ? 5 : 0)));
     EXPECT_EQ(bytes(s.security_password, 10), password ? ebcdic_field("SECRET", 10) : Bytes(10, 0));
   }
 }
@@ -281,24 +273,19 @@ SIDE_INFO app_entry(const std::string &name) {
 }
 CM_RETURN_CODE set(SIDE_INFO entry, CM_INT32 length = sizeof(SIDE_INFO)) {
   unsigned char key[8] = {};
-  CM_RETURN_CODE rc = -1;
-  xcmssi(key, &entry, &length, &rc);
-  return rc;
+  return rc_call(xcmssi, key, &entry, &length);
 }
 CM_RETURN_CODE extract(const std::string &name, SIDE_INFO &out, CM_INT32 length = sizeof(SIDE_INFO),
                        CM_INT32 entry_number = 0) {
   std::memset(&out, 'Q', sizeof out);
-  CM_RETURN_CODE rc = -1;
   std::string key = padded(name, 8);
-  xcmesi(&entry_number, reinterpret_cast<unsigned char *>(key.data()), &out, &length, &rc);
-  return rc;
+  return rc_call(xcmesi, &entry_number, reinterpret_cast<unsigned char *>(key.data()), &out,
+                 &length);
 }
 CM_RETURN_CODE remove(const std::string &name) {
-  CM_RETURN_CODE rc = -1;
   unsigned char key[8] = {};
   std::string sym = padded(name, 8);
-  xcmdsi(key, reinterpret_cast<unsigned char *>(sym.data()), &rc);
-  return rc;
+  return rc_call(xcmdsi, key, reinterpret_cast<unsigned char *>(sym.data()));
 }
 
 TEST_F(SideInfo, SetAndExtractRoundTrip) {
@@ -306,14 +293,15 @@ TEST_F(SideInfo, SetAndExtractRoundTrip) {
   SIDE_INFO out, again;
   ASSERT_EQ(extract("ROUND", out), CM_OK);
   EXPECT_EQ(snt_nof_count(), 0u) << "a set entry must not need the node";
-  EXPECT_EQ(text_of(out.sym_dest_name, 8), "ROUND   ");
-  EXPECT_EQ(text_of(out.partner_LU_name, 17), "NETA.LUX         ");  // the set folds case
-  EXPECT_EQ(text_of(out.reserved, 3), "QQQ");                        // not written
-  EXPECT_EQ(text_of(out.TP_name, 64), padded("Payroll-1", 64));
-  EXPECT_EQ(text_of(out.mode_name, 8), std::string("#IN\0ER  ", 8));  // '!' is outside the set
+  // The set folds the LU name's case, '!' is outside the mode name's set, the
+  // reserved bytes are not written and the password is never returned.
+  EXPECT_EQ(text_of(out.sym_dest_name, 8) + "|" + text_of(out.partner_LU_name, 17) + "|" +
+                text_of(out.reserved, 3) + "|" + text_of(out.TP_name, 64) + "|" +
+                text_of(out.mode_name, 8) + "|" + text_of(out.security_user_ID, 8) + "|" +
+                text_of(out.security_password, 8),
+            "ROUND   |NETA.LUX         |QQQ|" + padded("Payroll-1", 64) + "|" +
+                std::string("#IN\0ER  ", 8) + "|clerk   |" + std::string(8, '\0'));
   EXPECT_EQ(out.conversation_security_type, CM_SECURITY_PROGRAM);
-  EXPECT_EQ(text_of(out.security_user_ID, 8), "clerk   ");
-  EXPECT_EQ(text_of(out.security_password, 8), std::string(8, '\0'));  // never returned
   // Neither the key of XCMSSI nor the entry number of XCMESI changes anything.
   ASSERT_EQ(extract("ROUND", again, sizeof(SIDE_INFO), 77), CM_OK);
   EXPECT_EQ(std::memcmp(&out, &again, sizeof out), 0);
@@ -374,9 +362,7 @@ TEST_F(SideInfo, SetAndExtractRefuseBadArguments) {
 }
 
 TEST_F(SideInfo, DeletingANameOnlyTheNodeHolds) {
-  NodeEntry node;
-  node.name = "NODEONLY";
-  node_holds(node);
+  node_holds({.name = "NODEONLY"});
   EXPECT_EQ(remove("NODEONLY"), CM_OK);
   EXPECT_EQ(nof_opcodes(), kAskedNode);
   SIDE_INFO out;
@@ -419,20 +405,21 @@ security = "none"
   SIDE_INFO out;
   ASSERT_EQ(extract("PAYROLL", out), CM_OK);
   std::filesystem::remove(file);
-  EXPECT_EQ(text_of(out.partner_LU_name, 17), "NETB.HQLU        ");
-  EXPECT_EQ(text_of(out.mode_name, 8), "#BATCH  ");
-  EXPECT_EQ(text_of(out.TP_name, 64), padded("PAYTP", 64));
+  EXPECT_EQ(text_of(out.partner_LU_name, 17) + text_of(out.mode_name, 8) +
+                text_of(out.TP_name, 64) + text_of(out.security_user_ID, 8),
+            "NETB.HQLU        #BATCH  " + padded("PAYTP", 64) + "CLERK   ");
   EXPECT_EQ(out.conversation_security_type, CM_SECURITY_PROGRAM);
-  EXPECT_EQ(text_of(out.security_user_ID, 8), "CLERK   ");
   ASSERT_EQ(extract("SVC", out), CM_OK);
   EXPECT_EQ(out.TP_name_type, CM_SNA_SERVICE_TP);
-  EXPECT_EQ(text_of(out.TP_name, 64), padded("\x06\x31\x30\x32", 64));  // X'06F1F0F2'
-  EXPECT_EQ(text_of(out.partner_LU_name, 17), "HQ               ");
+  // X'06F1F0F2'
+  EXPECT_EQ(text_of(out.TP_name, 64) + text_of(out.partner_LU_name, 17),
+            padded("\x06\x31\x30\x32", 64) + "HQ               ");
   EXPECT_EQ(extract("NOSUCH", out), CM_PROGRAM_PARAMETER_CHECK);
   ConvId id{};
-  CM_RETURN_CODE rc = -1;
-  cminit(id.data(), reinterpret_cast<unsigned char *>(padded("PAYROLL", 8).data()), &rc);
-  EXPECT_EQ(rc, CM_OK);
+  EXPECT_EQ(rc_of([](unsigned char *i, CM_RETURN_CODE *rc) {
+              cminit(i, reinterpret_cast<unsigned char *>(padded("PAYROLL", 8).data()), rc);
+            })(id),
+            CM_OK);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -300,7 +301,7 @@ struct NodeEntry {
   std::string tp_name = "PAYROLL", mode = "#INTER";
   uint32_t security = 2;
   std::string user = "CLERK", password = "SECRET";
-  std::string local_lu;  // empty: eight zero bytes
+  std::string local_lu{};  // empty: eight zero bytes
 };
 inline NOF_SIDE_INFO_DATA node_record(const NodeEntry &e) {
   NOF_SIDE_INFO_DATA r{};
@@ -352,6 +353,13 @@ inline SCD_ENTRY named(const std::string &name) {
 
 // ---- calls ----
 
+// Makes a call whose last parameter is its return code, and returns that.
+template <typename F, typename... Args>
+CM_RETURN_CODE rc_call(F call, Args... args) {
+  CM_RETURN_CODE rc = -1;
+  call(args..., &rc);
+  return rc;
+}
 // Adapts a call taking (ID, ..., return code) to one returning its code.
 template <typename F>
 std::function<CM_RETURN_CODE(ConvId &)> rc_of(F call) {
@@ -379,6 +387,9 @@ struct Extracted {
   std::string text;
   CM_INT32 length = -7;
 };
+inline std::tuple<CM_RETURN_CODE, std::string, CM_INT32> fields(const Extracted &e) {
+  return {e.rc, e.text, e.length};
+}
 inline Extracted extract_text(TextCall fn, ConvId &id, size_t buffer_size = 80) {
   Extracted out;
   out.text.assign(buffer_size, '~');

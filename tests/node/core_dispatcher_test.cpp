@@ -69,10 +69,10 @@ TEST_F(Dispatcher, ImmediateAnswersCarryTheScriptAndSkipTheRoutine) {
   for (Vcb *v : {&send, &flush, &alloc}) {
     EXPECT_EQ(appc_c_async_version(2, v->bytes, record_routine, 1), AP_ASYNC_COMPLETED);
   }
-  EXPECT_EQ(send.hdr()->primary_rc, AP_OK);
-  EXPECT_EQ(flush.hdr()->primary_rc, AP_STATE_CHECK);
-  EXPECT_EQ(flush.hdr()->secondary_rc, 3u);
-  EXPECT_EQ(alloc.hdr()->conv_id, 0xABCDu);  // the fill runs after the defaults
+  // The fill runs after the defaults.
+  EXPECT_EQ(std::tuple(send.hdr()->primary_rc, flush.hdr()->primary_rc, flush.hdr()->secondary_rc,
+                       alloc.hdr()->conv_id),
+            std::tuple(AP_OK, AP_STATE_CHECK, 3u, 0xABCDu));
   // appc_c_version never leaves a verb pending, whatever the script says.
   push_script(NAP_CONFIRM, AP_DEALLOC_NORMAL, 0, 1);
   Vcb confirm(NAP_CONFIRM);
@@ -125,9 +125,8 @@ TEST_F(Dispatcher, BlockingCallerWaitsWithTheLockReleased) {
   EXPECT_EQ(answer.load(), 0u);
   EXPECT_EQ(snt_complete_pending(0), 1);
   caller.join();
-  EXPECT_EQ(answer.load(), AP_ASYNC_COMPLETED);
-  EXPECT_EQ(depth_after.load(), 1u);
-  EXPECT_EQ(receive.hdr()->primary_rc, AP_DEALLOC_NORMAL);
+  EXPECT_EQ(std::tuple(answer.load(), depth_after.load(), receive.hdr()->primary_rc),
+            std::tuple(uint32_t{AP_ASYNC_COMPLETED}, 1u, AP_DEALLOC_NORMAL));
 }
 
 // A completion routine that submits verbs of its own: one synchronous, one
@@ -216,18 +215,14 @@ TEST_F(Path, RegistrationsConnectToTheNodeAndGetDistinctIds) {
   snanode::set_path_connector(counting_connector);
   EXPECT_EQ(register_user(), 0u);
   g_connect_answer = true;
-  const uint32_t a = register_user();
-  const uint32_t b = register_user();
-  EXPECT_NE(a, 0u);
-  EXPECT_NE(b, 0u);
-  EXPECT_NE(a, b);
+  const uint32_t a = register_user(), b = register_user();
+  EXPECT_TRUE(a != 0 && b != 0 && a != b) << a << " " << b;
   EXPECT_EQ(g_connects, 2);
   vpm_terminate_path_user(a);
   vpm_terminate_path_user(a);  // twice: no effect
   EXPECT_EQ(snt_path_users(), 1u);
   const uint32_t again = register_user();
-  EXPECT_NE(again, 0u);
-  EXPECT_NE(again, a);  // not handed out again at once
+  EXPECT_TRUE(again != 0 && again != a) << again;  // not handed out again at once
   EXPECT_EQ(snt_path_users(), 2u);
   snt_end_path();
   EXPECT_NE(register_user(), 0u);
@@ -270,9 +265,9 @@ TEST_F(Path, OutstandingVerbsFailAndCallersReturnBeforePathRoutinesRun) {
   EXPECT_EQ(seen.back(), "path 32769 context=5 locked=1 pending=0");
   std::sort(seen.begin(), seen.end() - 1);
   const std::string failed = to_string(AP_COMM_SUBSYSTEM_ABENDED);
-  EXPECT_EQ(seen[0], "caller primary=" + failed);
-  EXPECT_EQ(seen[1], "caller unlocks");
-  EXPECT_EQ(seen[2], "routine 1 conv=0 primary=" + failed + " locked=1");
+  EXPECT_EQ(std::vector(seen.begin(), seen.end() - 1),
+            (std::vector<std::string>{"caller primary=" + failed, "caller unlocks",
+                                      "routine 1 conv=0 primary=" + failed + " locked=1"}));
   EXPECT_EQ(snt_path_users(), 0u);  // registrations end with the path
   Vcb after(NAP_FLUSH);             // and the node is usable again
   appc_c_version(2, after.bytes);

@@ -34,8 +34,7 @@ TEST_F(LogTest, EveryArgumentTypeIsDecodedAndEdgeArgumentsStayOnOneLine) {
   EXPECT_TRUE(std::regex_match(problems[0], line)) << problems[0];
   SNT_RECORD record;
   ASSERT_EQ(snt_problem(0, &record), 1);
-  EXPECT_EQ(record.arg_count, 8u);
-  EXPECT_EQ(record.args[2], 0x20030005u);
+  EXPECT_EQ(std::pair(record.arg_count, record.args[2]), std::pair(8u, uint64_t{0x20030005}));
   EXPECT_STREQ(reinterpret_cast<const char *>(record.bytes[4]), "hi\nthere");
   EXPECT_EQ(problems[0], record.line);
 
@@ -51,14 +50,12 @@ TEST_F(LogTest, EveryArgumentTypeIsDecodedAndEdgeArgumentsStayOnOneLine) {
   const auto audits = lines("logs/audit.log");
   ASSERT_EQ(audits.size(), 4u);
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(audits[i].ends_with(ends[i])) << audits[i];
-  EXPECT_EQ(snt_audit_count(), 4u);
-  EXPECT_EQ(snt_problem_count(), 1u);
+  EXPECT_EQ(std::pair(snt_audit_count(), snt_problem_count()), std::pair(4u, 1u));
 }
 
 TEST_F(LogTest, AssertionsAreLoggedCountedApartAndMayAbort) {
   v0_assert("cpicutil", 42, "pGCB->NumVerbsWaiting > 0");
-  EXPECT_EQ(snt_assert_count(), 1u);
-  EXPECT_EQ(snt_problem_count(), 0u);
+  EXPECT_EQ(std::pair(snt_assert_count(), snt_problem_count()), std::pair(1u, 0u));
   const auto written = lines("logs/problem.log");
   ASSERT_EQ(written.size(), 1u);
   EXPECT_TRUE(written[0].ends_with(" assertion cpicutil:42: pGCB->NumVerbsWaiting > 0"));
@@ -99,9 +96,8 @@ TEST(TraceFlags, EnvironmentAndConfigurationSetTheBytesBehindPtrc) {
   setenv("SNANODE_TRACE_FLAGS", "00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 02", 1);
   setenv("SNANODE_TRACE", "1", 1);
   snt_reset();  // reloads the flags from the environment
-  EXPECT_EQ(ptrc[0], SNANODE_TRACE_API_BIT);
-  EXPECT_EQ(ptrc[16], 0x02);
-  EXPECT_EQ(ptrc[17], 0);
+  EXPECT_EQ(std::tuple(ptrc[0], ptrc[16], ptrc[17]),
+            std::tuple(uint8_t{SNANODE_TRACE_API_BIT}, uint8_t{0x02}, uint8_t{0}));
   setenv("SNANODE_TRACE", "0", 1);  // only "1" turns it on
   snt_reset();
   EXPECT_EQ(ptrc[0], 0);

@@ -16,9 +16,7 @@ namespace {
 TEST(ProcessLock, NestsAndOnlyTheOutermostUnlockOrASleepLetsOthersIn) {
   snt_reset();
   void *object = vpm_allocate_wait_object();
-  EXPECT_EQ(vpm_lock(), 1);
-  EXPECT_EQ(vpm_lock(), 2);
-  EXPECT_EQ(vpm_lock(), 3);
+  for (uint16_t depth : {1, 2, 3}) EXPECT_EQ(vpm_lock(), depth);
   std::atomic<bool> other_in{false};
   std::thread other([&] {
     const uint16_t token = vpm_lock();
@@ -63,9 +61,8 @@ TEST(WaitObject, WakeupsBeforeSleepAreCountedPerObjectNotLost) {
   ASSERT_TRUE(object && other);
   vpm_wakeup(object);
   vpm_wakeup(object);
-  EXPECT_EQ(vpm_sleep(other, 0), 1u);
-  EXPECT_EQ(vpm_sleep(object, 0), 0u);
-  EXPECT_EQ(vpm_sleep(object, 0), 0u);
+  EXPECT_EQ((std::tuple{vpm_sleep(other, 0), vpm_sleep(object, 0), vpm_sleep(object, 0)}),
+            std::tuple(1u, 0u, 0u));
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(vpm_sleep(object, 40), 1u);  // both wake-ups used up
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(40));
@@ -234,8 +231,8 @@ TEST(HandleTable, CapacityAndTerminatedTables) {
 // out is reported and left alone; injected failures count down.
 TEST(Memory, BlocksAreCountedPerClassAndForeignOnesAreRefused) {
   snt_reset();
-  void *a = nba_mm_alloc(100, 0x302, nba_blank_name, 0, 0);
-  void *b = nba_mm_alloc(28, 0x302, nba_blank_name, 0, 0);
+  void *a = nba_mm_alloc(100, 0x302, nba_blank_name, 0, 0),
+       *b = nba_mm_alloc(28, 0x302, nba_blank_name, 0, 0);
   ASSERT_TRUE(a && b);
   EXPECT_EQ(reinterpret_cast<uintptr_t>(a) % 16, 0u);
   std::memset(a, 0xAB, 100);  // the whole size is usable

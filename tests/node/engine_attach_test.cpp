@@ -37,19 +37,15 @@ TEST(EngineAttach, AcceptReceivesTheAllocationsCharacteristics) {
   EngineHarness::Accept accept;
   EngineHarness::prepare_accept(accept, {"OTHER", "SERVER"});
   ASSERT_FALSE(h.submit(&accept.vcb));
-  AllocateOptions o;
-  o.mapped = false;
-  o.sync_level = 1;
-  Conv a = h.allocate(tp, o);
+  Conv a = h.allocate(tp, {.mapped = false, .sync_level = 1});
   ASSERT_TRUE(h.completed(&accept.vcb));
-  EXPECT_EQ(accept.vcb.primary_rc, AP_OK);
-  EXPECT_EQ(ebcdic_name(accept.vcb.rcv_tp_name, 64), "SERVER");
-  EXPECT_EQ(accept.vcb.rcv_conv_type, 0);
-  EXPECT_EQ(accept.vcb.rcv_sync_level, 1);
-  EXPECT_EQ(ebcdic_name(accept.vcb.rcv_mode_name, 8), "#INTER");
-  EXPECT_EQ(ebcdic_name(accept.vcb.rcv_partner_lu_name, 17), "APPN.LOCAL");
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(accept.vcb.rcv_lu_alias), 8), "LOCAL   ");
-  EXPECT_EQ(accept.vcb.rcv_user_id[0], 0x40);  // no user
+  const auto &v = accept.vcb;
+  EXPECT_EQ(std::tuple(v.primary_rc, v.rcv_conv_type, v.rcv_sync_level, v.rcv_user_id[0]),
+            std::tuple(AP_OK, 0, 1, 0x40));  // no user
+  EXPECT_EQ(ebcdic_name(v.rcv_tp_name, 64) + "/" + ebcdic_name(v.rcv_mode_name, 8) + "/" +
+                ebcdic_name(v.rcv_partner_lu_name, 17) + "/" +
+                std::string(reinterpret_cast<const char *>(v.rcv_lu_alias), 8),
+            "SERVER/#INTER/APPN.LOCAL/LOCAL   ");
   EXPECT_NE(accept.vcb.conv_id, a.id);
   EXPECT_NE(std::memcmp(accept.vcb.tp_id, tp.data(), 8), 0);  // a TP of its own
 }
@@ -63,24 +59,16 @@ TEST(EngineAttach, PartnerByQualifiedNameAndUnknownPartnerOrMode) {
   ASSERT_TRUE(h.submit(&vcb));
   EXPECT_EQ(vcb.hdr.primary_rc, AP_OK);
 
-  AllocateOptions unknown_partner, unknown_mode;
-  unknown_partner.partner = "NOWHERE";
-  unknown_mode.mode = "NOMODE";
-  const std::array<uint8_t, 8> no_tp{};
-  struct Case {
-    const char *label;
-    std::array<uint8_t, 8> tp;
-    AllocateOptions options;
-    uint32_t secondary;
-  };
-  for (const Case &c : {Case{"partner", tp, unknown_partner, AP_UNKNOWN_PARTNER_LU},
-                        Case{"mode", tp, unknown_mode, AP_BAD_MODE_NAME},
-                        Case{"tp", no_tp, AllocateOptions{}, AP_BAD_TP_ID}}) {
-    SCOPED_TRACE(c.label);
-    vcb = h.allocate_vcb(c.tp, c.options);
+  const std::tuple<std::array<uint8_t, 8>, AllocateOptions, uint32_t> cases[] = {
+      {tp, {.partner = "NOWHERE"}, AP_UNKNOWN_PARTNER_LU},
+      {tp, {.mode = "NOMODE"}, AP_BAD_MODE_NAME},
+      {{}, {}, AP_BAD_TP_ID}};
+  for (const auto &[tp_id, options, secondary] : cases) {
+    SCOPED_TRACE(secondary);
+    vcb = h.allocate_vcb(tp_id, options);
     ASSERT_TRUE(h.submit(&vcb));
     EXPECT_EQ(vcb.hdr.primary_rc, AP_PARAMETER_CHECK);
-    EXPECT_EQ(vcb.hdr.secondary_rc, c.secondary);
+    EXPECT_EQ(vcb.hdr.secondary_rc, secondary);
   }
 }
 
@@ -88,9 +76,7 @@ TEST(EngineAttach, QueuedAttachIsTakenByALaterAcceptWithItsData) {
   EngineHarness h;
   ASSERT_EQ(h.local_tp(NAP_DEFINE_LOCAL_TP, "LATER"), AP_OK);
   auto tp = h.start_tp();
-  AllocateOptions o;
-  o.tp_name = "LATER";
-  Conv a = h.allocate(tp, o);
+  Conv a = h.allocate(tp, {.tp_name = "LATER"});
   ASSERT_EQ(h.send(a, "early", AP_SEND_FLUSH), AP_OK);
   EngineHarness::Accept accept;
   EngineHarness::prepare_accept(accept, {"LATER"});
@@ -106,15 +92,14 @@ TEST(EngineAttach, ConversationSecurity) {
   auto secure = invokable("SECURE");
   secure.security_required = true;
   cfg.tps = {secure, invokable("OPEN")};
-  struct Case {
+  const struct {
     const char *label;
     std::string tp_name;
     uint8_t security;
     std::string user, password;
     bool valid;
     std::string user_seen;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"program", "SECURE", 2, "ALICE", "SECRET", true, "ALICE"},
       {"program strong", "SECURE", 5, "ALICE", "SECRET", true, "ALICE"},
       {"wrong password", "OPEN", 2, "ALICE", "WRONG", false, ""},
@@ -128,23 +113,19 @@ TEST(EngineAttach, ConversationSecurity) {
       {"same from an unverified TP, open TP", "OPEN", 1, "ALICE", "", true, ""},
       {"unknown security type", "OPEN", 3, "", "", false, ""},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.label);
     EngineHarness h(cfg);
-    AllocateOptions o;
-    o.tp_name = c.tp_name;
-    o.security = c.security;
-    o.user = c.user;
-    o.password = c.password;
     EngineHarness::Accept accept;
-    Conv a = allocate_to_waiting_accept(h, accept, o);
+    Conv a = allocate_to_waiting_accept(
+        h, accept,
+        {.tp_name = c.tp_name, .security = c.security, .user = c.user, .password = c.password});
     ASSERT_EQ(h.completed(&accept.vcb), c.valid);
     if (c.valid) {
       EXPECT_EQ(ebcdic_name(accept.vcb.rcv_user_id, 10), c.user_seen);
     } else {
-      auto [primary, secondary] = error_on_flush(h, a);
-      EXPECT_EQ(primary, AP_ALLOCATION_ERROR);
-      EXPECT_EQ(secondary, AP_SECURITY_NOT_VALID);
+      EXPECT_EQ(error_on_flush(h, a),
+                std::pair(uint16_t{AP_ALLOCATION_ERROR}, uint32_t{AP_SECURITY_NOT_VALID}));
     }
   }
 }
@@ -156,27 +137,14 @@ TEST(EngineAttach, SameSecurityFromAVerifiedTpPassesItsUserOn) {
   secure.security_required = true;
   cfg.tps = {secure, invokable("MIDDLE")};
   EngineHarness h(cfg);
-  auto tp = h.start_tp();
-  EngineHarness::Accept middle;
-  EngineHarness::prepare_accept(middle, {"MIDDLE"});
-  h.submit(&middle.vcb);
-  AllocateOptions o;
-  o.tp_name = "MIDDLE";
-  o.security = 2;
-  o.user = "ALICE";
-  o.password = "SECRET";
-  h.allocate(tp, o);
+  EngineHarness::Accept middle, last;
+  allocate_to_waiting_accept(
+      h, middle, {.tp_name = "MIDDLE", .security = 2, .user = "ALICE", .password = "SECRET"});
   ASSERT_TRUE(h.completed(&middle.vcb));
   // The attached TP allocates on with SAME under its own (verified) TP.
-  std::array<uint8_t, 8> middle_tp;
-  std::memcpy(middle_tp.data(), middle.vcb.tp_id, 8);
-  EngineHarness::Accept last;
   EngineHarness::prepare_accept(last, {"SECURE"});
   h.submit(&last.vcb);
-  AllocateOptions same;
-  same.tp_name = "SECURE";
-  same.security = 1;
-  h.allocate(middle_tp, same);
+  h.allocate(EngineHarness::accepted(middle).tp, {.tp_name = "SECURE", .security = 1});
   ASSERT_TRUE(h.completed(&last.vcb));
   EXPECT_EQ(ebcdic_name(last.vcb.rcv_user_id, 10), "ALICE");
 }
@@ -185,20 +153,16 @@ TEST(EngineAttach, TpEndedEndsItsConversations) {
   EngineHarness h;
   auto [a, b] = h.connect();
   auto confirm_free = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_FLUSH, a);
-  NAP_TP_ENDED_VCB ended{};
-  ended.opcode = NAP_TP_ENDED;
-  std::memcpy(ended.tp_id, b.tp.data(), 8);
   std::vector<uint8_t> buffer(10);
   auto wait = EngineHarness::receive_vcb(b, buffer, true);
   ASSERT_FALSE(h.submit(&wait));
-  ASSERT_TRUE(h.submit(&ended));
-  EXPECT_EQ(ended.primary_rc, AP_OK);
+  EXPECT_EQ(h.tp_ended(b.tp).primary_rc, AP_OK);
   EXPECT_EQ(wait.hdr.primary_rc, AP_CANCELLED);
   ASSERT_TRUE(h.submit(&confirm_free));
   EXPECT_EQ(confirm_free.hdr.primary_rc, AP_DEALLOC_ABEND_PROG);
-  ASSERT_TRUE(h.submit(&ended));
-  EXPECT_EQ(ended.primary_rc, AP_PARAMETER_CHECK);
-  EXPECT_EQ(ended.secondary_rc, AP_BAD_TP_ID);
+  const auto again = h.tp_ended(b.tp);
+  EXPECT_EQ(std::pair(again.primary_rc, again.secondary_rc),
+            std::pair(uint16_t{AP_PARAMETER_CHECK}, uint32_t{AP_BAD_TP_ID}));
 }
 
 TEST(EngineAttach, EndOfPathCompletesEveryWaitingVerb) {
@@ -211,8 +175,7 @@ TEST(EngineAttach, EndOfPathCompletesEveryWaitingVerb) {
   EngineHarness::prepare_accept(accept, {"ELSE"});
   ASSERT_FALSE(h.submit(&accept.vcb));
   h.end_path();
-  ASSERT_TRUE(h.completed(&wait));
-  ASSERT_TRUE(h.completed(&accept.vcb));
+  ASSERT_TRUE(h.completed(&wait) && h.completed(&accept.vcb));
   EXPECT_EQ(wait.hdr.primary_rc, AP_CONV_FAILURE_NO_RETRY);
   EXPECT_EQ(accept.vcb.primary_rc, AP_CONV_FAILURE_NO_RETRY);
   EXPECT_EQ(h.simple(NAP_FLUSH, a), AP_PARAMETER_CHECK);

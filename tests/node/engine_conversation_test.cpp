@@ -8,15 +8,10 @@ namespace {
 using Options = AllocateOptions;
 
 Options basic(uint8_t sync = 0) {
-  Options o;
-  o.mapped = false;
-  o.sync_level = sync;
-  return o;
+  return {.mapped = false, .sync_level = sync};
 }
 Options mapped(uint8_t sync = 0) {
-  Options o;
-  o.sync_level = sync;
-  return o;
+  return {.sync_level = sync};
 }
 
 TEST(EngineConversation, BufferedDataStaysUntilFlushedOrPastTheModeBufferSize) {
@@ -36,27 +31,21 @@ TEST(EngineConversation, BufferedDataStaysUntilFlushedOrPastTheModeBufferSize) {
 }
 
 TEST(EngineConversation, ReturnStatusBringsTheStatusWithTheLastData) {
-  struct Case {
-    uint8_t type;
-    uint16_t what;
-    uint8_t state;
-  };
-  for (const Case &c :
-       {Case{AP_SEND_PTR_FLUSH, AP_WR_DATA_COMPLETE | AP_WR_SEND, AP_STATE_SEND_PENDING},
-        Case{AP_SEND_CONFIRM, AP_WR_DATA_COMPLETE | AP_WR_CONFIRM, AP_STATE_CONFIRM},
-        Case{AP_SEND_PTR_SYNC_LEVEL, AP_WR_DATA_COMPLETE | AP_WR_CONFIRM_SEND,
-             AP_STATE_CONFIRM_SEND},
-        Case{AP_SEND_DEALLOC_SYNC_LEVEL, AP_WR_DATA_COMPLETE | AP_WR_CONFIRM_DEALLOCATE,
-             AP_STATE_CONFIRM_DEALLOCATE}}) {
-    SCOPED_TRACE(int(c.type));
+  const std::tuple<uint8_t, uint16_t, uint8_t> cases[] = {
+      {AP_SEND_PTR_FLUSH, AP_WR_SEND, AP_STATE_SEND_PENDING},
+      {AP_SEND_CONFIRM, AP_WR_CONFIRM, AP_STATE_CONFIRM},
+      {AP_SEND_PTR_SYNC_LEVEL, AP_WR_CONFIRM_SEND, AP_STATE_CONFIRM_SEND},
+      {AP_SEND_DEALLOC_SYNC_LEVEL, AP_WR_CONFIRM_DEALLOCATE, AP_STATE_CONFIRM_DEALLOCATE}};
+  for (const auto &[type, what, state] : cases) {
+    SCOPED_TRACE(int(type));
     EngineHarness h;
     auto [a, b] = h.connect(mapped(1));
-    auto vcb = EngineHarness::send_vcb(a, "last", c.type);
+    auto vcb = EngineHarness::send_vcb(a, "last", type);
     h.submit(&vcb);
     Received got = h.receive(b, 100, 1, 1);
     EXPECT_EQ(got.data, "last");
-    EXPECT_EQ(got.what, c.what);
-    EXPECT_EQ(h.state(b), c.state);
+    EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE | what);
+    EXPECT_EQ(h.state(b), state);
   }
 }
 
@@ -74,27 +63,25 @@ TEST(EngineConversation, AWaitingReceiveGetsDataAndStatusSentTogether) {
 }
 
 TEST(EngineConversation, SendPendingAllowsSendingAndSendErrorByDirection) {
-  for (uint8_t direction : {0, 1}) {
+  // Whichever the direction, a partner that has already ended is reported.
+  for (auto [direction, partner_ended] : {std::pair{0, false}, {1, false}, {0, true}, {1, true}}) {
+    SCOPED_TRACE(testing::Message() << direction << partner_ended);
     EngineHarness h;
     auto [a, b] = h.connect(mapped());
     ASSERT_EQ(h.send(a, "data", AP_SEND_PTR_FLUSH), AP_OK);
     ASSERT_EQ(h.receive(b, 100, 1, 1).what, AP_WR_DATA_COMPLETE | AP_WR_SEND);
     ASSERT_EQ(h.state(b), AP_STATE_SEND_PENDING);
+    if (partner_ended) {
+      ASSERT_EQ(h.deallocate(a, AP_DEALLOC_ABEND_MAPPED), AP_OK);
+      EXPECT_EQ(h.send_error(b, direction), AP_DEALLOC_ABEND_PROG);
+      EXPECT_EQ(h.state(b), AP_STATE_RESET);
+      continue;
+    }
     EXPECT_EQ(h.send_error(b, direction), AP_OK);
     EXPECT_EQ(h.state(b), AP_STATE_SEND);
     EXPECT_EQ(h.receive(a, 100, 1, 0, false).rc,
               direction == 1 ? AP_PROG_ERROR_NO_TRUNC : AP_PROG_ERROR_PURGING);
     EXPECT_EQ(h.state(a), AP_STATE_RECEIVE);
-  }
-  // Whichever the direction, a partner that has already ended is reported.
-  for (uint8_t direction : {0, 1}) {
-    EngineHarness h;
-    auto [a, b] = h.connect(mapped());
-    ASSERT_EQ(h.send(a, "data", AP_SEND_PTR_FLUSH), AP_OK);
-    ASSERT_EQ(h.receive(b, 100, 1, 1).what, AP_WR_DATA_COMPLETE | AP_WR_SEND);
-    ASSERT_EQ(h.deallocate(a, AP_DEALLOC_ABEND_MAPPED), AP_OK);
-    EXPECT_EQ(h.send_error(b, direction), AP_DEALLOC_ABEND_PROG);
-    EXPECT_EQ(h.state(b), AP_STATE_RESET);
   }
 }
 
@@ -112,35 +99,25 @@ TEST(EngineConversation, AbendFromReceiveReachesAWaitingPartnerAndPurges) {
 TEST(EngineConversation, APartnerEndingReachesASenderThatOnlyBuffers) {
   // The receiver ends or refuses the conversation while the sender is still
   // buffering: the very next SEND_DATA says so and leaves the right state.
-  enum class Ending { kSendError, kAbend, kTpEnded };
-  struct Case {
-    Ending ending;
-    uint16_t rc;
-    uint8_t state_after;
-  };
-  const Case cases[] = {
-      {Ending::kSendError, AP_PROG_ERROR_PURGING, AP_STATE_RECEIVE},
-      {Ending::kAbend, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET},
-      {Ending::kTpEnded, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(testing::Message() << "ending " << int(c.ending));
+  enum Ending { kSendError, kAbend, kTpEnded };
+  const std::tuple<Ending, uint16_t, uint8_t> cases[] = {
+      {kSendError, AP_PROG_ERROR_PURGING, AP_STATE_RECEIVE},
+      {kAbend, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET},
+      {kTpEnded, AP_DEALLOC_ABEND_PROG, AP_STATE_RESET}};
+  for (const auto &[ending, rc, state_after] : cases) {
+    SCOPED_TRACE(testing::Message() << "ending " << int(ending));
     EngineHarness h;
     auto [a, b] = h.connect(mapped());
     ASSERT_EQ(h.send(a, "first"), AP_OK);
-    if (c.ending == Ending::kSendError) {
+    if (ending == kSendError) {
       ASSERT_EQ(h.send_error(b), AP_OK);
-    } else if (c.ending == Ending::kAbend) {
+    } else if (ending == kAbend) {
       ASSERT_EQ(h.deallocate(b, AP_DEALLOC_ABEND_MAPPED), AP_OK);
     } else {
-      NAP_TP_ENDED_VCB ended{};
-      ended.opcode = NAP_TP_ENDED;
-      std::memcpy(ended.tp_id, b.tp.data(), 8);
-      ASSERT_TRUE(h.submit(&ended));
-      ASSERT_EQ(ended.primary_rc, AP_OK);
+      ASSERT_EQ(h.tp_ended(b.tp).primary_rc, AP_OK);
     }
-    EXPECT_EQ(h.send(a, "second"), c.rc);
-    EXPECT_EQ(h.state(a), c.state_after);
+    EXPECT_EQ(h.send(a, "second"), rc);
+    EXPECT_EQ(h.state(a), state_after);
   }
 }
 
@@ -149,17 +126,15 @@ TEST(EngineConversation, MappedRecordsAreCutToTheBufferAndContinued) {
   auto [a, b] = h.connect(mapped());
   ASSERT_EQ(h.send(a, "abcdefghij"), AP_OK);
   ASSERT_EQ(h.send(a, "", AP_SEND_FLUSH), AP_OK);
-  Received got = h.receive(b, 4);
-  EXPECT_EQ(got.data, "abcd");
-  EXPECT_EQ(got.what, AP_WR_DATA_INCOMPLETE);
-  got = h.receive(b, 4);
-  EXPECT_EQ(got.data, "efgh");
-  got = h.receive(b, 4);
-  EXPECT_EQ(got.data, "ij");
-  EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
-  got = h.receive(b, 4);  // the empty record is a record too
-  EXPECT_EQ(got.data, "");
-  EXPECT_EQ(got.what, AP_WR_DATA_COMPLETE);
+  // The empty record is a record too.
+  for (auto [data, what] : {std::pair{"abcd", AP_WR_DATA_INCOMPLETE},
+                            {"efgh", AP_WR_DATA_INCOMPLETE},
+                            {"ij", AP_WR_DATA_COMPLETE},
+                            {"", AP_WR_DATA_COMPLETE}}) {
+    const Received got = h.receive(b, 4);
+    EXPECT_EQ(got.data, data);
+    EXPECT_EQ(got.what, what) << data;
+  }
 }
 
 TEST(EngineConversation, InvalidLengthFieldsAreRefusedAndNothingIsSent) {
@@ -189,49 +164,41 @@ TEST(EngineConversation, IncompleteRecordBlocksTurnsButNotFlush) {
 
 TEST(EngineConversation, VerbsInStatesThatDoNotAllowThemAreStateChecks) {
   // (state reached, verb) pairs LU 6.2 refuses.
-  enum class At { kSend, kReceive, kConfirm };
-  struct Case {
-    At at;
-    uint16_t opcode;
-  };
-  const Case cases[] = {
-      {At::kSend, NAP_CONFIRMED},
-      {At::kSend, NAP_REQUEST_TO_SEND},
-      {At::kReceive, NAP_SEND_DATA},
-      {At::kReceive, NAP_FLUSH},
-      {At::kReceive, NAP_CONFIRM},
-      {At::kReceive, NAP_CONFIRMED},
-      {At::kReceive, NAP_PREPARE_TO_RECEIVE},
-      {At::kReceive, NAP_DEALLOCATE},
-      {At::kConfirm, NAP_SEND_DATA},
-      {At::kConfirm, NAP_RECEIVE_AND_WAIT},
-      {At::kConfirm, NAP_FLUSH},
-      {At::kConfirm, NAP_DEALLOCATE},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(testing::Message() << "at " << int(c.at) << " opcode " << c.opcode);
+  enum At { kSend, kReceive, kConfirm };
+  const std::pair<At, uint16_t> cases[] = {{kSend, NAP_CONFIRMED},
+                                           {kSend, NAP_REQUEST_TO_SEND},
+                                           {kReceive, NAP_SEND_DATA},
+                                           {kReceive, NAP_FLUSH},
+                                           {kReceive, NAP_CONFIRM},
+                                           {kReceive, NAP_CONFIRMED},
+                                           {kReceive, NAP_PREPARE_TO_RECEIVE},
+                                           {kReceive, NAP_DEALLOCATE},
+                                           {kConfirm, NAP_SEND_DATA},
+                                           {kConfirm, NAP_RECEIVE_AND_WAIT},
+                                           {kConfirm, NAP_FLUSH},
+                                           {kConfirm, NAP_DEALLOCATE}};
+  for (const auto &[at, opcode] : cases) {
+    SCOPED_TRACE(testing::Message() << "at " << int(at) << " opcode " << opcode);
     EngineHarness h;
     auto [a, b] = h.connect(mapped(1));
-    Conv subject = a;
-    if (c.at == At::kReceive) subject = b;
+    const Conv subject = at == kSend ? a : b;
     NAP_CONFIRM_VCB pending{};
-    if (c.at == At::kConfirm) {
+    if (at == kConfirm) {
       pending = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_CONFIRM, a);
       ASSERT_FALSE(h.submit(&pending));
       ASSERT_EQ(h.receive(b).what, AP_WR_CONFIRM);
-      subject = b;
     }
     const uint8_t before = h.state(subject);
     std::vector<uint8_t> buffer(10);
     NAP_RECEIVE_VCB vcb = EngineHarness::receive_vcb(subject, buffer, true);
-    vcb.hdr.opcode = c.opcode;
-    if (c.opcode == NAP_DEALLOCATE) {
+    vcb.hdr.opcode = opcode;
+    if (opcode == NAP_DEALLOCATE) {
       reinterpret_cast<NAP_DEALLOCATE_VCB &>(vcb).dealloc_type = AP_DEALLOC_FLUSH;
-    } else if (c.opcode == NAP_SEND_DATA) {
+    } else if (opcode == NAP_SEND_DATA) {
       vcb = NAP_RECEIVE_VCB{};
       auto send = EngineHarness::send_vcb(subject, "x", AP_SEND_FLUSH);
       std::memcpy(&vcb, &send, sizeof send);
-    } else if (c.opcode == NAP_PREPARE_TO_RECEIVE) {
+    } else if (opcode == NAP_PREPARE_TO_RECEIVE) {
       reinterpret_cast<NAP_PREPARE_TO_RECEIVE_VCB &>(vcb).ptr_type = 1;
     }
     EXPECT_TRUE(h.submit(&vcb));
@@ -251,19 +218,13 @@ TEST(EngineConversation, ConfirmNeedsSyncLevelConfirm) {
 TEST(EngineConversation, UnknownConversationOrTpAndTheConversationsOwnType) {
   EngineHarness h;
   auto [a, b] = h.connect(mapped());
-  Conv unknown = a;
-  unknown.id = 999999;
-  EXPECT_EQ(h.simple(NAP_FLUSH, unknown), AP_PARAMETER_CHECK);
-  Conv wrong_tp = a;
-  wrong_tp.tp = b.tp;
-  auto flush = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_FLUSH, wrong_tp);
+  EXPECT_EQ(h.simple(NAP_FLUSH, Conv{a.tp, 999999}), AP_PARAMETER_CHECK);
+  auto flush = EngineHarness::verb<NAP_CONFIRM_VCB>(NAP_FLUSH, Conv{b.tp, a.id});
   h.submit(&flush);
   EXPECT_EQ(flush.hdr.secondary_rc, AP_BAD_TP_ID);
   // A DEALLOCATE marked basic on a mapped conversation still ends it as mapped
   // (no log data goes with it).
-  Conv as_basic = a;
-  as_basic.mapped = false;
-  EXPECT_EQ(h.deallocate(as_basic, AP_DEALLOC_ABEND_LOG, "dropped"), AP_OK);
+  EXPECT_EQ(h.deallocate(Conv{a.tp, a.id, false}, AP_DEALLOC_ABEND_LOG, "dropped"), AP_OK);
   EXPECT_EQ(h.receive(b).rc, AP_DEALLOC_ABEND_PROG);
   EXPECT_TRUE(h.logged.empty());
 }

@@ -17,20 +17,12 @@ std::vector<uint8_t> bytes(const std::string &s) {
 }
 
 TEST(EngineFrame, EncodesInFixedByteOrderAndDecodesBack) {
-  Frame frame;
-  frame.type = FrameType::kAttachFailed;
-  frame.flags = 2;
-  frame.code = 0x21600810;
-  frame.payload = bytes("log");
   std::vector<uint8_t> out;
-  encode_frame(frame, out);
-  const std::vector<uint8_t> expected = {0, 0, 0, 9, 8, 2, 0x21, 0x60, 0x08, 0x10, 'l', 'o', 'g'};
-  EXPECT_EQ(out, expected);
-
-  Frame second;
-  second.type = FrameType::kData;
-  second.payload = bytes("xy");
-  encode_frame(second, out);
+  encode_frame(
+      {.type = FrameType::kAttachFailed, .flags = 2, .code = 0x21600810, .payload = bytes("log")},
+      out);
+  EXPECT_EQ(out, bytes(std::string("\0\0\0\x09\x08\x02\x21\x60\x08\x10log", 13)));
+  encode_frame({.type = FrameType::kData, .payload = bytes("xy")}, out);
   size_t used = 0;
   auto first = decode_frame(out.data(), out.size(), used);
   ASSERT_TRUE(first);
@@ -45,10 +37,8 @@ TEST(EngineFrame, EncodesInFixedByteOrderAndDecodesBack) {
 }
 
 TEST(EngineFrame, PartialInputWaitsAndBadInputIsRefused) {
-  Frame frame;
-  frame.payload = bytes("abcdef");
   std::vector<uint8_t> out;
-  encode_frame(frame, out);
+  encode_frame({.payload = bytes("abcdef")}, out);
   size_t used = 99;
   for (size_t cut = 0; cut < out.size(); ++cut) {
     EXPECT_FALSE(decode_frame(out.data(), cut, used)) << cut;
@@ -109,11 +99,7 @@ TEST(EngineLink, DeliversInOrderDropsAfterCloseAndReportsLoss) {
     Recorder left, right;
     pair.first->attach(&left);
     pair.second->attach(&right);
-    for (uint8_t i = 0; i < 3; ++i) {
-      Frame f;
-      f.flags = i;
-      pair.first->send(std::move(f));
-    }
+    for (uint8_t i = 0; i < 3; ++i) pair.first->send({.flags = i, .payload = {}});
     ASSERT_EQ(right.frames.size(), 3u);
     EXPECT_EQ(right.frames[2].flags, 2);
     pair.second->close(quietly);

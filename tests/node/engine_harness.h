@@ -58,7 +58,7 @@ struct AllocateOptions {
   std::string partner = "LOCAL";
   std::string mode = "#INTER";
   uint8_t security = 0;
-  std::string user, password;
+  std::string user{}, password{};
   uint8_t return_control = 0;
 };
 
@@ -128,6 +128,13 @@ class EngineHarness {
     std::array<uint8_t, 8> tp;
     std::memcpy(tp.data(), vcb.tp_id, 8);
     return tp;
+  }
+  NAP_TP_ENDED_VCB tp_ended(const std::array<uint8_t, 8> &tp) {
+    NAP_TP_ENDED_VCB vcb{};
+    vcb.opcode = NAP_TP_ENDED;
+    std::memcpy(vcb.tp_id, tp.data(), 8);
+    EXPECT_TRUE(submit(&vcb));
+    return vcb;
   }
   uint16_t local_tp(uint16_t opcode, const std::string &name) {
     NAP_LOCAL_TP_VCB vcb{};

@@ -75,30 +75,21 @@ TEST(EngineRemote, AllocationsNobodyHereServesGoToTheDaemonWithTheirSecurity) {
 
   // A name this process serves stays in the process.
   auto tp = h.start_tp();
-  AllocateOptions here;
-  here.tp_name = "HERE";
-  h.allocate(tp, here);
+  h.allocate(tp, {.tp_name = "HERE"});
   EXPECT_TRUE(daemon.allocations.empty());
 
-  AllocateOptions o;
-  o.tp_name = "ELSEWHERE";
-  o.mapped = false;
-  o.sync_level = 1;
-  o.security = 2;
-  o.user = "CLERK";
-  o.password = "SECRET";
-  NAP_ALLOCATE vcb = EngineHarness::allocate_vcb(tp, o);
+  NAP_ALLOCATE vcb = EngineHarness::allocate_vcb(tp, {.mapped = false,
+                                                      .sync_level = 1,
+                                                      .tp_name = "ELSEWHERE",
+                                                      .security = 2,
+                                                      .user = "CLERK",
+                                                      .password = "SECRET"});
   ASSERT_FALSE(h.submit(&vcb));  // waits for the daemon's answer
   ASSERT_EQ(daemon.allocations.size(), 1u);
-  const AllocateRequest &sent = daemon.allocations[0];
-  EXPECT_EQ(sent.tp_name, "ELSEWHERE");
-  EXPECT_FALSE(sent.mapped);
-  EXPECT_EQ(sent.sync_level, 1);
-  EXPECT_EQ(sent.security_type, 2);
-  EXPECT_EQ(sent.user_id, "CLERK");
-  EXPECT_EQ(sent.password, "SECRET");
-  EXPECT_EQ(sent.mode, "#INTER");
-  EXPECT_EQ(sent.allocator_lu, "APPN.LOCAL");
+  const AllocateRequest &s = daemon.allocations[0];
+  EXPECT_EQ(std::tuple(s.tp_name, s.mapped, s.sync_level, s.security_type, s.user_id, s.password,
+                       s.mode, s.allocator_lu),
+            std::tuple("ELSEWHERE", false, 1, 2, "CLERK", "SECRET", "#INTER", "APPN.LOCAL"));
 
   FarEnd far;
   h.run([&](Engine &e) { e.remote_allocated(1, AP_OK, 0, far.near()); });
@@ -134,10 +125,7 @@ TEST(EngineRemote, ARefusalShowsOnTheNextVerbAndAGivenUpAllocationIsAbended) {
   // the partner that the late answer reaches sees an abnormal end.
   NAP_ALLOCATE abandoned = EngineHarness::allocate_vcb(tp, AllocateOptions{});
   ASSERT_FALSE(h.submit(&abandoned));
-  NAP_TP_ENDED_VCB ended{};
-  ended.opcode = NAP_TP_ENDED;
-  std::memcpy(ended.tp_id, tp.data(), 8);
-  EXPECT_TRUE(h.submit(&ended));
+  h.tp_ended(tp);
   ASSERT_TRUE(h.completed(&abandoned));
   EXPECT_EQ(abandoned.hdr.primary_rc, AP_CANCELLED);
   FarEnd far;
@@ -156,14 +144,13 @@ TEST(EngineRemote, AttachesFromTheDaemonReachTheirAcceptOrWaitForTheNext) {
   ASSERT_FALSE(h.submit(&accept.vcb));
   EXPECT_EQ(daemon.events.back(), "accept SERVER");
 
-  AttachDelivery attach;
-  attach.accept_id = daemon.last_accept;
-  attach.tp_name = "SERVER";
-  attach.mapped = true;
-  attach.user = "CLERK";
-  attach.mode = "#INTER";
-  attach.partner_lu_name = "APPN.OTHER";
-  attach.local_lu_alias = "LOCAL";
+  AttachDelivery attach{.accept_id = daemon.last_accept,
+                        .tp_name = "SERVER",
+                        .mapped = true,
+                        .user = "CLERK",
+                        .mode = "#INTER",
+                        .partner_lu_name = "APPN.OTHER",
+                        .local_lu_alias = "LOCAL"};
   // An attach whose socket this process could not receive is dropped; its
   // accept waits on, and the daemon hears of it again.
   daemon.events.clear();
