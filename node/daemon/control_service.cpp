@@ -144,15 +144,20 @@ void ControlService::change(ClientId client, uint32_t request_id, const ControlC
                             const Command &command) {
   const std::string &what = command.words.front();
   if (what == "trace") return trace(client, request_id, caller, command);
-  // The node's only link is the one it was started with, and its capture
-  // file is opened with it.
-  if (!has_network_()) {
+  if (!has_network_() || !network_control_) {
     reply(client, request_id, kControlUnavailable, "no network configured\n");
     return;
   }
-  reply(client, request_id, kControlUnavailable,
-        what + " cannot be changed while the node runs: the link and its capture file (" +
-            std::string("SNANODE_CAPTURE or [network] capture_file") + ") are set at start\n");
+  // The network's units belong to sessions, not to one process: a capture
+  // is the whole node's.
+  if (command.options.count("--tp") + command.options.count("--pid") > 0) {
+    reply(client, request_id, kControlBadRequest,
+          "capture is the whole node's: its units belong to sessions, not to a TP or process\n");
+    return;
+  }
+  const auto [done, text] = network_control_(command.words);
+  output_.log("control: uid " + std::to_string(caller.uid) + ": " + log_safe(text));
+  reply(client, request_id, done ? kControlOk : kControlUnavailable, text + "\n");
 }
 
 void ControlService::trace(ClientId client, uint32_t request_id, const ControlCaller &caller,

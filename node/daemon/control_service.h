@@ -66,6 +66,11 @@ class ControlService {
   void set_network_status(std::function<Table()> sections) {
     network_status_ = std::move(sections);
   }
+  // What carries out `capture` and `link` commands (the network node).
+  void set_network_control(
+      std::function<std::pair<bool, std::string>(const std::vector<std::string> &)> control) {
+    network_control_ = std::move(control);
+  }
 
   void request(ClientId client, const ControlCaller &caller, const client::ControlRequest &request);
   // A process's answer to a stats query.
@@ -126,6 +131,7 @@ class ControlService {
   std::string socket_path_;
   std::function<bool()> has_network_;
   std::function<Table()> network_status_;
+  std::function<std::pair<bool, std::string>(const std::vector<std::string> &)> network_control_;
   Clock::time_point started_ = Clock::now();
   uint32_t next_query_ = 1;
   std::map<uint32_t, Query> queries_;

@@ -107,15 +107,18 @@ std::unique_ptr<EeNetwork> EeNetwork::open(const config::NodeConfig &config,
                ", duplication " + std::to_string(impairment->duplication) + ", reordering " +
                std::to_string(impairment->reorder) + ")");
   }
-  if (capture != nullptr) {
-    const uint16_t base = static_cast<uint16_t>(settings.port_base);
-    network->endpoint_->set_observer(
-        [capture, base](bool sent, const net::Bytes &, unsigned port_index, net::ByteSpan data) {
-          capture->write_datagram(
-              sent ? net::CaptureDirection::kSent : net::CaptureDirection::kReceived,
-              static_cast<uint16_t>(base + port_index), data);
-        });
-  }
+  // The capture can be switched on and off while the node runs, so the
+  // observer is always there and asks where to write.
+  network->capture_ = capture;
+  const uint16_t base = static_cast<uint16_t>(settings.port_base);
+  EeNetwork *self = network.get();
+  network->endpoint_->set_observer(
+      [self, base](bool sent, const net::Bytes &, unsigned port_index, net::ByteSpan data) {
+        if (self->capture_ == nullptr) return;
+        self->capture_->write_datagram(
+            sent ? net::CaptureDirection::kSent : net::CaptureDirection::kReceived,
+            static_cast<uint16_t>(base + port_index), data);
+      });
   net::hpr::RtpNodeListener &listener = *network;
   network->rtp_ = std::make_unique<net::hpr::RtpNode>(
       net::hpr::RtpNodeConfig{settings.cp_name, net::hpr::RtpConfig{}, random_instance()}, clock,

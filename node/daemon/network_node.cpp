@@ -121,6 +121,8 @@ NetworkNode::NetworkNode(const config::NodeConfig &config, client::UniqueFd link
         link_.valid() ? net::CaptureEndpoints{} : EeNetwork::capture_endpoints(config_), &error);
     if (!capture_) log("capture " + log_safe(capture_file) + " not written: " + log_safe(error));
   }
+  capture_path_ = capture_file;
+  capturing_ = capture_ != nullptr;
   manager_ =
       std::make_unique<net::lu62::SessionManager>(local_lu_config(config_), *this, *this, *this);
   if (link_.valid()) {
@@ -299,7 +301,7 @@ void NetworkNode::send_biu(std::string_view partner_lu, net::ByteSpan biu) {
     return;
   }
   if (!link_up_) return;
-  if (capture_) capture_->write_biu(net::CaptureDirection::kSent, biu, net::BiuFraming{});
+  if (capturing_) capture_->write_biu(net::CaptureDirection::kSent, biu, net::BiuFraming{});
   // A burst (a thousand brackets ending at once) can fill the link's buffer:
   // what does not fit waits, behind anything already waiting.
   link_queue_.emplace_back(biu.begin(), biu.end());
@@ -357,6 +359,39 @@ void NetworkNode::on_path_lost(const std::string &partner_lu) {
   paths_lost_.insert(partner_lu);
 }
 
+std::pair<bool, std::string> NetworkNode::control(const std::vector<std::string> &words) {
+  const bool on = words.size() > 1 && (words[1] == "on" || words[1] == "start");
+  if (words.front() == "capture") {
+    // Off pauses the file rather than closing it, so that turning it on
+    // again appends instead of starting it anew over what was captured.
+    if (!on) {
+      capturing_ = false;
+      if (ee_) ee_->set_capture(nullptr);
+      return {true, "capture off" + (capture_ ? " (" + capture_path_ + " kept)" : std::string())};
+    }
+    if (capture_path_.empty()) {
+      return {false, "no capture file configured: set [network] capture_file or SNANODE_CAPTURE"};
+    }
+    if (!capture_) {
+      std::string error;
+      capture_ = net::CaptureWriter::open(
+          capture_path_,
+          link_.valid() ? net::CaptureEndpoints{} : EeNetwork::capture_endpoints(config_), &error);
+      if (!capture_) return {false, "capture " + capture_path_ + " cannot be written: " + error};
+    }
+    capturing_ = true;
+    if (ee_) ee_->set_capture(capture_.get());
+    return {true, "capture on: " + capture_path_};
+  }
+  // link start|stop: not while the node runs yet.  Stopping a link ends its
+  // sessions, and a session allocated again at once, before the partner
+  // has heard the link go, can still fail; until that is sorted out the
+  // links follow the configuration ([[link]] activate) alone.
+  return {false,
+          "links are started and stopped by the configuration ([[link]] activate), "
+          "not yet while the node runs"};
+}
+
 Table NetworkNode::status_sections() const {
   Section sessions{"network_sessions", false, {}};
   for (const config::PartnerLu &lu : config_.partner_lus) {
@@ -412,7 +447,7 @@ void NetworkNode::read_link() {
       return;
     }
     const net::ByteSpan biu(buffer.data(), static_cast<size_t>(n));
-    if (capture_) capture_->write_biu(net::CaptureDirection::kReceived, biu, net::BiuFraming{});
+    if (capturing_) capture_->write_biu(net::CaptureDirection::kReceived, biu, net::BiuFraming{});
     manager_->on_unit_received(link_partner_, biu);
   }
 }

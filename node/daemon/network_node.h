@@ -59,6 +59,10 @@ class NetworkNode : public net::lu62::BiuTransport,
   // partner LU on each mode, then the links and RTP connections under them.
   Table status_sections() const;
 
+  // snanodectl's `capture on|off` and `link start|stop` (`words` as typed):
+  // whether it was done, and what to tell the operator.
+  std::pair<bool, std::string> control(const std::vector<std::string> &words);
+
  private:
   // BiuTransport
   void send_biu(std::string_view partner_lu, net::ByteSpan biu) override;
@@ -94,6 +98,8 @@ class NetworkNode : public net::lu62::BiuTransport,
   Broker &broker_;
   BrokerOutput &output_;
   std::unique_ptr<net::CaptureWriter> capture_;
+  std::string capture_path_;  // where capture_ writes (or would)
+  bool capturing_ = false;    // capture_ is written to (off: paused, file kept)
   std::unique_ptr<net::lu62::SessionManager> manager_;
   std::string link_partner_;  // the partner LU the link reaches
   bool link_up_ = true;

@@ -142,6 +142,8 @@ void Server::attach_link(int link_fd, const std::string &capture_file) {
     return network_->allocate(client, request, user);
   });
   control_.set_network_status([this] { return network_->status_sections(); });
+  control_.set_network_control(
+      [this](const std::vector<std::string> &words) { return network_->control(words); });
 }
 
 int Server::run() {

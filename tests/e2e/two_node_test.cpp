@@ -451,18 +451,24 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
   for (const auto &dir : nodes.dirs) check_capture(dir / "units.pcap");
 }
 
-// What `snanodectl session list --json` says of node A's network.
-ctl_test::Json network_status(const fs::path &dir) {
+// Runs snanodectl against the node in `dir`: its exit status and output.
+std::pair<int, std::string> ctl(const fs::path &dir, const std::string &args) {
   const std::string command = std::string(SNANODECTL_PATH) + " --socket " +
-                              (dir / "node.sock").string() + " --json session list";
+                              (dir / "node.sock").string() + " " + args + " 2>&1";
   FILE *pipe = ::popen(command.c_str(), "r");
   std::string out;
   std::array<char, 4096> chunk{};
   for (size_t n; pipe && (n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0;)
     out.append(chunk.data(), n);
-  if (pipe) ::pclose(pipe);
+  const int status = pipe ? ::pclose(pipe) : -1;
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+// What `snanodectl session list --json` says of the node's network.
+ctl_test::Json network_status(const fs::path &dir) {
+  const auto [status, out] = ctl(dir, "--json session list");
   auto parsed = ctl_test::JsonParser(out).parse();
-  EXPECT_TRUE(parsed) << out;
+  EXPECT_TRUE(status == 0 && parsed) << out;
   return parsed ? *parsed : ctl_test::Json{};
 }
 
@@ -491,6 +497,15 @@ TEST(TwoHosts, StreamOnALossyPathAndThePartnerRestarting) {
   ASSERT_EQ(status["network_sessions"].items.size(), 1u);
   EXPECT_EQ(status["network_sessions"].items[0]["partner_lu"].text, "NETA.LUB");
   EXPECT_GE(status["network_sessions"].items[0]["bound"].number, 1);
+  // The operator pauses the capture: a conversation while it is paused
+  // leaves the file as it was.
+  const fs::path &a = nodes.dirs[0];
+  EXPECT_EQ(ctl(a, "capture off").first, 0);
+  const auto captured = fs::file_size(a / "units.pcap");
+  nodes.run(allocator, acceptor);
+  EXPECT_EQ(fs::file_size(a / "units.pcap"), captured);
+  EXPECT_EQ(ctl(a, "capture on").first, 0);
+  EXPECT_EQ(ctl(a, "capture on --tp APINGD").first, 2);
   nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
   ASSERT_TRUE(nodes.restart_b()) << "node B did not come back: see " << nodes.base;
   nodes.run(allocator, acceptor);
