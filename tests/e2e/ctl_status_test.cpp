@@ -20,6 +20,7 @@
 
 #include "cpic.h"
 #include "e2e/ctl_json.h"
+#include "e2e/snanodectl_run.h"
 #include "support/tp_user.h"
 
 namespace {
@@ -146,13 +147,8 @@ class CtlStatus : public ::testing::Test {
 
   // Runs snanodectl; its standard output, and its exit status in `status`.
   std::string ctl(const std::string &args, int &status) const {
-    const std::string command =
-        std::string(SNANODECTL_PATH) + " --socket " + socket_ + " " + args + " 2>&1";
-    FILE *out = ::popen(command.c_str(), "r");
-    std::string text;
-    char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
-    status = WEXITSTATUS(::pclose(out));
+    auto [code, text] = ctl_test::run_snanodectl(socket_, args);
+    status = code;
     return text;
   }
   Json status_json() const {

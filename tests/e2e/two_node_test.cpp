@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "e2e/ctl_json.h"
+#include "e2e/snanodectl_run.h"
 #include "e2e/scenario_runner.h"
 #include "e2e/two_hosts.h"
 
@@ -453,15 +454,7 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
 
 // Runs snanodectl against the node in `dir`: its exit status and output.
 std::pair<int, std::string> ctl(const fs::path &dir, const std::string &args) {
-  const std::string command = std::string(SNANODECTL_PATH) + " --socket " +
-                              (dir / "node.sock").string() + " " + args + " 2>&1";
-  FILE *pipe = ::popen(command.c_str(), "r");
-  std::string out;
-  std::array<char, 4096> chunk{};
-  for (size_t n; pipe && (n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0;)
-    out.append(chunk.data(), n);
-  const int status = pipe ? ::pclose(pipe) : -1;
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+  return ctl_test::run_snanodectl((dir / "node.sock").string(), args);
 }
 
 // What `snanodectl session list --json` says of the node's network.
