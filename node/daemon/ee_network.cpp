@@ -253,8 +253,9 @@ std::pair<bool, std::string> EeNetwork::link_command(bool start, const std::stri
     }
     station.activate(clock_.now());
     endpoint_->flush();
-    if (state == State::kDiscSent)
+    if (state == State::kDiscSent) {
       return {true, "link " + cp + " starting once the partner has answered DISC"};
+    }
     return {true, "link " + cp + " starting: activating with " + link->address};
   }
   if (station.held_down()) {
@@ -319,11 +320,11 @@ void EeNetwork::note_connections() {
 
 namespace {
 
-const char *station_state(net::ee::LinkStation::State state) {
+const char *station_state(const net::ee::LinkStation &station) {
   using State = net::ee::LinkStation::State;
-  switch (state) {
+  switch (station.state()) {
     case State::kReset:
-      return "inactive";
+      return station.held_down() ? "stopped" : "inactive";
     case State::kXidSent:
     case State::kNegotiating:
     case State::kResponding:
@@ -363,11 +364,7 @@ void EeNetwork::add_status(Table &table) const {
         .add("partner", link->config.partner)
         .add("address", link->address)
         .add("activate", std::string(link->config.activate_at_start ? "start" : "demand"))
-        .add("state", std::string(station == nullptr ? "unresolved"
-                                  : station->held_down() && !station->active() &&
-                                          station->state() == net::ee::LinkStation::State::kReset
-                                      ? "stopped"
-                                      : station_state(station->state())));
+        .add("state", std::string(station ? station_state(*station) : "unresolved"));
     // What the XID exchange agreed; 0 until the link is active.
     const bool active = station != nullptr && station->active();
     row.add("tg_number", uint64_t{active ? station->negotiated().tg_number : 0u})

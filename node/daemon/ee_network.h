@@ -63,9 +63,9 @@ class EeNetwork : private net::hpr::RtpNodeListener {
 
   // snanodectl `link start|stop NAME` (NAME: the link's partner CP name or
   // its partner as configured): whether it was done (or already so), and
-  // what to tell the operator.  Stopping sends DISC and holds the link down;
-  // its RTP connections and sessions end when the partner answers (or does
-  // not, within the retries).
+  // what to tell the operator.  Stopping sends DISC, ends the link's RTP
+  // connections and their sessions at once, and holds the link down until
+  // it is started again.
   std::pair<bool, std::string> link_command(bool start, const std::string &name);
   // Applies the configuration's [network] impair again (after a reload), or
   // keeps SNANODE_IMPAIR when that is set; the line to log.
