@@ -121,7 +121,8 @@ TEST(TwoHostFailures, PartnerAddressGoneAndBack) {
     GTEST_SKIP() << "needs root and ip(8) to add and remove an address of the host";
   }
   TestAddress address;
-  ASSERT_TRUE(address.added) << "ip addr add " << TestAddress::kAddress << " failed";
+  // Root in a container may still lack the right to change addresses.
+  if (!address.added) GTEST_SKIP() << "ip addr add " << TestAddress::kAddress << " failed";
   TwoNodes nodes(false, "", true, TestAddress::kAddress);
   if (nodes.port_base == 0) GTEST_SKIP() << "127.0.0.2 cannot be bound here";
   ASSERT_TRUE(nodes.up) << "no daemons or no link: see " << nodes.base;
