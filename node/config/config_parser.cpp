@@ -135,6 +135,7 @@ class Parser {
                                   "its UDP ports to it)");
     }
     net.port_base = r.integer("port_base", net.port_base, 1, 65535 - 4);
+    net.impair = r.string("impair", "");  // its items are checked where the network is
     if (r.has("node_id")) {
       const std::string id = r.string("node_id", "");
       size_t used = 0;

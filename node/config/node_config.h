@@ -61,6 +61,10 @@ struct NetworkConfig {
   std::string local_address;
   uint32_t port_base = 12000;
   uint32_t node_id = 0x05D00001;
+  // Test-only impairment of the node's UDP path, as SNANODE_IMPAIR takes it
+  // ("loss=0.05,dup=0.01,reorder=0.01,delay_ms=5"); empty: none.  Read again
+  // on SIGHUP; SNANODE_IMPAIR, when set, wins.
+  std::string impair;
   std::vector<LinkConfig> links;
 };
 

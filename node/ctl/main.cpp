@@ -74,7 +74,8 @@ int main(int argc, char **argv) {
   }
   CLI::App *link =
       switch_command(app, "link", "Start or stop a link", {"start", "stop"}, link_action);
-  link->add_option("name", link_name, "The link");
+  link->add_option("name", link_name,
+                   "The link: its partner CP name (cp_name of its [[link]]) or partner address");
   CLI11_PARSE(app, argc, argv);
 
   std::vector<std::string> words;

@@ -14,6 +14,7 @@
 
 #include "client/socket_path.h"
 #include "daemon/daemon_config.h"
+#include "net/ee/impairment.h"
 
 namespace snanode::daemon {
 namespace {
@@ -69,12 +70,16 @@ void check_security_characters(const config::NodeConfig &config,
   }
 }
 
-// The network's addresses: the local address must be one of this host's (the
-// daemon binds its ports to it), and a partner named by host name should
+// The network: its test impairment must read as the daemon reads it; the
+// local address must be one of this host's (the daemon binds its ports to
+// it), and a partner named by host name should
 // resolve; one that does not yet is only a warning, since names are often
 // added to DNS after a configuration is written.
-void check_network_addresses(const config::NodeConfig &config, CheckReport &report) {
+void check_network(const config::NodeConfig &config, CheckReport &report) {
   const config::NetworkConfig &net = config.network;
+  if (std::string error; !net::ee::parse_impairment(net.impair, &error)) {
+    report.problems.push_back("[network] impair = \"" + net.impair + "\": " + error);
+  }
   if (!net.enabled || net.local_address.empty()) return;
   sockaddr_storage address{};
   socklen_t size = 0;
@@ -165,7 +170,7 @@ CheckReport check_deployment(const config::NodeConfig &config, bool strict) {
                        " is not writable");
   }
   check_security_characters(config, problems);
-  check_network_addresses(config, report);
+  check_network(config, report);
   return report;
 }
 

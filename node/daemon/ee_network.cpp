@@ -96,16 +96,18 @@ std::unique_ptr<EeNetwork> EeNetwork::open(const config::NodeConfig &config,
                                            const net::lu62::Clock &clock, EeNetworkEvents &events,
                                            net::CaptureWriter *capture, std::string *error) {
   const config::NetworkConfig &settings = config.network;
-  std::optional<net::ee::Impairment> impairment = net::ee::impairment_from_environment(error);
+  bool from_environment = false;
+  std::optional<net::ee::Impairment> impairment =
+      net::ee::effective_impairment(settings.impair, error, &from_environment);
   if (!impairment) return nullptr;
   std::unique_ptr<EeNetwork> network(new EeNetwork(config, clock, events));
   network->endpoint_ = net::ee::UdpEndpoint::open(
       {settings.local_address, static_cast<uint16_t>(settings.port_base), *impairment}, error);
   if (!network->endpoint_) return nullptr;
   if (impairment->any()) {
-    events.log("network: SNANODE_IMPAIR in effect (loss " + std::to_string(impairment->loss) +
-               ", duplication " + std::to_string(impairment->duplication) + ", reordering " +
-               std::to_string(impairment->reorder) + ")");
+    events.log(std::string("network: ") +
+               (from_environment ? "SNANODE_IMPAIR" : "[network] impair") +
+               " in effect: " + net::ee::impairment_text(*impairment));
   }
   // The capture can be switched on and off while the node runs, so the
   // observer is always there and asks where to write.
@@ -201,11 +203,17 @@ void EeNetwork::send_biu(std::string_view partner_lu, net::ByteSpan biu) {
 }
 
 bool EeNetwork::reachable(const std::string &partner_lu) {
+  using State = net::ee::LinkStation::State;
   auto cp = cp_of_lu_.find(partner_lu);
   if (cp == cp_of_lu_.end()) return false;
   for (const auto &link : links_) {
     if (link->config.cp_name != cp->second) continue;
-    if (link->station->active()) return true;
+    if (link->station->held_down()) return false;
+    // Activating (just started by the operator, or tried again after a
+    // failure), or about to once DISC is answered: the session's first units
+    // wait in RTP, and the allocation fails with the link if the activation
+    // does, within its retries.
+    if (link->station->state() != State::kReset) return true;
     if (link->config.activate_at_start) return false;
     // A demand link: the session's first units wait in RTP, which resends
     // them until the link is up.
@@ -216,6 +224,61 @@ bool EeNetwork::reachable(const std::string &partner_lu) {
     return true;
   }
   return false;
+}
+
+EeNetwork::Link *EeNetwork::find_link(const std::string &name) const {
+  for (const auto &link : links_) {
+    if (link->config.cp_name == name || link->config.partner == name) return link.get();
+  }
+  return nullptr;
+}
+
+std::pair<bool, std::string> EeNetwork::link_command(bool start, const std::string &name) {
+  using State = net::ee::LinkStation::State;
+  std::string known;
+  for (const auto &link : links_) known += (known.empty() ? "" : ", ") + link->config.cp_name;
+  if (known.empty()) return {false, "no links configured ([[link]])"};
+  Link *link = name.empty() ? nullptr : find_link(name);
+  if (link == nullptr) {
+    return {false, (name.empty() ? "name the link" : "no link " + log_safe(name)) +
+                       "; the links are: " + known};
+  }
+  net::ee::LinkStation &station = *link->station;
+  const std::string &cp = link->config.cp_name;
+  const State state = station.state();
+  if (start) {
+    if (!station.held_down() && state != State::kReset && state != State::kDiscSent) {
+      return {true,
+              "link " + cp + " is already " + (state == State::kActive ? "active" : "activating")};
+    }
+    station.activate(clock_.now());
+    endpoint_->flush();
+    if (state == State::kDiscSent) {
+      return {true, "link " + cp + " starting once the partner has answered DISC"};
+    }
+    return {true, "link " + cp + " starting: activating with " + link->address};
+  }
+  if (station.held_down()) {
+    return {true,
+            "link " + cp + " is already " + (state == State::kDiscSent ? "stopping" : "stopped")};
+  }
+  station.deactivate(clock_.now());
+  endpoint_->flush();
+  if (state == State::kReset) return {true, "link " + cp + " stopped (it was inactive)"};
+  return {true, "link " + cp +
+                    " stopping: DISC sent; its sessions end, and it stays down until "
+                    "`link start`"};
+}
+
+std::string EeNetwork::reload_impairment() {
+  std::string error;
+  bool from_environment = false;
+  const std::optional<net::ee::Impairment> impairment =
+      net::ee::effective_impairment(config_.network.impair, &error, &from_environment);
+  if (from_environment) return "network: SNANODE_IMPAIR is set and stays in effect";
+  if (!impairment) return "network: impairment unchanged: " + log_safe(error);
+  endpoint_->set_impairment(*impairment);
+  return "network: impairment now " + net::ee::impairment_text(*impairment);
 }
 
 void EeNetwork::on_biu(std::string_view partner_cp, net::ByteSpan biu) {
@@ -257,11 +320,11 @@ void EeNetwork::note_connections() {
 
 namespace {
 
-const char *station_state(net::ee::LinkStation::State state) {
+const char *station_state(const net::ee::LinkStation &station) {
   using State = net::ee::LinkStation::State;
-  switch (state) {
+  switch (station.state()) {
     case State::kReset:
-      return "inactive";
+      return station.held_down() ? "stopped" : "inactive";
     case State::kXidSent:
     case State::kNegotiating:
     case State::kResponding:
@@ -301,7 +364,7 @@ void EeNetwork::add_status(Table &table) const {
         .add("partner", link->config.partner)
         .add("address", link->address)
         .add("activate", std::string(link->config.activate_at_start ? "start" : "demand"))
-        .add("state", std::string(station ? station_state(station->state()) : "unresolved"));
+        .add("state", std::string(station ? station_state(*station) : "unresolved"));
     // What the XID exchange agreed; 0 until the link is active.
     const bool active = station != nullptr && station->active();
     row.add("tg_number", uint64_t{active ? station->negotiated().tg_number : 0u})

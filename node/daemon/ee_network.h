@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "config/node_config.h"
@@ -38,7 +39,8 @@ class EeNetwork : private net::hpr::RtpNodeListener {
  public:
   // Binds the endpoint on [network] local_address and adds the configured
   // links, activating the "start" ones; nullptr with `error` set when the
-  // endpoint cannot be opened.  `capture` (may be null) gets every datagram.
+  // endpoint cannot be opened or the impairment in effect cannot be read.
+  // `capture` (may be null) gets every datagram.
   static std::unique_ptr<EeNetwork> open(const config::NodeConfig &config,
                                          const net::lu62::Clock &clock, EeNetworkEvents &events,
                                          net::CaptureWriter *capture, std::string *error);
@@ -55,8 +57,19 @@ class EeNetwork : private net::hpr::RtpNodeListener {
 
   void send_biu(std::string_view partner_lu, net::ByteSpan biu);
   // Whether a new session with `partner_lu` may be tried now: its link is
-  // active, or it is a "demand" link, which this starts activating.
+  // active or activating, or it is a "demand" link, which this starts
+  // activating.  A link the operator stopped reaches nobody.
   bool reachable(const std::string &partner_lu);
+
+  // snanodectl `link start|stop NAME` (NAME: the link's partner CP name or
+  // its partner as configured): whether it was done (or already so), and
+  // what to tell the operator.  Stopping sends DISC, ends the link's RTP
+  // connections and their sessions at once, and holds the link down until
+  // it is started again.
+  std::pair<bool, std::string> link_command(bool start, const std::string &name);
+  // Applies the configuration's [network] impair again (after a reload), or
+  // keeps SNANODE_IMPAIR when that is set; the line to log.
+  std::string reload_impairment();
 
   // The links and the RTP connections on them, for snanodectl.
   void add_status(Table &table) const;
@@ -79,6 +92,7 @@ class EeNetwork : private net::hpr::RtpNodeListener {
   // one by one).
   void note_connections();
   const std::string *lu_of(std::string_view partner_cp) const;
+  Link *find_link(const std::string &name) const;
 
   const config::NodeConfig &config_;
   const net::lu62::Clock &clock_;

@@ -180,7 +180,12 @@ int main(int argc, char **argv) {
   // Enterprise Extender.
   if (link_fd >= 0 || (config.network.enabled && !config.network.local_address.empty())) {
     const char *capture = std::getenv("SNANODE_CAPTURE");
-    server.attach_link(link_fd, capture != nullptr ? capture : config.network.capture_file);
+    if (!server.attach_link(link_fd, capture != nullptr ? capture : config.network.capture_file,
+                            error)) {
+      std::cerr << "snanoded: " << error << "\nsnanoded: refusing to start: [network] is "
+                << "configured with local_address, and the node would run without it\n";
+      return 1;
+    }
   }
   server.set_config_reader(reader_of(config_file, foreground));
   if (!foreground) detach_from_terminal();

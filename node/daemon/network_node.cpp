@@ -134,8 +134,9 @@ NetworkNode::NetworkNode(const config::NodeConfig &config, client::UniqueFd link
   ee_ = EeNetwork::open(config_, *this, *this, capture_.get(), &error);
   if (!ee_) {
     link_up_ = false;
-    log("network: no Enterprise Extender endpoint on " + log_safe(config_.network.local_address) +
-        ": " + log_safe(error));
+    network_error_ = "no Enterprise Extender endpoint on " + config_.network.local_address +
+                     " port " + std::to_string(config_.network.port_base) + ": " + error;
+    log("network: " + log_safe(network_error_));
     return;
   }
   for (unsigned i = 0; i < net::ee::kPortCount; ++i) {
@@ -383,13 +384,10 @@ std::pair<bool, std::string> NetworkNode::control(const std::vector<std::string>
     if (ee_) ee_->set_capture(capture_.get());
     return {true, "capture on: " + capture_path_};
   }
-  // link start|stop: not while the node runs yet.  Stopping a link ends its
-  // sessions, and a session allocated again at once, before the partner
-  // has heard the link go, can still fail; until that is sorted out the
-  // links follow the configuration ([[link]] activate) alone.
-  return {false,
-          "links are started and stopped by the configuration ([[link]] activate), "
-          "not yet while the node runs"};
+  if (!ee_) return {false, "no Enterprise Extender links: this node runs on a test link"};
+  auto answer = ee_->link_command(on, words.size() > 2 ? words[2] : std::string());
+  sweep();  // the sessions of a stopped link end now
+  return answer;
 }
 
 Table NetworkNode::status_sections() const {

@@ -63,6 +63,11 @@ class NetworkNode : public net::lu62::BiuTransport,
   // whether it was done, and what to tell the operator.
   std::pair<bool, std::string> control(const std::vector<std::string> &words);
 
+  // The Enterprise Extender network; null on the test link, or when it could
+  // not be opened (`network_error()` says why).
+  EeNetwork *ee_network() { return ee_.get(); }
+  const std::string &network_error() const { return network_error_; }
+
  private:
   // BiuTransport
   void send_biu(std::string_view partner_lu, net::ByteSpan biu) override;
@@ -114,6 +119,7 @@ class NetworkNode : public net::lu62::BiuTransport,
   std::deque<std::pair<std::chrono::steady_clock::time_point, RemoteConversation *>> attach_due_;
   bool path_lost_reported_ = false;   // the sessions heard of the link's loss
   std::unique_ptr<EeNetwork> ee_;     // the Enterprise Extender network, without a link fd
+  std::string network_error_;         // why ee_ could not be opened
   std::set<std::string> paths_lost_;  // partner LUs whose sessions must end (from sweep)
   std::map<std::string, size_t> sessions_logged_;  // partner LU -> sessions last logged
   time_point sessions_noted_{};

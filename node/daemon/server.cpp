@@ -134,9 +134,14 @@ bool Server::listen(std::string &error) {
   return true;
 }
 
-void Server::attach_link(int link_fd, const std::string &capture_file) {
+bool Server::attach_link(int link_fd, const std::string &capture_file, std::string &error) {
   network_ = std::make_unique<NetworkNode>(config_, client::UniqueFd(link_fd), broker_,
                                            static_cast<BrokerOutput &>(*this), capture_file);
+  if (link_fd < 0 && network_->ee_network() == nullptr) {
+    error = network_->network_error();
+    network_.reset();
+    return false;
+  }
   broker_.set_remote_allocation([this](ClientId client, const client::AllocateRequest &request,
                                        const std::optional<std::string> &user) {
     return network_->allocate(client, request, user);
@@ -144,6 +149,7 @@ void Server::attach_link(int link_fd, const std::string &capture_file) {
   control_.set_network_status([this] { return network_->status_sections(); });
   control_.set_network_control(
       [this](const std::vector<std::string> &words) { return network_->control(words); });
+  return true;
 }
 
 int Server::run() {
@@ -505,9 +511,11 @@ void Server::reload() {
   }
   config_.tps = fresh->tps;
   config_.side_info = fresh->side_info;
+  config_.network.impair = fresh->network.impair;
   broker_.replace_definitions(*fresh);
   log("reloaded " + std::to_string(config_.tps.size()) + " invokable TPs and " +
       std::to_string(config_.side_info.size()) + " side information entries");
+  if (network_ && network_->ee_network()) log(network_->ee_network()->reload_impairment());
 }
 
 void Server::log(const std::string &line) {

@@ -55,9 +55,12 @@ class Server : private BrokerOutput {
   bool listen(std::string &error);
 
   // Joins the node to the network over `link_fd`, or over Enterprise Extender
-  // when it is -1 (see network_node.h); only
-  // with [network] enabled.  Call before run().
-  void attach_link(int link_fd, const std::string &capture_file);
+  // when it is -1 (see network_node.h); only with [network] enabled.  Call
+  // before run().  False with `error` set when the Enterprise Extender
+  // endpoint cannot be opened (its address is not this host's, a port is
+  // taken, the impairment cannot be read): a node configured for the network
+  // does not run without it.
+  bool attach_link(int link_fd, const std::string &capture_file, std::string &error);
 
   // SIGHUP makes the daemon take the invokable TPs and side information of
   // what `reader` returns; without a reader SIGHUP is only logged.

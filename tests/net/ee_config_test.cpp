@@ -28,6 +28,7 @@ std::string parse_error(const std::string &text) {
 TEST(EeConfig, NetworkAndLinkKeys) {
   const config::NodeConfig c = config::parse_config(kNetwork + R"(port_base = 13000
 node_id = "05d0000A"
+impair = "loss=0.1,delay_ms=5"
 [[link]]
 partner = "127.0.0.3"
 cp_name = "APPN.NODEB"
@@ -41,6 +42,7 @@ liveness_seconds = 3
   EXPECT_EQ(c.network.local_address, "127.0.0.2");
   EXPECT_EQ(c.network.port_base, 13000u);
   EXPECT_EQ(c.network.node_id, 0x05D0000Au);
+  EXPECT_EQ(c.network.impair, "loss=0.1,delay_ms=5");
   ASSERT_EQ(c.network.links.size(), 2u);
   EXPECT_EQ(c.network.links[0].partner, "127.0.0.3");
   EXPECT_EQ(c.network.links[0].cp_name, "APPN.NODEB");

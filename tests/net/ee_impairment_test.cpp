@@ -41,8 +41,20 @@ TEST(EeImpairment, ParsesTheTextFormAndNamesWhatIsWrong) {
   ::setenv("SNANODE_IMPAIR", "loss=2", 1);
   EXPECT_FALSE(impairment_from_environment(&error));
   EXPECT_EQ(error, "SNANODE_IMPAIR: \"loss=2\": a rate is a number from 0 to 1");
+  // The environment, when set, wins over the configured text.
+  EXPECT_FALSE(effective_impairment("loss=0.5", &error));
+  ::setenv("SNANODE_IMPAIR", "dup=0.25", 1);
+  bool from_environment = false;
+  EXPECT_EQ(effective_impairment("loss=0.5", &error, &from_environment)->duplication, 0.25);
+  EXPECT_TRUE(from_environment);
   ::unsetenv("SNANODE_IMPAIR");
   EXPECT_FALSE(impairment_from_environment(&error)->any());
+  EXPECT_EQ(effective_impairment("loss=0.5", &error, &from_environment)->loss, 0.5);
+  EXPECT_FALSE(from_environment);
+  EXPECT_FALSE(effective_impairment("loss=2", &error));
+  EXPECT_EQ(error, "[network] impair: \"loss=2\": a rate is a number from 0 to 1");
+  EXPECT_EQ(impairment_text(*parse_impairment("loss=0.05,delay_ms=5", &error)),
+            "loss 0.05, duplication 0, reordering 0, delay 5 ms");
 }
 
 std::vector<uint8_t> run_stream(const Impairment &impairment, int count) {

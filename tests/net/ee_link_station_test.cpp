@@ -99,6 +99,37 @@ TEST(EeLinkStation, ActivatesNegotiatesCarriesNlpsAndDeactivates) {
   EXPECT_FALSE(pipe.a.next_deadline());
 }
 
+// A station stopped here: its receiver hears the link end when DISC goes
+// (not when DM comes); a start before DM takes effect after it, without a
+// second end reported; a stopped station refuses the partner's activation
+// with DM until started again.
+TEST(EeLinkStation, StoppedUntilStartedAgain) {
+  Impairment slow;  // B's answers take 50 ms
+  slow.delay = 50ms;
+  Pipe pipe(node_a(), node_b(), {}, slow);
+  activate(pipe, pipe.a);
+  ASSERT_EQ(both(pipe), "11 11 00");
+  pipe.a.deactivate(pipe.now);
+  EXPECT_EQ(pipe.ra.inactive.size(), 1u);
+  pipe.a.activate(pipe.now);
+  pipe.run_for(20ms);
+  EXPECT_EQ(pipe.a.state(), LinkStation::State::kDiscSent);
+  pipe.run_for(1s);
+  EXPECT_EQ(both(pipe), "11 22 11");
+
+  pipe.a.deactivate(pipe.now);
+  pipe.run_for(1s);
+  EXPECT_EQ(both(pipe), "00 22 22");
+  pipe.b.activate(pipe.now);
+  pipe.run_for(1s);
+  EXPECT_EQ(both(pipe), "00 22 23");
+  EXPECT_EQ(pipe.rb.inactive.back(), "the partner refused the link (DM)");
+  EXPECT_TRUE(pipe.a.held_down());
+  activate(pipe, pipe.a);
+  pipe.run_for(1s);
+  EXPECT_EQ(both(pipe), "11 33 23");
+}
+
 TEST(EeLinkStation, ActivationsThatCrossOrAreRefused) {
   {  // Both sides start at once: one link, one primary.
     Pipe pipe(node_a(), node_b());

@@ -149,8 +149,11 @@ TEST_F(DaemonControl, OnlyOwnersChangeAndOnlyRootNamesAFileForOthers) {
   ASSERT_EQ(::chmod(socket_.c_str(), 0666), 0);
   constexpr uid_t kNobody = 65534;
   const std::string outsider =
-      as_user(kNobody, kNobody, socket_, {{"trace", "on"}, {"tp", "list", "--json"}});
+      as_user(kNobody, kNobody, socket_,
+              {{"trace", "on"}, {"link", "stop", "NETA.NODEB"}, {"tp", "list", "--json"}});
   EXPECT_EQ(outsider.rfind("1 refused: trace on changes the node", 0), 0u) << outsider;
+  EXPECT_NE(outsider.find("\n1 refused: link stop NETA.NODEB changes the node"), std::string::npos)
+      << outsider;
   EXPECT_NE(outsider.find("you are uid 65534"), std::string::npos) << outsider;
   EXPECT_NE(outsider.find("\n0 {\"node\":{\"name\":\"TESTNODE\""), std::string::npos) << outsider;
 

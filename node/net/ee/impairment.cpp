@@ -1,6 +1,7 @@
 #include "net/ee/impairment.h"
 
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 
 namespace snanode::net::ee {
@@ -73,6 +74,27 @@ std::optional<Impairment> impairment_from_environment(std::string *error) {
   std::optional<Impairment> parsed = parse_impairment(text, error);
   if (!parsed && error != nullptr) *error = "SNANODE_IMPAIR: " + *error;
   return parsed;
+}
+
+std::optional<Impairment> effective_impairment(std::string_view configured, std::string *error,
+                                               bool *from_environment) {
+  const bool environment = std::getenv("SNANODE_IMPAIR") != nullptr;
+  if (from_environment != nullptr) *from_environment = environment;
+  if (environment) return impairment_from_environment(error);
+  std::optional<Impairment> parsed = parse_impairment(configured, error);
+  if (!parsed && error != nullptr) *error = "[network] impair: " + *error;
+  return parsed;
+}
+
+std::string impairment_text(const Impairment &impairment) {
+  const auto rate = [](double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", value);
+    return std::string(text);
+  };
+  return "loss " + rate(impairment.loss) + ", duplication " + rate(impairment.duplication) +
+         ", reordering " + rate(impairment.reorder) + ", delay " +
+         std::to_string(impairment.delay.count()) + " ms";
 }
 
 Impairer::Impairer(const Impairment &impairment)

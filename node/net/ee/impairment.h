@@ -40,6 +40,15 @@ std::optional<Impairment> parse_impairment(std::string_view text, std::string *e
 // SNANODE_IMPAIR parsed: none (all zero) when unset; nothing with `error` set
 // when it cannot be read.
 std::optional<Impairment> impairment_from_environment(std::string *error);
+// The impairment in effect for a node whose configuration says `configured`
+// ([network] impair, empty: none): SNANODE_IMPAIR when it is set, since a
+// test harness sets it around a daemon whose file it does not own; else the
+// configured one.  Nothing with `error` set (naming its source) when the text
+// in use cannot be read.  `from_environment` (may be null) tells which.
+std::optional<Impairment> effective_impairment(std::string_view configured, std::string *error,
+                                               bool *from_environment = nullptr);
+// "loss 0.05, duplication 0, reordering 0.01, delay 0 ms", for the log.
+std::string impairment_text(const Impairment &impairment);
 
 // One datagram held by an Impairer: its payload and what the endpoint needs
 // to send or deliver it later (port index and partner address, opaque here).

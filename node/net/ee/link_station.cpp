@@ -1,5 +1,7 @@
 #include "net/ee/link_station.h"
 
+#include <utility>
+
 #include "net/formats/wire_decisions.h"
 
 namespace snanode::net::ee {
@@ -29,7 +31,14 @@ LinkStation::LinkStation(LinkStationConfig config, DatagramSink &sink, NlpReceiv
     : config_(std::move(config)), sink_(sink), receiver_(receiver) {}
 
 void LinkStation::activate(TimePoint now) {
-  if (state_ == State::kReset) start_activation(now);
+  held_down_ = false;
+  if (state_ == State::kReset) {
+    start_activation(now);
+  } else if (state_ == State::kDiscSent) {
+    // The partner must see the old link end before it hears of a new one,
+    // or its DM would be taken for a refusal of the new activation.
+    activate_when_reset_ = true;
+  }
 }
 
 void LinkStation::start_activation(TimePoint now) {
@@ -41,10 +50,16 @@ void LinkStation::start_activation(TimePoint now) {
 }
 
 void LinkStation::deactivate(TimePoint now) {
+  held_down_ = true;
+  activate_when_reset_ = false;
   if (state_ == State::kReset) deadline_.reset();  // no reactivation either
   if (state_ == State::kReset || state_ == State::kDiscSent) return;
   state_ = State::kDiscSent;
   send_with_retry(encode_ldlc_command(LdlcKind::kDisc, false, config_.link_sap, {}), now);
+  // The link carries nothing more from here, so the layers above end what
+  // ran on it now rather than when DM comes: what they start meanwhile (for
+  // an activation asked for before DM) is not ended with the old link.
+  receiver_.on_link_inactive("deactivated");
 }
 
 Bytes LinkStation::our_xid(XidExchangeState state, uint32_t error_sense) const {
@@ -72,15 +87,22 @@ void LinkStation::wait_for_partner(TimePoint now) {
 }
 
 void LinkStation::fail(const std::string &why, TimePoint now, bool orderly) {
-  const bool was_reset = state_ == State::kReset;
+  // A deactivating link was reported inactive when DISC went out.
+  const bool was_reported = state_ == State::kReset || state_ == State::kDiscSent;
   state_ = State::kReset;
   negotiated_known_ = false;
   retry_datagram_.clear();
   deadline_.reset();
   // A link that failed (rather than being ended by either side) is tried
   // again later when the configuration asks for it.
-  if (!orderly && config_.reactivate_after.count() > 0) deadline_ = now + config_.reactivate_after;
-  if (!was_reset) receiver_.on_link_inactive(why);
+  if (!orderly && !held_down_ && config_.reactivate_after.count() > 0) {
+    deadline_ = now + config_.reactivate_after;
+  }
+  if (!was_reported) receiver_.on_link_inactive(why);
+  // Only once the partner has seen the old link end does the new one begin.
+  if (std::exchange(activate_when_reset_, false) && state_ == State::kReset) {
+    start_activation(now);
+  }
 }
 
 void LinkStation::become_active(TimePoint now) {
@@ -239,6 +261,10 @@ void LinkStation::on_xid_command(const PartnerXid &xid, TimePoint now) {
       [[fallthrough]];
     case State::kReset:
       if (!prenegotiation) return;
+      if (held_down_) {
+        send_llc(encode_ldlc_command(LdlcKind::kDm, true, config_.link_sap, {}));
+        return;
+      }
       if (!accept_partner(xid, true, now)) return;
       state_ = State::kResponding;
       answer_prenegotiation();

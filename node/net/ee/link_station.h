@@ -19,7 +19,11 @@
 // from the partner for a quarter of `liveness`, and again every sixteenth
 // while unanswered; a partner that stops answering is declared down
 // `liveness` after it was last heard.  Any frame from the partner counts.
-// Deactivation: DISC, answered by DM.
+// Deactivation: DISC, answered by DM; the receiver hears the link inactive
+// when DISC is sent.  A station deactivated here stays down:
+// the partner's activations are answered with DM until activate() is called
+// again (an operator's "stop" holds until "start").  activate() while DISC is
+// still unanswered takes effect once the link has ended.
 #pragma once
 
 #include <chrono>
@@ -81,6 +85,8 @@ class LinkStation final : public NlpLink {
 
   void activate(TimePoint now);
   void deactivate(TimePoint now);
+  // Deactivated here and not activated since: the partner is refused.
+  bool held_down() const { return held_down_; }
   // A datagram from the partner's address, on any of the five ports.
   void on_datagram(ByteSpan datagram, TimePoint now);
   void on_timer(TimePoint now);
@@ -137,6 +143,8 @@ class LinkStation final : public NlpLink {
   TimePoint active_since_{};
   TimePoint last_heard_{};
   uint32_t test_counter_ = 0;
+  bool held_down_ = false;
+  bool activate_when_reset_ = false;  // activate() came while DISC was unanswered
 };
 
 }  // namespace snanode::net::ee

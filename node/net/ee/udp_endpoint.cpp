@@ -14,6 +14,13 @@ namespace snanode::net::ee {
 namespace {
 
 constexpr size_t kBatch = 32;
+
+// The receiving direction draws from its own sequence, so that loss in one
+// direction does not mirror the other's.
+Impairment receiving_side(Impairment impairment) {
+  ++impairment.seed;
+  return impairment;
+}
 constexpr uint16_t kDefaultMaxBtu = 1461;
 constexpr uint16_t kDefaultMaxBtuIpv6 = 1441;
 constexpr size_t kReceiveBufferSize = 65536;
@@ -128,10 +135,14 @@ UdpEndpoint::UdpEndpoint(const EndpointConfig &config, int family, Bytes local)
       family_(family),
       local_(std::move(local)),
       impair_send_(config.impairment),
-      impair_receive_(Impairment{config.impairment.loss, config.impairment.duplication,
-                                 config.impairment.reorder, config.impairment.delay,
-                                 config.impairment.reorder_hold, config.impairment.seed + 1}),
+      impair_receive_(receiving_side(config.impairment)),
       buffers_(std::make_unique<Buffers>()) {}
+
+void UdpEndpoint::set_impairment(const Impairment &impairment) {
+  config_.impairment = impairment;
+  impair_send_ = Impairer(impairment);
+  impair_receive_ = Impairer(receiving_side(impairment));
+}
 
 UdpEndpoint::~UdpEndpoint() {
   for (int fd : fds_) {

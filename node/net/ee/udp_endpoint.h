@@ -95,6 +95,8 @@ class UdpEndpoint {
     uint64_t truncated = 0;       // larger than the receive buffer
   };
   const Counters &counters() const { return counters_; }
+  // Replaces the impairment (a reload); what the old one held back is dropped.
+  void set_impairment(const Impairment &impairment);
   const Impairer::Counters &send_impairment() const { return impair_send_.counters(); }
   const Impairer::Counters &receive_impairment() const { return impair_receive_.counters(); }
 

@@ -1,0 +1,181 @@
+// Two node daemons of a test, A and B, in a temporary directory: joined by a
+// link of whole units (a SOCK_SEQPACKET socket pair), or as two hosts on an
+// Enterprise Extender link (127.0.0.2 and 127.0.0.3); a TP of node A and one
+// of node B run against each other, and snanodectl asks either node.  Shared
+// by the two-node tests and the two-host failure tests.  The including target
+// defines SNANODED_PATH and SNANODECTL_PATH.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+
+#include "e2e/ctl_json.h"
+#include "e2e/scenario_runner.h"
+#include "e2e/snanodectl_run.h"
+#include "e2e/two_hosts.h"
+
+namespace e2e {
+
+inline constexpr int kRuSize = 256;
+
+// `host` 0 or 1: the node is that host of an EE link on ports `base`...
+inline std::string node_config(const fs::path &dir, const char *cp, const char *lu,
+                               const char *partner, const char *partner_cp,
+                               bool trust_partner = false, int host = -1, uint16_t base = 0) {
+  std::ostringstream text;
+  text << "[node]\nname = \"" << cp << "\"\nnetwork_id = \"NETA\"\nattach_timeout_ms = 5000\n"
+       << "socket_path = \"" << (dir / "node.sock").string() << "\"\n"
+       << "[log]\ndir = \"" << dir.string() << "\"\n"
+       << "[network]\nenabled = true\ncp_name = \"NETA." << cp << "\"\n"
+       << (host >= 0 ? host_network_keys(host, base) + "capture = \"" +
+                           (dir / "units.pcap").string() + "\"\n"
+                     : "")
+       << "[[local_lu]]\nalias = \"" << lu << "\"\nlu_name = \"NETA." << lu << "\"\n"
+       << "[[partner_lu]]\nalias = \"" << partner << "\"\nlu_name = \"NETA." << partner
+       << "\"\nowning_cp = \"NETA." << partner_cp << "\"\n"
+       << (trust_partner ? "trust_already_verified = true\n" : "")
+       // Two hosts: RUs and windows as a user would have them for bulk data.
+       << "[[mode]]\nname = \"#INTER\"\nsession_limit = 4\nmax_ru_size = "
+       << (host >= 0 ? 16384 : kRuSize) << "\npacing_window = " << (host >= 0 ? 32 : 2) << "\n"
+       << (host >= 0 ? host_link(host, std::string("NETA.") + partner_cp) : "");
+  return text.str();
+}
+
+// A conversation to `tp_name` at node B's LU, set up but not yet allocated.
+inline Conv initialize_remote(const std::string &tp_name, CM_CONVERSATION_TYPE type,
+                              CM_SYNC_LEVEL sync = CM_NONE) {
+  return initialize(tp_name, type, sync, "LUB");
+}
+
+struct TwoNodes {
+  fs::path base;
+  std::array<fs::path, 2> dirs;
+  Children children;
+  bool up = false;
+  uint16_t port_base = 0;  // two hosts on an EE link; 0: the test link
+
+  // `a_trusts_b`: node A takes users node B verified (already verified).
+  // `b_config`: more of node B's configuration.  `hosts`: two hosts on
+  // 127.0.0.2 and 127.0.0.3 (skip when `port_base` stays 0); `b_address`
+  // (hosts only): node B's address instead of 127.0.0.3.
+  explicit TwoNodes(bool a_trusts_b = false, const std::string &b_config = "", bool hosts = false,
+                    const std::string &b_address = "") {
+    char pattern[] = "/tmp/cpic-2node-XXXXXX";
+    if (::mkdtemp(pattern) == nullptr) return;
+    base = pattern;
+    dirs = {base / "a", base / "b"};
+    for (const auto &dir : dirs) fs::create_directories(dir);
+    if (hosts && (port_base = free_port_base()) == 0) return;
+    const int host = hosts ? 0 : -1;
+    const auto moved = [&](std::string text) {
+      for (size_t at; !b_address.empty() && (at = text.find(kHostAddress[1])) != text.npos;) {
+        text.replace(at, std::string_view(kHostAddress[1]).size(), b_address);
+      }
+      return text;
+    };
+    std::ofstream(dirs[0] / "node.toml")
+        << moved(node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB", a_trusts_b, host, port_base));
+    std::ofstream(dirs[1] / "node.toml")
+        << moved(node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA", false, hosts ? 1 : -1,
+                             port_base))
+        << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n"
+        << b_config;
+    if (hosts) {
+      up = start_daemon(dirs[0], children) && start_daemon(dirs[1], children) &&
+           link_up(dirs[0] / "snanoded.log");
+      return;
+    }
+    int link[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, link) != 0) return;
+    up = start_daemon(dirs[0], children, link[0], link[1]) &&
+         start_daemon(dirs[1], children, link[1], link[0]);
+    ::close(link[0]);
+    ::close(link[1]);
+  }
+  // Starts node B's daemon again (two hosts) and waits for the link.
+  bool restart_b() {
+    children.doomed.insert("daemon");  // the one killed
+    return start_daemon(dirs[1], children) && link_up(dirs[0] / "snanoded.log", 2);
+  }
+
+  ~TwoNodes() {
+    for (auto &child : children.list) ::kill(child.pid, SIGTERM);
+    for (auto &child : children.list) {
+      for (const auto until = Clock::now() + 5s; !children.reap(child, WNOHANG);) {
+        if (Clock::now() > until) break;
+        std::this_thread::sleep_for(10ms);
+      }
+    }
+    if (std::getenv("CPIC_E2E_KEEP") != nullptr || ::testing::Test::HasFailure()) {
+      std::cerr << "two-node files in " << base << "\n";
+    } else {
+      fs::remove_all(base);
+    }
+  }
+
+  // Runs `client` as a TP of node A and `server` (if any) as one of node B
+  // serving E2E; every failed check reaches the test.
+  void run(void (*client)(Side &), void (*server)(Side &), pid_t server_daemon = -1) {
+    int report[2], to_server[2], to_client[2];
+    ASSERT_EQ(
+        ::pipe2(report, O_CLOEXEC) | ::pipe2(to_server, O_CLOEXEC) | ::pipe2(to_client, O_CLOEXEC),
+        0);
+    Side a{"client", dirs[0] / "client", -1, report[1], to_client[0], to_server[1]};
+    Side b{"server", dirs[1] / "server", server_daemon, report[1], to_server[0], to_client[1]};
+    if (server == nullptr) a.from_partner = a.to_partner = -1;
+    std::vector<pid_t> sides;
+    auto start = [&](Side &side, const fs::path &dir, void (*body)(Side &)) {
+      fs::create_directories(side.log_dir);
+      std::fflush(nullptr);
+      const pid_t pid = ::fork();
+      if (pid == 0) {
+        enter_node(dir, side, Deploy::kProcesses);
+        run_side(side, body, {"E2E"});
+        std::exit(0);
+      }
+      sides.push_back(pid);
+    };
+    if (server != nullptr) start(b, dirs[1], server);
+    start(a, dirs[0], client);
+    for (int fd : {report[1], to_server[0], to_server[1], to_client[0], to_client[1]}) ::close(fd);
+    std::string text;
+    char buffer[4096];
+    // On a lossy path the RTP rate can fall far (see docs/network.md).
+    const auto limit = port_base != 0 ? 60s : 20s;
+    for (const auto until = Clock::now() + limit; Clock::now() < until;) {
+      pollfd p{report[0], POLLIN, 0};
+      if (::poll(&p, 1, 100) == 0) continue;
+      const ssize_t n = ::read(report[0], buffer, sizeof buffer);
+      if (n <= 0) break;
+      text.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(report[0]);
+    for (pid_t pid : sides) {
+      ::kill(pid, SIGKILL);  // only when they did not end in time
+      int status = 0;
+      ::waitpid(pid, &status, 0);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a TP ended badly";
+    }
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+      if (line[0] == 'F' || line[0] == 'A') ADD_FAILURE() << line.substr(2);
+    }
+  }
+};
+
+// Runs snanodectl against the node in `dir`: its exit status and output.
+inline std::pair<int, std::string> ctl(const fs::path &dir, const std::string &args) {
+  return ctl_test::run_snanodectl((dir / "node.sock").string(), args);
+}
+
+// What `snanodectl session list --json` says of the node's network.
+inline ctl_test::Json network_status(const fs::path &dir) {
+  const auto [status, out] = ctl(dir, "--json session list");
+  auto parsed = ctl_test::JsonParser(out).parse();
+  EXPECT_TRUE(status == 0 && parsed) << out;
+  return parsed ? *parsed : ctl_test::Json{};
+}
+
+}  // namespace e2e
