@@ -415,6 +415,9 @@ TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
   EXPECT_EQ(three.ended, decision::kSenseTooShortRh);
   EXPECT_TRUE(p.a.sessions().empty());
   EXPECT_TRUE(p.b.sessions().empty());
+  // Each ended session is dropped, however it ended: only CNOS's remains.
+  EXPECT_EQ(p.a.manager.held_sessions(), 1u);
+  EXPECT_EQ(p.b.manager.held_sessions(), 1u);
 
   // A normal end of a free session: UNBIND type 01, nobody told of a failure.
   Conversation &four = p.a.allocate();
@@ -426,10 +429,20 @@ TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
   EXPECT_TRUE(p.a.sessions().empty());
   EXPECT_TRUE(p.b.sessions().empty());
   EXPECT_FALSE(four.ended);
+  EXPECT_EQ(p.a.manager.held_sessions(), 1u);
+  EXPECT_EQ(p.b.manager.held_sessions(), 1u);
   EXPECT_EQ(sent(p.pipe, 0, "6B8000320100000000"), 1u);
   // +RSP(UNBIND) to each UNBIND: three from B, one from A.
   EXPECT_EQ(sent(p.pipe, 0, "EB800032"), 3u);
   EXPECT_EQ(sent(p.pipe, 1, "EB800032"), 1u);
+
+  // The path fails: every session ends at once, CNOS's too, and none is kept.
+  Conversation &five = p.a.allocate();
+  p.pump();
+  ASSERT_NE(five.session, nullptr);
+  p.a.manager.on_path_lost(kLuB, 0x80020000);
+  EXPECT_EQ(five.ended, 0x80020000u);
+  EXPECT_EQ(p.a.manager.held_sessions(), 0u);
 }
 
 // Every unit of a whole exchange, cut and with bytes changed, fed to a live

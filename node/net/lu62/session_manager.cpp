@@ -388,13 +388,22 @@ void SessionManager::on_bid_result(Session &session, bool granted) {
 }
 
 void SessionManager::on_ended(Session &session, uint32_t) {
+  ending_.insert(session.address());
   bid_refused_.erase(session.address());
   serve({session.partner(), session.mode()});
 }
 
 void SessionManager::sweep() {
-  std::erase_if(sessions_,
-                [](const auto &entry) { return entry.second->state() == SessionState::kEnded; });
+  // Only the sessions that told of their end are looked at: this runs for
+  // every unit, and a scan of all sessions would make each unit cost more
+  // the more sessions there are.  One still unbinding stays until it ends.
+  std::erase_if(ending_, [this](const SessionAddress &address) {
+    auto it = sessions_.find(address);
+    if (it == sessions_.end()) return true;
+    if (it->second->state() != SessionState::kEnded) return false;
+    sessions_.erase(it);
+    return true;
+  });
   // A finished CNOS conversation goes once no session still points at it.
   std::erase_if(cnos_, [this](const auto &conversation) {
     if (!conversation->done()) return false;
