@@ -266,6 +266,32 @@ TEST(Sessions, AllocationsBeyondTheLimitQueueUntilASessionFreesOrTimeOut) {
   EXPECT_EQ(p.a.manager.queued_allocations(kLuB, kMode), 0u);
 }
 
+// Among sessions in use, the one whose bracket ended serves the next
+// allocation; one given but not used yet serves nobody else meanwhile.
+TEST(Sessions, AFreedSessionAmongBusyOnesServesTheNextAllocation) {
+  Pair p({mode(256, 256, 7, 7, 4, 4)}, {mode(256, 256, 7, 7, 4, 0)});
+  std::vector<Conversation *> busy;
+  for (int i = 0; i < 4; ++i) busy.push_back(&p.a.allocate());
+  p.pump();
+  for (Conversation *c : busy) ASSERT_TRUE(c->send(true, true));
+  p.pump();
+  ASSERT_EQ(p.a.sessions().size(), 4u);
+
+  Session *third = busy[2]->session;
+  ASSERT_TRUE(busy[2]->send(true, true, true));
+  p.pump();
+  Conversation &next = p.a.allocate();
+  EXPECT_EQ(next.session, third);
+  Conversation &waiting = p.a.allocate();
+  p.pump();
+  EXPECT_FALSE(waiting.outcome);
+  Session *first = busy[0]->session;
+  ASSERT_TRUE(busy[0]->send(true, true, true));
+  p.pump();
+  EXPECT_EQ(waiting.session, first);
+  EXPECT_EQ(p.a.sessions().size(), 4u);
+}
+
 // A wins the one session; both sides begin a bracket at once.
 void run_contention(Pair &p) {
   p.a.manager.change_session_limits(kLuB, kMode);

@@ -96,6 +96,9 @@ class SessionManager : public SessionHost, public CnosOwner {
     bool limits_known = false;
     bool cnos_running = false;
     std::deque<Allocation> queue;
+    // Every active session of the mode between brackets, and perhaps some
+    // that have begun one since: where serve() looks for a free session.
+    std::set<SessionAddress> between;
   };
   struct PendingBind {
     Key key;
