@@ -231,13 +231,19 @@ std::string node_config(int host, int port_base, int sessions) {
   return text.str();
 }
 
-// The CPU time a process used so far, in seconds: from the scheduler's
-// nanosecond count where the kernel keeps one, else from clock ticks.
+// The CPU time a process used so far, in seconds: the scheduler's nanosecond
+// counts of all its threads where the kernel keeps them, else clock ticks.
 double cpu_seconds(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/schedstat");
-  unsigned long long ns = 0;
-  if (in >> ns) return static_cast<double>(ns) / 1e9;
-  return bench::process_cpu_seconds(pid);
+  std::error_code error;
+  unsigned long long total = 0;
+  bool counted = false;
+  for (const auto &task :
+       bench::fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    std::ifstream in(task.path() / "schedstat");
+    unsigned long long ns = 0;
+    if (in >> ns) total += ns, counted = true;
+  }
+  return counted ? static_cast<double>(total) / 1e9 : bench::process_cpu_seconds(pid);
 }
 
 std::string run_command(const std::string &command) {
