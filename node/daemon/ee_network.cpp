@@ -385,6 +385,12 @@ void EeNetwork::add_status(Table &table) const {
   }
   table.push_back(std::move(links));
   table.push_back(std::move(connections));
+  // Every datagram the endpoint sent or took in, of all links: what a figure
+  // of work per datagram divides by.
+  Row endpoint;
+  endpoint.add("datagrams_sent", endpoint_->counters().sent)
+      .add("datagrams_received", endpoint_->counters().received);
+  table.push_back(Section{"ee_endpoint", true, {std::move(endpoint)}});
 }
 
 }  // namespace snanode::daemon

@@ -220,7 +220,8 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
             // Only the attached side receives an Attach.
             [](RemoteConversation &, const Attach &, client::UniqueFd &) {
               return uint32_t{AP_ALLOCATION_FAILURE_NO_RETRY};
-            });
+            },
+            [this](RemoteConversation &c) { finished_.push_back(&c); });
         attach_due_.emplace_back(now() + kAttachHold, conversation.get());
         conversations_.emplace(conversation.get(), std::move(conversation));
       });
@@ -233,7 +234,8 @@ void NetworkNode::on_partner_bracket(net::lu62::Session &session) {
       [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
       [this, &session](RemoteConversation &c, const Attach &a, client::UniqueFd &daemon_end) {
         return attach(c, a, session, daemon_end);
-      });
+      },
+      [this](RemoteConversation &c) { finished_.push_back(&c); });
   conversations_.emplace(conversation.get(), std::move(conversation));
 }
 
@@ -523,11 +525,12 @@ void NetworkNode::sweep() {
     const std::string partner = std::move(paths_lost_.extract(paths_lost_.begin()).value());
     manager_->on_path_lost(partner, kSenseLinkLost);
   }
-  std::erase_if(conversations_, [this](const auto &entry) {
-    if (!entry.second->finished()) return false;
-    watched_.erase(entry.first);
-    return true;
-  });
+  // Only those that said they finished: this runs on every pass of the loop.
+  for (RemoteConversation *conversation : finished_) {
+    watched_.erase(conversation);
+    conversations_.erase(conversation);
+  }
+  finished_.clear();
 }
 
 }  // namespace snanode::daemon

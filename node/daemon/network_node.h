@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "client/unique_fd.h"
 #include "config/node_config.h"
@@ -114,6 +115,7 @@ class NetworkNode : public net::lu62::BiuTransport,
   bool link_out_watched_ = false;
   std::map<RemoteConversation *, std::unique_ptr<RemoteConversation>> conversations_;
   std::map<RemoteConversation *, int> watched_;  // registered descriptor by conversation
+  std::vector<RemoteConversation *> finished_;   // to be dropped by sweep()
   // Allocated conversations whose Attach waits a moment for the TP's first
   // data to travel with, oldest first.
   std::deque<std::pair<std::chrono::steady_clock::time_point, RemoteConversation *>> attach_due_;

@@ -16,12 +16,13 @@ constexpr size_t kTpBacklogLimit = 1u << 20;
 
 RemoteConversation::RemoteConversation(net::lu62::ConversationTranslator translator,
                                        net::lu62::Session &session, client::UniqueFd tp_end,
-                                       Watch watch, AttachHandler on_attach)
+                                       Watch watch, AttachHandler on_attach, Finished on_finished)
     : translator_(std::move(translator)),
       session_(&session),
       tp_end_(std::move(tp_end)),
       watch_(std::move(watch)),
-      on_attach_(std::move(on_attach)) {
+      on_attach_(std::move(on_attach)),
+      on_finished_(std::move(on_finished)) {
   session.attach_user(this);
   update_watch();
 }
@@ -230,9 +231,14 @@ void RemoteConversation::update_watch() {
     if (!tp_stream_ended_ && !window_closed) events |= EPOLLIN;
     if (!out_.empty()) events |= EPOLLOUT;
   }
-  if (events == watched_) return;
-  watched_ = events;
-  watch_(*this, events);
+  if (events != watched_) {
+    watched_ = events;
+    watch_(*this, events);
+  }
+  if (!finish_told_ && finished()) {
+    finish_told_ = true;
+    on_finished_(*this);
+  }
 }
 
 }  // namespace snanode::daemon

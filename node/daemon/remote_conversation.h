@@ -33,9 +33,13 @@ class RemoteConversation : public net::lu62::SessionUser {
   static constexpr uint32_t kAttachPending = 0xFFFFFFFF;
   // Tells the owner which events of the TP's end to watch (none: -1 events).
   using Watch = std::function<void(RemoteConversation &conversation, uint32_t events)>;
+  // Tells the owner, once, that the conversation has finished (it may be
+  // inside a session's call then, so the owner drops it later).
+  using Finished = std::function<void(RemoteConversation &conversation)>;
 
   RemoteConversation(net::lu62::ConversationTranslator translator, net::lu62::Session &session,
-                     client::UniqueFd tp_end, Watch watch, AttachHandler on_attach);
+                     client::UniqueFd tp_end, Watch watch, AttachHandler on_attach,
+                     Finished on_finished);
   ~RemoteConversation() override;
 
   int fd() const { return tp_end_.get(); }
@@ -63,6 +67,8 @@ class RemoteConversation : public net::lu62::SessionUser {
   void read_frames(bool to_the_end = false);
   void flush();
   void close_tp_end();
+  // Every entry ends here: the events to watch, and the owner told once the
+  // conversation has finished.
   void update_watch();
   // Holds the partner's next pacing window while the TP has not taken what
   // came before (a TP that does not read must not grow the daemon).
@@ -73,6 +79,7 @@ class RemoteConversation : public net::lu62::SessionUser {
   client::UniqueFd tp_end_;
   Watch watch_;
   AttachHandler on_attach_;
+  Finished on_finished_;
   engine::FrameReader reader_;
   std::vector<uint8_t> out_;  // encoded frames not yet taken by the TP's end
   bool tp_stream_ended_ = false;
@@ -84,6 +91,7 @@ class RemoteConversation : public net::lu62::SessionUser {
   bool sent_any_ = false;  // a unit of this conversation went to the session
   bool receive_ready_ = true;
   uint32_t watched_ = 0;
+  bool finish_told_ = false;
 };
 
 }  // namespace snanode::daemon

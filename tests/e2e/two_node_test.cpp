@@ -333,6 +333,9 @@ TEST(TwoHosts, StreamOnALossyPathAndThePartnerRestarting) {
   ASSERT_FALSE(status["rtp_connections"].items.empty());
   EXPECT_EQ(status["rtp_connections"].items[0]["state"].text, "connected");
   EXPECT_GT(status["rtp_connections"].items[0]["bytes_acknowledged"].number, 2'000'000);
+  // The stream's segments left through the endpoint, and the acknowledgements came in.
+  EXPECT_GT(status["ee_endpoint"]["datagrams_sent"].number, 1000);
+  EXPECT_GT(status["ee_endpoint"]["datagrams_received"].number, 10);
   ASSERT_EQ(status["network_sessions"].items.size(), 1u);
   EXPECT_EQ(status["network_sessions"].items[0]["partner_lu"].text, "NETA.LUB");
   EXPECT_GE(status["network_sessions"].items[0]["bound"].number, 1);

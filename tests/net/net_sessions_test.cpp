@@ -266,6 +266,32 @@ TEST(Sessions, AllocationsBeyondTheLimitQueueUntilASessionFreesOrTimeOut) {
   EXPECT_EQ(p.a.manager.queued_allocations(kLuB, kMode), 0u);
 }
 
+// Among sessions in use, the one whose bracket ended serves the next
+// allocation; one given but not used yet serves nobody else meanwhile.
+TEST(Sessions, AFreedSessionAmongBusyOnesServesTheNextAllocation) {
+  Pair p({mode(256, 256, 7, 7, 4, 4)}, {mode(256, 256, 7, 7, 4, 0)});
+  std::vector<Conversation *> busy;
+  for (int i = 0; i < 4; ++i) busy.push_back(&p.a.allocate());
+  p.pump();
+  for (Conversation *c : busy) ASSERT_TRUE(c->send(true, true));
+  p.pump();
+  ASSERT_EQ(p.a.sessions().size(), 4u);
+
+  Session *third = busy[2]->session;
+  ASSERT_TRUE(busy[2]->send(true, true, true));
+  p.pump();
+  Conversation &next = p.a.allocate();
+  EXPECT_EQ(next.session, third);
+  Conversation &waiting = p.a.allocate();
+  p.pump();
+  EXPECT_FALSE(waiting.outcome);
+  Session *first = busy[0]->session;
+  ASSERT_TRUE(busy[0]->send(true, true, true));
+  p.pump();
+  EXPECT_EQ(waiting.session, first);
+  EXPECT_EQ(p.a.sessions().size(), 4u);
+}
+
 // A wins the one session; both sides begin a bracket at once.
 void run_contention(Pair &p) {
   p.a.manager.change_session_limits(kLuB, kMode);
@@ -415,6 +441,9 @@ TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
   EXPECT_EQ(three.ended, decision::kSenseTooShortRh);
   EXPECT_TRUE(p.a.sessions().empty());
   EXPECT_TRUE(p.b.sessions().empty());
+  // Each ended session is dropped, however it ended: only CNOS's remains.
+  EXPECT_EQ(p.a.manager.held_sessions(), 1u);
+  EXPECT_EQ(p.b.manager.held_sessions(), 1u);
 
   // A normal end of a free session: UNBIND type 01, nobody told of a failure.
   Conversation &four = p.a.allocate();
@@ -426,10 +455,20 @@ TEST(Sessions, UnbindAndMalformedUnitsEndOnlyTheirOwnSession) {
   EXPECT_TRUE(p.a.sessions().empty());
   EXPECT_TRUE(p.b.sessions().empty());
   EXPECT_FALSE(four.ended);
+  EXPECT_EQ(p.a.manager.held_sessions(), 1u);
+  EXPECT_EQ(p.b.manager.held_sessions(), 1u);
   EXPECT_EQ(sent(p.pipe, 0, "6B8000320100000000"), 1u);
   // +RSP(UNBIND) to each UNBIND: three from B, one from A.
   EXPECT_EQ(sent(p.pipe, 0, "EB800032"), 3u);
   EXPECT_EQ(sent(p.pipe, 1, "EB800032"), 1u);
+
+  // The path fails: every session ends at once, CNOS's too, and none is kept.
+  Conversation &five = p.a.allocate();
+  p.pump();
+  ASSERT_NE(five.session, nullptr);
+  p.a.manager.on_path_lost(kLuB, 0x80020000);
+  EXPECT_EQ(five.ended, 0x80020000u);
+  EXPECT_EQ(p.a.manager.held_sessions(), 0u);
 }
 
 // Every unit of a whole exchange, cut and with bytes changed, fed to a live

@@ -128,24 +128,36 @@ void SessionManager::serve(const Key &key) {
   if (ms.queue.empty()) return;
   if (!ms.limits_known) return change_session_limits(key.first, key.second);
   // Sessions this LU wins serve at once; on the others it bids, no more bids
-  // than allocations waiting.
-  std::vector<Session *> free_sessions;
-  for (auto &[address, session] : sessions_) {
-    if (session->free() && session->partner() == key.first && session->mode() == key.second) {
-      free_sessions.push_back(session.get());
+  // than allocations waiting.  Only sessions between brackets can be free, and
+  // no more are looked at than the allocations need: an allocation must not
+  // cost more the more sessions are busy.
+  std::vector<Session *> winners, losers;
+  for (auto it = ms.between.begin(); it != ms.between.end() && winners.size() < ms.queue.size();) {
+    auto found = sessions_.find(*it);
+    if (found == sessions_.end() || found->second->state() != SessionState::kActive ||
+        found->second->bracket() != Bracket::kBetween) {
+      it = ms.between.erase(it);  // back by on_bracket_free or on_bid_result
+      continue;
     }
+    Session *session = found->second.get();
+    const bool winner = session->params().local_winner;
+    auto &pick = winner ? winners : losers;
+    if (session->free() && pick.size() < ms.queue.size() &&
+        (winner || !bid_refused_.count(session->address()))) {
+      pick.push_back(session);
+    }
+    ++it;
   }
-  std::stable_partition(free_sessions.begin(), free_sessions.end(),
-                        [](Session *s) { return s->params().local_winner; });
-  for (Session *session : free_sessions) {
+  for (Session *session : winners) {
     if (ms.queue.empty()) return;
-    if (!session->free()) continue;  // taken by a callback re-entering
-    if (session->params().local_winner) {
-      give(*session, ms);
-    } else if (count(key).bids < ms.queue.size() && !bid_refused_.count(session->address())) {
-      session->bid();
-    }
+    if (session->free()) give(*session, ms);  // unless taken by a callback re-entering
   }
+  size_t bids = losers.empty() ? 0 : count(key).bids;
+  for (Session *session : losers) {
+    if (ms.queue.empty()) return;
+    if (session->free() && bids < ms.queue.size() && session->bid()) ++bids;
+  }
+  if (ms.queue.empty()) return;
   const Counts counts = count(key);
   size_t covered = counts.bids + counts.pending_binds;
   while (covered < ms.queue.size() && bind_new(key)) ++covered;
@@ -261,6 +273,7 @@ Session &SessionManager::add_session(const SessionAddress &address, const Key &k
   auto session = std::make_unique<Session>(*this, address, key.first, key.second, params);
   Session &ref = *session;
   sessions_[address] = std::move(session);
+  state(key).between.insert(address);
   return ref;
 }
 
@@ -363,7 +376,9 @@ void SessionManager::transmit(Session &session, ByteSpan biu) {
 
 void SessionManager::on_bracket_free(Session &session) {
   bid_refused_.erase(session.address());
-  serve({session.partner(), session.mode()});
+  const Key key{session.partner(), session.mode()};
+  state(key).between.insert(session.address());
+  serve(key);
 }
 
 void SessionManager::on_partner_bracket(Session &session) {
@@ -381,6 +396,7 @@ void SessionManager::on_bid_result(Session &session, bool granted) {
     // Wait for the winner's bracket on this session to end; meanwhile another
     // session may do.
     bid_refused_.insert(session.address());
+    ms.between.insert(session.address());
     return serve(key);
   }
   if (ms.queue.empty()) return session.release();
@@ -388,13 +404,22 @@ void SessionManager::on_bid_result(Session &session, bool granted) {
 }
 
 void SessionManager::on_ended(Session &session, uint32_t) {
+  ending_.insert(session.address());
   bid_refused_.erase(session.address());
   serve({session.partner(), session.mode()});
 }
 
 void SessionManager::sweep() {
-  std::erase_if(sessions_,
-                [](const auto &entry) { return entry.second->state() == SessionState::kEnded; });
+  // Only the sessions that told of their end are looked at: this runs for
+  // every unit, and a scan of all sessions would make each unit cost more
+  // the more sessions there are.  One still unbinding stays until it ends.
+  std::erase_if(ending_, [this](const SessionAddress &address) {
+    auto it = sessions_.find(address);
+    if (it == sessions_.end()) return true;
+    if (it->second->state() != SessionState::kEnded) return false;
+    sessions_.erase(it);
+    return true;
+  });
   // A finished CNOS conversation goes once no session still points at it.
   std::erase_if(cnos_, [this](const auto &conversation) {
     if (!conversation->done()) return false;

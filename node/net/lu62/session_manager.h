@@ -81,6 +81,8 @@ class SessionManager : public SessionHost, public CnosOwner {
   SessionLimits limits(const std::string &partner, const std::string &mode) const;
   std::vector<Session *> sessions(const std::string &partner, const std::string &mode) const;
   size_t queued_allocations(const std::string &partner, const std::string &mode) const;
+  // Sessions held, with those whose end is not complete or not yet swept.
+  size_t held_sessions() const { return sessions_.size(); }
   const LocalLuConfig &config() const { return config_; }
 
  private:
@@ -94,6 +96,9 @@ class SessionManager : public SessionHost, public CnosOwner {
     bool limits_known = false;
     bool cnos_running = false;
     std::deque<Allocation> queue;
+    // Every active session of the mode between brackets, and perhaps some
+    // that have begun one since: where serve() looks for a free session.
+    std::set<SessionAddress> between;
   };
   struct PendingBind {
     Key key;
@@ -142,6 +147,7 @@ class SessionManager : public SessionHost, public CnosOwner {
   std::map<SessionAddress, std::unique_ptr<Session>> sessions_;
   std::map<SessionAddress, PendingBind> pending_binds_;
   std::set<SessionAddress> bid_refused_;  // wait for the partner's bracket to end
+  std::set<SessionAddress> ending_;       // told of their end, not yet dropped
   std::vector<std::unique_ptr<CnosConversation>> cnos_;
   uint32_t next_address_ = 0;
 };
