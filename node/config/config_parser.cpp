@@ -135,6 +135,8 @@ class Parser {
                                   "its UDP ports to it)");
     }
     net.port_base = r.integer("port_base", net.port_base, 1, 65535 - 4);
+    // Up to a whole UDP datagram over IPv4 less the 3-byte LLC header.
+    if (r.has("max_btu")) net.max_btu = r.integer("max_btu", 0, 768, 65504);
     if (r.has("node_id")) {
       const std::string id = r.string("node_id", "");
       size_t used = 0;

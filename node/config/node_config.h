@@ -61,6 +61,10 @@ struct NetworkConfig {
   std::string local_address;
   uint32_t port_base = 12000;
   uint32_t node_id = 0x05D00001;
+  // The largest NLP the node receives on its links (the XID3's maximum BTU);
+  // each link carries the smaller of both sides' values.  0: what a standard
+  // Ethernet frame holds (1461 on IPv4, 1441 on IPv6).
+  uint32_t max_btu = 0;
   std::vector<LinkConfig> links;
 };
 

@@ -17,7 +17,7 @@ constexpr size_t kBatch = 32;
 constexpr uint16_t kDefaultMaxBtu = 1461;
 constexpr uint16_t kDefaultMaxBtuIpv6 = 1441;
 constexpr size_t kReceiveBufferSize = 65536;
-constexpr int kSocketBufferBytes = 1 << 20;
+constexpr int kSocketBufferBytes = 4 << 20;
 
 sockaddr_storage socket_address(int family, ByteSpan address, uint16_t port) {
   sockaddr_storage storage{};
@@ -198,9 +198,11 @@ LinkStation *UdpEndpoint::add_link(std::string_view partner, const LinkStationCo
     return nullptr;
   }
   LinkStationConfig station_config = config;
-  if (family_ == AF_INET6 && station_config.local.max_btu == kDefaultMaxBtu) {
+  if (station_config.local.max_btu == kDefaultMaxBtu) {
     // The IPv6 header is 20 bytes longer: the same frame holds less.
-    station_config.local.max_btu = kDefaultMaxBtuIpv6;
+    station_config.local.max_btu = config_.max_btu != 0  ? config_.max_btu
+                                   : family_ == AF_INET6 ? kDefaultMaxBtuIpv6
+                                                         : kDefaultMaxBtu;
   }
   auto link = std::make_unique<Link>(*this, *address,
                                      partner_port_base != 0 ? partner_port_base : config_.port_base,
@@ -322,16 +324,19 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
         continue;
       }
       ++counters_.received;
-      const uint8_t *p = b.data.data() + static_cast<size_t>(i) * kReceiveBufferSize;
-      HeldDatagram d{port_index, address_of(b.addresses[i]), Bytes(p, p + b.headers[i].msg_len)};
+      const ByteSpan payload(b.data.data() + static_cast<size_t>(i) * kReceiveBufferSize,
+                             b.headers[i].msg_len);
       if (!impair_receive_.settings().any()) {
-        deliver(std::move(d), now);
+        // Handled straight from the receive buffer: nothing keeps it.
+        deliver(port_index, address_of(b.addresses[i]), payload, now);
         continue;
       }
       ready_.clear();
-      impair_receive_.push(std::move(d), now, ready_);
+      impair_receive_.push(HeldDatagram{port_index, address_of(b.addresses[i]),
+                                        Bytes(payload.begin(), payload.end())},
+                           now, ready_);
       std::vector<HeldDatagram> ready = std::move(ready_);
-      for (HeldDatagram &r : ready) deliver(std::move(r), now);
+      for (HeldDatagram &r : ready) deliver(r.port_index, r.address, r.payload, now);
     }
     if (static_cast<size_t>(got) < kBatch) break;
   }
@@ -340,18 +345,19 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
   flush();
 }
 
-void UdpEndpoint::deliver(HeldDatagram d, TimePoint now) {
-  if (observer_) observer_(false, d.address, d.port_index, d.payload);
-  auto found = links_.find(d.address);
+void UdpEndpoint::deliver(unsigned port_index, const Bytes &address, ByteSpan payload,
+                          TimePoint now) {
+  if (observer_) observer_(false, address, port_index, payload);
+  auto found = links_.find(address);
   if ((found == links_.end() || found->second->removed) && unknown_sender_) {
-    unknown_sender_(ip_address_text(d.address), d.payload, now);
-    found = links_.find(d.address);
+    unknown_sender_(ip_address_text(address), payload, now);
+    found = links_.find(address);
   }
   if (found == links_.end() || found->second->removed) {
     ++counters_.unknown_sender;
     return;
   }
-  found->second->station.on_datagram(d.payload, now);
+  found->second->station.on_datagram(payload, now);
 }
 
 void UdpEndpoint::on_timer(TimePoint now) {
@@ -359,7 +365,7 @@ void UdpEndpoint::on_timer(TimePoint now) {
   last_now_ = now;
   std::vector<HeldDatagram> ready;
   impair_receive_.release(now, ready);
-  for (HeldDatagram &d : ready) deliver(std::move(d), now);
+  for (HeldDatagram &d : ready) deliver(d.port_index, d.address, d.payload, now);
   impair_send_.release(now, outgoing_);
   for (auto &[address, link] : links_) {
     const std::optional<TimePoint> due = link->station.next_deadline();

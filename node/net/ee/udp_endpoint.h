@@ -35,6 +35,10 @@ struct EndpointConfig {
   std::string local_address;  // numeric IPv4 or IPv6 address
   uint16_t port_base = 12000;
   Impairment impairment;  // test-only; all zero: none
+  // The maximum BTU stations offer in their XIDs when their config leaves
+  // the default: 0 keeps what an Ethernet frame holds (1461 on IPv4, 1441 on
+  // IPv6); a loopback or jumbo-frame path may take up to a whole datagram.
+  uint16_t max_btu = 0;
 };
 
 // The IP precedence (IPv4 TOS byte, IPv6 traffic class) of a port: X'C0' for
@@ -102,7 +106,7 @@ class UdpEndpoint {
   struct Link;
   UdpEndpoint(const EndpointConfig &config, int family, Bytes local);
   void queue(unsigned port_index, const Bytes &address, Bytes datagram, TimePoint now);
-  void deliver(HeldDatagram datagram, TimePoint now);
+  void deliver(unsigned port_index, const Bytes &address, ByteSpan payload, TimePoint now);
   void send_batch(size_t first, size_t count);
   void collect_removed();
 

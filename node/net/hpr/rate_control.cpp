@@ -7,9 +7,12 @@ namespace snanode::net::hpr {
 RateControl::RateControl(const RtpConfig &config)
     : config_(config), rate_(config.initial_rate), rto_(config.initial_rto) {}
 
-void RateControl::refill(RtpTime now) {
+// The bucket holds a burst at the current rate, and never less than four
+// packets of the size asked for: otherwise a link with large packets at a low
+// rate could never save up for one.
+void RateControl::refill(RtpTime now, size_t packet) {
   const double burst =
-      std::max(4.0 * 1500,
+      std::max(4.0 * static_cast<double>(std::max<size_t>(packet, 1500)),
                static_cast<double>(rate_) * std::chrono::duration<double>(config_.burst).count());
   if (refilled_ == RtpTime{}) {
     tokens_ = burst;
@@ -21,7 +24,7 @@ void RateControl::refill(RtpTime now) {
 }
 
 bool RateControl::try_spend(size_t bytes, RtpTime now, RtpTime &ready_at) {
-  refill(now);
+  refill(now, bytes);
   const double need = static_cast<double>(bytes);
   if (tokens_ >= need) {
     tokens_ -= need;

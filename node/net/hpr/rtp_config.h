@@ -38,7 +38,7 @@ struct RtpConfig {
   // per round trip (until a reply to a request sent after it arrives).
   uint32_t initial_rate = 512 * 1024;
   uint32_t min_rate = 16 * 1024;
-  uint32_t max_rate = 512u * 1024 * 1024;
+  uint32_t max_rate = 4000u * 1000 * 1000;
   double start_growth = 1.5;
   double growth = 1.0625;
   double loss_backoff = 0.75;
