@@ -6,8 +6,10 @@
 //   streaming: 32767-byte records from a TP on one node to a TP on the other,
 //              against a TCP stream written 32767 bytes at a time.
 // Both conversation figures are taken twice: over a link of the default
-// maximum BTU (what an Ethernet frame holds) and over one whose nodes offer
-// the largest (a whole datagram, as loopback and jumbo paths allow).
+// maximum BTU (what an Ethernet frame holds) with RUs of up to 16384 bytes,
+// and over one whose nodes offer the largest BTU (a whole datagram, as
+// loopback and jumbo paths allow) with RUs of up to 65536, so that a record
+// travels in one RU and one datagram.
 //
 //   two_host_bench [rounds [megabytes [port_base]]]   default 2000, 64, 12000
 #include <arpa/inet.h>
@@ -217,7 +219,8 @@ std::string node_config(int host, uint16_t base, unsigned max_btu) {
        << "\"\n[[local_lu]]\nalias = \"LU" << self << "\"\nlu_name = \"APPN.LU" << self
        << "\"\n[[partner_lu]]\nalias = \"LU" << partner << "\"\nlu_name = \"APPN.LU" << partner
        << "\"\nowning_cp = \"APPN.CP" << partner << "\"\ntrust_already_verified = true\n"
-       << "[[mode]]\nname = \"#INTER\"\nmax_ru_size = 16384\npacing_window = 32\n";
+       << "[[mode]]\nname = \"#INTER\"\nmax_ru_size = " << (max_btu != 0 ? 65536 : 16384)
+       << "\npacing_window = 32\n";
   return text.str();
 }
 

@@ -268,7 +268,7 @@ class Parser {
       check_unique(r, "name", names, mode.name);
       mode.session_limit = r.integer("session_limit", mode.session_limit, 1, 32767);
       mode.send_buffer_size = r.integer("send_buffer_size", mode.send_buffer_size, 256, 65535);
-      mode.max_ru_size = r.integer("max_ru_size", mode.max_ru_size, 256, 16384);
+      mode.max_ru_size = r.integer("max_ru_size", mode.max_ru_size, 256, 65536);
       mode.pacing_window = r.integer("pacing_window", mode.pacing_window, 0, 63);
       r.finish();
       config_.modes.push_back(mode);
