@@ -1,6 +1,7 @@
 #include "net/hpr/rate_control.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace snanode::net::hpr {
 
@@ -78,8 +79,12 @@ void RateControl::back_off(double factor, RtpTime now) {
 void RateControl::on_reply(RateAction action, RtpTime lost_sent_at, RtpTime request_sent,
                            RtpTime now) {
   const bool fresh = request_sent > changed_at_;
-  const bool queueing =
-      has_rtt_ && last_rtt_ > 2 * min_rtt_ && last_rtt_ - min_rtt_ > config_.queueing_slack;
+  // Only a sender that used its rate can have built the queue: one that had
+  // less to send (a conversation turning round, say) leaves its rate alone
+  // when a round trip runs long, or a single stall of either node would end
+  // the start phase before any stream began.
+  const bool queueing = rate_limited_ && has_rtt_ && last_rtt_ > 2 * min_rtt_ &&
+                        last_rtt_ - min_rtt_ > config_.queueing_slack;
   const bool heavy = static_cast<double>(missing_since_change_) >
                      config_.loss_tolerance * static_cast<double>(sent_since_change_);
   // A loss of data sent before the last back-off was already answered by it.
@@ -95,7 +100,16 @@ void RateControl::on_reply(RateAction action, RtpTime lost_sent_at, RtpTime requ
                                               : config_.slowdown1_backoff,
              now);
   } else if (fresh && action == RateAction::kNormal && rate_limited_) {
-    const double factor = started_ ? config_.growth : config_.start_growth;
+    // Growth is per round trip.  At a low rate of large packets replies come
+    // far less often than that: each then counts for the round trips since
+    // the last change, but never for more than the start phase's step.
+    double factor = config_.start_growth;
+    if (started_) {
+      const double rounds = srtt_.count() > 0 ? static_cast<double>((now - changed_at_).count()) /
+                                                    static_cast<double>(srtt_.count())
+                                              : 1.0;
+      factor = std::min(config_.start_growth, std::pow(config_.growth, std::max(1.0, rounds)));
+    }
     rate_ = static_cast<uint32_t>(std::min<double>(config_.max_rate, rate_ * factor + 1));
     changed_at_ = now;
     rate_limited_ = false;
