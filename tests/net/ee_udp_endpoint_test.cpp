@@ -230,6 +230,15 @@ TEST(EeUdpEndpoint, LargestBtuCarriesWholeDatagramsAndTheSmallerOfferWins) {
   EXPECT_EQ(a.receiver.nlps[0], nlp_of_size(kLargest, 0xB2));
   EXPECT_EQ(c.receiver.nlps[0], nlp_of_size(1461, 0xC1));
   EXPECT_EQ(a.endpoint->counters().truncated + b.endpoint->counters().truncated, 0u);
+
+  // A run of full NLPs and a shorter last one leave in one send with
+  // segmentation offload and arrive as the same datagrams, in order.
+  std::vector<Bytes> burst;
+  for (uint8_t i = 0; i < 20; ++i) burst.push_back(nlp_of_size(i < 19 ? 1461 : 700, i));
+  for (const Bytes &nlp : burst) ASSERT_TRUE(a_c->send_nlp(Priority::kMedium, nlp));
+  ASSERT_TRUE(run({&a, &b, &c}, [&] { return c.receiver.nlps.size() == 1 + burst.size(); }));
+  EXPECT_TRUE(std::equal(burst.begin(), burst.end(), c.receiver.nlps.begin() + 1));
+  EXPECT_EQ(a.endpoint->counters().offloaded, burst.size());
 }
 
 // Also: A's own path duplicates every datagram both ways and delays it.
