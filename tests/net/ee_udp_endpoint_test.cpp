@@ -241,6 +241,54 @@ TEST(EeUdpEndpoint, LargestBtuCarriesWholeDatagramsAndTheSmallerOfferWins) {
   EXPECT_EQ(a.endpoint->counters().offloaded, burst.size());
 }
 
+// A receiver that answers the first NLP at once with a burst of its own and
+// sends it before returning, as the daemon does when a message is handed up.
+struct Answerer : Receiver {
+  UdpEndpoint *endpoint = nullptr;
+  LinkStation *station = nullptr;
+  void on_nlp(ByteSpan nlp) override {
+    Receiver::on_nlp(nlp);
+    if (nlps.size() != 1) return;
+    // Of growing sizes: eight messages, not one offloaded run.
+    for (uint8_t i = 0; i < 8; ++i) {
+      station->send_nlp(Priority::kHigh,
+                        nlp_of_size(200 + i * 10u, static_cast<uint8_t>(0x40 + i)));
+    }
+    endpoint->flush();
+  }
+};
+
+// Sending in the middle of a received batch leaves the rest of the batch
+// intact: every datagram of it is handed up.
+TEST(EeUdpEndpoint, AFlushWhileHandlingAReceivedBatchLosesNothingOfIt) {
+  const uint16_t base = port_base_for_test(3);
+  Node a;
+  Answerer answerer;
+  a.endpoint = open_endpoint("127.0.0.2", base);
+  std::unique_ptr<UdpEndpoint> b = open_endpoint("127.0.0.3", base);
+  if (!a.endpoint || !b) GTEST_SKIP() << "127.0.0.2-3 cannot be bound here";
+  TimePoint b_clock{};
+  answerer.clock = &b_clock;
+  a.receiver.clock = &a.clock;
+  std::string error;
+  LinkStation *to_b =
+      a.endpoint->add_link("127.0.0.3", station_config(1, "NETA.CPA", ""), a.receiver, &error);
+  answerer.station = b->add_link("127.0.0.2", station_config(2, "NETA.CPB", ""), answerer, &error);
+  answerer.endpoint = b.get();
+  ASSERT_TRUE(to_b && answerer.station) << error;
+  to_b->activate(std::chrono::steady_clock::now());
+  Node b_node;
+  b_node.endpoint = std::move(b);
+  ASSERT_TRUE(run({&a, &b_node}, [&] { return to_b->active() && answerer.station->active(); }));
+  // Eight datagrams of different sizes: eight messages in one send, queued
+  // together at B before it reads.
+  std::vector<Bytes> sent;
+  for (uint8_t i = 0; i < 8; ++i) sent.push_back(nlp_of_size(100 + i * 10u, i));
+  for (const Bytes &nlp : sent) ASSERT_TRUE(to_b->send_nlp(Priority::kHigh, nlp));
+  ASSERT_TRUE(run({&a, &b_node}, [&] { return a.receiver.nlps.size() == 8; }));
+  EXPECT_EQ(answerer.nlps, sent);
+}
+
 // Also: A's own path duplicates every datagram both ways and delays it.
 TEST(EeUdpEndpoint, Ipv6LinkBetweenTwoPortBasesThroughAnImpairedPath) {
   const uint16_t base = port_base_for_test(1);

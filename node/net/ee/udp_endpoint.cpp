@@ -139,10 +139,17 @@ struct UdpEndpoint::Buffers {
   struct Control {
     alignas(cmsghdr) uint8_t bytes[CMSG_SPACE(sizeof(int))];
   };
-  std::array<mmsghdr, kBatch> headers{};
-  std::array<iovec, kBatch> iovecs{};
-  std::array<sockaddr_storage, kBatch> addresses{};
-  std::array<Control, kBatch> controls{};
+  struct Messages {
+    std::array<mmsghdr, kBatch> headers{};
+    std::array<iovec, kBatch> iovecs{};
+    std::array<sockaddr_storage, kBatch> addresses{};
+    std::array<Control, kBatch> controls{};
+  };
+  // Separate for sending: a datagram handed up while a received batch is
+  // being gone through may lead to a flush(), which must not overwrite the
+  // headers of the datagrams still to come.
+  Messages received;
+  Messages sent;
   std::array<size_t, kBatch> segments{};  // datagrams in each message sent
   std::vector<uint8_t> data = std::vector<uint8_t>(kBatch * kReceiveBufferSize);
 };
@@ -316,7 +323,8 @@ size_t UdpEndpoint::offload_run(size_t at, size_t limit) const {
 }
 
 void UdpEndpoint::send_batch(size_t first, size_t count) {
-  Buffers &b = *buffers_;
+  Buffers &all = *buffers_;
+  Buffers::Messages &b = all.sent;
   const unsigned port_index = outgoing_[first].port_index;
   // Each message is one datagram or a run sent with segmentation offload:
   // the kernel cuts the run into the same datagrams, so what the partner
@@ -351,7 +359,7 @@ void UdpEndpoint::send_batch(size_t first, size_t count) {
       std::memcpy(CMSG_DATA(c), &size, sizeof size);
       counters_.offloaded += run;
     }
-    b.segments[messages] = run;
+    all.segments[messages] = run;
     i += run;
   }
   size_t done = 0;
@@ -360,7 +368,7 @@ void UdpEndpoint::send_batch(size_t first, size_t count) {
                                 static_cast<unsigned>(messages - done), 0);
     if (sent < 0) {
       if (errno == EINTR) continue;
-      if (b.segments[done] > 1 && errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS) {
+      if (all.segments[done] > 1 && errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS) {
         // The path cannot offload (no checksum offload, an older kernel):
         // these datagrams one by one, and all from now on.
         offload_ = false;
@@ -375,12 +383,12 @@ void UdpEndpoint::send_batch(size_t first, size_t count) {
       }
       // Full buffers or an unreachable partner: the datagrams are lost, as
       // the network may lose them; RTP and LDLC recover.  Skip them and go on.
-      counters_.send_failed += b.segments[done];
+      counters_.send_failed += all.segments[done];
       ++done;
       continue;
     }
     for (size_t k = done; k < done + static_cast<size_t>(sent); ++k)
-      counters_.sent += b.segments[k];
+      counters_.sent += all.segments[k];
     done += static_cast<size_t>(sent);
   }
 }
@@ -391,10 +399,11 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
   const unsigned port_index = static_cast<unsigned>(slot - fds_.begin());
   ++dispatching_;
   last_now_ = now;
-  Buffers &b = *buffers_;
+  Buffers &all = *buffers_;
+  Buffers::Messages &b = all.received;
   for (;;) {
     for (size_t i = 0; i < kBatch; ++i) {
-      b.iovecs[i] = {b.data.data() + i * kReceiveBufferSize, kReceiveBufferSize};
+      b.iovecs[i] = {all.data.data() + i * kReceiveBufferSize, kReceiveBufferSize};
       b.headers[i] = {};
       b.headers[i].msg_hdr.msg_name = &b.addresses[i];
       b.headers[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
@@ -411,7 +420,7 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
         ++counters_.truncated;
         continue;
       }
-      const ByteSpan whole(b.data.data() + static_cast<size_t>(i) * kReceiveBufferSize,
+      const ByteSpan whole(all.data.data() + static_cast<size_t>(i) * kReceiveBufferSize,
                            b.headers[i].msg_len);
       const Bytes address = address_of(b.addresses[i]);
       // A run that arrived whole holds datagrams of the size given, the last
