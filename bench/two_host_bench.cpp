@@ -5,6 +5,11 @@
 //              against a 100-byte UDP datagram and its echo;
 //   streaming: 32767-byte records from a TP on one node to a TP on the other,
 //              against a TCP stream written 32767 bytes at a time.
+// Both conversation figures are taken twice: over a link of the default
+// maximum BTU (what an Ethernet frame holds) with RUs of up to 16384 bytes,
+// and over one whose nodes offer the largest BTU (a whole datagram, as
+// loopback and jumbo paths allow) with RUs of up to 65536, so that a record
+// travels in one RU and one datagram.  Each in a process of its own.
 //
 //   two_host_bench [rounds [megabytes [port_base]]]   default 2000, 64, 12000
 #include <arpa/inet.h>
@@ -203,38 +208,36 @@ Conv allocate() {
   die("the server's TP could not be allocated");
 }
 
-std::string node_config(int host, uint16_t base) {
+std::string node_config(int host, uint16_t base, unsigned max_btu) {
   const char *self = host == 0 ? "A" : "B";
   const char *partner = host == 0 ? "B" : "A";
   std::ostringstream text;
   text << "[network]\nenabled = true\ncp_name = \"APPN.CP" << self << "\"\nlocal_address = \""
-       << kAddress[host] << "\"\nport_base = " << base << "\n[[link]]\npartner = \""
-       << kAddress[1 - host] << "\"\ncp_name = \"APPN.CP" << partner
+       << kAddress[host] << "\"\nport_base = " << base << "\n";
+  if (max_btu != 0) text << "max_btu = " << max_btu << "\n";
+  text << "[[link]]\npartner = \"" << kAddress[1 - host] << "\"\ncp_name = \"APPN.CP" << partner
        << "\"\n[[local_lu]]\nalias = \"LU" << self << "\"\nlu_name = \"APPN.LU" << self
        << "\"\n[[partner_lu]]\nalias = \"LU" << partner << "\"\nlu_name = \"APPN.LU" << partner
        << "\"\nowning_cp = \"APPN.CP" << partner << "\"\ntrust_already_verified = true\n"
-       << "[[mode]]\nname = \"#INTER\"\nmax_ru_size = 16384\npacing_window = 32\n";
+       << "[[mode]]\nname = \"#INTER\"\nmax_ru_size = " << (max_btu != 0 ? 65536 : 16384)
+       << "\npacing_window = 32\n";
   return text.str();
 }
 
-}  // namespace
+struct Figures {
+  double ping = 0;  // seconds per round trip
+  double rate = 0;  // bytes per second streamed
+};
 
-int main(int argc, char **argv) {
-  const int rounds = argc > 1 ? std::atoi(argv[1]) : 2000;
-  const long bytes = (argc > 2 ? std::atol(argv[2]) : 64) * 1024 * 1024;
-  const auto base = static_cast<uint16_t>(argc > 3 ? std::atoi(argv[3]) : 12000);
-  char pattern[] = "/tmp/two-host-bench-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) die("mkdtemp");
-  const bench::fs::path dir = pattern;
-
-  const double udp = udp_ping_pong(rounds, static_cast<uint16_t>(base + 100));
-  const double tcp = tcp_stream(bytes, static_cast<uint16_t>(base + 101));
-
+// Two daemons joined by a link whose nodes offer `max_btu` (0: the default),
+// a TP on each: the ping-pong and the stream between them.
+Figures conversations(const bench::fs::path &dir, int rounds, long bytes, uint16_t base,
+                      unsigned max_btu) {
   pid_t daemons[2];
   bench::fs::path configs[2];
   for (int host = 0; host < 2; ++host) {
     const bench::fs::path node = dir / (host == 0 ? "a" : "b");
-    configs[host] = bench::write_config(node, node_config(host, base));
+    configs[host] = bench::write_config(node, node_config(host, base, max_btu));
     daemons[host] =
         bench::start_daemon(SNANODED_PATH, configs[host], node / "snanode.sock", node / "out");
   }
@@ -254,6 +257,7 @@ int main(int argc, char **argv) {
     std::exit(0);
   }
   ::setenv("SNANODE_CONFIG", configs[0].c_str(), 1);
+  Figures figures;
   Conv echo = allocate();
   std::vector<unsigned char> record(kRecord, 'c'), buffer(kRecord);
   long last = 0;
@@ -262,7 +266,7 @@ int main(int argc, char **argv) {
     send_as(echo, CM_SEND_AND_PREP_TO_RECEIVE, record.data(), kPingSize);
     if (receive_turn(echo, buffer, last) != 1 || last != kPingSize) die("the echo is wrong");
   }
-  const double ping = seconds_since(start) / rounds;
+  figures.ping = seconds_since(start) / rounds;
   CM_RETURN_CODE rc;
   cmdeal(echo.id, &rc);
   check("CMDEAL", rc);
@@ -280,17 +284,66 @@ int main(int argc, char **argv) {
   cmptr(stream.id, &rc);
   check("CMPTR", rc);
   if (receive_turn(stream, buffer, last) != 1) die("no answer to the stream");
-  const double rate = static_cast<double>(bytes / kRecord * kRecord) / seconds_since(start);
+  figures.rate = static_cast<double>(bytes / kRecord * kRecord) / seconds_since(start);
   cmdeal(stream.id, &rc);
   ::waitpid(server, nullptr, 0);
   for (pid_t daemon : daemons) bench::stop_daemon(daemon);
+  bench::fs::remove_all(dir / "a");
+  bench::fs::remove_all(dir / "b");
+  return figures;
+}
+
+// conversations() in a child of its own: the library keeps its daemon and
+// configuration for the life of a process, and each run has its own.
+Figures conversations_apart(const bench::fs::path &dir, int rounds, long bytes, uint16_t base,
+                            unsigned max_btu) {
+  int pipe_fds[2];
+  if (::pipe(pipe_fds) != 0) die("pipe");
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(pipe_fds[0]);
+    const Figures figures = conversations(dir, rounds, bytes, base, max_btu);
+    if (!bench::write_all(pipe_fds[1], &figures, sizeof figures)) ::_exit(1);
+    ::_exit(0);
+  }
+  ::close(pipe_fds[1]);
+  Figures figures;
+  const bool got = bench::read_all(pipe_fds[0], &figures, sizeof figures);
+  ::close(pipe_fds[0]);
+  ::waitpid(child, nullptr, 0);
+  if (!got) die("a conversation run failed");
+  return figures;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const int rounds = argc > 1 ? std::atoi(argv[1]) : 2000;
+  const long bytes = (argc > 2 ? std::atol(argv[2]) : 64) * 1024 * 1024;
+  const auto base = static_cast<uint16_t>(argc > 3 ? std::atoi(argv[3]) : 12000);
+  char pattern[] = "/tmp/two-host-bench-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) die("mkdtemp");
+  const bench::fs::path dir = pattern;
+
+  const double udp = udp_ping_pong(rounds, static_cast<uint16_t>(base + 100));
+  const double tcp = tcp_stream(bytes, static_cast<uint16_t>(base + 101));
+  constexpr unsigned kLargestBtu = 65504;
+  const Figures standard = conversations_apart(dir, rounds, bytes, base, 0);
+  const Figures large =
+      conversations_apart(dir, rounds, bytes, static_cast<uint16_t>(base + 10), kLargestBtu);
 
   std::printf("two hosts (127.0.0.2, 127.0.0.3), load %s\n", bench::load_average().c_str());
-  std::printf("ping-pong, %ld bytes, %d rounds: conversation %.1f us, UDP %.1f us, ratio %.2f\n",
-              kPingSize, rounds, ping * 1e6, udp * 1e6, ping / udp);
   std::printf(
-      "stream, %ld-byte records, %ld MB: conversation %.1f MB/s, TCP %.1f MB/s, ratio %.2f\n",
-      kRecord, bytes >> 20, rate / 1e6, tcp / 1e6, rate / tcp);
+      "UDP ping-pong, %ld bytes, %d rounds: %.1f us; TCP stream, %ld-byte writes, %ld MB: "
+      "%.1f MB/s\n",
+      kPingSize, rounds, udp * 1e6, kRecord, bytes >> 20, tcp / 1e6);
+  const std::pair<const char *, Figures> links[] = {{"max BTU 1461 (default)", standard},
+                                                    {"max BTU 65504", large}};
+  for (const auto &[name, f] : links) {
+    std::printf("%s: ping-pong %.1f us, ratio to UDP %.2f; stream %.1f MB/s, ratio to TCP %.2f\n",
+                name, f.ping * 1e6, f.ping / udp, f.rate / 1e6, f.rate / tcp);
+  }
   bench::fs::remove_all(dir);
   return 0;
 }

@@ -136,6 +136,8 @@ class Parser {
     }
     net.port_base = r.integer("port_base", net.port_base, 1, 65535 - 4);
     net.impair = r.string("impair", "");  // its items are checked where the network is
+    // Up to a whole UDP datagram over IPv4 less the 3-byte LLC header.
+    if (r.has("max_btu")) net.max_btu = r.integer("max_btu", 0, 768, 65504);
     if (r.has("node_id")) {
       const std::string id = r.string("node_id", "");
       size_t used = 0;
@@ -267,7 +269,7 @@ class Parser {
       check_unique(r, "name", names, mode.name);
       mode.session_limit = r.integer("session_limit", mode.session_limit, 1, 32767);
       mode.send_buffer_size = r.integer("send_buffer_size", mode.send_buffer_size, 256, 65535);
-      mode.max_ru_size = r.integer("max_ru_size", mode.max_ru_size, 256, 16384);
+      mode.max_ru_size = r.integer("max_ru_size", mode.max_ru_size, 256, 65536);
       mode.pacing_window = r.integer("pacing_window", mode.pacing_window, 0, 63);
       r.finish();
       config_.modes.push_back(mode);

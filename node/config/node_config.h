@@ -65,6 +65,10 @@ struct NetworkConfig {
   // ("loss=0.05,dup=0.01,reorder=0.01,delay_ms=5"); empty: none.  Read again
   // on SIGHUP; SNANODE_IMPAIR, when set, wins.
   std::string impair;
+  // The largest NLP the node receives on its links (the XID3's maximum BTU);
+  // each link carries the smaller of both sides' values.  0: what a standard
+  // Ethernet frame holds (1461 on IPv4, 1441 on IPv6).
+  uint32_t max_btu = 0;
   std::vector<LinkConfig> links;
 };
 

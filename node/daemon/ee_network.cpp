@@ -101,8 +101,10 @@ std::unique_ptr<EeNetwork> EeNetwork::open(const config::NodeConfig &config,
       net::ee::effective_impairment(settings.impair, error, &from_environment);
   if (!impairment) return nullptr;
   std::unique_ptr<EeNetwork> network(new EeNetwork(config, clock, events));
-  network->endpoint_ = net::ee::UdpEndpoint::open(
-      {settings.local_address, static_cast<uint16_t>(settings.port_base), *impairment}, error);
+  network->endpoint_ =
+      net::ee::UdpEndpoint::open({settings.local_address, static_cast<uint16_t>(settings.port_base),
+                                  *impairment, static_cast<uint16_t>(settings.max_btu)},
+                                 error);
   if (!network->endpoint_) return nullptr;
   if (impairment->any()) {
     events.log(std::string("network: ") +

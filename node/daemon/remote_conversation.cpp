@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "engine/byte_pool.h"
 #include "snanode/verbs.h"
 
 namespace snanode::daemon {
@@ -73,7 +74,12 @@ void RemoteConversation::read_frames(bool to_the_end) {
     frames.clear();
     // Once a write has failed the TP has gone: what it sent is read to the end.
     reader_.read(tp_end_.get(), frames, to_the_end || tp_write_failed_);
-    for (const engine::Frame &frame : frames) apply(translator_.on_frame(frame));
+    for (engine::Frame &frame : frames) {
+      apply(translator_.on_frame(frame));
+      // The translator copied what it needs: the buffer goes back to the pool
+      // so the next frame's is not allocated and zero-filled again.
+      engine::give_back_buffer(std::move(frame.payload));
+    }
   } while (tp_write_failed_ && !frames.empty() && reader_.end() == engine::FrameReader::End::kNone);
   reading_ = false;
   if (reader_.end() == engine::FrameReader::End::kNone && !tp_write_failed_) return;

@@ -29,6 +29,7 @@ TEST(EeConfig, NetworkAndLinkKeys) {
   const config::NodeConfig c = config::parse_config(kNetwork + R"(port_base = 13000
 node_id = "05d0000A"
 impair = "loss=0.1,delay_ms=5"
+max_btu = 65504
 [[link]]
 partner = "127.0.0.3"
 cp_name = "APPN.NODEB"
@@ -43,6 +44,7 @@ liveness_seconds = 3
   EXPECT_EQ(c.network.port_base, 13000u);
   EXPECT_EQ(c.network.node_id, 0x05D0000Au);
   EXPECT_EQ(c.network.impair, "loss=0.1,delay_ms=5");
+  EXPECT_EQ(c.network.max_btu, 65504u);
   ASSERT_EQ(c.network.links.size(), 2u);
   EXPECT_EQ(c.network.links[0].partner, "127.0.0.3");
   EXPECT_EQ(c.network.links[0].cp_name, "APPN.NODEB");
@@ -53,6 +55,7 @@ liveness_seconds = 3
   const config::NodeConfig defaults = config::parse_config(kNetwork, "n.toml");
   EXPECT_EQ(defaults.network.port_base, 12000u);
   EXPECT_EQ(defaults.network.node_id, 0x05D00001u);
+  EXPECT_EQ(defaults.network.max_btu, 0u);  // the endpoint's per-IP-version default
 
   const std::string link = "[[link]]\npartner = \"127.0.0.3\"\ncp_name = \"APPN.NODEB\"\n";
   const std::pair<std::string, std::string> refused[] = {
@@ -62,6 +65,10 @@ liveness_seconds = 3
       {kNetwork + "node_id = \"5D00001\"\n",
        "n.toml:6:11: [network] node_id: \"5D00001\" is not 8 hexadecimal digits (IDBLK and "
        "IDNUM)"},
+      {kNetwork + "max_btu = 767\n",
+       "n.toml:6:11: [network] max_btu: must be between 768 and 65504, not 767"},
+      {kNetwork + "max_btu = 65505\n",
+       "n.toml:6:11: [network] max_btu: must be between 768 and 65504, not 65505"},
       {link, "n.toml:2:11: [[link]] partner: names a partner node, but [network] is not enabled"},
       {"[network]\nenabled = true\ncp_name = \"APPN.A\"\n" + link,
        "n.toml:5:11: [[link]] partner: needs [network] local_address, the address the node's "

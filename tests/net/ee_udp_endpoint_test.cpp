@@ -167,6 +167,128 @@ TEST(EeUdpEndpoint, TwoAddressesActivateOnDemandAndCarryEachPriority) {
   EXPECT_EQ(b.receiver.inactive.size(), 1u);
 }
 
+// An NLP of exactly `size` bytes (NHDR, THDR, then filler data).
+Bytes nlp_of_size(size_t size, uint8_t fill) {
+  Bytes nlp;
+  EXPECT_TRUE(encode_nlp(Nhdr{}, Thdr{}, {}, nlp).ok());
+  const size_t header = nlp.size();
+  nlp.clear();
+  const Bytes data(size - header, fill);
+  EXPECT_TRUE(encode_nlp(Nhdr{}, Thdr{}, data, nlp).ok());
+  EXPECT_EQ(nlp.size(), size);
+  return nlp;
+}
+
+// Endpoints that offer the largest BTU carry NLPs of a whole UDP datagram
+// between them; a partner that offers the default keeps its link to that.
+TEST(EeUdpEndpoint, LargestBtuCarriesWholeDatagramsAndTheSmallerOfferWins) {
+  const uint16_t base = port_base_for_test(2);
+  constexpr uint16_t kLargest = 65504;  // 65507 bytes of UDP payload with the LLC header
+  Node a, b, c;
+  for (auto [node, address, btu] :
+       {std::tuple{&a, "127.0.0.2", kLargest}, std::tuple{&b, "127.0.0.3", kLargest},
+        std::tuple{&c, "127.0.0.4", uint16_t{0}}}) {
+    std::string error;
+    EndpointConfig config;
+    config.local_address = address;
+    config.port_base = base;
+    config.max_btu = btu;
+    node->endpoint = UdpEndpoint::open(config, &error);
+    if (!node->endpoint) GTEST_SKIP() << address << " cannot be bound here: " << error;
+    node->receiver.clock = &node->clock;
+  }
+  std::string error;
+  LinkStation *a_b =
+      a.endpoint->add_link("127.0.0.3", station_config(1, "NETA.CPA", ""), a.receiver, &error);
+  LinkStation *b_a =
+      b.endpoint->add_link("127.0.0.2", station_config(2, "NETA.CPB", ""), b.receiver, &error);
+  LinkStation *a_c =
+      a.endpoint->add_link("127.0.0.4", station_config(1, "NETA.CPA", ""), a.receiver, &error);
+  LinkStation *c_a =
+      c.endpoint->add_link("127.0.0.2", station_config(3, "NETA.CPC", ""), c.receiver, &error);
+  ASSERT_TRUE(a_b && b_a && a_c && c_a) << error;
+  a_b->activate(std::chrono::steady_clock::now());
+  a_c->activate(std::chrono::steady_clock::now());
+  ASSERT_TRUE(run({&a, &b, &c}, [&] {
+    return a_b->active() && b_a->active() && a_c->active() && c_a->active();
+  }));
+  EXPECT_EQ(std::tuple(a_b->max_nlp_size(), b_a->max_nlp_size()),
+            std::tuple(size_t{kLargest}, size_t{kLargest}));
+  EXPECT_EQ(std::tuple(a_c->max_nlp_size(), c_a->max_nlp_size()),
+            std::tuple(size_t{1461}, size_t{1461}));
+
+  EXPECT_FALSE(a_b->send_nlp(Priority::kHigh, nlp_of_size(kLargest + 1, 0)));
+  EXPECT_FALSE(a_c->send_nlp(Priority::kHigh, nlp_of_size(1462, 0)));
+  ASSERT_TRUE(a_b->send_nlp(Priority::kHigh, nlp_of_size(kLargest, 0xB1)));
+  ASSERT_TRUE(b_a->send_nlp(Priority::kHigh, nlp_of_size(kLargest, 0xB2)));
+  ASSERT_TRUE(a_c->send_nlp(Priority::kHigh, nlp_of_size(1461, 0xC1)));
+  ASSERT_TRUE(run({&a, &b, &c}, [&] {
+    return b.receiver.nlps.size() == 1 && a.receiver.nlps.size() == 1 &&
+           c.receiver.nlps.size() == 1;
+  }));
+  EXPECT_EQ(b.receiver.nlps[0], nlp_of_size(kLargest, 0xB1));
+  EXPECT_EQ(a.receiver.nlps[0], nlp_of_size(kLargest, 0xB2));
+  EXPECT_EQ(c.receiver.nlps[0], nlp_of_size(1461, 0xC1));
+  EXPECT_EQ(a.endpoint->counters().truncated + b.endpoint->counters().truncated, 0u);
+
+  // A run of full NLPs and a shorter last one leave in one send with
+  // segmentation offload and arrive as the same datagrams, in order.
+  std::vector<Bytes> burst;
+  for (uint8_t i = 0; i < 20; ++i) burst.push_back(nlp_of_size(i < 19 ? 1461 : 700, i));
+  for (const Bytes &nlp : burst) ASSERT_TRUE(a_c->send_nlp(Priority::kMedium, nlp));
+  ASSERT_TRUE(run({&a, &b, &c}, [&] { return c.receiver.nlps.size() == 1 + burst.size(); }));
+  EXPECT_TRUE(std::equal(burst.begin(), burst.end(), c.receiver.nlps.begin() + 1));
+  EXPECT_EQ(a.endpoint->counters().offloaded, burst.size());
+}
+
+// A receiver that answers the first NLP at once with a burst of its own and
+// sends it before returning, as the daemon does when a message is handed up.
+struct Answerer : Receiver {
+  UdpEndpoint *endpoint = nullptr;
+  LinkStation *station = nullptr;
+  void on_nlp(ByteSpan nlp) override {
+    Receiver::on_nlp(nlp);
+    if (nlps.size() != 1) return;
+    // Of growing sizes: eight messages, not one offloaded run.
+    for (uint8_t i = 0; i < 8; ++i) {
+      station->send_nlp(Priority::kHigh,
+                        nlp_of_size(200 + i * 10u, static_cast<uint8_t>(0x40 + i)));
+    }
+    endpoint->flush();
+  }
+};
+
+// Sending in the middle of a received batch leaves the rest of the batch
+// intact: every datagram of it is handed up.
+TEST(EeUdpEndpoint, AFlushWhileHandlingAReceivedBatchLosesNothingOfIt) {
+  const uint16_t base = port_base_for_test(3);
+  Node a;
+  Answerer answerer;
+  a.endpoint = open_endpoint("127.0.0.2", base);
+  std::unique_ptr<UdpEndpoint> b = open_endpoint("127.0.0.3", base);
+  if (!a.endpoint || !b) GTEST_SKIP() << "127.0.0.2-3 cannot be bound here";
+  TimePoint b_clock{};
+  answerer.clock = &b_clock;
+  a.receiver.clock = &a.clock;
+  std::string error;
+  LinkStation *to_b =
+      a.endpoint->add_link("127.0.0.3", station_config(1, "NETA.CPA", ""), a.receiver, &error);
+  answerer.station = b->add_link("127.0.0.2", station_config(2, "NETA.CPB", ""), answerer, &error);
+  answerer.endpoint = b.get();
+  ASSERT_TRUE(to_b && answerer.station) << error;
+  to_b->activate(std::chrono::steady_clock::now());
+  Node b_node;
+  b_node.endpoint = std::move(b);
+  ASSERT_TRUE(run({&a, &b_node}, [&] { return to_b->active() && answerer.station->active(); }));
+  // Eight datagrams of different sizes: eight messages in one send, queued
+  // together at B before it reads.
+  std::vector<Bytes> sent;
+  for (uint8_t i = 0; i < 8; ++i) sent.push_back(nlp_of_size(100 + i * 10u, i));
+  for (const Bytes &nlp : sent) ASSERT_TRUE(to_b->send_nlp(Priority::kHigh, nlp));
+  ASSERT_TRUE(run({&a, &b_node}, [&] { return a.receiver.nlps.size() == 8; }));
+  EXPECT_EQ(answerer.nlps, sent);
+}
+
 // Also: A's own path duplicates every datagram both ways and delays it.
 TEST(EeUdpEndpoint, Ipv6LinkBetweenTwoPortBasesThroughAnImpairedPath) {
   const uint16_t base = port_base_for_test(1);

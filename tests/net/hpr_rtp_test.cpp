@@ -48,7 +48,10 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   EXPECT_EQ(ca->remote_tcid(), cb->local_tcid());
   EXPECT_EQ(cb->remote_tcid(), ca->local_tcid());
   EXPECT_EQ(ca->state(), RtpState::kConnected);
-  EXPECT_EQ(ca->bytes_acknowledged(), big.size());
+  // The tail of the BIU went out without a status request of its own: the
+  // reply to the last request asks about it at once, so it is acknowledged
+  // within a round trip of the pipe (2 ms), long before the request timer.
+  EXPECT_TRUE(n.run_until([&] { return ca->bytes_acknowledged() == big.size(); }, 3ms));
 
   // The session layer's transport routes by partner LU; unknown LUs go nowhere.
   RtpBiuTransport transport(n.a);
@@ -238,6 +241,37 @@ TEST(HprRtp, ASilentPartnerFailsTheConnectionWithinTheBound) {
               config.failure_bound() + n.pipe.impairment(1).delay);
     EXPECT_GE(n.seen_a.ended[0].second - silent_at, config.failure_bound() - config.alive_timer);
   }
+}
+
+// The rate on its own: a long round trip cuts it only when the sender used
+// its rate, and after the start phase a reply that comes many round trips
+// after the last change (a low rate of large packets) grows it by up to the
+// start phase's step, where one a round trip later grows it by one step.
+TEST(HprRateControl, QueueingCutsOnlyAUsedRateAndRareRepliesGrowItFaster) {
+  const RtpConfig config;
+  RateControl rate(config);
+  const RtpTime t0 = RtpTime{} + 1s;
+  rate.on_rtt_sample(100us);
+  rate.on_rtt_sample(10ms);
+  rate.on_reply(RateAction::kNormal, {}, t0, t0 + 10ms);
+  EXPECT_EQ(rate.rate(), config.initial_rate);  // a conversation turning round: not queueing
+
+  rate.note_rate_limited();
+  rate.on_rtt_sample(10ms);
+  rate.on_reply(RateAction::kNormal, {}, t0 + 11ms, t0 + 21ms);
+  const auto cut = static_cast<uint32_t>(config.initial_rate * config.slowdown1_backoff);
+  ASSERT_EQ(rate.rate(), cut);
+
+  rate.note_rate_limited();
+  rate.on_rtt_sample(200us);  // the queue drained
+  rate.on_reply(RateAction::kNormal, {}, t0 + 22ms, t0 + 23ms);
+  const auto one_step = static_cast<uint32_t>(cut * config.growth + 1);
+  ASSERT_EQ(rate.rate(), one_step);
+
+  rate.note_rate_limited();
+  rate.on_rtt_sample(200us);
+  rate.on_reply(RateAction::kNormal, {}, t0 + 24ms, t0 + 1s);
+  EXPECT_EQ(rate.rate(), static_cast<uint32_t>(one_step * config.start_growth + 1));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/ip.h>
+#include <netinet/udp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,10 +22,14 @@ Impairment receiving_side(Impairment impairment) {
   ++impairment.seed;
   return impairment;
 }
+// A run of datagrams sent with segmentation offload: at most this many, and
+// this many bytes, so that the run stays within one 64 KiB IP packet.
+constexpr size_t kMaxSegments = 64;
+constexpr size_t kMaxOffloadBytes = 65000;
 constexpr uint16_t kDefaultMaxBtu = 1461;
 constexpr uint16_t kDefaultMaxBtuIpv6 = 1441;
 constexpr size_t kReceiveBufferSize = 65536;
-constexpr int kSocketBufferBytes = 1 << 20;
+constexpr int kSocketBufferBytes = 4 << 20;
 
 sockaddr_storage socket_address(int family, ByteSpan address, uint16_t port) {
   sockaddr_storage storage{};
@@ -55,6 +60,19 @@ Bytes address_of(const sockaddr_storage &storage) {
   const auto *in6 = reinterpret_cast<const sockaddr_in6 *>(&storage);
   const auto *p = reinterpret_cast<const uint8_t *>(&in6->sin6_addr);
   return Bytes(p, p + 16);
+}
+
+// The size of the datagrams a received run holds (the whole, when it is one).
+size_t offloaded_size(const msghdr &message, size_t whole) {
+  for (const cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr;
+       c = CMSG_NXTHDR(const_cast<msghdr *>(&message), const_cast<cmsghdr *>(c))) {
+    if (c->cmsg_level == SOL_UDP && c->cmsg_type == UDP_GRO) {
+      int size = 0;
+      std::memcpy(&size, CMSG_DATA(c), sizeof size);
+      if (size > 0) return static_cast<size_t>(size);
+    }
+  }
+  return whole;
 }
 
 std::string errno_text(const std::string &what) {
@@ -124,9 +142,22 @@ struct UdpEndpoint::Link final : DatagramSink {
 };
 
 struct UdpEndpoint::Buffers {
-  std::array<mmsghdr, kBatch> headers{};
-  std::array<iovec, kBatch> iovecs{};
-  std::array<sockaddr_storage, kBatch> addresses{};
+  // Room for one control message of an int (UDP_SEGMENT sends a 16-bit one).
+  struct Control {
+    alignas(cmsghdr) uint8_t bytes[CMSG_SPACE(sizeof(int))];
+  };
+  struct Messages {
+    std::array<mmsghdr, kBatch> headers{};
+    std::array<iovec, kBatch> iovecs{};
+    std::array<sockaddr_storage, kBatch> addresses{};
+    std::array<Control, kBatch> controls{};
+  };
+  // Separate for sending: a datagram handed up while a received batch is
+  // being gone through may lead to a flush(), which must not overwrite the
+  // headers of the datagrams still to come.
+  Messages received;
+  Messages sent;
+  std::array<size_t, kBatch> segments{};  // datagrams in each message sent
   std::vector<uint8_t> data = std::vector<uint8_t>(kBatch * kReceiveBufferSize);
 };
 
@@ -184,6 +215,10 @@ std::unique_ptr<UdpEndpoint> UdpEndpoint::open(const EndpointConfig &config, std
     // Larger buffers ride out bursts; what the system allows is enough.
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kSocketBufferBytes, sizeof kSocketBufferBytes);
     ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSocketBufferBytes, sizeof kSocketBufferBytes);
+    // Runs of datagrams sent with segmentation offload may then arrive whole
+    // (on loopback they do): on_readable() cuts them apart.  Without it the
+    // kernel cuts them before they are queued.
+    ::setsockopt(fd, SOL_UDP, UDP_GRO, &on, sizeof on);
     const sockaddr_storage address = socket_address(family, *local, port);
     if (::bind(fd, reinterpret_cast<const sockaddr *>(&address), socket_address_size(family)) !=
         0) {
@@ -209,9 +244,11 @@ LinkStation *UdpEndpoint::add_link(std::string_view partner, const LinkStationCo
     return nullptr;
   }
   LinkStationConfig station_config = config;
-  if (family_ == AF_INET6 && station_config.local.max_btu == kDefaultMaxBtu) {
+  if (station_config.local.max_btu == kDefaultMaxBtu) {
     // The IPv6 header is 20 bytes longer: the same frame holds less.
-    station_config.local.max_btu = kDefaultMaxBtuIpv6;
+    station_config.local.max_btu = config_.max_btu != 0  ? config_.max_btu
+                                   : family_ == AF_INET6 ? kDefaultMaxBtuIpv6
+                                                         : kDefaultMaxBtu;
   }
   auto link = std::make_unique<Link>(*this, *address,
                                      partner_port_base != 0 ? partner_port_base : config_.port_base,
@@ -275,35 +312,94 @@ void UdpEndpoint::flush() {
   outgoing_.clear();
 }
 
+// How many datagrams from outgoing_[at] on (at most `limit`) can go as one
+// send with segmentation offload: the same partner, the same size, the last
+// perhaps shorter, within the limits of one IP packet.
+size_t UdpEndpoint::offload_run(size_t at, size_t limit) const {
+  if (!offload_) return 1;
+  const HeldDatagram &d = outgoing_[at];
+  const size_t size = d.payload.size();
+  size_t run = 1, bytes = size;
+  while (run < limit && run < kMaxSegments) {
+    const HeldDatagram &next = outgoing_[at + run];
+    if (next.address != d.address || next.payload.size() > size ||
+        bytes + next.payload.size() > kMaxOffloadBytes) {
+      break;
+    }
+    bytes += next.payload.size();
+    ++run;
+    if (next.payload.size() < size) break;  // only the last may be shorter
+  }
+  return run;
+}
+
 void UdpEndpoint::send_batch(size_t first, size_t count) {
-  Buffers &b = *buffers_;
+  Buffers &all = *buffers_;
+  Buffers::Messages &b = all.sent;
   const unsigned port_index = outgoing_[first].port_index;
-  for (size_t i = 0; i < count; ++i) {
-    HeldDatagram &d = outgoing_[first + i];
+  // Each message is one datagram or a run sent with segmentation offload:
+  // the kernel cuts the run into the same datagrams, so what the partner
+  // receives does not change; it is one send instead of many.
+  size_t messages = 0;
+  for (size_t i = 0; i < count; ++messages) {
+    const HeldDatagram &d = outgoing_[first + i];
+    const size_t run = offload_run(first + i, count - i);
     auto found = links_.find(d.address);
     const uint16_t base = found != links_.end() ? found->second->port_base : config_.port_base;
-    b.addresses[i] = socket_address(family_, d.address, static_cast<uint16_t>(base + port_index));
-    b.iovecs[i] = {d.payload.data(), d.payload.size()};
-    b.headers[i] = {};
-    b.headers[i].msg_hdr.msg_name = &b.addresses[i];
-    b.headers[i].msg_hdr.msg_namelen = socket_address_size(family_);
-    b.headers[i].msg_hdr.msg_iov = &b.iovecs[i];
-    b.headers[i].msg_hdr.msg_iovlen = 1;
-    if (observer_) observer_(true, d.address, port_index, d.payload);
+    b.addresses[messages] =
+        socket_address(family_, d.address, static_cast<uint16_t>(base + port_index));
+    for (size_t k = i; k < i + run; ++k) {
+      HeldDatagram &x = outgoing_[first + k];
+      b.iovecs[k] = {x.payload.data(), x.payload.size()};
+      if (observer_) observer_(true, x.address, port_index, x.payload);
+    }
+    mmsghdr &h = b.headers[messages];
+    h = {};
+    h.msg_hdr.msg_name = &b.addresses[messages];
+    h.msg_hdr.msg_namelen = socket_address_size(family_);
+    h.msg_hdr.msg_iov = &b.iovecs[i];
+    h.msg_hdr.msg_iovlen = run;
+    if (run > 1) {
+      h.msg_hdr.msg_control = b.controls[messages].bytes;
+      h.msg_hdr.msg_controllen = CMSG_SPACE(sizeof(uint16_t));
+      cmsghdr *c = CMSG_FIRSTHDR(&h.msg_hdr);
+      c->cmsg_level = SOL_UDP;
+      c->cmsg_type = UDP_SEGMENT;
+      c->cmsg_len = CMSG_LEN(sizeof(uint16_t));
+      const auto size = static_cast<uint16_t>(d.payload.size());
+      std::memcpy(CMSG_DATA(c), &size, sizeof size);
+      counters_.offloaded += run;
+    }
+    all.segments[messages] = run;
+    i += run;
   }
   size_t done = 0;
-  while (done < count) {
+  while (done < messages) {
     const int sent = ::sendmmsg(fds_[port_index], b.headers.data() + done,
-                                static_cast<unsigned>(count - done), 0);
+                                static_cast<unsigned>(messages - done), 0);
     if (sent < 0) {
       if (errno == EINTR) continue;
-      // Full buffers or an unreachable partner: the datagram is lost, as the
-      // network may lose it; RTP and LDLC recover.  Skip it and go on.
-      ++counters_.send_failed;
+      if (all.segments[done] > 1 && errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS) {
+        // The path cannot offload (no checksum offload, an older kernel):
+        // these datagrams one by one, and all from now on.
+        offload_ = false;
+        const msghdr &m = b.headers[done].msg_hdr;
+        for (size_t k = 0; k < m.msg_iovlen; ++k) {
+          const bool ok = ::sendto(fds_[port_index], m.msg_iov[k].iov_base, m.msg_iov[k].iov_len, 0,
+                                   static_cast<const sockaddr *>(m.msg_name), m.msg_namelen) >= 0;
+          ++(ok ? counters_.sent : counters_.send_failed);
+        }
+        ++done;
+        continue;
+      }
+      // Full buffers or an unreachable partner: the datagrams are lost, as
+      // the network may lose them; RTP and LDLC recover.  Skip them and go on.
+      counters_.send_failed += all.segments[done];
       ++done;
       continue;
     }
-    counters_.sent += static_cast<uint64_t>(sent);
+    for (size_t k = done; k < done + static_cast<size_t>(sent); ++k)
+      counters_.sent += all.segments[k];
     done += static_cast<size_t>(sent);
   }
 }
@@ -314,15 +410,18 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
   const unsigned port_index = static_cast<unsigned>(slot - fds_.begin());
   ++dispatching_;
   last_now_ = now;
-  Buffers &b = *buffers_;
+  Buffers &all = *buffers_;
+  Buffers::Messages &b = all.received;
   for (;;) {
     for (size_t i = 0; i < kBatch; ++i) {
-      b.iovecs[i] = {b.data.data() + i * kReceiveBufferSize, kReceiveBufferSize};
+      b.iovecs[i] = {all.data.data() + i * kReceiveBufferSize, kReceiveBufferSize};
       b.headers[i] = {};
       b.headers[i].msg_hdr.msg_name = &b.addresses[i];
       b.headers[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
       b.headers[i].msg_hdr.msg_iov = &b.iovecs[i];
       b.headers[i].msg_hdr.msg_iovlen = 1;
+      b.headers[i].msg_hdr.msg_control = b.controls[i].bytes;
+      b.headers[i].msg_hdr.msg_controllen = sizeof b.controls[i].bytes;
     }
     const int got = ::recvmmsg(fd, b.headers.data(), kBatch, MSG_DONTWAIT, nullptr);
     if (got < 0 && errno == EINTR) continue;
@@ -332,17 +431,26 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
         ++counters_.truncated;
         continue;
       }
-      ++counters_.received;
-      const uint8_t *p = b.data.data() + static_cast<size_t>(i) * kReceiveBufferSize;
-      HeldDatagram d{port_index, address_of(b.addresses[i]), Bytes(p, p + b.headers[i].msg_len)};
-      if (!impair_receive_.settings().any()) {
-        deliver(std::move(d), now);
-        continue;
+      const ByteSpan whole(all.data.data() + static_cast<size_t>(i) * kReceiveBufferSize,
+                           b.headers[i].msg_len);
+      const Bytes address = address_of(b.addresses[i]);
+      // A run that arrived whole holds datagrams of the size given, the last
+      // perhaps shorter.
+      const size_t size = std::max<size_t>(1, offloaded_size(b.headers[i].msg_hdr, whole.size()));
+      for (size_t at = 0; at < whole.size(); at += size) {
+        const ByteSpan payload = whole.subspan(at, std::min(size, whole.size() - at));
+        ++counters_.received;
+        if (!impair_receive_.settings().any()) {
+          // Handled straight from the receive buffer: nothing keeps it.
+          deliver(port_index, address, payload, now);
+          continue;
+        }
+        ready_.clear();
+        impair_receive_.push(
+            HeldDatagram{port_index, address, Bytes(payload.begin(), payload.end())}, now, ready_);
+        std::vector<HeldDatagram> ready = std::move(ready_);
+        for (HeldDatagram &r : ready) deliver(r.port_index, r.address, r.payload, now);
       }
-      ready_.clear();
-      impair_receive_.push(std::move(d), now, ready_);
-      std::vector<HeldDatagram> ready = std::move(ready_);
-      for (HeldDatagram &r : ready) deliver(std::move(r), now);
     }
     if (static_cast<size_t>(got) < kBatch) break;
   }
@@ -351,18 +459,19 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
   flush();
 }
 
-void UdpEndpoint::deliver(HeldDatagram d, TimePoint now) {
-  if (observer_) observer_(false, d.address, d.port_index, d.payload);
-  auto found = links_.find(d.address);
+void UdpEndpoint::deliver(unsigned port_index, const Bytes &address, ByteSpan payload,
+                          TimePoint now) {
+  if (observer_) observer_(false, address, port_index, payload);
+  auto found = links_.find(address);
   if ((found == links_.end() || found->second->removed) && unknown_sender_) {
-    unknown_sender_(ip_address_text(d.address), d.payload, now);
-    found = links_.find(d.address);
+    unknown_sender_(ip_address_text(address), payload, now);
+    found = links_.find(address);
   }
   if (found == links_.end() || found->second->removed) {
     ++counters_.unknown_sender;
     return;
   }
-  found->second->station.on_datagram(d.payload, now);
+  found->second->station.on_datagram(payload, now);
 }
 
 void UdpEndpoint::on_timer(TimePoint now) {
@@ -370,7 +479,7 @@ void UdpEndpoint::on_timer(TimePoint now) {
   last_now_ = now;
   std::vector<HeldDatagram> ready;
   impair_receive_.release(now, ready);
-  for (HeldDatagram &d : ready) deliver(std::move(d), now);
+  for (HeldDatagram &d : ready) deliver(d.port_index, d.address, d.payload, now);
   impair_send_.release(now, outgoing_);
   for (auto &[address, link] : links_) {
     const std::optional<TimePoint> due = link->station.next_deadline();

@@ -11,7 +11,10 @@
 // otherwise dropped and counted.
 //
 // Sending is batched: what the stations send is queued and goes out with
-// sendmmsg at the end of on_readable() and on_timer(), or on flush().  While
+// sendmmsg at the end of on_readable() and on_timer(), or on flush().  A run
+// of equal datagrams to one partner port goes as one message with UDP
+// segmentation offload (the same datagrams leave; the kernel cuts them), and
+// such a run may arrive whole, to be cut apart again on receipt.  While
 // anything is queued next_deadline() is "now", so a loop that always asks it
 // before waiting never leaves a datagram behind.
 #pragma once
@@ -35,6 +38,10 @@ struct EndpointConfig {
   std::string local_address;  // numeric IPv4 or IPv6 address
   uint16_t port_base = 12000;
   Impairment impairment;  // test-only; all zero: none
+  // The maximum BTU stations offer in their XIDs when their config leaves
+  // the default: 0 keeps what an Ethernet frame holds (1461 on IPv4, 1441 on
+  // IPv6); a loopback or jumbo-frame path may take up to a whole datagram.
+  uint16_t max_btu = 0;
 };
 
 // The IP precedence (IPv4 TOS byte, IPv6 traffic class) of a port: X'C0' for
@@ -93,6 +100,7 @@ class UdpEndpoint {
     uint64_t unknown_sender = 0;  // dropped: no link for the address
     uint64_t send_failed = 0;     // the kernel refused or could not take it now
     uint64_t truncated = 0;       // larger than the receive buffer
+    uint64_t offloaded = 0;       // sent in runs with segmentation offload
   };
   const Counters &counters() const { return counters_; }
   // Replaces the impairment (a reload); what the old one held back is dropped.
@@ -104,7 +112,8 @@ class UdpEndpoint {
   struct Link;
   UdpEndpoint(const EndpointConfig &config, int family, Bytes local);
   void queue(unsigned port_index, const Bytes &address, Bytes datagram, TimePoint now);
-  void deliver(HeldDatagram datagram, TimePoint now);
+  void deliver(unsigned port_index, const Bytes &address, ByteSpan payload, TimePoint now);
+  size_t offload_run(size_t at, size_t limit) const;
   void send_batch(size_t first, size_t count);
   void collect_removed();
 
@@ -123,6 +132,7 @@ class UdpEndpoint {
   Counters counters_;
   int dispatching_ = 0;
   bool removed_ = false;
+  bool offload_ = true;  // until the kernel refuses a run
   TimePoint last_now_{};
   struct Buffers;
   std::unique_ptr<Buffers> buffers_;

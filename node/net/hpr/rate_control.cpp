@@ -1,15 +1,19 @@
 #include "net/hpr/rate_control.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace snanode::net::hpr {
 
 RateControl::RateControl(const RtpConfig &config)
     : config_(config), rate_(config.initial_rate), rto_(config.initial_rto) {}
 
-void RateControl::refill(RtpTime now) {
+// The bucket holds a burst at the current rate, and never less than four
+// packets of the size asked for: otherwise a link with large packets at a low
+// rate could never save up for one.
+void RateControl::refill(RtpTime now, size_t packet) {
   const double burst =
-      std::max(4.0 * 1500,
+      std::max(4.0 * static_cast<double>(std::max<size_t>(packet, 1500)),
                static_cast<double>(rate_) * std::chrono::duration<double>(config_.burst).count());
   if (refilled_ == RtpTime{}) {
     tokens_ = burst;
@@ -21,7 +25,7 @@ void RateControl::refill(RtpTime now) {
 }
 
 bool RateControl::try_spend(size_t bytes, RtpTime now, RtpTime &ready_at) {
-  refill(now);
+  refill(now, bytes);
   const double need = static_cast<double>(bytes);
   if (tokens_ >= need) {
     tokens_ -= need;
@@ -75,8 +79,12 @@ void RateControl::back_off(double factor, RtpTime now) {
 void RateControl::on_reply(RateAction action, RtpTime lost_sent_at, RtpTime request_sent,
                            RtpTime now) {
   const bool fresh = request_sent > changed_at_;
-  const bool queueing =
-      has_rtt_ && last_rtt_ > 2 * min_rtt_ && last_rtt_ - min_rtt_ > config_.queueing_slack;
+  // Only a sender that used its rate can have built the queue: one that had
+  // less to send (a conversation turning round, say) leaves its rate alone
+  // when a round trip runs long, or a single stall of either node would end
+  // the start phase before any stream began.
+  const bool queueing = rate_limited_ && has_rtt_ && last_rtt_ > 2 * min_rtt_ &&
+                        last_rtt_ - min_rtt_ > config_.queueing_slack;
   const bool heavy = static_cast<double>(missing_since_change_) >
                      config_.loss_tolerance * static_cast<double>(sent_since_change_);
   // A loss of data sent before the last back-off was already answered by it.
@@ -92,7 +100,16 @@ void RateControl::on_reply(RateAction action, RtpTime lost_sent_at, RtpTime requ
                                               : config_.slowdown1_backoff,
              now);
   } else if (fresh && action == RateAction::kNormal && rate_limited_) {
-    const double factor = started_ ? config_.growth : config_.start_growth;
+    // Growth is per round trip.  At a low rate of large packets replies come
+    // far less often than that: each then counts for the round trips since
+    // the last change, but never for more than the start phase's step.
+    double factor = config_.start_growth;
+    if (started_) {
+      const double rounds = srtt_.count() > 0 ? static_cast<double>((now - changed_at_).count()) /
+                                                    static_cast<double>(srtt_.count())
+                                              : 1.0;
+      factor = std::min(config_.start_growth, std::pow(config_.growth, std::max(1.0, rounds)));
+    }
     rate_ = static_cast<uint32_t>(std::min<double>(config_.max_rate, rate_ * factor + 1));
     changed_at_ = now;
     rate_limited_ = false;

@@ -47,7 +47,7 @@ class RateControl {
 
  private:
   void back_off(double factor, RtpTime now);
-  void refill(RtpTime now);
+  void refill(RtpTime now, size_t packet);
 
   const RtpConfig &config_;
   uint32_t rate_;

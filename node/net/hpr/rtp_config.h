@@ -32,13 +32,14 @@ struct RtpConfig {
   // Adaptive rate (bytes of NLP per second).  The sender starts at
   // initial_rate, multiplies it by start_growth on every status reply that
   // shows the partner kept up while the sender had more to send, until the
-  // first back-off; from then on by growth.  A reported gap multiplies the rate
+  // first back-off; from then on by growth per round trip since the last
+  // change (at most start_growth at once).  A reported gap multiplies the rate
   // by loss_backoff; the partner's slowdown indications by slowdown1_backoff or
   // slowdown2_backoff; "critical" drops it to min_rate.  At most one back-off
   // per round trip (until a reply to a request sent after it arrives).
   uint32_t initial_rate = 512 * 1024;
   uint32_t min_rate = 16 * 1024;
-  uint32_t max_rate = 512u * 1024 * 1024;
+  uint32_t max_rate = 4000u * 1000 * 1000;
   double start_growth = 1.5;
   double growth = 1.0625;
   double loss_backoff = 0.75;

@@ -179,6 +179,8 @@ void RtpConnection::transmit(Thdr &thdr, ByteSpan data) {
   nhdr.priority = endpoint_.priority;
   nhdr.labels = endpoint_.anr_labels;
   Bytes nlp;
+  // The headers are a few dozen bytes: one allocation for the whole NLP.
+  nlp.reserve(64 + nhdr.labels.size() + thdr.options.size() + data.size());
   if (!encode_nlp(nhdr, thdr, data, nlp)) return;
   ++stats_.nlps_sent;
   (void)link_.send_nlp(endpoint_.priority, nlp);  // a refusal is a loss; RTP recovers
@@ -265,15 +267,15 @@ void RtpConnection::pump(RtpTime now) {
     } else {
       segment = send_.cut(max_data());
     }
-    const bool last =
-        !send_.peek_retransmission() && (!send_.has_new_data() || send_.in_flight() >= window_);
-    // Ask for a status on a resend, at the end of what can go now, when no
-    // request is outstanding (about one per round trip however slow the
-    // rate) and every status_every bytes.
-    send_segment(
-        *segment,
-        again || last || requests_.empty() || bytes_since_request_ + size >= config_.status_every,
-        now);
+    // Ask for a status on a resend, when no request is outstanding (about
+    // one per round trip however slow the rate) and every status_every bytes.
+    // Not at the end of every burst: a stream written a record at a time
+    // would ask on nearly every packet, and each answer is a datagram both
+    // nodes handle.  The tail of a stream is acknowledged by the reply to an
+    // outstanding request, or else by the probe the request timer sends.
+    send_segment(*segment,
+                 again || requests_.empty() || bytes_since_request_ + size >= config_.status_every,
+                 now);
   }
   finish_close_if_done();
 }
@@ -400,6 +402,10 @@ void RtpConnection::on_nlp(const NlpView &nlp, RtpTime now) {
   }
   check_partner_close();
   pump(now);
+  // A reply that leaves data unacknowledged with nothing asking about it
+  // (what went out after the request was the tail of a burst): ask now,
+  // rather than when the request timer runs out.
+  if (status && requests_.empty() && send_.in_flight() > 0 && !ended()) send_probe(now);
 }
 
 void RtpConnection::check_partner_close() {

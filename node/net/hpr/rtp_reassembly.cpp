@@ -36,37 +36,39 @@ RtpReassembly::Outcome RtpReassembly::accept(uint32_t wire_bsn, ByteSpan data, b
     pending_.emplace_hint(after, bsn, Piece{Bytes(data.begin(), data.end()), start, end});
     return Outcome::kAccepted;
   }
-  Piece piece{Bytes(data.begin(), data.end()), start, end};
-  deliver(piece, complete);
+  deliver(data, start, end, complete);
   while (!pending_.empty() && pending_.begin()->first == next_) {
     Piece next = std::move(pending_.begin()->second);
     pending_.erase(pending_.begin());
     buffered_ -= next.data.size();
-    deliver(next, complete);
+    deliver(next.data, next.start, next.end, complete);
   }
   return Outcome::kAccepted;
 }
 
-void RtpReassembly::deliver(Piece &piece, std::vector<Bytes> &complete) {
-  next_ += piece.data.size();
-  if (piece.start) {
+void RtpReassembly::deliver(ByteSpan data, bool start, bool end, std::vector<Bytes> &complete) {
+  next_ += data.size();
+  if (start) {
     // A start inside an unfinished message: the sender abandoned it.
     message_.clear();
     in_message_ = true;
   }
   if (!in_message_) return;  // the tail of a message whose start was never seen
-  if (message_.size() + piece.data.size() > max_message_) {
+  if (message_.size() + data.size() > max_message_) {
     broken_ = true;
     message_.clear();
     in_message_ = false;
     return;
   }
-  message_.insert(message_.end(), piece.data.begin(), piece.data.end());
-  if (piece.end) {
+  if (start && end) {
+    complete.emplace_back(data.begin(), data.end());  // a whole message: copied once
+  } else {
+    message_.insert(message_.end(), data.begin(), data.end());
+    if (!end) return;
     complete.push_back(std::move(message_));
     message_.clear();
-    in_message_ = false;
   }
+  in_message_ = false;
 }
 
 void RtpReassembly::note_stream_end(uint32_t wire_bsn) {

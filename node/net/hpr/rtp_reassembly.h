@@ -47,7 +47,7 @@ class RtpReassembly {
     bool start = false;
     bool end = false;
   };
-  void deliver(Piece &piece, std::vector<Bytes> &complete);
+  void deliver(ByteSpan data, bool start, bool end, std::vector<Bytes> &complete);
   int64_t offset_of(uint32_t bsn) const {
     return static_cast<int32_t>(bsn - static_cast<uint32_t>(next_));
   }

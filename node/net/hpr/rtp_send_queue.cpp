@@ -17,10 +17,15 @@ RtpSegment *RtpSendQueue::cut(size_t max_data) {
   RtpSegment segment;
   segment.bsn = sent_end_;
   segment.start = w.offset == 0;
-  segment.data.assign(w.bytes.begin() + static_cast<std::ptrdiff_t>(w.offset),
-                      w.bytes.begin() + static_cast<std::ptrdiff_t>(w.offset + size));
+  const bool whole = w.offset == 0 && size == w.bytes.size();
+  if (whole) {
+    segment.data = std::move(w.bytes);  // the message fits one segment: no copy
+  } else {
+    segment.data.assign(w.bytes.begin() + static_cast<std::ptrdiff_t>(w.offset),
+                        w.bytes.begin() + static_cast<std::ptrdiff_t>(w.offset + size));
+  }
   w.offset += size;
-  segment.end = w.offset == w.bytes.size();
+  segment.end = whole || w.offset == w.bytes.size();
   if (segment.end) waiting_.pop_front();
   waiting_bytes_ -= size;
   sent_end_ += size;

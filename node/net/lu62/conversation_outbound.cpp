@@ -171,6 +171,9 @@ void ConversationTranslator::start_chain() {
 void ConversationTranslator::append_data(const Frame &frame, Output &out) {
   if (!holder_) return;  // the engine never sends data without the turn
   start_chain();
+  // Room for the record and its segment headers at once: grown a header at a
+  // time, a large record would be copied into ever larger buffers.
+  pending_.reserve(pending_.size() + frame.payload.size() + frame.payload.size() / 8192 + 8);
   if (framing_ == RecordFraming::kMapped) {
     append_gds(kGdsApplicationData, frame.payload, pending_);
   } else {
