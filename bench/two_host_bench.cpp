@@ -19,6 +19,7 @@
 #include <algorithm>
 
 #include "bench_processes.h"
+#include "cpic_turn.h"
 #include "cpic.h"
 
 namespace {
@@ -136,20 +137,8 @@ void send_as(Conv &c, CM_SEND_TYPE type, const void *data, long size) {
   check("CMSEND", rc);
 }
 
-// Receives until the partner gives the turn: the records received, or the
-// return code that ended it, negated.
 long receive_turn(Conv &c, std::vector<unsigned char> &buffer, long &last) {
-  for (long records = 0;;) {
-    CM_INT32 max = static_cast<CM_INT32>(buffer.size()), length = 0;
-    CM_DATA_RECEIVED_TYPE data;
-    CM_STATUS_RECEIVED status;
-    CM_REQUEST_TO_SEND_RECEIVED rts;
-    CM_RETURN_CODE rc;
-    cmrcv(c.id, buffer.data(), &max, &data, &length, &status, &rts, &rc);
-    if (rc != CM_OK) return -static_cast<long>(rc);
-    if (data == CM_COMPLETE_DATA_RECEIVED) ++records, last = length;
-    if (status == CM_SEND_RECEIVED) return records;
-  }
+  return bench::receive_turn(c.id, buffer, last);
 }
 
 // Node B's TP: echoes the first conversation's records until it ends, then

@@ -28,6 +28,7 @@
 
 #include "bench_options.h"
 #include "bench_processes.h"
+#include "cpic_turn.h"
 #include "cpic.h"
 
 namespace {
@@ -134,20 +135,12 @@ void send_turn(Conv &c, std::vector<unsigned char> &data, long size, Shared &sha
   check("CMSEND", rc, shared);
 }
 
-// Receives until the partner gives the turn: the length of the last record,
-// or the return code that ended the conversation, negated.
+// The length of the turn's last record, or the return code that ended the
+// conversation, negated.
 long receive_turn(Conv &c, std::vector<unsigned char> &buffer) {
-  for (long last = 0;;) {
-    CM_INT32 max = static_cast<CM_INT32>(buffer.size()), length = 0;
-    CM_DATA_RECEIVED_TYPE data;
-    CM_STATUS_RECEIVED status;
-    CM_REQUEST_TO_SEND_RECEIVED rts;
-    CM_RETURN_CODE rc;
-    cmrcv(c.id, buffer.data(), &max, &data, &length, &status, &rts, &rc);
-    if (rc != CM_OK) return -static_cast<long>(rc);
-    if (data == CM_COMPLETE_DATA_RECEIVED) last = length;
-    if (status == CM_SEND_RECEIVED) return last;
-  }
+  long last = 0;
+  const long records = bench::receive_turn(c.id, buffer, last);
+  return records < 0 ? records : last;
 }
 
 // Node B: accepts `count` conversations, then echoes each one's record, in
