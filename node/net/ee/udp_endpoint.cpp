@@ -22,6 +22,7 @@ Impairment receiving_side(Impairment impairment) {
   ++impairment.seed;
   return impairment;
 }
+
 // A run of datagrams sent with segmentation offload: at most this many, and
 // this many bytes, so that the run stays within one 64 KiB IP packet.
 constexpr size_t kMaxSegments = 64;
