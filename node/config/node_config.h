@@ -40,6 +40,9 @@ struct Mode {
   // What the BIND of a session on this mode offers a partner node.
   uint32_t max_ru_size = 1024;  // largest RU either way
   uint32_t pacing_window = 7;   // requests sent before a pacing response; 0: none
+  // The class of service its sessions travel at on the network (see
+  // class_of_service.h); empty: the default for the mode's name.
+  std::string cos{};
 };
 
 // An Enterprise Extender link to a partner node ([[link]]).
@@ -61,6 +64,9 @@ struct NetworkConfig {
   std::string local_address;
   uint32_t port_base = 12000;
   uint32_t node_id = 0x05D00001;
+  // An RTP connection no session unit has crossed for this long is closed
+  // (0: never); the next unit for the partner sets up a new one.
+  uint32_t idle_connection_seconds = 300;
   std::vector<LinkConfig> links;
 };
 
