@@ -83,6 +83,7 @@ net::CaptureEndpoints EeNetwork::capture_endpoints(const config::NodeConfig &con
     if (from && from->size() == 4) std::memcpy(to.data(), from->data(), 4);
   };
   copy(net::ee::parse_ip_address(config.network.local_address), endpoints.local_address);
+  endpoints.port_base = static_cast<uint16_t>(config.network.port_base);
   if (!config.network.links.empty()) {
     if (auto partner = net::ee::resolve_partner(config.network.links.front().partner,
                                                 config.network.local_address)) {
