@@ -13,6 +13,7 @@
 #include <set>
 #include <sstream>
 
+#include "config/class_of_service.h"
 #include "config/config_defaults.h"
 #include "config/config_names.h"
 #include "config/config_text_check.h"
@@ -138,6 +139,8 @@ class Parser {
     net.impair = r.string("impair", "");  // its items are checked where the network is
     // Up to a whole UDP datagram over IPv4 less the 3-byte LLC header.
     if (r.has("max_btu")) net.max_btu = r.integer("max_btu", 0, 768, 65504);
+    net.idle_connection_seconds =
+        r.integer("idle_connection_seconds", net.idle_connection_seconds, 0, 86400);
     if (r.has("node_id")) {
       const std::string id = r.string("node_id", "");
       size_t used = 0;
@@ -271,6 +274,11 @@ class Parser {
       mode.send_buffer_size = r.integer("send_buffer_size", mode.send_buffer_size, 256, 65535);
       mode.max_ru_size = r.integer("max_ru_size", mode.max_ru_size, 256, 65536);
       mode.pacing_window = r.integer("pacing_window", mode.pacing_window, 0, 63);
+      mode.cos = r.string("cos", "");
+      if (!mode.cos.empty() && !find_class_of_service(mode.cos)) {
+        r.fail("cos", "\"" + mode.cos + "\" is not a class of service this node knows (" +
+                          std::string(class_of_service_names()) + ")");
+      }
       r.finish();
       config_.modes.push_back(mode);
     }

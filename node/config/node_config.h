@@ -40,6 +40,9 @@ struct Mode {
   // What the BIND of a session on this mode offers a partner node.
   uint32_t max_ru_size = 1024;  // largest RU either way
   uint32_t pacing_window = 7;   // requests sent before a pacing response; 0: none
+  // The class of service its sessions travel at on the network (see
+  // class_of_service.h); empty: the default for the mode's name.
+  std::string cos{};
 };
 
 // An Enterprise Extender link to a partner node ([[link]]).
@@ -69,6 +72,9 @@ struct NetworkConfig {
   // each link carries the smaller of both sides' values.  0: what a standard
   // Ethernet frame holds (1461 on IPv4, 1441 on IPv6).
   uint32_t max_btu = 0;
+  // An RTP connection no session unit has crossed for this long is closed
+  // (0: never); the next unit for the partner sets up a new one.
+  uint32_t idle_connection_seconds = 300;
   std::vector<LinkConfig> links;
 };
 

@@ -103,7 +103,9 @@ Section conversation_section(const NodeStatus &status) {
       row.add("pid", static_cast<int64_t>(process.peer.pid))
           .add("id", uint64_t{conv.id})
           .add("local_tp", conv.local_tp)
-          .add("partner_tp", conv.partner_tp)
+          // An Attach names the TP it starts, never the one that sent it:
+          // on the attached side the partner TP is unknown (null).
+          .add("partner_tp", conv.partner_tp.empty() ? FieldValue{} : FieldValue{conv.partner_tp})
           .add("local_lu", conv.local_lu)
           .add("partner_lu", conv.partner_lu)
           .add("mode", conv.mode)

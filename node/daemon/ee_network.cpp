@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "config/class_of_service.h"
 #include "daemon/log_text.h"
 
 namespace snanode::daemon {
@@ -13,9 +14,8 @@ namespace {
 
 using net::Priority;
 
-// Every session travels at one priority: the sessions of a partner LU share
-// one RTP connection each way, whatever their mode.
-constexpr Priority kSessionPriority = Priority::kHigh;
+// The service modes are not configured, but their sessions travel too.
+constexpr const char *kServiceModes[] = {"SNASVCMG", "CPSVCMG"};
 // A "start" link that failed is activated again this long after; a partner
 // that comes back first activates it itself, sooner.
 constexpr auto kReactivateAfter = std::chrono::seconds(5);
@@ -83,6 +83,7 @@ net::CaptureEndpoints EeNetwork::capture_endpoints(const config::NodeConfig &con
     if (from && from->size() == 4) std::memcpy(to.data(), from->data(), 4);
   };
   copy(net::ee::parse_ip_address(config.network.local_address), endpoints.local_address);
+  endpoints.port_base = static_cast<uint16_t>(config.network.port_base);
   if (!config.network.links.empty()) {
     if (auto partner = net::ee::resolve_partner(config.network.links.front().partner,
                                                 config.network.local_address)) {
@@ -125,15 +126,21 @@ std::unique_ptr<EeNetwork> EeNetwork::open(const config::NodeConfig &config,
       });
   net::hpr::RtpNodeListener &listener = *network;
   network->rtp_ = std::make_unique<net::hpr::RtpNode>(
-      net::hpr::RtpNodeConfig{settings.cp_name, net::hpr::RtpConfig{}, random_instance()}, clock,
-      listener);
+      net::hpr::RtpNodeConfig{settings.cp_name, net::hpr::RtpConfig{}, random_instance(),
+                              std::chrono::seconds(settings.idle_connection_seconds)},
+      clock, listener);
   network->transport_ = std::make_unique<net::hpr::RtpBiuTransport>(*network->rtp_);
   for (const config::PartnerLu &lu : config.partner_lus) {
     if (lu.owning_cp.empty()) continue;
     network->cp_of_lu_[lu.lu_name] = lu.owning_cp;
     if (!lu.alias.empty()) network->cp_of_lu_[lu.alias] = lu.owning_cp;
-    network->transport_->route(lu.lu_name, lu.owning_cp, kSessionPriority);
+    network->transport_->route(lu.lu_name, lu.owning_cp);
   }
+  const auto set_class = [&](const std::string &mode, config::ClassOfService cos) {
+    network->transport_->set_class(mode, std::string(cos.name), Priority(cos.priority));
+  };
+  for (const config::Mode &mode : config.modes) set_class(mode.name, class_of_service(mode));
+  for (const char *mode : kServiceModes) set_class(mode, config::default_class_of_service(mode));
   const auto now = clock.now();
   for (const config::LinkConfig &link_config : settings.links) {
     auto link = std::make_unique<Link>(*network, link_config);
@@ -200,8 +207,8 @@ std::optional<std::chrono::steady_clock::time_point> EeNetwork::next_deadline() 
   return next;
 }
 
-void EeNetwork::send_biu(std::string_view partner_lu, net::ByteSpan biu) {
-  transport_->send_biu(partner_lu, biu);
+void EeNetwork::send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu) {
+  transport_->send_biu(partner_lu, mode, biu);
 }
 
 bool EeNetwork::reachable(const std::string &partner_lu) {
@@ -372,12 +379,13 @@ void EeNetwork::add_status(Table &table) const {
     row.add("tg_number", uint64_t{active ? station->negotiated().tg_number : 0u})
         .add("max_btu", uint64_t{active ? station->negotiated().max_btu : 0u});
     links.rows.push_back(std::move(row));
-    for (uint8_t p = 0; p <= static_cast<uint8_t>(net::Priority::kNetwork); ++p) {
-      const auto *connection = rtp_->connection(link->config.cp_name, net::Priority{p});
-      if (connection == nullptr) continue;
+    for (const auto &[cos, connection] : rtp_->sending_to(link->config.cp_name)) {
+      const auto priority = static_cast<config::TransmissionPriority>(connection->priority());
       Row c;
       c.add("cp_name", link->config.cp_name)
-          .add("priority", uint64_t{p})
+          .add("priority", uint64_t{static_cast<uint8_t>(priority)})
+          .add("priority_name", std::string(config::priority_name(priority)))
+          .add("cos", std::string(cos))
           .add("state", std::string(connection_state(connection->state())))
           .add("rate_bytes_per_s", uint64_t{connection->rate()})
           .add("bytes_acknowledged", connection->bytes_acknowledged())

@@ -55,7 +55,8 @@ class EeNetwork : private net::hpr::RtpNodeListener {
   void flush() { endpoint_->flush(); }
   std::optional<std::chrono::steady_clock::time_point> next_deadline() const;
 
-  void send_biu(std::string_view partner_lu, net::ByteSpan biu);
+  // A unit of a session on `mode`: on the connection of the mode's class.
+  void send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu);
   // Whether a new session with `partner_lu` may be tried now: its link is
   // active or activating, or it is a "demand" link, which this starts
   // activating.  A link the operator stopped reaches nobody.

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "config/class_of_service.h"
 #include "daemon/log_text.h"
 #include "engine/ebcdic.h"
 #include "engine/security.h"
@@ -298,9 +299,9 @@ uint32_t NetworkNode::hand_to_tp(const client::AllocateRequest &request,
   return refusal;
 }
 
-void NetworkNode::send_biu(std::string_view partner_lu, net::ByteSpan biu) {
+void NetworkNode::send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu) {
   if (ee_) {
-    ee_->send_biu(partner_lu, biu);
+    ee_->send_biu(partner_lu, mode, biu);
     return;
   }
   if (!link_up_) return;
@@ -408,6 +409,7 @@ Table NetworkNode::status_sections() const {
       Row row;
       row.add("partner_lu", lu.lu_name)
           .add("mode", mode.name)
+          .add("cos", std::string(config::class_of_service(mode).name))
           .add("bound", bound)
           .add("in_use", in_use)
           .add("contention_winners", won)

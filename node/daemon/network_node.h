@@ -71,7 +71,7 @@ class NetworkNode : public net::lu62::BiuTransport,
 
  private:
   // BiuTransport
-  void send_biu(std::string_view partner_lu, net::ByteSpan biu) override;
+  void send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu) override;
   // Clock
   time_point now() const override { return std::chrono::steady_clock::now(); }
   // IncomingConversations

@@ -126,10 +126,12 @@ struct Received : RtpNodeListener {
 
 // Node A ("NETA.CPA", side 0) and node B ("NETB.CPB", side 1) over one pipe.
 struct TwoNodes {
-  explicit TwoNodes(const RtpConfig &rtp, uint32_t seed = 1, size_t max_nlp = 1461)
+  // `idle_close`: each node's (see RtpNodeConfig).
+  explicit TwoNodes(const RtpConfig &rtp, uint32_t seed = 1, size_t max_nlp = 1461,
+                    RtpDuration idle_close = {})
       : pipe(clock, seed, max_nlp),
-        a({"NETA.CPA", rtp, 0xA}, clock, seen_a),
-        b({"NETB.CPB", rtp, 0xB}, clock, seen_b) {
+        a({"NETA.CPA", rtp, 0xA, idle_close}, clock, seen_a),
+        b({"NETB.CPB", rtp, 0xB, idle_close}, clock, seen_b) {
     seen_a.clock = seen_b.clock = &clock;
     pipe.connect(0, a.add_link("NETB.CPB", pipe.link(0), {0x80, 0x01}));
     pipe.connect(1, b.add_link("NETA.CPA", pipe.link(1), {0x80, 0x02}));

@@ -55,9 +55,10 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
 
   // The session layer's transport routes by partner LU; unknown LUs go nowhere.
   RtpBiuTransport transport(n.a);
-  transport.route("NETB.LUB", "NETB.CPB", Priority::kHigh);
-  transport.send_biu("NETB.LUB", make_biu(5, 40));
-  transport.send_biu("NETB.NOBODY", make_biu(6, 40));
+  transport.route("NETB.LUB", "NETB.CPB");
+  transport.set_class("#INTER", "#INTER", Priority::kHigh);
+  transport.send_biu("NETB.LUB", "#INTER", make_biu(5, 40));
+  transport.send_biu("NETB.NOBODY", "#INTER", make_biu(6, 40));
   ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 2; }, 1s));
   n.run_until([] { return false; }, 100ms);
   EXPECT_EQ(n.seen_b.bius.back(), make_biu(5, 40));

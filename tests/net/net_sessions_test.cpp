@@ -71,7 +71,7 @@ struct Node : BiuTransport, IncomingConversations {
                  std::move(modes),
                  std::chrono::seconds(30)},
                 *this, clock, *this) {}
-  void send_biu(std::string_view, ByteSpan biu) override {
+  void send_biu(std::string_view, std::string_view, ByteSpan biu) override {
     pipe.to[1 - side].emplace_back(biu.begin(), biu.end());
     pipe.log.emplace_back(side, Bytes(biu.begin(), biu.end()));
   }

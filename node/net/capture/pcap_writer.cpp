@@ -36,15 +36,15 @@ uint16_t fold(uint32_t sum) {
   return static_cast<uint16_t>(~sum);
 }
 
-// IP precedence by traffic type: X'C0' for LLC commands and network priority,
-// X'80' high, X'40' medium, X'20' low.
-uint8_t tos_of(uint16_t port) {
-  switch (port) {
-    case 12002:
+// IP precedence by traffic type (the port's place from the base): X'C0' for
+// LLC commands and network priority, X'80' high, X'40' medium, X'20' low.
+uint8_t tos_of(uint16_t port, uint16_t base) {
+  switch (port - base) {
+    case 2:
       return 0x80;
-    case 12003:
+    case 3:
       return 0x40;
-    case 12004:
+    case 4:
       return 0x20;
     default:
       return 0xC0;
@@ -142,7 +142,7 @@ bool CaptureWriter::write_datagram(CaptureDirection direction, uint16_t port, By
   packet.reserve(total);
   ByteWriter w(packet);
   w.u8(0x45);
-  w.u8(tos_of(port));
+  w.u8(tos_of(port, endpoints_.port_base));
   w.u16(total);
   w.u16(++ip_id_);
   w.u16(0);  // fragmentation allowed, as EE asks

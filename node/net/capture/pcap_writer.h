@@ -32,6 +32,9 @@ enum class CaptureDirection : uint8_t { kSent, kReceived };
 struct CaptureEndpoints {
   std::array<uint8_t, 4> local_address{127, 0, 0, 2};
   std::array<uint8_t, 4> remote_address{127, 0, 0, 3};
+  // The first of the node's five ports: a datagram's precedence follows its
+  // port's place among them.
+  uint16_t port_base = 12000;
 };
 
 // How write_biu wraps a BIU when no HPR layer built the packet around it: one

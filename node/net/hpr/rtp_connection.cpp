@@ -17,6 +17,20 @@ void append_padded_cv(uint8_t key, ByteSpan body, Bytes &out) {
   while ((out.size() - start) % 4) out.push_back(0);
 }
 
+// The class name of the COS/TPF vector among a setup's control vectors (each
+// padded to a word; R1 layout: key, priority byte, name); empty if none.
+std::string cos_name_of(ByteSpan cvs) {
+  for (size_t at = 0; at + 2 <= cvs.size() && cvs[at] >= 2;) {
+    const size_t length = cvs[at];
+    if (at + length > cvs.size()) break;
+    if (cvs[at + 1] == decision::kCvCosTpf && length > 3) {
+      return name_from_ebcdic(cvs.subspan(at + 3, length - 3)).value_or("");
+    }
+    at += (length + 3) / 4 * 4;
+  }
+  return {};
+}
+
 constexpr size_t kMaxRequests = 8;
 
 uint32_t seconds_rounded_up(RtpDuration d) {
@@ -37,6 +51,7 @@ std::optional<RtpSetupOffer> read_setup(const Thdr &thdr) {
     if (segment.type == kSegmentConnectionSetup) {
       auto setup = decode_connection_setup(segment);
       if (!setup || !setup->reliable) return std::nullopt;
+      offer.cos_name = cos_name_of(setup->control_vectors);
       have_setup = true;
     } else if (segment.type == kSegmentSwitchingInformation) {
       auto info = decode_switching_information(segment);
@@ -99,7 +114,9 @@ Thdr RtpConnection::base_thdr() const {
 void RtpConnection::add_setup_segments(Bytes &options) const {
   ConnectionSetup setup;
   Bytes cos = {static_cast<uint8_t>(endpoint_.priority)};
-  const auto name = ebcdic_from_name(decision::cos_name(endpoint_.priority));
+  const auto name =
+      ebcdic_from_name(endpoint_.cos_name.empty() ? decision::cos_name(endpoint_.priority)
+                                                  : std::string_view(endpoint_.cos_name));
   if (name) cos.insert(cos.end(), name->begin(), name->end());
   append_padded_cv(decision::kCvCosTpf, cos, setup.control_vectors);
   append_connection_setup(setup, options);

@@ -36,7 +36,8 @@ enum class RtpState : uint8_t { kSettingUp, kConnected, kClosed, kFailed };
 struct RtpEndpoint {
   std::string local_cp;  // NETID.CPNAME, named in the setup
   Priority priority = Priority::kHigh;
-  Bytes anr_labels;  // the NHDR's labels towards the partner's endpoint
+  Bytes anr_labels;      // the NHDR's labels towards the partner's endpoint
+  std::string cos_name;  // the class of service the setup names; empty: the priority's usual one
 };
 
 // What a received setup NLP said.
@@ -45,6 +46,7 @@ struct RtpSetupOffer {
   uint32_t max_packet_size = 0;  // 0: not given
   uint32_t window = 0;           // 0: not given
   uint32_t alive_seconds = 0;
+  std::string cos_name;  // from the COS/TPF vector; empty: none given
 };
 // The setup segments of a SETUPI NLP; nullopt when they are missing or do not
 // decode (the NLP is then dropped).

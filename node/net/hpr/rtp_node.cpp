@@ -9,6 +9,10 @@ namespace {
 constexpr size_t kEndedSetupsKept = 4096;
 }  // namespace
 
+ServiceClass usual_class(Priority priority) {
+  return {decision::cos_name(priority), priority};
+}
+
 struct RtpNode::Port : ee::NlpReceiver {
   Port(RtpNode &n, std::string cp, ee::NlpLink &l, Bytes labels)
       : node(n), partner_cp(std::move(cp)), link(l), anr_labels(std::move(labels)) {}
@@ -65,32 +69,38 @@ Tcid RtpNode::next_tcid() {
   return tcid;
 }
 
-RtpConnection::MessageHandler RtpNode::deliver_to(Port &port) {
-  return [this, &port](ByteSpan message) { listener_.on_biu(port.partner_cp, message); };
+// The entry owns the connection, so the handler never outlives it.
+RtpConnection::MessageHandler RtpNode::deliver_to(Entry &entry) {
+  return [this, &entry](ByteSpan message) {
+    entry.last_biu = clock_.now();
+    listener_.on_biu(entry.port->partner_cp, message);
+  };
 }
 
-RtpNode::Entry *RtpNode::open(Port &port, Priority priority) {
+RtpNode::Entry *RtpNode::open(Port &port, ServiceClass cos) {
   auto entry = std::make_unique<Entry>();
   entry->port = &port;
   entry->connection = std::make_unique<RtpConnection>(
-      config_.rtp, RtpEndpoint{config_.cp_name, priority, port.anr_labels}, port.link, next_tcid(),
-      deliver_to(port), clock_.now());
+      config_.rtp,
+      RtpEndpoint{config_.cp_name, cos.priority, port.anr_labels, std::string(cos.name)}, port.link,
+      next_tcid(), deliver_to(*entry), clock_.now());
   Entry *raw = entry.get();
   by_local_tcid_[raw->connection->local_tcid()] = raw;
-  senders_[{&port, priority}] = raw;
+  senders_[{&port, std::string(cos.name)}] = raw;
   connections_.push_back(std::move(entry));
   return raw;
 }
 
-bool RtpNode::send_biu(std::string_view partner_cp, Priority priority, ByteSpan biu) {
+bool RtpNode::send_biu(std::string_view partner_cp, ServiceClass cos, ByteSpan biu) {
   Port *port = find_port(partner_cp);
   if (!port) return false;
   ++depth_;
-  auto sender = senders_.find({port, priority});
+  auto sender = senders_.find({port, std::string(cos.name)});
   Entry *entry = sender != senders_.end() && !sender->second->connection->ended()
                      ? sender->second
-                     : open(*port, priority);
-  entry->connection->send_message(biu, clock_.now());
+                     : open(*port, cos);
+  entry->last_biu = clock_.now();
+  entry->connection->send_message(biu, entry->last_biu);
   --depth_;
   reap();
   return true;
@@ -110,18 +120,24 @@ void RtpNode::on_nlp(Port &port, ByteSpan bytes) {
     } else if (ended_setups_.contains({&port, t.tcid})) {
       // A late copy of the setup of a connection that has ended.
     } else if (auto offer = read_setup(t)) {
+      // A setup that names no class is taken for the usual one of its
+      // priority.
+      const std::string cos = offer->cos_name.empty()
+                                  ? std::string(usual_class(nlp->nhdr.priority).name)
+                                  : offer->cos_name;
       auto created = std::make_unique<Entry>();
       created->port = &port;
       created->setup_key = t.tcid;
+      created->last_biu = clock_.now();
       created->connection = std::make_unique<RtpConnection>(
-          config_.rtp, RtpEndpoint{config_.cp_name, nlp->nhdr.priority, port.anr_labels}, port.link,
-          next_tcid(), *offer, deliver_to(port), clock_.now());
+          config_.rtp, RtpEndpoint{config_.cp_name, nlp->nhdr.priority, port.anr_labels, cos},
+          port.link, next_tcid(), *offer, deliver_to(*created), clock_.now());
       entry = created.get();
       by_local_tcid_[entry->connection->local_tcid()] = entry;
       by_setup_key_[{&port, t.tcid}] = entry;
-      // The partner's connection also serves this node's sends at that
-      // priority, unless this node has one of its own.
-      senders_.try_emplace({&port, nlp->nhdr.priority}, entry);
+      // The partner's connection also serves this node's sends in that
+      // class, unless this node has one of its own.
+      senders_.try_emplace({&port, cos}, entry);
       connections_.push_back(std::move(created));
     }
   } else {
@@ -142,23 +158,37 @@ void RtpNode::on_link_inactive(Port &port, std::string_view why) {
   reap();
 }
 
-void RtpNode::close(std::string_view partner_cp, Priority priority) {
-  for (auto &[key, entry] : senders_) {
-    if (key.first->partner_cp == partner_cp && key.second == priority) {
-      ++depth_;
-      entry->connection->close(clock_.now());
-      --depth_;
-      break;
-    }
+void RtpNode::close(std::string_view partner_cp, std::string_view cos_name) {
+  Port *port = find_port(partner_cp);
+  auto sender = port ? senders_.find({port, std::string(cos_name)}) : senders_.end();
+  if (sender != senders_.end()) {
+    ++depth_;
+    start_close(*sender->second);
+    --depth_;
   }
   reap();
+}
+
+// A closing connection takes no more BIUs: it leaves the senders, so the
+// next BIU for its class opens a new one.
+void RtpNode::start_close(Entry &entry) {
+  entry.closing = true;
+  std::erase_if(senders_, [&](const auto &kv) { return kv.second == &entry; });
+  entry.connection->close(clock_.now());
+}
+
+bool RtpNode::idle_closable(const Entry &entry) const {
+  return config_.idle_close > RtpDuration::zero() && !entry.closing &&
+         entry.connection->state() == RtpState::kConnected;
 }
 
 void RtpNode::on_timer() {
   ++depth_;
   const RtpTime now = clock_.now();
   for (size_t i = 0; i < connections_.size(); ++i) {
-    RtpConnection &c = *connections_[i]->connection;
+    Entry &entry = *connections_[i];
+    if (idle_closable(entry) && entry.last_biu + config_.idle_close <= now) start_close(entry);
+    RtpConnection &c = *entry.connection;
     if (auto due = c.next_deadline(); due && *due <= now) c.on_timer(now);
   }
   --depth_;
@@ -167,10 +197,10 @@ void RtpNode::on_timer() {
 
 std::optional<RtpTime> RtpNode::next_deadline() const {
   std::optional<RtpTime> earliest;
+  const auto consider = [&](RtpTime due) { earliest = earliest ? std::min(*earliest, due) : due; };
   for (const auto &entry : connections_) {
-    if (auto due = entry->connection->next_deadline()) {
-      earliest = earliest ? std::min(*earliest, *due) : *due;
-    }
+    if (auto due = entry->connection->next_deadline()) consider(*due);
+    if (idle_closable(*entry)) consider(entry->last_biu + config_.idle_close);
   }
   return earliest;
 }
@@ -181,13 +211,24 @@ std::vector<const RtpConnection *> RtpNode::connections() const {
   return all;
 }
 
-const RtpConnection *RtpNode::connection(std::string_view partner_cp, Priority priority) const {
+const RtpConnection *RtpNode::connection(std::string_view partner_cp,
+                                         std::string_view cos_name) const {
+  Port *port = find_port(partner_cp);
+  auto sender = port ? senders_.find({port, std::string(cos_name)}) : senders_.end();
+  return sender != senders_.end() ? sender->second->connection.get() : nullptr;
+}
+
+std::vector<std::pair<std::string_view, const RtpConnection *>> RtpNode::sending_to(
+    std::string_view partner_cp) const {
+  std::vector<std::pair<std::string_view, const RtpConnection *>> found;
   for (const auto &[key, entry] : senders_) {
-    if (key.first->partner_cp == partner_cp && key.second == priority) {
-      return entry->connection.get();
-    }
+    if (key.first->partner_cp == partner_cp)
+      found.emplace_back(key.second, entry->connection.get());
   }
-  return nullptr;
+  std::stable_sort(found.begin(), found.end(), [](const auto &x, const auto &y) {
+    return x.second->priority() > y.second->priority();
+  });
+  return found;
 }
 
 void RtpNode::reap() {
@@ -223,13 +264,22 @@ void RtpNode::reap() {
   }
 }
 
-void RtpBiuTransport::route(std::string partner_lu, std::string partner_cp, Priority priority) {
-  routes_[std::move(partner_lu)] = {std::move(partner_cp), priority};
+void RtpBiuTransport::route(std::string partner_lu, std::string partner_cp) {
+  routes_[std::move(partner_lu)] = std::move(partner_cp);
 }
 
-void RtpBiuTransport::send_biu(std::string_view partner_lu, ByteSpan biu) {
+void RtpBiuTransport::set_class(std::string mode, std::string cos_name, Priority priority) {
+  classes_[std::move(mode)] = {std::move(cos_name), priority};
+}
+
+void RtpBiuTransport::send_biu(std::string_view partner_lu, std::string_view mode, ByteSpan biu) {
   auto route = routes_.find(partner_lu);
-  if (route != routes_.end()) (void)node_.send_biu(route->second.first, route->second.second, biu);
+  if (route == routes_.end()) return;
+  auto cos = classes_.find(mode);
+  (void)node_.send_biu(route->second,
+                       cos != classes_.end() ? ServiceClass{cos->second.first, cos->second.second}
+                                             : usual_class(Priority::kMedium),
+                       biu);
 }
 
 }  // namespace snanode::net::hpr

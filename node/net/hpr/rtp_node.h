@@ -1,9 +1,10 @@
 // The node's RTP endpoint: its connections to adjacent nodes, one per
-// (partner node, transmission priority) for what this node sends, opened on
-// the first BIU and opened again after a failure; NLPs arriving on a link are
-// routed to their connection by TCID, and a setup NLP from a partner opens a
-// new one.  Every connection carries whole BIUs of any number of LU-LU
-// sessions (FID5 TH in front, so the session layer above tells them apart).
+// (partner node, class of service) for what this node sends, opened on the
+// first BIU and opened again after a failure or an idle close; NLPs arriving
+// on a link are routed to their connection by TCID, and a setup NLP from a
+// partner opens a new one.  Every connection carries whole BIUs of any number
+// of LU-LU sessions (FID5 TH in front, so the session layer above tells them
+// apart) at the transmission priority of its class.
 //
 // Nothing blocks: the daemon's loop hands it NLPs through the receiver each
 // link is given, calls on_timer() at next_deadline(), and gets BIUs and
@@ -42,7 +43,19 @@ struct RtpNodeConfig {
   // Makes this node instance's TCIDs differ from an earlier one's (the
   // daemon passes something random).
   uint32_t tcid_instance = 1;
+  // A connection no BIU has crossed (either way) for this long is closed
+  // normally; zero: never.
+  RtpDuration idle_close{0};
 };
+
+// The class of service a connection carries: the name its setup gives and the
+// transmission priority of its NLPs.
+struct ServiceClass {
+  std::string_view name;
+  Priority priority = Priority::kHigh;
+};
+// The class a bare priority stands for (its usual name).
+ServiceClass usual_class(Priority priority);
 
 class RtpNode {
  public:
@@ -59,22 +72,36 @@ class RtpNode {
   // this node's callbacks.
   void remove_link(std::string_view partner_cp);
 
-  // Sends one BIU on the connection to `partner_cp` at `priority`, opening
-  // it if there is none.  False when no link reaches the partner.
-  bool send_biu(std::string_view partner_cp, Priority priority, ByteSpan biu);
+  // Sends one BIU on the connection to `partner_cp` for `cos`, opening it if
+  // there is none.  False when no link reaches the partner.
+  bool send_biu(std::string_view partner_cp, ServiceClass cos, ByteSpan biu);
+  bool send_biu(std::string_view partner_cp, Priority priority, ByteSpan biu) {
+    return send_biu(partner_cp, usual_class(priority), biu);
+  }
 
-  // Ends the connection this node sends on to `partner_cp` at `priority`
+  // Ends the connection this node sends on to `partner_cp` for `cos_name`
   // once what is queued on it is acknowledged (the partner sees the last
-  // message indicator); the listener hears of it with sense 0.
-  void close(std::string_view partner_cp, Priority priority);
+  // message indicator); the listener hears of it with sense 0.  The next BIU
+  // for that class opens a new one.
+  void close(std::string_view partner_cp, std::string_view cos_name);
+  void close(std::string_view partner_cp, Priority priority) {
+    close(partner_cp, usual_class(priority).name);
+  }
 
   void on_timer();
   std::optional<RtpTime> next_deadline() const;
 
   size_t connection_count() const { return connections_.size(); }
   std::vector<const RtpConnection *> connections() const;
-  // The connection this node sends on to `partner_cp` at `priority`, if any.
-  const RtpConnection *connection(std::string_view partner_cp, Priority priority) const;
+  // The connection this node sends on to `partner_cp` for `cos_name`, if any.
+  const RtpConnection *connection(std::string_view partner_cp, std::string_view cos_name) const;
+  const RtpConnection *connection(std::string_view partner_cp, Priority priority) const {
+    return connection(partner_cp, usual_class(priority).name);
+  }
+  // The connections this node sends on to `partner_cp`, with their class
+  // names, highest priority first.
+  std::vector<std::pair<std::string_view, const RtpConnection *>> sending_to(
+      std::string_view partner_cp) const;
 
  private:
   struct Port;
@@ -82,14 +109,19 @@ class RtpNode {
     Port *port = nullptr;
     std::unique_ptr<RtpConnection> connection;
     std::optional<Tcid> setup_key;  // the partner's TCID, for a connection it set up
+    RtpTime last_biu{};             // the last BIU sent or delivered on it
+    bool closing = false;           // closed by this node, ending once acknowledged
   };
+  using SenderKey = std::pair<Port *, std::string>;
 
   void on_nlp(Port &port, ByteSpan bytes);
   void on_link_inactive(Port &port, std::string_view why);
   Port *find_port(std::string_view partner_cp) const;
-  Entry *open(Port &port, Priority priority);
+  Entry *open(Port &port, ServiceClass cos);
+  void start_close(Entry &entry);
+  bool idle_closable(const Entry &entry) const;
   Tcid next_tcid();
-  RtpConnection::MessageHandler deliver_to(Port &port);
+  RtpConnection::MessageHandler deliver_to(Entry &entry);
   // Removes ended connections and tells the listener; only at the outermost
   // call, never under a connection's own frame.
   void reap();
@@ -101,7 +133,8 @@ class RtpNode {
   std::vector<std::unique_ptr<Entry>> connections_;
   std::map<Tcid, Entry *> by_local_tcid_;
   std::map<std::pair<Port *, Tcid>, Entry *> by_setup_key_;
-  std::map<std::pair<Port *, Priority>, Entry *> senders_;
+  // What this node sends on, by partner and class name.
+  std::map<SenderKey, Entry *> senders_;
   // Setup keys of connections that ended: a late copy of their setup NLP
   // must not open a connection again (the partner never reuses a TCID).
   std::set<std::pair<Port *, Tcid>> ended_setups_;
@@ -111,16 +144,19 @@ class RtpNode {
 };
 
 // The session layer's BiuTransport over an RtpNode: each partner LU is routed
-// to the node that owns it, at the priority of its mode.
+// to the node that owns it, on the connection of its mode's class of service
+// (#CONNECT at medium priority for a mode given none).
 class RtpBiuTransport : public lu62::BiuTransport {
  public:
   explicit RtpBiuTransport(RtpNode &node) : node_(node) {}
-  void route(std::string partner_lu, std::string partner_cp, Priority priority);
-  void send_biu(std::string_view partner_lu, ByteSpan biu) override;
+  void route(std::string partner_lu, std::string partner_cp);
+  void set_class(std::string mode, std::string cos_name, Priority priority);
+  void send_biu(std::string_view partner_lu, std::string_view mode, ByteSpan biu) override;
 
  private:
   RtpNode &node_;
-  std::map<std::string, std::pair<std::string, Priority>, std::less<>> routes_;
+  std::map<std::string, std::string, std::less<>> routes_;  // partner LU -> CP
+  std::map<std::string, std::pair<std::string, Priority>, std::less<>> classes_;  // by mode
 };
 
 }  // namespace snanode::net::hpr

@@ -191,7 +191,7 @@ bool SessionManager::bind_new(const Key &key) {
   Bytes biu;
   encode_biu(Fid5Th{.expedited = true, .snf = 1, .session_address = address}, rh, ru, biu);
   pending_binds_[address] = {key, std::move(bind)};
-  transport_.send_biu(key.first, biu);
+  transport_.send_biu(key.first, key.second, biu);
   return true;
 }
 
@@ -212,7 +212,7 @@ void SessionManager::refuse_bind(const std::string &to, const BiuView &unit, uin
   encode_biu(
       Fid5Th{.expedited = true, .snf = unit.th.snf, .session_address = unit.th.session_address},
       response_rh(unit.rh, true), ru, biu);
-  transport_.send_biu(to, biu);
+  transport_.send_biu(to, {}, biu);
 }
 
 void SessionManager::on_bind(const std::string &from, const BiuView &unit) {
@@ -239,7 +239,7 @@ void SessionManager::on_bind(const std::string &from, const BiuView &unit) {
   Bytes biu;
   encode_biu(Fid5Th{.expedited = true, .snf = unit.th.snf, .session_address = address},
              response_rh(unit.rh, false), ru, biu);
-  transport_.send_biu(*partner, biu);
+  transport_.send_biu(*partner, mode, biu);
   add_session(address, key, params_from_bind(image.value(), false));
   serve(key);
 }
@@ -371,7 +371,7 @@ size_t SessionManager::queued_allocations(const std::string &partner,
 }
 
 void SessionManager::transmit(Session &session, ByteSpan biu) {
-  transport_.send_biu(session.partner(), biu);
+  transport_.send_biu(session.partner(), session.mode(), biu);
 }
 
 void SessionManager::on_bracket_free(Session &session) {

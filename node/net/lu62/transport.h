@@ -10,12 +10,14 @@
 
 namespace snanode::net::lu62 {
 
-// Sends one whole BIU (TH + RH + RU).  The daemon routes it by partner LU onto
-// the connection that reaches it; the session layer never sees that route.
+// Sends one whole BIU (TH + RH + RU) of a session on `mode` (empty when the
+// unit answers a BIND for a mode not known here).  The daemon routes it by
+// partner LU and by the mode's class of service onto the connection that
+// reaches it; the session layer never sees that route.
 class BiuTransport {
  public:
   virtual ~BiuTransport() = default;
-  virtual void send_biu(std::string_view partner_lu, ByteSpan biu) = 0;
+  virtual void send_biu(std::string_view partner_lu, std::string_view mode, ByteSpan biu) = 0;
 };
 
 class Clock {
