@@ -36,7 +36,7 @@ struct Side : BiuTransport, IncomingConversations {
                  {ModeConfig{kMode, 1024, 1024, 7, 7, limit, uint16_t(side == 0 ? limit : 0)}},
                  std::chrono::seconds(30)},
                 *this, clock, *this) {}
-  void send_biu(std::string_view, ByteSpan biu) override {
+  void send_biu(std::string_view, std::string_view, ByteSpan biu) override {
     out.emplace_back(biu.begin(), biu.end());
   }
   void on_partner_bracket(Session &session) override { session.attach_user(&idle); }
