@@ -115,5 +115,28 @@ TEST(HprClasses, AnIdleConnectionClosesAndTheNextUnitOpensAnother) {
   EXPECT_TRUE(n.b.connection("NETA.CPA", "#INTER")->initiator());
 }
 
+// A close crossing the partner's units: B's unit, lost once, and the one B
+// sends after hearing of the close still reach A, in order, before both
+// ends close; what comes next opens a new connection.
+TEST(HprClasses, ACloseCrossingThePartnersUnitsLosesNone) {
+  TwoNodes n(test_config());
+  const ServiceClass inter{"#INTER", Priority::kHigh};
+  ASSERT_TRUE(n.a.send_biu("NETB.CPB", inter, make_biu(1, 100)));
+  ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 1; }, 1s));
+  n.run_until([] { return false; }, 100ms);
+  n.a.close("NETB.CPB", "#INTER");
+  n.pipe.impairment(1).silent = true;
+  ASSERT_TRUE(n.b.send_biu("NETA.CPA", inter, make_biu(2, 100)));
+  n.pipe.impairment(1).silent = false;
+  n.run_until([] { return false; }, 3ms);  // A's indicator has reached B
+  ASSERT_TRUE(n.b.send_biu("NETA.CPA", inter, make_biu(3, 100)));
+  ASSERT_TRUE(n.run_until([&] { return n.seen_a.ended.size() + n.seen_b.ended.size() == 2; }, 5s));
+  EXPECT_EQ(n.seen_a.ended[0].first | n.seen_b.ended[0].first, 0u);
+  EXPECT_EQ(n.seen_a.bius, (std::vector<Bytes>{make_biu(2, 100), make_biu(3, 100)}));
+  ASSERT_TRUE(n.b.send_biu("NETA.CPA", inter, make_biu(4, 100)));
+  ASSERT_TRUE(n.run_until([&] { return n.seen_a.bius.size() == 3; }, 1s));
+  EXPECT_EQ(n.seen_a.bius.back(), make_biu(4, 100));
+}
+
 }  // namespace
 }  // namespace snanode::net::hpr

@@ -294,7 +294,7 @@ void RtpConnection::pump(RtpTime now) {
                  again || requests_.empty() || bytes_since_request_ + size >= config_.status_every,
                  now);
   }
-  finish_close_if_done();
+  finish_close_if_done(now);
 }
 
 void RtpConnection::send_message(ByteSpan message, RtpTime now) {
@@ -309,13 +309,27 @@ void RtpConnection::close(RtpTime now) {
   pump(now);
 }
 
-void RtpConnection::finish_close_if_done() {
-  if (!closing_ || !send_.all_acknowledged() || ended()) return;
+// A close takes both sides' last message indicators, each sent once all that
+// side sent is acknowledged: the side that closes first keeps receiving (and
+// acknowledging) what the partner sent before it heard of the close, and the
+// partner goes on sending on the connection until its data is through, so no
+// BIU is left behind on a connection that ended.
+void RtpConnection::finish_close_if_done(RtpTime now) {
+  if (ended() || last_message_sent_ || !send_.all_acknowledged()) return;
+  const bool partner_done = partner_closed();
+  if (!closing_ && !partner_done) return;
+  send_last_message(now);
+  last_message_sent_ = true;
+  last_message_wait_ = request_timeout();
+  if (partner_done) state_ = RtpState::kClosed;
+}
+
+void RtpConnection::send_last_message(RtpTime now) {
   Thdr t = base_thdr();
   t.last_message = true;
   t.bsn = static_cast<uint32_t>(send_.sent_end());
   transmit(t, {});
-  state_ = RtpState::kClosed;
+  last_message_at_ = now;
 }
 
 void RtpConnection::fail(uint32_t sense, std::string why) {
@@ -425,10 +439,14 @@ void RtpConnection::on_nlp(const NlpView &nlp, RtpTime now) {
   if (status && requests_.empty() && send_.in_flight() > 0 && !ended()) send_probe(now);
 }
 
+bool RtpConnection::partner_closed() const {
+  return partner_last_message_at_ && receive_.next() >= *partner_last_message_at_;
+}
+
+// The partner's indicator after ours ends the connection; before ours, pump()
+// sends ours once our data is acknowledged.
 void RtpConnection::check_partner_close() {
-  if (partner_last_message_at_ && receive_.next() >= *partner_last_message_at_ && !ended()) {
-    state_ = RtpState::kClosed;
-  }
+  if (partner_closed() && last_message_sent_ && !ended()) state_ = RtpState::kClosed;
 }
 
 // The status timer, short enough that a silent partner is asked at least
@@ -442,8 +460,19 @@ RtpDuration RtpConnection::request_timeout() const {
 void RtpConnection::on_timer(RtpTime now) {
   if (ended()) return;
   if (now - last_heard_ >= config_.failure_bound()) {
-    fail(decision::kSensePathFailure, "the partner stopped answering");
+    // After our indicator everything we sent was acknowledged, and a partner
+    // that sent its own has ended (that copy was lost): nothing is left here.
+    if (last_message_sent_) {
+      state_ = RtpState::kClosed;
+    } else {
+      fail(decision::kSensePathFailure, "the partner stopped answering");
+    }
     return;
+  }
+  if (last_message_sent_ && now - last_message_at_ >= last_message_wait_) {
+    // Our indicator, or the partner's answer to it, may have been lost.
+    send_last_message(now);
+    last_message_wait_ = std::min<RtpDuration>(last_message_wait_ * 2, config_.alive_timer);
   }
   if (!requests_.empty() && now - requests_.front().sent >= request_timeout()) {
     // Unanswered: the request or its reply was lost, or the partner is gone.
@@ -470,6 +499,7 @@ std::optional<RtpTime> RtpConnection::next_deadline() const {
     at = std::min(at, last_heard_ + config_.alive_timer);
   }
   if (pace_at_) at = std::min(at, *pace_at_);
+  if (last_message_sent_) at = std::min(at, last_message_at_ + last_message_wait_);
   return at;
 }
 

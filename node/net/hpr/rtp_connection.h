@@ -79,7 +79,9 @@ class RtpConnection {
   void on_timer(RtpTime now);
   std::optional<RtpTime> next_deadline() const;
   // Sends what is queued, then the last message indicator; the connection is
-  // closed once that is sent.
+  // closed once the partner has sent its own (after its data), or has been
+  // silent for the failure bound.  A partner's indicator makes this side send
+  // its own once its data is acknowledged; until then it still takes messages.
   void close(RtpTime now);
   // Ends the connection at once (the link went down, the owner gives up).
   void fail(uint32_t sense, std::string why);
@@ -117,7 +119,9 @@ class RtpConnection {
   void send_probe(RtpTime now);
   void send_status(std::optional<uint8_t> correlator, RtpTime now);
   void on_status(const StatusReport &status, const std::optional<Arb> &reply, RtpTime now);
-  void finish_close_if_done();
+  void finish_close_if_done(RtpTime now);
+  void send_last_message(RtpTime now);
+  bool partner_closed() const;
   RtpDuration request_timeout() const;
   void check_partner_close();
 
@@ -150,6 +154,9 @@ class RtpConnection {
   bool slowdown1_seen_ = false;
   bool slowdown2_seen_ = false;
   bool closing_ = false;
+  bool last_message_sent_ = false;
+  RtpTime last_message_at_{};
+  RtpDuration last_message_wait_{};
   std::optional<uint64_t> partner_last_message_at_;
 
   RtpStats stats_;
