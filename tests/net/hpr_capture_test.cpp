@@ -40,7 +40,7 @@ std::vector<Captured> exchange() {
   EXPECT_TRUE(n.run_until([&] { return n.seen_a.bius.size() == 1; }, 1s));
   n.run_until([] { return false; }, 100ms);
   n.a.close("NETB.CPB", Priority::kHigh);
-  EXPECT_TRUE(n.run_until([&] { return !n.seen_b.ended.empty(); }, 1s));
+  EXPECT_TRUE(n.run_until([&] { return !n.seen_a.ended.empty() && !n.seen_b.ended.empty(); }, 1s));
   return out;
 }
 
@@ -74,7 +74,7 @@ TEST(HprCapture, TsharkShowsTheSetupDataAndStatusNlpsAsSent) {
   std::string a_tcid, b_tcid;  // each side's own TCID, as tshark shows it
   uint64_t next_bsn[2] = {0, 0};
   bool in_message[2] = {false, false};
-  size_t data_nlps[2] = {0, 0}, statuses = 0, a_set_up = 0;
+  size_t data_nlps[2] = {0, 0}, statuses = 0, a_set_up = 0, lmis[2] = {0, 0};
   for (size_t i = 0; i < nlps.size(); ++i) {
     const std::vector<std::string> f = split(lines[i], '|');
     ASSERT_EQ(f.size(), 16u) << lines[i];
@@ -90,8 +90,15 @@ TEST(HprCapture, TsharkShowsTheSetupDataAndStatusNlpsAsSent) {
     EXPECT_EQ(f[5] + f[6], std::to_string(meant->thdr.status_requested) +
                                std::to_string(meant->thdr.optional_segments));
     EXPECT_EQ(dlf, meant->data.size());
-    // Only A's last NLP, closing the connection, carries LMI.
-    EXPECT_EQ(f[15], i + 1 == nlps.size() && from == 0 ? "1" : "0") << lines[i];
+    // LMI closes the connection: on data-less NLPs only, A's first (it
+    // closes), B's answer last.
+    if (f[15] == "1") {
+      EXPECT_EQ(dlf, 0u) << lines[i];
+      ++lmis[from];
+    }
+    if (i + 1 == nlps.size()) {
+      EXPECT_TRUE(from == 1 && f[15] == "1" && lmis[0] > 0) << lines[i];
+    }
     if (i == 0) {
       // A's first NLP sets the connection up, on A's own TCID.
       EXPECT_TRUE(setup);
