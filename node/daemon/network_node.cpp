@@ -253,12 +253,30 @@ void NetworkNode::own(const net::lu62::Session &session, RemoteConversation &con
 }
 
 void NetworkNode::on_unit(net::lu62::Session &session, bool sent, net::ByteSpan biu) {
+  const net::lu62::SessionUser *user = session.user();
+  if (!sent && user == nullptr) unowned_ = &session;
+  if (&session == unowned_) {
+    unowned_units_.emplace_back(sent, net::Bytes(biu.begin(), biu.end()));
+    return;
+  }
   auto found = unit_owners_.find(&session);
   if (found == unit_owners_.end()) return;
   // A session lent to another user meanwhile (CNOS) carries none of ours.
-  const net::lu62::SessionUser *user = session.user();
   if (user != nullptr && user != found->second.conversation) return;
   scoped_captures_.write(found->second.owner, sent, biu);
+}
+
+void NetworkNode::take_unit(const std::string &partner_lu, net::ByteSpan biu) {
+  manager_->on_unit_received(partner_lu, biu);
+  if (unowned_ == nullptr) return;
+  // The session may have ended meanwhile: its address only finds its owner.
+  if (auto found = unit_owners_.find(unowned_); found != unit_owners_.end()) {
+    for (const auto &[sent, unit] : unowned_units_) {
+      scoped_captures_.write(found->second.owner, sent, unit);
+    }
+  }
+  unowned_ = nullptr;
+  unowned_units_.clear();
 }
 
 uint32_t NetworkNode::attach(RemoteConversation &conversation, const Attach &attach,
@@ -381,7 +399,7 @@ void NetworkNode::on_ready() {
 }
 
 void NetworkNode::on_biu(const std::string &partner_lu, net::ByteSpan biu) {
-  manager_->on_unit_received(partner_lu, biu);
+  take_unit(partner_lu, biu);
 }
 
 void NetworkNode::on_path_lost(const std::string &partner_lu) {
@@ -502,7 +520,7 @@ void NetworkNode::read_link() {
     }
     const net::ByteSpan biu(buffer.data(), static_cast<size_t>(n));
     if (capturing_) capture_->write_biu(net::CaptureDirection::kReceived, biu, net::BiuFraming{});
-    manager_->on_unit_received(link_partner_, biu);
+    take_unit(link_partner_, biu);
   }
 }
 

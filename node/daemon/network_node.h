@@ -85,6 +85,9 @@ class NetworkNode : public net::lu62::BiuTransport,
   std::pair<bool, std::string> scoped_capture(bool on, const std::vector<std::string> &words);
   // The conversation now on `session` owns its units.
   void own(const net::lu62::Session &session, RemoteConversation &conversation, UnitOwner owner);
+  // A unit from the partner, to the session manager; then the units that
+  // waited for their owner go to the captures.
+  void take_unit(const std::string &partner_lu, net::ByteSpan biu);
   // EeNetworkEvents
   void on_biu(const std::string &partner_lu, net::ByteSpan biu) override;
   void on_path_lost(const std::string &partner_lu) override;
@@ -125,6 +128,12 @@ class NetworkNode : public net::lu62::BiuTransport,
   };
   std::unordered_map<const net::lu62::Session *, SessionOwner> unit_owners_;
   std::unordered_map<const RemoteConversation *, const net::lu62::Session *> owned_sessions_;
+  // A unit received on a session without a conversation begins the partner's
+  // bracket (whose Attach names the TP) or ends ours: it waits, with what the
+  // session sends meanwhile, until the session has taken it and its owner is
+  // known.
+  const net::lu62::Session *unowned_ = nullptr;
+  std::vector<std::pair<bool, net::Bytes>> unowned_units_;  // sent?, unit
   std::unique_ptr<net::lu62::SessionManager> manager_;
   std::string link_partner_;  // the partner LU the link reaches
   bool link_up_ = true;

@@ -294,8 +294,8 @@ void SessionManager::on_unit_received(const std::string &from, ByteSpan bytes) {
              pending_binds_.count(unit->th.session_address)) {
     on_bind_response(unit.value());
   } else if (auto it = sessions_.find(unit->th.session_address); it != sessions_.end()) {
-    it->second->on_unit(unit.value());
     if (observer_) observer_->on_unit(*it->second, false, bytes);
+    it->second->on_unit(unit.value());
   }
   sweep();
 }

@@ -44,9 +44,9 @@ class IncomingConversations {
   virtual void on_partner_bracket(Session &session) = 0;
 };
 
-// Sees every unit of a session's brackets: sent as the session transmits it,
-// received once the session has taken it (by then the conversation a unit
-// begins is attached).  Units of no session (BIND, its answer) pass unseen.
+// Sees every unit of a session's brackets as the session transmits it or
+// before the session takes it.  Units of no session (BIND, its answer) pass
+// unseen.
 class UnitObserver {
  public:
   virtual ~UnitObserver() = default;
