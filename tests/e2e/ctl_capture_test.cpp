@@ -71,8 +71,6 @@ TEST(CtlCapture, ScopedFilesHoldTheirTpsUnitsOnlyAndOffClosesThem) {
   std::tie(status, out) = ctl(nodes.dirs[0], "capture on --pid " + std::to_string(one));
   EXPECT_EQ(status, 0) << out;
   EXPECT_NE(out.find(by_pid.string()), std::string::npos) << out;
-  std::tie(status, out) = ctl(nodes.dirs[0], "capture on --pid 12x");
-  EXPECT_NE(status, 0) << out;
   EXPECT_EQ(::write(go[1], "++", 2), 2);
   ::close(go[1]);
   EXPECT_EQ(exit_status(one), 0);
