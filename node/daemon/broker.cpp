@@ -145,6 +145,20 @@ void Broker::disconnected(ClientId client) {
   accepts_.remove_if([&](const WaitingAccept &accept) { return accept.client == client; });
 }
 
+pid_t Broker::pid_of(ClientId client) const {
+  auto found = clients_.find(client);
+  return found == clients_.end() ? 0 : found->second.peer.pid;
+}
+
+bool Broker::holds_tp(ClientId client, const std::string &tp_name) const {
+  auto found = clients_.find(client);
+  if (found == clients_.end()) return false;
+  if (found->second.tp_names.count(tp_name) != 0) return true;
+  return std::any_of(accepts_.begin(), accepts_.end(), [&](const WaitingAccept &accept) {
+    return accept.client == client && lists(accept.tp_names, tp_name);
+  });
+}
+
 bool Broker::serves(const std::string &tp_name) const {
   if (invokable(tp_name) != nullptr) return true;
   for (const auto &[id, state] : clients_) {

@@ -117,6 +117,10 @@ class Broker {
   std::optional<Clock::time_point> next_deadline() const;
 
   BrokerSnapshot snapshot(Clock::time_point now) const;
+  // The pid of a connection's process (0 once it is gone), and whether the
+  // process holds `tp_name`: registered, or waited for in an accept.
+  pid_t pid_of(ClientId client) const;
+  bool holds_tp(ClientId client, const std::string &tp_name) const;
 
   // An instance of an invokable TP the daemon started has exited.
   void instance_exited(const std::string &tp_name);

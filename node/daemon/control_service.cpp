@@ -148,14 +148,10 @@ void ControlService::change(ClientId client, uint32_t request_id, const ControlC
     reply(client, request_id, kControlUnavailable, "no network configured\n");
     return;
   }
-  // The network's units belong to sessions, not to one process: a capture
-  // is the whole node's.
-  if (command.options.count("--tp") + command.options.count("--pid") > 0) {
-    reply(client, request_id, kControlBadRequest,
-          "capture is the whole node's: its units belong to sessions, not to a TP or process\n");
-    return;
-  }
-  const auto [done, text] = network_control_(command.words);
+  // The network node takes the scope of a capture (--tp, --pid) after the words.
+  std::vector<std::string> words = command.words;
+  for (const auto &[option, value] : command.options) words.insert(words.end(), {option, value});
+  const auto [done, text] = network_control_(words);
   output_.log("control: uid " + std::to_string(caller.uid) + ": " + log_safe(text));
   reply(client, request_id, done ? kControlOk : kControlUnavailable, text + "\n");
 }

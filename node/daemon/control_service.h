@@ -66,7 +66,8 @@ class ControlService {
   void set_network_status(std::function<Table()> sections) {
     network_status_ = std::move(sections);
   }
-  // What carries out `capture` and `link` commands (the network node).
+  // What carries out `capture` and `link` commands (the network node): the
+  // command's words, then each option given and its value.
   void set_network_control(
       std::function<std::pair<bool, std::string>(const std::vector<std::string> &)> control) {
     network_control_ = std::move(control);

@@ -4,10 +4,12 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "config/class_of_service.h"
+#include "core/log_files.h"
 #include "daemon/log_text.h"
 #include "engine/ebcdic.h"
 #include "engine/security.h"
@@ -103,7 +105,8 @@ NetworkNode::NetworkNode(const config::NodeConfig &config, client::UniqueFd link
       link_(std::move(link)),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       broker_(broker),
-      output_(output) {
+      output_(output),
+      scoped_captures_(broker) {
   for (const config::PartnerLu &lu : config_.partner_lus) {
     if (!lu.owning_cp.empty() && link_partner_.empty()) link_partner_ = lu.lu_name;
   }
@@ -188,8 +191,8 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
   }
   manager_->allocate_session(
       partner->lu_name, request.mode,
-      [this, answer, attach = std::move(attach), request](net::lu62::Session *session,
-                                                          AllocationOutcome outcome) mutable {
+      [this, client, answer, attach = std::move(attach), request](
+          net::lu62::Session *session, AllocationOutcome outcome) mutable {
         if (session == nullptr) {
           log("network allocation of TP " + log_safe(request.tp_name) + " at " +
               log_safe(request.partner_lu) + " failed (" +
@@ -215,6 +218,7 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
         }
         auto translator =
             ConversationTranslator::allocating(std::move(attach), session->params().max_send_ru);
+        const net::lu62::Session &on = *session;
         auto conversation = std::make_unique<RemoteConversation>(
             std::move(translator), *session, std::move(daemon_end),
             [this](RemoteConversation &c, uint32_t events) { watch(c, events); },
@@ -223,6 +227,7 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
               return uint32_t{AP_ALLOCATION_FAILURE_NO_RETRY};
             },
             [this](RemoteConversation &c) { finished_.push_back(&c); });
+        own(on, *conversation, UnitOwner{client, {}});
         attach_due_.emplace_back(now() + kAttachHold, conversation.get());
         conversations_.emplace(conversation.get(), std::move(conversation));
       });
@@ -237,13 +242,51 @@ void NetworkNode::on_partner_bracket(net::lu62::Session &session) {
         return attach(c, a, session, daemon_end);
       },
       [this](RemoteConversation &c) { finished_.push_back(&c); });
+  own(session, *conversation, UnitOwner{});
   conversations_.emplace(conversation.get(), std::move(conversation));
+}
+
+void NetworkNode::own(const net::lu62::Session &session, RemoteConversation &conversation,
+                      UnitOwner owner) {
+  unit_owners_[&session] = SessionOwner{&conversation, std::move(owner)};
+  owned_sessions_[&conversation] = &session;
+}
+
+void NetworkNode::on_unit(net::lu62::Session &session, bool sent, net::ByteSpan biu) {
+  const net::lu62::SessionUser *user = session.user();
+  if (!sent && user == nullptr) unowned_ = &session;
+  if (&session == unowned_) {
+    unowned_units_.emplace_back(sent, net::Bytes(biu.begin(), biu.end()));
+    return;
+  }
+  auto found = unit_owners_.find(&session);
+  if (found == unit_owners_.end()) return;
+  // A session lent to another user meanwhile (CNOS) carries none of ours.
+  if (user != nullptr && user != found->second.conversation) return;
+  scoped_captures_.write(found->second.owner, sent, biu);
+}
+
+void NetworkNode::take_unit(const std::string &partner_lu, net::ByteSpan biu) {
+  manager_->on_unit_received(partner_lu, biu);
+  if (unowned_ == nullptr) return;
+  // The session may have ended meanwhile: its address only finds its owner.
+  if (auto found = unit_owners_.find(unowned_); found != unit_owners_.end()) {
+    for (const auto &[sent, unit] : unowned_units_) {
+      scoped_captures_.write(found->second.owner, sent, unit);
+    }
+  }
+  unowned_ = nullptr;
+  unowned_units_.clear();
 }
 
 uint32_t NetworkNode::attach(RemoteConversation &conversation, const Attach &attach,
                              const net::lu62::Session &session, client::UniqueFd &daemon_end) {
   client::AllocateRequest request;
   request.tp_name = ascii(attach.tp_name);
+  if (auto found = unit_owners_.find(&session);
+      found != unit_owners_.end() && found->second.conversation == &conversation) {
+    found->second.owner.tp_name = request.tp_name;
+  }
   request.mapped = attach.resource == net::ConversationResource::kMappedHalfDuplex;
   request.sync_level = attach.sync_level == net::AttachSyncLevel::kNone ? 0 : 1;
   request.mode = session.mode();
@@ -356,7 +399,7 @@ void NetworkNode::on_ready() {
 }
 
 void NetworkNode::on_biu(const std::string &partner_lu, net::ByteSpan biu) {
-  manager_->on_unit_received(partner_lu, biu);
+  take_unit(partner_lu, biu);
 }
 
 void NetworkNode::on_path_lost(const std::string &partner_lu) {
@@ -365,6 +408,10 @@ void NetworkNode::on_path_lost(const std::string &partner_lu) {
 
 std::pair<bool, std::string> NetworkNode::control(const std::vector<std::string> &words) {
   const bool on = words.size() > 1 && (words[1] == "on" || words[1] == "start");
+  const bool scoped = std::find(words.begin(), words.end(), "--tp") != words.end() ||
+                      std::find(words.begin(), words.end(), "--pid") != words.end();
+  if (words.front() == "capture" && scoped) return scoped_capture(on, words);
+  if (scoped) return {false, "--tp and --pid scope a capture or a trace only"};
   if (words.front() == "capture") {
     // Off pauses the file rather than closing it, so that turning it on
     // again appends instead of starting it anew over what was captured.
@@ -390,6 +437,29 @@ std::pair<bool, std::string> NetworkNode::control(const std::vector<std::string>
   if (!ee_) return {false, "no Enterprise Extender links: this node runs on a test link"};
   auto answer = ee_->link_command(on, words.size() > 2 ? words[2] : std::string());
   sweep();  // the sessions of a stopped link end now
+  return answer;
+}
+
+std::pair<bool, std::string> NetworkNode::scoped_capture(bool on,
+                                                         const std::vector<std::string> &words) {
+  std::string option, value;
+  for (size_t i = 2; i + 1 < words.size(); ++i) {
+    if (words[i] != "--tp" && words[i] != "--pid") continue;
+    if (!option.empty()) return {false, "give --tp or --pid, not both"};
+    option = words[i];
+    value = words[i + 1];
+  }
+  // Next to the node's capture file when one is configured, else with the
+  // daemon's log: both are places the node already writes to.
+  const size_t slash = capture_path_.rfind('/');
+  const std::string directory = capture_path_.empty()        ? log_directory()
+                                : slash == std::string::npos ? std::string(".")
+                                : slash == 0                 ? std::string("/")
+                                                             : capture_path_.substr(0, slash);
+  auto answer = scoped_captures_.control(
+      on, option, value, directory,
+      link_.valid() ? net::CaptureEndpoints{} : EeNetwork::capture_endpoints(config_));
+  manager_->set_unit_observer(scoped_captures_.empty() ? nullptr : this);
   return answer;
 }
 
@@ -450,7 +520,7 @@ void NetworkNode::read_link() {
     }
     const net::ByteSpan biu(buffer.data(), static_cast<size_t>(n));
     if (capturing_) capture_->write_biu(net::CaptureDirection::kReceived, biu, net::BiuFraming{});
-    manager_->on_unit_received(link_partner_, biu);
+    take_unit(link_partner_, biu);
   }
 }
 
@@ -529,6 +599,13 @@ void NetworkNode::sweep() {
   }
   // Only those that said they finished: this runs on every pass of the loop.
   for (RemoteConversation *conversation : finished_) {
+    if (auto owned = owned_sessions_.find(conversation); owned != owned_sessions_.end()) {
+      auto owner = unit_owners_.find(owned->second);
+      if (owner != unit_owners_.end() && owner->second.conversation == conversation) {
+        unit_owners_.erase(owner);
+      }
+      owned_sessions_.erase(owned);
+    }
     watched_.erase(conversation);
     conversations_.erase(conversation);
   }

@@ -15,11 +15,12 @@
 #pragma once
 
 #include <deque>
-#include <set>
 #include <map>
+#include <set>
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "client/unique_fd.h"
@@ -27,6 +28,7 @@
 #include "daemon/broker.h"
 #include "daemon/ee_network.h"
 #include "daemon/remote_conversation.h"
+#include "daemon/scoped_capture.h"
 #include "net/capture/pcap_writer.h"
 #include "net/lu62/session_manager.h"
 
@@ -35,6 +37,7 @@ namespace snanode::daemon {
 class NetworkNode : public net::lu62::BiuTransport,
                     public net::lu62::Clock,
                     public net::lu62::IncomingConversations,
+                    private net::lu62::UnitObserver,
                     private EeNetworkEvents {
  public:
   // Takes `link_fd`; without one (invalid), the node runs on Enterprise
@@ -60,7 +63,8 @@ class NetworkNode : public net::lu62::BiuTransport,
   // partner LU on each mode, then the links and RTP connections under them.
   Table status_sections() const;
 
-  // snanodectl's `capture on|off` and `link start|stop` (`words` as typed):
+  // snanodectl's `capture on|off [--tp NAME|--pid PID]` and `link start|stop`
+  // (`words` as typed, the options after them):
   // whether it was done, and what to tell the operator.
   std::pair<bool, std::string> control(const std::vector<std::string> &words);
 
@@ -76,6 +80,14 @@ class NetworkNode : public net::lu62::BiuTransport,
   time_point now() const override { return std::chrono::steady_clock::now(); }
   // IncomingConversations
   void on_partner_bracket(net::lu62::Session &session) override;
+  // UnitObserver: set only while a scoped capture is on.
+  void on_unit(net::lu62::Session &session, bool sent, net::ByteSpan biu) override;
+  std::pair<bool, std::string> scoped_capture(bool on, const std::vector<std::string> &words);
+  // The conversation now on `session` owns its units.
+  void own(const net::lu62::Session &session, RemoteConversation &conversation, UnitOwner owner);
+  // A unit from the partner, to the session manager; then the units that
+  // waited for their owner go to the captures.
+  void take_unit(const std::string &partner_lu, net::ByteSpan biu);
   // EeNetworkEvents
   void on_biu(const std::string &partner_lu, net::ByteSpan biu) override;
   void on_path_lost(const std::string &partner_lu) override;
@@ -106,6 +118,22 @@ class NetworkNode : public net::lu62::BiuTransport,
   std::unique_ptr<net::CaptureWriter> capture_;
   std::string capture_path_;  // where capture_ writes (or would)
   bool capturing_ = false;    // capture_ is written to (off: paused, file kept)
+  ScopedCaptures scoped_captures_;
+  // Whose units each session carries: its latest conversation (also after
+  // the session let it go, for the bracket's last units), until that
+  // conversation is swept.
+  struct SessionOwner {
+    const RemoteConversation *conversation;
+    UnitOwner owner;
+  };
+  std::unordered_map<const net::lu62::Session *, SessionOwner> unit_owners_;
+  std::unordered_map<const RemoteConversation *, const net::lu62::Session *> owned_sessions_;
+  // A unit received on a session without a conversation begins the partner's
+  // bracket (whose Attach names the TP) or ends ours: it waits, with what the
+  // session sends meanwhile, until the session has taken it and its owner is
+  // known.
+  const net::lu62::Session *unowned_ = nullptr;
+  std::vector<std::pair<bool, net::Bytes>> unowned_units_;  // sent?, unit
   std::unique_ptr<net::lu62::SessionManager> manager_;
   std::string link_partner_;  // the partner LU the link reaches
   bool link_up_ = true;

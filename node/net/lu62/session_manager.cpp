@@ -294,6 +294,7 @@ void SessionManager::on_unit_received(const std::string &from, ByteSpan bytes) {
              pending_binds_.count(unit->th.session_address)) {
     on_bind_response(unit.value());
   } else if (auto it = sessions_.find(unit->th.session_address); it != sessions_.end()) {
+    if (observer_) observer_->on_unit(*it->second, false, bytes);
     it->second->on_unit(unit.value());
   }
   sweep();
@@ -371,6 +372,7 @@ size_t SessionManager::queued_allocations(const std::string &partner,
 }
 
 void SessionManager::transmit(Session &session, ByteSpan biu) {
+  if (observer_) observer_->on_unit(session, true, biu);
   transport_.send_biu(session.partner(), session.mode(), biu);
 }
 

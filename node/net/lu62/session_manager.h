@@ -44,6 +44,15 @@ class IncomingConversations {
   virtual void on_partner_bracket(Session &session) = 0;
 };
 
+// Sees every unit of a session's brackets as the session transmits it or
+// before the session takes it.  Units of no session (BIND, its answer) pass
+// unseen.
+class UnitObserver {
+ public:
+  virtual ~UnitObserver() = default;
+  virtual void on_unit(Session &session, bool sent, ByteSpan biu) = 0;
+};
+
 struct LocalLuConfig {
   std::string lu_name;  // network-qualified, NETID.LU
   // This LU's half of every session address it assigns as primary, so the two
@@ -84,6 +93,8 @@ class SessionManager : public SessionHost, public CnosOwner {
   // Sessions held, with those whose end is not complete or not yet swept.
   size_t held_sessions() const { return sessions_.size(); }
   const LocalLuConfig &config() const { return config_; }
+  // Null (the default) costs the units nothing.
+  void set_unit_observer(UnitObserver *observer) { observer_ = observer; }
 
  private:
   using Key = std::pair<std::string, std::string>;  // partner, mode
@@ -150,6 +161,7 @@ class SessionManager : public SessionHost, public CnosOwner {
   std::set<SessionAddress> ending_;       // told of their end, not yet dropped
   std::vector<std::unique_ptr<CnosConversation>> cnos_;
   uint32_t next_address_ = 0;
+  UnitObserver *observer_ = nullptr;
 };
 
 }  // namespace snanode::net::lu62

@@ -1,0 +1,111 @@
+// snanodectl's capture for one TP or one process across two hosts (127.0.0.2
+// and 127.0.0.3): two TPs converse at once, and each scoped file holds the
+// units of its own conversation only, decoded by tshark without a fault.
+#include <gtest/gtest.h>
+#include <pwd.h>
+
+#include "e2e/two_nodes.h"
+#include "net/tshark_run.h"
+
+namespace e2e {
+namespace {
+
+// Node A's TP: an aping exchange with `tp` at node B carrying `marker`,
+// begun once a byte arrives on `go`.  Exits with the step that failed.
+[[noreturn]] void ping(const fs::path &dir, const char *tp, const std::string &marker, int go) {
+  ::alarm(60);  // whatever happens, the test is not left waiting
+  char byte = 0;
+  if (go >= 0 && ::read(go, &byte, 1) != 1) std::_Exit(1);
+  Side side{"client", dir / ("client-" + std::string(tp))};
+  fs::create_directories(side.log_dir);
+  enter_node(dir, side, Deploy::kProcesses);
+  t_side = &side;
+  Conv c = initialize_remote(tp, CM_MAPPED_CONVERSATION);
+  if (c.call(cmallc) != CM_OK) std::_Exit(2);
+  if (c.send(std::string("\x01\x00", 2), CM_SEND_AND_PREP_TO_RECEIVE) != CM_OK) std::_Exit(3);
+  if (c.receive_and(CM_SEND_RECEIVED).rc != CM_OK) std::_Exit(4);
+  const std::string record = marker + std::string(200, '.') + marker;
+  if (c.send(record, CM_SEND_AND_PREP_TO_RECEIVE) != CM_OK) std::_Exit(5);
+  if (const Received r = c.receive_and(CM_SEND_RECEIVED); r.rc != CM_OK || r.text != record) {
+    std::_Exit(6);
+  }
+  std::_Exit(c.deallocate() == CM_OK ? 0 : 7);
+}
+
+pid_t start_ping(const fs::path &dir, const char *tp, const char *marker, int go) {
+  std::fflush(nullptr);
+  const pid_t pid = ::fork();
+  if (pid == 0) ping(dir, tp, marker, go);
+  return pid;
+}
+
+int exit_status(pid_t pid) {
+  int status = -1;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+std::string invokable(const char *tp) {
+  return std::string("[[tp]]\ntp_name = \"") + tp +
+         "\"\nprogram = \"" APINGD_PATH "\"\narguments = [\"-n\", \"1\"]\nuser = \"" +
+         ::getpwuid(::geteuid())->pw_name + "\"\n";
+}
+
+TEST(CtlCapture, ScopedFilesHoldTheirTpsUnitsOnlyAndOffClosesThem) {
+  TwoNodes nodes(false, invokable("PINGONE") + invokable("PINGTWO"), true);
+  if (nodes.port_base == 0) GTEST_SKIP() << "127.0.0.2 and 127.0.0.3 cannot be bound here";
+  ASSERT_TRUE(nodes.up) << "no daemons or no link: see " << nodes.base;
+
+  // Node B captures the attached TP PINGONE; node A the process that
+  // allocates to PINGONE (its pid).  PINGTWO's conversation runs alongside.
+  int go[2];
+  ASSERT_EQ(::pipe(go), 0);
+  const pid_t one = start_ping(nodes.dirs[0], "PINGONE", "MARKONE", go[0]);
+  const pid_t two = start_ping(nodes.dirs[0], "PINGTWO", "MARKTWO", go[0]);
+  ::close(go[0]);
+  const fs::path by_tp = nodes.dirs[1] / "capture-tp-PINGONE.pcap";
+  const fs::path by_pid = nodes.dirs[0] / ("capture-pid-" + std::to_string(one) + ".pcap");
+  auto [status, out] = ctl(nodes.dirs[1], "capture on --tp PINGONE");
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find(by_tp.string()), std::string::npos) << out;
+  std::tie(status, out) = ctl(nodes.dirs[0], "capture on --pid " + std::to_string(one));
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find(by_pid.string()), std::string::npos) << out;
+  EXPECT_EQ(::write(go[1], "++", 2), 2);
+  ::close(go[1]);
+  EXPECT_EQ(exit_status(one), 0);
+  EXPECT_EQ(exit_status(two), 0);
+
+  std::tie(status, out) = ctl(nodes.dirs[1], "capture off --tp PINGONE");
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("closed"), std::string::npos) << out;
+  std::tie(status, out) = ctl(nodes.dirs[0], "capture off --pid " + std::to_string(one));
+  EXPECT_EQ(status, 0) << out;
+  // Off closes the file: PINGONE's next conversation is not in it.
+  const auto size = fs::file_size(by_tp);
+  EXPECT_EQ(exit_status(start_ping(nodes.dirs[0], "PINGONE", "MARKONE", -1)), 0);
+  EXPECT_EQ(fs::file_size(by_tp), size);
+
+  namespace ts = snanode::net::tshark_check;
+  if (!ts::have_tshark()) GTEST_SKIP() << "no tshark to read the captures";
+  std::string decode;
+  for (int i = 0; i < 5; ++i) {
+    decode += " -d udp.port==" + std::to_string(nodes.port_base + i) + ",llc";
+  }
+  const auto frames = [&](const fs::path &file, const std::string &filter) {
+    return ts::split(ts::run("tshark -r " + file.string() + decode + " -Y '" + filter +
+                             "' -T fields -e frame.number 2>/dev/null"))
+        .size();
+  };
+  for (const fs::path &file : {by_tp, by_pid}) {
+    SCOPED_TRACE(file.string());
+    EXPECT_GE(frames(file, "sna"), 4u);
+    EXPECT_EQ(frames(file, "_ws.malformed || _ws.expert.severity >= 8388608"), 0u);
+    // The marker travels both ways: the record and its echo.
+    EXPECT_GE(frames(file, "sna && frame contains \"MARKONE\""), 2u);
+    EXPECT_EQ(frames(file, "frame contains \"MARKTWO\""), 0u);
+  }
+}
+
+}  // namespace
+}  // namespace e2e
