@@ -88,8 +88,10 @@ void program_security_allocator(Side &) {
     REQUIRE_EQ(c.name(cmscsp, password), CM_OK);
     REQUIRE_EQ(c.call(cmallc), CM_OK);
     if (std::string(password) == "WRONG") {
-      CHECK_EQ(c.send("refused", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
-      CHECK_EQ(c.receive().rc, CM_SECURITY_NOT_VALID);
+      // A slow TP's Attach goes alone, and the refusal may then be back
+      // before the send: that verb reports it.
+      const CM_RETURN_CODE sent = c.send("refused", CM_SEND_AND_PREP_TO_RECEIVE);
+      CHECK_EQ(sent == CM_OK ? c.receive().rc : sent, CM_SECURITY_NOT_VALID);
     } else {
       CHECK_EQ(c.send("verified", CM_SEND_AND_DEALLOCATE), CM_OK);
     }
