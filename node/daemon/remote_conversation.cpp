@@ -14,6 +14,11 @@ using net::lu62::Output;
 
 // Frames for the TP the daemon holds before it stops the partner's flow.
 constexpr size_t kTpBacklogLimit = 1u << 20;
+// Payload bytes read from the TP before they are acted on.  The TP's end is
+// watched level-triggered, so what is left is read on the next turn of the
+// loop; read to the end, a TP streaming faster than the session sends would
+// have all it writes held in the daemon, and none of it sent meanwhile.
+constexpr size_t kTpReadBudget = 256 * 1024;
 
 RemoteConversation::RemoteConversation(net::lu62::ConversationTranslator translator,
                                        net::lu62::Session &session, client::UniqueFd tp_end,
@@ -73,7 +78,7 @@ void RemoteConversation::read_frames(bool to_the_end) {
   do {
     frames.clear();
     // Once a write has failed the TP has gone: what it sent is read to the end.
-    reader_.read(tp_end_.get(), frames, to_the_end || tp_write_failed_);
+    reader_.read(tp_end_.get(), frames, to_the_end || tp_write_failed_, false, kTpReadBudget);
     for (engine::Frame &frame : frames) {
       apply(translator_.on_frame(frame));
       // The translator copied what it needs: the buffer goes back to the pool
@@ -132,11 +137,11 @@ void RemoteConversation::apply(Output out) {
       out.frames.clear();
     }
   }
-  for (const net::lu62::Unit &unit : out.units) {
+  for (net::lu62::Unit &unit : out.units) {
     if (session_ == nullptr) break;
     // A unit the session refuses (one this side got wrong) ends the TP's view
     // of the conversation as a failure rather than leaving it waiting.
-    if (!session_->send_unit(unit.rh, unit.ru, unit.expedited).ok()) cut_ = true;
+    if (!session_->send_unit(unit.rh, std::move(unit.ru), unit.expedited).ok()) cut_ = true;
     sent_any_ = true;
   }
   if (out.protocol_error != 0 && session_ != nullptr) {

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -173,7 +174,7 @@ int Server::run() {
   bool stopping = false;
   epoll_event events[kEventsPerWait];
   while (!stopping) {
-    const int ready = ::epoll_wait(epoll_.get(), events, kEventsPerWait, next_timeout());
+    const int ready = wait_for_events(events, kEventsPerWait, next_wait());
     if (ready < 0 && errno != EINTR) {
       log(std::string("epoll_wait: ") + std::strerror(errno));
       return 1;
@@ -225,7 +226,7 @@ void Server::dispatch(uint64_t token, uint32_t events, bool &stopping) {
   }
 }
 
-int Server::next_timeout() const {
+std::optional<Clock::duration> Server::next_wait() const {
   std::optional<Clock::time_point> next = broker_.next_deadline();
   const auto earliest = [&](std::optional<Clock::time_point> at) {
     if (at && (!next || *at < *next)) next = at;
@@ -235,10 +236,36 @@ int Server::next_timeout() const {
   earliest(control_.next_deadline());
   if (network_) earliest(network_->next_deadline());
   earliest(limited_log_.next_flush());
-  if (!next) return -1;
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(*next - Clock::now()).count();
-  return left <= 0 ? 0 : static_cast<int>(std::min<long long>(left + 1, 60'000));
+  if (!next) return std::nullopt;
+  return std::clamp<Clock::duration>(*next - Clock::now(), Clock::duration::zero(),
+                                     std::chrono::seconds(60));
+}
+
+int Server::wait_for_events(epoll_event *events, int size, std::optional<Clock::duration> wait) {
+  // Network deadlines (the RTP pacer's next send, say) are often less than a
+  // millisecond away.  Counted in whole milliseconds such a wait is either
+  // none, and the loop spins until the deadline on a core the partner's
+  // processes need, or a millisecond late.
+  static bool precise = true;
+  if (precise) {
+    timespec timeout{};
+    if (wait) {
+      const auto whole = std::chrono::duration_cast<std::chrono::seconds>(*wait);
+      timeout.tv_sec = static_cast<time_t>(whole.count());
+      timeout.tv_nsec = static_cast<long>(
+          std::chrono::duration_cast<std::chrono::nanoseconds>(*wait - whole).count());
+    }
+    const int ready =
+        ::epoll_pwait2(epoll_.get(), events, size, wait ? &timeout : nullptr, nullptr);
+    if (ready >= 0 || errno != ENOSYS) return ready;
+    precise = false;  // an older kernel: whole milliseconds, rounded up
+  }
+  int milliseconds = -1;
+  if (wait) {
+    const auto ceiling = std::chrono::ceil<std::chrono::milliseconds>(*wait);
+    milliseconds = static_cast<int>(ceiling.count());
+  }
+  return ::epoll_wait(epoll_.get(), events, size, milliseconds);
 }
 
 void Server::accept_client() {

@@ -6,6 +6,7 @@
 // (limits.h).
 #pragma once
 
+#include <sys/epoll.h>
 #include <sys/types.h>
 
 #include <deque>
@@ -100,7 +101,10 @@ class Server : private BrokerOutput {
   void flush_client(ClientId id, Connection &connection);
   void watch_writes(ClientId id, Connection &connection, bool on);
   void expire_silent_clients(Clock::time_point now);
-  int next_timeout() const;
+  // How long the loop may wait for events: nothing when no deadline is set.
+  std::optional<Clock::duration> next_wait() const;
+  // epoll_wait for at most `wait`, to the microsecond where the kernel can.
+  int wait_for_events(epoll_event *events, int size, std::optional<Clock::duration> wait);
   void unreachable(ClientId id, const std::string &why);
   void drop(ClientId id);
   void reap_children();

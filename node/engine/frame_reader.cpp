@@ -20,7 +20,14 @@ constexpr size_t kDirectPayload = 8 * 1024;
 
 }  // namespace
 
-void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool wait) {
+void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool wait,
+                       size_t budget) {
+  size_t counted = frames.size();  // frames before this are in `taken`
+  size_t taken = 0;                // payload bytes of the frames appended
+  const auto over_budget = [&] {
+    for (; counted < frames.size(); ++counted) taken += frames[counted].payload.size();
+    return !to_the_end && taken >= budget;
+  };
   for (; end_ == End::kNone; wait = false) {
     if (!partial_ && rest_.size() > kDirectPayload + kFrameHeaderSize) {
       // The start of a large record held for a landing that did not come:
@@ -41,6 +48,7 @@ void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool
       }
       frames.push_back(std::move(*partial_));
       partial_.reset();
+      if (over_budget()) return;
       continue;
     }
     // Read after what is left of an incomplete frame, in a buffer of the
@@ -55,6 +63,7 @@ void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool
       emptied_at_ = std::chrono::steady_clock::now();
       return;
     }
+    if (over_budget()) return;
   }
 }
 

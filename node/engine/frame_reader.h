@@ -32,8 +32,13 @@ class FrameReader {
   // that comes back short means the socket was empty; `to_the_end` reads on
   // until the socket says so itself, or the stream has ended (a reader told
   // of a hang-up must not stop short of seeing the end).  `wait`: the first
-  // read waits for something to come.
-  void read(int fd, std::vector<Frame> &frames, bool to_the_end, bool wait = false);
+  // read waits for something to come.  Without `to_the_end`, reading stops
+  // once the frames appended hold `budget` payload bytes: a reader that does
+  // not wait for the socket to empty (a level-triggered one) acts on each
+  // batch first, and the writer is held back by the socket rather than the
+  // reader taking in all it writes.
+  void read(int fd, std::vector<Frame> &frames, bool to_the_end, bool wait = false,
+            size_t budget = SIZE_MAX);
 
   // One read that puts the first frame's payload straight into `landing`
   // when it is DATA that fits and comes whole: that frame is delivered with

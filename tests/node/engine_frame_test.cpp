@@ -1,10 +1,13 @@
 // Frame encoding, the LL walk and the in-memory link.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <stdexcept>
 #include <string>
 
 #include "engine/frame.h"
+#include "engine/frame_reader.h"
 #include "engine/link.h"
 #include "engine/logical_records.h"
 
@@ -51,6 +54,43 @@ TEST(EngineFrame, PartialInputWaitsAndBadInputIsRefused) {
   std::vector<uint8_t> unknown = out;
   unknown[4] = 0x55;
   EXPECT_THROW(decode_frame(unknown.data(), unknown.size(), used), std::invalid_argument);
+}
+
+// A reader given a budget stops once its frames hold that much and takes
+// the rest, in order and whole, on the following reads; to the end it
+// ignores the budget.
+TEST(EngineFrameReader, StopsAtItsBudgetAndResumesWhereItStopped) {
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  constexpr int kFrames = 4;
+  std::vector<uint8_t> wire;
+  for (int i = 0; i < kFrames; ++i) {
+    encode_frame({.type = FrameType::kData,
+                  .code = static_cast<uint32_t>(i),
+                  .payload = std::vector<uint8_t>(40000, static_cast<uint8_t>(i))},
+                 wire);
+  }
+  const int room = 1 << 20;
+  ::setsockopt(fds[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  ASSERT_EQ(::send(fds[1], wire.data(), wire.size(), MSG_DONTWAIT),
+            static_cast<ssize_t>(wire.size()));
+  FrameReader reader;
+  std::vector<Frame> frames;
+  // Each frame alone passes the budget: one per read, the next one's start
+  // kept for the following read.
+  reader.read(fds[0], frames, false, false, 30000);
+  EXPECT_EQ(frames.size(), 1u);
+  reader.read(fds[0], frames, false, false, 30000);
+  EXPECT_EQ(frames.size(), 2u);
+  reader.read(fds[0], frames, true, false, 1);
+  ASSERT_EQ(frames.size(), static_cast<size_t>(kFrames));
+  for (int i = 0; i < kFrames; ++i) {
+    EXPECT_EQ(frames[i].code, static_cast<uint32_t>(i));
+    EXPECT_EQ(frames[i].payload, std::vector<uint8_t>(40000, static_cast<uint8_t>(i)));
+  }
+  EXPECT_EQ(reader.end(), FrameReader::End::kNone);
+  ::close(fds[0]);
+  ::close(fds[1]);
 }
 
 TEST(EngineRecordCursor, WalksRecordsAcrossPiecesAndRefusesBadLengths) {

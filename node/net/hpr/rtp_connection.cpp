@@ -195,12 +195,19 @@ void RtpConnection::transmit(Thdr &thdr, ByteSpan data) {
   Nhdr nhdr;
   nhdr.priority = endpoint_.priority;
   nhdr.labels = endpoint_.anr_labels;
-  Bytes nlp;
+  // The link copies the NLP into its frame: one buffer serves every NLP a
+  // thread builds.  Taken out while in use, so that an NLP sent from within
+  // send_nlp builds in a buffer of its own.
+  thread_local Bytes spare;
+  Bytes nlp = std::move(spare);
+  nlp.clear();
   // The headers are a few dozen bytes: one allocation for the whole NLP.
   nlp.reserve(64 + nhdr.labels.size() + thdr.options.size() + data.size());
-  if (!encode_nlp(nhdr, thdr, data, nlp)) return;
-  ++stats_.nlps_sent;
-  (void)link_.send_nlp(endpoint_.priority, nlp);  // a refusal is a loss; RTP recovers
+  if (encode_nlp(nhdr, thdr, data, nlp)) {
+    ++stats_.nlps_sent;
+    (void)link_.send_nlp(endpoint_.priority, nlp);  // a refusal is a loss; RTP recovers
+  }
+  spare = std::move(nlp);
 }
 
 void RtpConnection::send_segment(RtpSegment &segment, bool request_status, RtpTime now) {

@@ -38,9 +38,16 @@ Session::Session(SessionHost &host, const SessionAddress &address, std::string p
       send_expedited_snf_(params.primary ? 1 : 0) {}
 
 void Session::transmit(const Fid5Th &th, const Rh &rh, ByteSpan ru) {
-  Bytes biu;
+  // One buffer for all of a thread's sessions, so that a BIU is not
+  // allocated anew each time.  Taken out while in use: a unit sent from
+  // within host_.transmit (a response to what arrived meanwhile) finds it
+  // empty and uses one of its own.
+  thread_local Bytes spare;
+  Bytes biu = std::move(spare);
+  biu.clear();
   encode_biu(th, rh, ru, biu);
   host_.transmit(*this, biu);
+  spare = std::move(biu);
 }
 
 void Session::answer(const Rh &request, bool expedited, uint16_t snf, std::optional<uint8_t> code,
@@ -58,6 +65,14 @@ void Session::answer(const Rh &request, bool expedited, uint16_t snf, std::optio
 }
 
 Status Session::send_request(Rh rh, ByteSpan ru) {
+  return send_request(rh, ru, nullptr);
+}
+
+Status Session::send_request(Rh rh, Bytes &&ru) {
+  return send_request(rh, ru, &ru);
+}
+
+Status Session::send_request(Rh rh, ByteSpan ru, Bytes *owned) {
   if (state_ != SessionState::kActive || rh.response) return {sense::kFunctionNotSupported};
   if (ru.size() > params_.max_send_ru) return {decision::kSenseRuLength};
   if (uint32_t s = check_request_indicators(rh)) return {s};
@@ -84,7 +99,7 @@ Status Session::send_request(Rh rh, ByteSpan ru) {
   sending_chain_ = !rh.eci;
   const bool paced = rh.category == RuCategory::kFmd;
   if (!held_.empty() || (paced && !send_pacer_.can_send())) {
-    held_.push_back({rh, Bytes(ru.begin(), ru.end())});
+    held_.push_back({rh, owned != nullptr ? std::move(*owned) : Bytes(ru.begin(), ru.end())});
     return {};
   }
   transmit_normal_request(rh, ru);
@@ -133,9 +148,9 @@ void Session::send_request_to_send() {
            control_request(RuCategory::kDfc), ru);
 }
 
-Status Session::send_unit(const Rh &rh, ByteSpan ru, bool expedited) {
+Status Session::send_unit(const Rh &rh, Bytes ru, bool expedited) {
   if (!rh.response) {
-    if (!expedited) return send_request(rh, ru);
+    if (!expedited) return send_request(rh, std::move(ru));
     Result<Signal> signal = decode_signal(ru);
     if (!signal) return {signal.sense()};
     send_request_to_send();

@@ -79,6 +79,8 @@ class Session {
   // the RU against the negotiated size and the chain state, sets BB when it
   // begins the bracket, and holds it while the pacing window is closed.
   Status send_request(Rh rh, ByteSpan ru);
+  // The same for an RU the caller gives up: held, it is kept without a copy.
+  Status send_request(Rh rh, Bytes &&ru);
   // Answers the partner's request number `snf` (whose RH was `request`).
   Status send_response(const Rh &request, uint16_t snf, uint32_t negative_sense = 0);
   // Request_To_Send (SIG, expedited).
@@ -87,7 +89,7 @@ class Session {
   // send_request (or SIG when expedited); a response answers the latest
   // request received on the normal flow, its sense taken from the RU; the
   // response to a SIG is the session's own and is dropped here.
-  Status send_unit(const Rh &rh, ByteSpan ru, bool expedited);
+  Status send_unit(const Rh &rh, Bytes ru, bool expedited);
   // The layer above can (or cannot) take more: pacing responses wait for it.
   void set_receive_ready(bool ready);
   size_t held_requests() const { return held_.size(); }
@@ -112,6 +114,8 @@ class Session {
   void on_unit(const BiuView &unit);
 
  private:
+  // `owned`, when given, holds `ru` and may be taken over.
+  Status send_request(Rh rh, ByteSpan ru, Bytes *owned);
   void transmit(const Fid5Th &th, const Rh &rh, ByteSpan ru);
   void transmit_normal_request(Rh rh, ByteSpan ru);
   void flush_held();
