@@ -246,8 +246,7 @@ int Server::wait_for_events(epoll_event *events, int size, std::optional<Clock::
   // millisecond away.  Counted in whole milliseconds such a wait is either
   // none, and the loop spins until the deadline on a core the partner's
   // processes need, or a millisecond late.
-  static bool precise = true;
-  if (precise) {
+  if (precise_wait_) {
     timespec timeout{};
     if (wait) {
       const auto whole = std::chrono::duration_cast<std::chrono::seconds>(*wait);
@@ -258,7 +257,7 @@ int Server::wait_for_events(epoll_event *events, int size, std::optional<Clock::
     const int ready =
         ::epoll_pwait2(epoll_.get(), events, size, wait ? &timeout : nullptr, nullptr);
     if (ready >= 0 || errno != ENOSYS) return ready;
-    precise = false;  // an older kernel: whole milliseconds, rounded up
+    precise_wait_ = false;  // an older kernel: whole milliseconds, rounded up
   }
   int milliseconds = -1;
   if (wait) {

@@ -126,6 +126,7 @@ class Server : private BrokerOutput {
   std::set<ClientId> unreachable_;
   std::map<pid_t, std::string> children_;  // started TP instances by pid
   std::optional<Clock::time_point> accept_resumes_;
+  bool precise_wait_ = true;  // epoll_pwait2 works here (else whole milliseconds)
   bool out_of_descriptors_ = false;
   std::unique_ptr<NetworkNode> network_;  // with a link only
   ConfigReader reader_;
