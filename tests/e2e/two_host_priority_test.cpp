@@ -4,7 +4,6 @@
 // class; the operator sees each connection's class; connections left idle
 // close and come back with the next conversation.
 #include <gtest/gtest.h>
-#include <pwd.h>
 
 #include "e2e/ctl_json.h"
 #include "e2e/scenario_runner.h"
@@ -32,10 +31,7 @@ std::string host_config(const fs::path &dir, int host, uint16_t base) {
        << "[[partner_lu]]\nalias = \"" << partner << "\"\nlu_name = \"NETA." << partner
        << "\"\nowning_cp = \"NETA." << partner_cp << "\"\n"
        << "[[mode]]\nname = \"#INTER\"\n[[mode]]\nname = \"#BATCH\"\n"
-       << "[[tp]]\ntp_name = \"APINGD\"\nprogram = \"" APINGD_PATH
-          "\"\narguments = [\"-n\", \"1\"]\nuser = \""
-       << ::getpwuid(::geteuid())->pw_name << "\"\n"
-       << host_link(host, std::string("NETA.") + partner_cp);
+       << apingd_tp("APINGD") << host_link(host, std::string("NETA.") + partner_cp);
   return text.str();
 }
 
@@ -107,9 +103,7 @@ struct PriorityHosts {
     std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) aping_on(dirs[0], mode, hold);
-    int status = -1;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+    return exit_status(pid);
   }
 
   ctl_test::Json ctl_json(int host, const std::string &args) {
@@ -185,8 +179,7 @@ TEST(TwoHostPriority, EachClassItsConnectionPortAndPrecedenceAndIdleOnesClose) {
   namespace ts = snanode::net::tshark_check;
   if (!ts::have_tshark()) return;
   std::string read = "tshark -r " + (hosts.dirs[0] / "units.pcap").string();
-  for (int i = 0; i < 5; ++i)
-    read += " -d udp.port==" + std::to_string(hosts.port_base + i) + ",llc";
+  read += ee_ports_for_tshark(hosts.port_base);
   const std::string sent = " -Y 'ip.src == 127.0.0.2 && sna.nlp.thdr.tcid";
   std::map<std::string, int> by_port;  // "port tos tpf" -> NLPs
   for (const std::string &line : ts::split(

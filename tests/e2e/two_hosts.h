@@ -5,7 +5,9 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <pwd.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <arpa/inet.h>
 
@@ -80,6 +82,29 @@ inline bool link_up(const std::filesystem::path &log, int times = 1,
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return false;
+}
+
+// tshark's options to read UDP on the five ports from `base` as EE (it knows
+// 12000 to 12004 by itself).
+inline std::string ee_ports_for_tshark(uint16_t base) {
+  std::string options;
+  for (int i = 0; i < 5; ++i) options += " -d udp.port==" + std::to_string(base + i) + ",llc";
+  return options;
+}
+
+// A [[tp]] entry: `tp` served by apingd, one conversation per start, run as
+// the test's own user.  The including target defines APINGD_PATH.
+inline std::string apingd_tp(const std::string &tp) {
+  return "[[tp]]\ntp_name = \"" + tp +
+         "\"\nprogram = \"" APINGD_PATH "\"\narguments = [\"-n\", \"1\"]\nuser = \"" +
+         std::string(::getpwuid(::geteuid())->pw_name) + "\"\n";
+}
+
+// Waits for a child of the test: its exit status, or 100 + the signal.
+inline int exit_status(pid_t pid) {
+  int status = -1;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
 }
 
 }  // namespace e2e

@@ -282,10 +282,8 @@ void pam_acceptor(Side &) {
 // no expert item.  `port_base`: UDP datagrams on those five ports (tshark
 // knows 12000 to 12004 by itself).
 void check_capture(const fs::path &file, uint16_t port_base = 0) {
-  std::string capture = file.string();
-  for (int i = 0; port_base != 0 && i < 5; ++i) {
-    capture += " -d udp.port==" + std::to_string(port_base + i) + ",llc";
-  }
+  const std::string capture =
+      file.string() + (port_base != 0 ? ee_ports_for_tshark(port_base) : "");
   const std::string count = "tshark -r " + capture + " 2>/dev/null | wc -l";
   const std::string bad = "tshark -r " + capture + " -Y '_ws.malformed || _ws.expert' 2>/dev/null";
   std::array<char, 4096> out{};
