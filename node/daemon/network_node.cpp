@@ -488,7 +488,23 @@ Table NetworkNode::status_sections() const {
       sessions.rows.push_back(std::move(row));
     }
   }
-  Table table{std::move(sessions)};
+  // What is being captured: the node's file (paused or not) and each scope.
+  Section captures{"captures", false, {}};
+  if (!capture_path_.empty()) {
+    captures.rows.push_back(Row()
+                                .add("scope", std::string("node"))
+                                .add("name", std::monostate{})
+                                .add("path", capture_path_)
+                                .add("on", capturing_));
+  }
+  for (const ScopedCaptures::Listed &scope : scoped_captures_.list()) {
+    captures.rows.push_back(Row()
+                                .add("scope", scope.scope)
+                                .add("name", scope.name)
+                                .add("path", scope.path)
+                                .add("on", true));
+  }
+  Table table{std::move(sessions), std::move(captures)};
   if (ee_) ee_->add_status(table);
   return table;
 }

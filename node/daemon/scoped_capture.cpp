@@ -75,6 +75,14 @@ std::pair<bool, std::string> ScopedCaptures::control(bool on, const std::string 
   return {true, "capture on for " + scope + ": " + path};
 }
 
+std::vector<ScopedCaptures::Listed> ScopedCaptures::list() const {
+  std::vector<Listed> listed;
+  for (const auto &[name, scope] : by_tp_) listed.push_back({"tp", name, scope.path});
+  for (const auto &[pid, scope] : by_pid_)
+    listed.push_back({"pid", std::to_string(pid), scope.path});
+  return listed;
+}
+
 void ScopedCaptures::write(const UnitOwner &owner, bool sent, net::ByteSpan biu) {
   const auto direction = sent ? net::CaptureDirection::kSent : net::CaptureDirection::kReceived;
   if (!by_pid_.empty() && owner.allocator) {

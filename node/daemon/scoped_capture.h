@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "daemon/broker.h"
 #include "net/capture/pcap_writer.h"
@@ -38,6 +39,11 @@ class ScopedCaptures {
                                        const std::string &directory,
                                        const net::CaptureEndpoints &endpoints);
   bool empty() const { return by_tp_.empty() && by_pid_.empty(); }
+  // The scopes on now, for the status: "tp" or "pid", the name, the file.
+  struct Listed {
+    std::string scope, name, path;
+  };
+  std::vector<Listed> list() const;
   // Writes the unit to every scope its owner falls in.
   void write(const UnitOwner &owner, bool sent, net::ByteSpan biu);
 

@@ -2,7 +2,6 @@
 // and 127.0.0.3): two TPs converse at once, and each scoped file holds the
 // units of its own conversation only, decoded by tshark without a fault.
 #include <gtest/gtest.h>
-#include <pwd.h>
 
 #include "e2e/two_nodes.h"
 #include "net/tshark_run.h"
@@ -39,20 +38,8 @@ pid_t start_ping(const fs::path &dir, const char *tp, const char *marker, int go
   return pid;
 }
 
-int exit_status(pid_t pid) {
-  int status = -1;
-  ::waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-}
-
-std::string invokable(const char *tp) {
-  return std::string("[[tp]]\ntp_name = \"") + tp +
-         "\"\nprogram = \"" APINGD_PATH "\"\narguments = [\"-n\", \"1\"]\nuser = \"" +
-         ::getpwuid(::geteuid())->pw_name + "\"\n";
-}
-
 TEST(CtlCapture, ScopedFilesHoldTheirTpsUnitsOnlyAndOffClosesThem) {
-  TwoNodes nodes(false, invokable("PINGONE") + invokable("PINGTWO"), true);
+  TwoNodes nodes(false, apingd_tp("PINGONE") + apingd_tp("PINGTWO"), true);
   if (nodes.port_base == 0) GTEST_SKIP() << "127.0.0.2 and 127.0.0.3 cannot be bound here";
   ASSERT_TRUE(nodes.up) << "no daemons or no link: see " << nodes.base;
 
@@ -71,6 +58,17 @@ TEST(CtlCapture, ScopedFilesHoldTheirTpsUnitsOnlyAndOffClosesThem) {
   std::tie(status, out) = ctl(nodes.dirs[0], "capture on --pid " + std::to_string(one));
   EXPECT_EQ(status, 0) << out;
   EXPECT_NE(out.find(by_pid.string()), std::string::npos) << out;
+  // The status lists each scope with its file.
+  const auto [listed, status_text] = ctl(nodes.dirs[0], "--json status");
+  const auto parsed = ctl_test::JsonParser(status_text).parse();
+  ASSERT_TRUE(listed == 0 && parsed) << status_text;
+  std::set<std::string> captures;
+  for (const auto &row : (*parsed)["captures"].items) {
+    captures.insert(row["scope"].text + " " + row["name"].text + " " + row["path"].text);
+  }
+  EXPECT_EQ(captures,
+            (std::set<std::string>{"node  " + (nodes.dirs[0] / "units.pcap").string(),
+                                   "pid " + std::to_string(one) + " " + by_pid.string()}));
   EXPECT_EQ(::write(go[1], "++", 2), 2);
   ::close(go[1]);
   EXPECT_EQ(exit_status(one), 0);
@@ -88,10 +86,7 @@ TEST(CtlCapture, ScopedFilesHoldTheirTpsUnitsOnlyAndOffClosesThem) {
 
   namespace ts = snanode::net::tshark_check;
   if (!ts::have_tshark()) GTEST_SKIP() << "no tshark to read the captures";
-  std::string decode;
-  for (int i = 0; i < 5; ++i) {
-    decode += " -d udp.port==" + std::to_string(nodes.port_base + i) + ",llc";
-  }
+  const std::string decode = ee_ports_for_tshark(nodes.port_base);
   const auto frames = [&](const fs::path &file, const std::string &filter) {
     return ts::split(ts::run("tshark -r " + file.string() + decode + " -Y '" + filter +
                              "' -T fields -e frame.number 2>/dev/null"))
