@@ -252,15 +252,19 @@ TEST(HprRateControl, QueueingCutsOnlyAUsedRateAndRareRepliesGrowItFaster) {
   const RtpConfig config;
   RateControl rate(config);
   const RtpTime t0 = RtpTime{} + 1s;
+  // The first round trip sets the start: TCP's initial window of 14,600
+  // bytes (ten 1,460-byte packets) per 100 us.
   rate.on_rtt_sample(100us);
+  const uint32_t start = rate.rate();
+  ASSERT_EQ(start, 146'000'000u);
   rate.on_rtt_sample(10ms);
   rate.on_reply(RateAction::kNormal, {}, t0, t0 + 10ms);
-  EXPECT_EQ(rate.rate(), config.initial_rate);  // a conversation turning round: not queueing
+  EXPECT_EQ(rate.rate(), start);  // a conversation turning round: not queueing
 
   rate.note_rate_limited();
   rate.on_rtt_sample(10ms);
   rate.on_reply(RateAction::kNormal, {}, t0 + 11ms, t0 + 21ms);
-  const auto cut = static_cast<uint32_t>(config.initial_rate * config.slowdown1_backoff);
+  const auto cut = static_cast<uint32_t>(start * config.slowdown1_backoff);
   ASSERT_EQ(rate.rate(), cut);
 
   rate.note_rate_limited();

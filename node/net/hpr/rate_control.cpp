@@ -43,6 +43,14 @@ void RateControl::on_rtt_sample(RtpDuration rtt) {
   last_rtt_ = rtt;
   min_rtt_ = has_rtt_ ? std::min(min_rtt_, rtt) : rtt;
   if (!has_rtt_) {
+    if (changed_at_ == RtpTime{} && rtt.count() > 0) {
+      // Ten packets per round trip, as many bytes as TCP's initial window
+      // (at least two packets): a fast path starts fast, a slow one slowly.
+      const double window = static_cast<double>(
+          std::min(10 * packet_size_, std::max(2 * packet_size_, config_.initial_window)));
+      const double start = window * 1e9 / static_cast<double>(RtpDuration(rtt).count());
+      rate_ = static_cast<uint32_t>(std::clamp<double>(start, rate_, config_.max_rate));
+    }
     srtt_ = rtt;
     rttvar_ = rtt / 2;
     has_rtt_ = true;

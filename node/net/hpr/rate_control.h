@@ -37,6 +37,10 @@ class RateControl {
   // A status showed `bytes` of data missing for the first time.
   void note_missing(size_t bytes) { missing_since_change_ += bytes; }
 
+  // The largest NLP the connection sends: sizes the initial window.
+  void set_packet_size(size_t bytes) { packet_size_ = bytes; }
+  // A round trip measured; the first one (before any rate change) raises the
+  // conservative initial rate to an initial window per round trip.
   void on_rtt_sample(RtpDuration rtt);
   // A rate reply to the request sent at `request_sent` arrived; it showed
   // data missing that was last sent at `lost_sent_at` (RtpTime{}: none).
@@ -51,6 +55,7 @@ class RateControl {
 
   const RtpConfig &config_;
   uint32_t rate_;
+  size_t packet_size_ = 1500;
   bool started_ = false;  // the first back-off ended the start phase
   bool rate_limited_ = false;
   RtpTime changed_at_{};

@@ -30,8 +30,11 @@ struct RtpConfig {
   RtpDuration max_rto = std::chrono::seconds(2);
 
   // Adaptive rate (bytes of NLP per second).  The sender starts at
-  // initial_rate, multiplies it by start_growth on every status reply that
-  // shows the partner kept up while the sender had more to send, until the
+  // initial_rate; the first round trip measured raises it to an initial window
+  // per round trip (TCP's: ten packets, at most initial_window bytes but at
+  // least two packets).  It multiplies the rate by start_growth on every
+  // status reply that shows the partner kept up while the sender had more to
+  // send (doubling per round trip, as TCP's slow start does), until the
   // first back-off; from then on by growth per round trip since the last
   // change (at most start_growth at once).  A reported gap multiplies the rate
   // by loss_backoff; the partner's slowdown indications by slowdown1_backoff or
@@ -40,7 +43,8 @@ struct RtpConfig {
   uint32_t initial_rate = 512 * 1024;
   uint32_t min_rate = 16 * 1024;
   uint32_t max_rate = 4000u * 1000 * 1000;
-  double start_growth = 1.5;
+  size_t initial_window = 14600;
+  double start_growth = 2.0;
   double growth = 1.0625;
   double loss_backoff = 0.75;
   // A gap counts as congestion only while the path queues (below) or when

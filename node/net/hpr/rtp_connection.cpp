@@ -81,7 +81,9 @@ RtpConnection::RtpConnection(const RtpConfig &config, RtpEndpoint endpoint, ee::
       window_(config.window),
       rate_(config),
       receive_(config.window, config.max_message),
-      last_heard_(now) {}
+      last_heard_(now) {
+  rate_.set_packet_size(link_.max_nlp_size());
+}
 
 RtpConnection::RtpConnection(const RtpConfig &config, RtpEndpoint endpoint, ee::NlpLink &link,
                              Tcid local, const RtpSetupOffer &offer, MessageHandler on_message,
