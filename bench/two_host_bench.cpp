@@ -11,7 +11,13 @@
 // loopback and jumbo paths allow) with RUs of up to 65536, so that a record
 // travels in one RU and one datagram.  Each in a process of its own.
 //
-//   two_host_bench [rounds [megabytes [port_base]]]   default 2000, 64, 12000
+//   two_host_bench [--hosts-on-cpus] [rounds [megabytes [port_base]]]
+//                                                     default 2000, 64, 12000
+// --hosts-on-cpus places each "host" on a CPU of its own, as two machines
+// would be: node A's daemon and TP, the UDP echo's client and the TCP writer
+// on CPU 0; node B's daemon and TP, the echo and the TCP reader on CPU 1.
+// Without it the scheduler places the processes as it likes (it may put both
+// ends of a baseline on one CPU, which no two hosts can do).
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -30,6 +36,18 @@ constexpr const char *kAddress[2] = {"127.0.0.2", "127.0.0.3"};
 constexpr long kPingSize = 100;
 constexpr long kRecord = 32767;
 constexpr const char *kTp = "BENCH";
+
+bool hosts_on_cpus = false;
+
+// With --hosts-on-cpus, binds the calling process (and what it forks after)
+// to the CPU of `host`.
+void on_host(int host) {
+  if (!hosts_on_cpus) return;
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(host, &set);
+  if (::sched_setaffinity(0, sizeof set, &set) != 0) die("cannot bind to a CPU");
+}
 
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -59,6 +77,7 @@ double udp_ping_pong(int rounds, uint16_t port) {
   const int server = bound_socket(SOCK_DGRAM, kAddress[1], port);
   const pid_t echo = ::fork();
   if (echo == 0) {
+    on_host(1);
     char buffer[2048];
     sockaddr_in from{};
     for (;;) {
@@ -92,6 +111,7 @@ double tcp_stream(long bytes, uint16_t port) {
   ::listen(listener, 1);
   const pid_t sink = ::fork();
   if (sink == 0) {
+    on_host(1);
     const int fd = ::accept(listener, nullptr, nullptr);
     std::vector<char> buffer(kRecord);
     while (::read(fd, buffer.data(), buffer.size()) > 0) {
@@ -227,6 +247,7 @@ Figures conversations(const bench::fs::path &dir, int rounds, long bytes, uint16
   for (int host = 0; host < 2; ++host) {
     const bench::fs::path node = dir / (host == 0 ? "a" : "b");
     configs[host] = bench::write_config(node, node_config(host, base, max_btu));
+    on_host(host);
     daemons[host] =
         bench::start_daemon(SNANODED_PATH, configs[host], node / "snanode.sock", node / "out");
   }
@@ -242,10 +263,12 @@ Figures conversations(const bench::fs::path &dir, int rounds, long bytes, uint16
   std::fflush(nullptr);
   const pid_t server = ::fork();
   if (server == 0) {
+    on_host(1);
     serve();
     std::exit(0);
   }
   ::setenv("SNANODE_CONFIG", configs[0].c_str(), 1);
+  on_host(0);
   Figures figures;
   Conv echo = allocate();
   std::vector<unsigned char> record(kRecord, 'c'), buffer(kRecord);
@@ -308,6 +331,12 @@ Figures conversations_apart(const bench::fs::path &dir, int rounds, long bytes, 
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc > 1 && std::strcmp(argv[1], "--hosts-on-cpus") == 0) {
+    hosts_on_cpus = true;
+    --argc;
+    ++argv;
+  }
+  on_host(0);
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 2000;
   const long bytes = (argc > 2 ? std::atol(argv[2]) : 64) * 1024 * 1024;
   const auto base = static_cast<uint16_t>(argc > 3 ? std::atoi(argv[3]) : 12000);
@@ -322,7 +351,8 @@ int main(int argc, char **argv) {
   const Figures large =
       conversations_apart(dir, rounds, bytes, static_cast<uint16_t>(base + 10), kLargestBtu);
 
-  std::printf("two hosts (127.0.0.2, 127.0.0.3), load %s\n", bench::load_average().c_str());
+  std::printf("two hosts (127.0.0.2, 127.0.0.3)%s, load %s\n",
+              hosts_on_cpus ? ", each on a CPU of its own" : "", bench::load_average().c_str());
   std::printf(
       "UDP ping-pong, %ld bytes, %d rounds: %.1f us; TCP stream, %ld-byte writes, %ld MB: "
       "%.1f MB/s\n",
