@@ -60,16 +60,6 @@ struct RtpConfig {
   // least four packets).
   RtpDuration burst = std::chrono::milliseconds(5);
 
-  // A status asked for while this side is itself sending (a conversation
-  // turning round: it sent data within interactive_window) waits up to
-  // status_delay for data going to the partner and rides on it, as TCP
-  // delays an acknowledgement; a request-and-answer exchange then costs one
-  // datagram each way instead of two.  Asked for on a data-less probe, with
-  // data missing, or while only the partner sends, it goes at once.  Well
-  // under min_rto, so that the asker never times out waiting for it.
-  RtpDuration status_delay = std::chrono::microseconds(500);
-  RtpDuration interactive_window = std::chrono::milliseconds(50);
-
   // Bytes sent and not yet acknowledged, at most; the receiver keeps out of
   // order bytes up to this far beyond what it delivered.
   size_t window = 2 * 1024 * 1024;

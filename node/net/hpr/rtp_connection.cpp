@@ -154,8 +154,8 @@ void RtpConnection::add_setup_segments(Bytes &options) const {
 // segments while setting up, else a connection identifier (responder, until
 // confirmed) and a rate request.
 size_t RtpConnection::header_size() const {
-  constexpr size_t kConnectionIdSize = 12, kRateRequestSize = 12, kStatusSize = 20;
-  size_t options = kRateRequestSize + (status_owed_ ? kStatusSize : 0);
+  constexpr size_t kConnectionIdSize = 12, kRateRequestSize = 12;
+  size_t options = kRateRequestSize;
   if (initiator_ && !heard_) {
     if (setup_options_size_ == 0) setup_options_size_ = base_thdr().options.size();
     options = setup_options_size_;
@@ -174,20 +174,15 @@ size_t RtpConnection::max_data() const {
 
 // Asks for a status on this NLP: a rate request whose correlator the reply
 // echoes (the setup's ARB segment carries it during setup).
-// With `reply_to`, the same ARB segment also answers the partner's request
-// (message type request-and-reply): field 1 is then our rate, field 2 the
-// room in our receive window.
-void RtpConnection::add_request(Thdr &thdr, RtpTime now, std::optional<uint8_t> reply_to) {
+void RtpConnection::add_request(Thdr &thdr, RtpTime now) {
   thdr.status_requested = true;
   if (!thdr.setup) {
-    Arb arb = reply_to ? rate_reply(*reply_to) : Arb{};
-    arb.message = reply_to ? ArbMessage::kBoth : ArbMessage::kRateRequest;
+    Arb arb;
+    arb.message = ArbMessage::kRateRequest;
     arb.mode = 1;
     arb.request_correlator = next_correlator_;
     arb.field1 = rate_.rate();
-    if (!reply_to) {
-      arb.field2 = static_cast<uint32_t>(std::min<size_t>(send_.in_flight(), UINT32_MAX));
-    }
+    arb.field2 = static_cast<uint32_t>(std::min<size_t>(send_.in_flight(), UINT32_MAX));
     append_arb(arb, thdr.options);
   }
   if (requests_.size() >= kMaxRequests) requests_.pop_front();
@@ -225,21 +220,8 @@ void RtpConnection::send_segment(RtpSegment &segment, bool request_status, RtpTi
   bytes_since_request_ += segment.data.size();
   // At most 8 requests outstanding, so that a 4-bit correlator never names
   // two of them at once.
-  const bool request = (request_status && requests_.size() < kMaxRequests) || t.setup;
-  if (status_owed_ && !t.setup) {
-    // The status owed to the partner rides on this data.
-    const std::optional<uint8_t> reply_to = owed_correlator_;
-    add_status(t);
-    if (request) {
-      add_request(t, now, reply_to);
-    } else if (reply_to) {
-      append_arb(rate_reply(*reply_to), t.options);
-    }
-  } else if (request) {
-    add_request(t, now);
-  }
+  if ((request_status && requests_.size() < kMaxRequests) || t.setup) add_request(t, now);
   segment.last_sent = now;
-  last_data_sent_ = now;
   transmit(t, segment.data);
 }
 
@@ -252,21 +234,10 @@ void RtpConnection::send_probe(RtpTime now) {
   transmit(t, {});
 }
 
-Arb RtpConnection::rate_reply(uint8_t correlator) {
-  Arb reply;
-  reply.message = ArbMessage::kRateReply;
-  reply.mode = 1;
-  reply.reply_correlator = correlator;
-  reply.rate_action = static_cast<uint8_t>(receive_rate_action(slowdown1_seen_, slowdown2_seen_));
-  reply.field1 = static_cast<uint32_t>(std::min<size_t>(receive_.buffered(), UINT32_MAX));
-  reply.field2 =
-      static_cast<uint32_t>(config_.window - std::min(config_.window, receive_.buffered()));
-  slowdown1_seen_ = slowdown2_seen_ = false;
-  return reply;
-}
-
-// The status segment of what has arrived; a status owed is paid by it.
-void RtpConnection::add_status(Thdr &t) {
+void RtpConnection::send_status(std::optional<uint8_t> correlator, RtpTime now) {
+  Thdr t = base_thdr();
+  t.status_requested = t.setup;  // a setup NLP always asks
+  t.bsn = static_cast<uint32_t>(send_.sent_end());
   StatusReport status;
   // As many gaps as the link's packet holds (each takes 8 bytes).
   const size_t room =
@@ -276,18 +247,20 @@ void RtpConnection::add_status(Thdr &t) {
   status.report_number = static_cast<uint16_t>(stats_.status_replies_sent);
   status.received_sequence = static_cast<uint32_t>(receive_.next());
   append_status(status, t.options);
-  ++stats_.status_replies_sent;
-  status_owed_ = false;
-  owed_correlator_.reset();
-}
-
-void RtpConnection::send_status(std::optional<uint8_t> correlator, RtpTime now) {
-  Thdr t = base_thdr();
-  t.status_requested = t.setup;  // a setup NLP always asks
-  t.bsn = static_cast<uint32_t>(send_.sent_end());
-  add_status(t);
-  if (correlator) append_arb(rate_reply(*correlator), t.options);
+  if (correlator) {
+    Arb reply;
+    reply.message = ArbMessage::kRateReply;
+    reply.mode = 1;
+    reply.reply_correlator = *correlator;
+    reply.rate_action = static_cast<uint8_t>(receive_rate_action(slowdown1_seen_, slowdown2_seen_));
+    reply.field1 = static_cast<uint32_t>(std::min<size_t>(receive_.buffered(), UINT32_MAX));
+    reply.field2 =
+        static_cast<uint32_t>(config_.window - std::min(config_.window, receive_.buffered()));
+    append_arb(reply, t.options);
+    slowdown1_seen_ = slowdown2_seen_ = false;
+  }
   if (t.setup) add_request(t, now);
+  ++stats_.status_replies_sent;
   transmit(t, {});
 }
 
@@ -458,16 +431,7 @@ void RtpConnection::on_nlp(const NlpView &nlp, RtpTime now) {
     ++stats_.nlps_dropped;
   }
   if (t.last_message) partner_last_message_at_ = receive_.unwrap(t.bsn);
-  if (t.status_requested) {
-    if (owe_status(nlp, now)) {
-      // The newest request's correlator answers the older ones too.
-      if (!status_owed_) status_due_ = now + config_.status_delay;
-      status_owed_ = true;
-      if (asked) owed_correlator_ = asked;
-    } else {
-      send_status(asked ? asked : owed_correlator_, now);
-    }
-  }
+  if (t.status_requested) send_status(asked, now);
   if (receive_.broken()) {
     fail(decision::kSenseProtocol, "the partner sent a message beyond the limit");
     return;
@@ -482,15 +446,6 @@ void RtpConnection::on_nlp(const NlpView &nlp, RtpTime now) {
   // (what went out after the request was the tail of a burst): ask now,
   // rather than when the request timer runs out.
   if (status && requests_.empty() && send_.in_flight() > 0 && !ended()) send_probe(now);
-}
-
-// Whether a status asked for by `nlp` may wait for data going back: only
-// while this side sends too, with nothing missing, and not for a probe (the
-// asker waits on it), a setup or a connection that is ending.
-bool RtpConnection::owe_status(const NlpView &nlp, RtpTime now) const {
-  return !nlp.data.empty() && !nlp.thdr.setup && !nlp.thdr.last_message && !closing_ &&
-         !last_message_sent_ && state_ == RtpState::kConnected && last_data_sent_ != RtpTime{} &&
-         now - last_data_sent_ < config_.interactive_window && receive_.buffered() == 0;
 }
 
 bool RtpConnection::partner_closed() const {
@@ -523,7 +478,6 @@ void RtpConnection::on_timer(RtpTime now) {
     }
     return;
   }
-  if (status_owed_ && now >= status_due_) send_status(owed_correlator_, now);
   if (last_message_sent_ && now - last_message_at_ >= last_message_wait_) {
     // Our indicator, or the partner's answer to it, may have been lost.
     send_last_message(now);
@@ -554,7 +508,6 @@ std::optional<RtpTime> RtpConnection::next_deadline() const {
     at = std::min(at, last_heard_ + config_.alive_timer);
   }
   if (pace_at_) at = std::min(at, *pace_at_);
-  if (status_owed_) at = std::min(at, status_due_);
   if (last_message_sent_) at = std::min(at, last_message_at_ + last_message_wait_);
   return at;
 }

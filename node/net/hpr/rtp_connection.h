@@ -113,10 +113,7 @@ class RtpConnection {
   size_t max_data() const;
   Thdr base_thdr() const;
   void add_setup_segments(Bytes &options) const;
-  void add_request(Thdr &thdr, RtpTime now, std::optional<uint8_t> reply_to = std::nullopt);
-  void add_status(Thdr &thdr);
-  Arb rate_reply(uint8_t correlator);
-  bool owe_status(const NlpView &nlp, RtpTime now) const;
+  void add_request(Thdr &thdr, RtpTime now);
   void transmit(Thdr &thdr, ByteSpan data);
   void send_segment(RtpSegment &segment, bool request_status, RtpTime now);
   void send_probe(RtpTime now);
@@ -151,13 +148,6 @@ class RtpConnection {
   uint8_t next_correlator_ = 0;
   size_t bytes_since_request_ = 0;
   RtpTime last_request_{};
-
-  // A status asked for and not sent yet: it rides on the next data NLP to the
-  // partner, or goes alone at status_due_.
-  bool status_owed_ = false;
-  std::optional<uint8_t> owed_correlator_;
-  RtpTime status_due_{};
-  RtpTime last_data_sent_{};
 
   RtpReassembly receive_;
   RtpTime last_heard_;
