@@ -87,12 +87,9 @@ TEST_F(BrokerTest, AllocationReachesAWaitingAcceptWithJoinedEnds) {
   const auto delivered = out_.to<AttachDelivery>(server);
   ASSERT_EQ(delivered.size(), 1u);
   const auto &attach = std::get<AttachDelivery>(delivered[0]->message);
-  EXPECT_EQ(attach.accept_id, 41u);
-  EXPECT_EQ(attach.tp_name, "ECHO");
-  EXPECT_FALSE(attach.mapped);
-  EXPECT_EQ(attach.sync_level, 1);
-  EXPECT_EQ(attach.partner_lu_name, "APPN.LOCAL");
-  EXPECT_FALSE(attach.user.has_value());
+  EXPECT_EQ(std::tuple(attach.accept_id, attach.tp_name, attach.mapped, int{attach.sync_level},
+                       attach.partner_lu_name, attach.user.has_value()),
+            std::tuple(41u, "ECHO", false, 1, "APPN.LOCAL", false));
   expect_joined(results[0]->descriptor.get(), delivered[0]->descriptor.get());
   expect_joined(delivered[0]->descriptor.get(), results[0]->descriptor.get());
 }

@@ -101,24 +101,20 @@ TEST(DaemonProtocol, EveryMessageDecodesToWhatWasEncoded) {
   AllocateRequest plain;
   plain.tp_name = "X";
   const auto back = decoded<AllocateRequest>(encoded(plain));
-  EXPECT_FALSE(back.allocator_user.has_value());
-  EXPECT_TRUE(back.mapped);
-  EXPECT_EQ(back.tp_name, "X");
+  EXPECT_EQ(std::tuple(back.allocator_user.has_value(), back.mapped, back.tp_name),
+            std::tuple(false, true, "X"));
   const auto full_back = decoded<AllocateRequest>(encoded(one_of_each()[6]));
-  EXPECT_EQ(full_back.request_id, 0x01020304u);
-  EXPECT_EQ(full_back.password, "s3cret");
-  EXPECT_EQ(full_back.allocator_user, std::optional<std::string>("bob"));
-  EXPECT_EQ(full_back.sync_level, 1);
-  EXPECT_FALSE(full_back.mapped);
+  EXPECT_EQ(std::tuple(full_back.request_id, full_back.password, full_back.allocator_user,
+                       int{full_back.sync_level}, full_back.mapped),
+            std::tuple(0x01020304u, "s3cret", std::optional<std::string>("bob"), 1, false));
 }
 
 TEST(DaemonProtocol, StatsReportRecordsSurviveAndALyingCountIsRefused) {
   const auto back = decoded<StatsReport>(encoded(stats_report()));
   ASSERT_EQ(back.conversations.size(), 1u);
-  EXPECT_EQ(back.conversations[0].bytes_sent, 5'000'000'001u);
-  EXPECT_EQ(back.conversations[0].partner_tp, "ECHO");
-  EXPECT_EQ(back.tps[0].name, "PAYROLL");
-  EXPECT_EQ(back.sessions[0].in_use, 2u);
+  EXPECT_EQ(std::tuple(back.conversations[0].bytes_sent, back.conversations[0].partner_tp,
+                       back.tps[0].name, back.sessions[0].in_use),
+            std::tuple(uint64_t{5'000'000'001}, "ECHO", "PAYROLL", 2u));
   // A count of 65535 records in a short message: refused before any is made.
   auto lying = encoded(StatsReport{});
   lying[lying.size() - 6] = lying[lying.size() - 5] = 0xFF;  // the tps count; two empty follow
