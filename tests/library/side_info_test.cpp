@@ -212,19 +212,17 @@ TEST_F(SideInfo, TheNodesRecordIsConvertedAndKept) {
   for (const auto &[partner, qualified, period, stored] : partners) {
     SCOPED_TRACE(partner);
     const SCD_ENTRY e = convert({.partner = partner});
-    EXPECT_EQ(e.usPartnerLUQualified, qualified);
-    EXPECT_EQ(e.usPartnerLUPeriodPos, period);
-    EXPECT_EQ(e.usPartnerLULen, std::strlen(partner));
-    EXPECT_EQ(text_of(e.partner_LU_name, 17), stored);
+    EXPECT_EQ(std::tuple(e.usPartnerLUQualified, e.usPartnerLUPeriodPos, size_t{e.usPartnerLULen},
+                         text_of(e.partner_LU_name, 17)),
+              std::tuple(qualified, period, std::strlen(partner), stored));
   }
   NodeEntry node{.name = "KEPT", .local_lu = "BILLING"};
   const SCD_ENTRY e = convert(node);
-  EXPECT_EQ(e.TP_name_type, 0u);
+  EXPECT_EQ(std::tuple(e.TP_name_type, e.usModeNameLen, text_of(e.local_LU_alias, 8),
+                       text_of(e.sym_dest_name, 8)),
+            std::tuple(0u, uint16_t{6}, "BILLING ", "KEPT    "));
   EXPECT_EQ(bytes(e.TP_name, 64), ebcdic_field("PAYROLL", 64));
-  EXPECT_EQ(e.usModeNameLen, 6);
   EXPECT_EQ(text_of(e.mode_name, 8), "\x7B" + text_of(ebcdic_field("INTER", 7).data(), 7));
-  EXPECT_EQ(text_of(e.local_LU_alias, 8), "BILLING ");
-  EXPECT_EQ(text_of(e.sym_dest_name, 8), "KEPT    ");
   EXPECT_EQ(bytes(e.reserved, 3), Bytes(3, 0));
   SCD_SLOT *slot = nullptr;
   ASSERT_EQ(SCD_match_sym_dest_name(e.sym_dest_name, &slot), 1);

@@ -1,5 +1,5 @@
 // What the broker's tests share: a BrokerOutput that records what the broker
-// sends, starts and logs.
+// sends, starts and logs, and a fixture with a broker on it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -70,5 +70,48 @@ inline ClientId join(Broker &broker, ClientId client, uid_t uid) {
                                    static_cast<uint32_t>(uid)}));
   return client;
 }
+
+// A broker with a recording output, and the calls its tests repeat.
+class BrokerFixture : public ::testing::Test {
+ protected:
+  explicit BrokerFixture(config::NodeConfig config, PasswordCheck check = nullptr,
+                         TpOwner owner = nullptr)
+      : config_(std::move(config)), broker_(config_, out_, std::move(check), std::move(owner)) {}
+
+  ClientId join(uid_t uid = ::getuid()) { return broker_test::join(broker_, next_++, uid); }
+  bool handle(ClientId id, client::Message message) {
+    return broker_test::handle(broker_, id, std::move(message));
+  }
+  // An allocation from the default LU, with a request ID of its own.
+  client::AllocateRequest request(const std::string &tp_name) {
+    client::AllocateRequest r;
+    r.request_id = ++request_id_;
+    r.tp_name = tp_name;
+    r.mode = "#INTER";
+    r.partner_lu = "LOCAL";
+    r.allocator_lu = "APPN.LOCAL";
+    return r;
+  }
+  // The result of the last allocation `client` made.
+  client::AllocateResult last_result(ClientId client) {
+    auto results = out_.to<client::AllocateResult>(client);
+    EXPECT_FALSE(results.empty());
+    return results.empty() ? client::AllocateResult{0, 0xFFFF, 0xFFFFFFFF}
+                           : std::get<client::AllocateResult>(results.back()->message);
+  }
+  std::vector<client::AttachDelivery> attaches(ClientId client) {
+    std::vector<client::AttachDelivery> found;
+    for (auto *sent : out_.to<client::AttachDelivery>(client)) {
+      found.push_back(std::get<client::AttachDelivery>(sent->message));
+    }
+    return found;
+  }
+
+  config::NodeConfig config_;
+  RecordingOutput out_;
+  Broker broker_;
+  ClientId next_ = 1;
+  uint32_t request_id_ = 0;
+};
 
 }  // namespace broker_test

@@ -2,8 +2,7 @@
 // mistake with its position, where the file comes from and the environment
 // overrides), putting it into effect when a process connects, and the side
 // information the NOF service answers from it.
-#include <string>
-
+#include <gmock/gmock.h>
 #include "config/apply_configuration.h"
 #include "core/log_files.h"
 #include "node/core_test_support.h"
@@ -11,6 +10,9 @@
 namespace cfg = snanode::config;
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 const std::filesystem::path kSample =
     std::filesystem::path(__FILE__).parent_path() / "../../samples/snanode.toml";
@@ -94,7 +96,7 @@ TEST(ConfigParse, EachMistakeGivesOneMessageWithItsPosition) {
   for (const auto &bad : cases) {
     const std::string message = refusal(bad.text, "t.toml");
     EXPECT_TRUE(message.starts_with("t.toml:" + std::string(bad.position) + ":")) << message;
-    EXPECT_NE(message.find(bad.problem), std::string::npos) << message;
+    EXPECT_THAT(message, HasSubstr(bad.problem));
   }
 }
 

@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "core/path.h"
 #include "core/node_monitor.h"

@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "core/log_files.h"
 #include "core/trace_flags.h"

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <set>
-#include <vector>
 
 #include "core/node_monitor.h"
 #include "core/rising_id.h"

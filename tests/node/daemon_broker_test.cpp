@@ -1,26 +1,22 @@
 // The daemon's broker driven directly: attaches, queues, time-outs,
 // refusals, security, started TPs and clients that go away.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <deque>
 #include <map>
-#include <set>
-#include <string>
-#include <vector>
 
-#include "daemon/broker.h"
 #include "node/broker_test_support.h"
 #include "engine/frame.h"
 #include "snanode/verbs.h"
 
 namespace {
 
+using ::testing::HasSubstr;
+using ::testing::Not;
+
 using namespace snanode;
 using namespace snanode::daemon;
 using broker_test::RecordingOutput;
-using broker_test::Sent;
 using client::AcceptWait;
 using client::AllocateRequest;
 using client::AllocateResult;
@@ -53,38 +49,14 @@ config::NodeConfig test_config() {
   return config;
 }
 
-class BrokerTest : public ::testing::Test {
+class BrokerTest : public broker_test::BrokerFixture {
  protected:
-  // Connects and greets a client whose credentials are this process's.
-  ClientId join() { return broker_test::join(broker_, next_++, ::getuid()); }
-  bool handle(ClientId id, client::Message message) {
-    return broker_test::handle(broker_, id, std::move(message));
-  }
-  AllocateRequest request(const std::string &tp_name) {
-    AllocateRequest r;
-    r.request_id = ++request_id_;
-    r.tp_name = tp_name;
-    r.mode = "#INTER";
-    r.partner_lu = "LOCAL";
-    r.allocator_lu = "APPN.LOCAL";
-    return r;
-  }
-  // The result of the last allocation `client` made.
-  AllocateResult &last_result(ClientId client) {
-    auto results = out_.to<AllocateResult>(client);
-    EXPECT_FALSE(results.empty());
-    return std::get<AllocateResult>(results.back()->message);
-  }
-
-  config::NodeConfig config_ = test_config();
-  RecordingOutput out_;
+  BrokerTest()
+      : BrokerFixture(test_config(), [this](const std::string &user, const std::string &password) {
+          auto it = system_passwords_.find(user);
+          return it != system_passwords_.end() && it->second == password;
+        }) {}
   std::map<std::string, std::string> system_passwords_ = {{"sysuser", "pam-pass"}};
-  Broker broker_{config_, out_, [this](const std::string &user, const std::string &password) {
-                   auto it = system_passwords_.find(user);
-                   return it != system_passwords_.end() && it->second == password;
-                 }};
-  ClientId next_ = 1;
-  uint32_t request_id_ = 0;
 };
 
 // Writes on one descriptor and reads on the other: the two ends are joined.
@@ -112,17 +84,14 @@ TEST_F(BrokerTest, AllocationReachesAWaitingAcceptWithJoinedEnds) {
   const auto &result = std::get<AllocateResult>(results[0]->message);
   EXPECT_EQ(result.request_id, r.request_id);
   EXPECT_EQ(result.primary, AP_OK);
-  const auto attaches = out_.to<AttachDelivery>(server);
-  ASSERT_EQ(attaches.size(), 1u);
-  const auto &attach = std::get<AttachDelivery>(attaches[0]->message);
-  EXPECT_EQ(attach.accept_id, 41u);
-  EXPECT_EQ(attach.tp_name, "ECHO");
-  EXPECT_FALSE(attach.mapped);
-  EXPECT_EQ(attach.sync_level, 1);
-  EXPECT_EQ(attach.partner_lu_name, "APPN.LOCAL");
-  EXPECT_FALSE(attach.user.has_value());
-  expect_joined(results[0]->descriptor.get(), attaches[0]->descriptor.get());
-  expect_joined(attaches[0]->descriptor.get(), results[0]->descriptor.get());
+  const auto delivered = out_.to<AttachDelivery>(server);
+  ASSERT_EQ(delivered.size(), 1u);
+  const auto &attach = std::get<AttachDelivery>(delivered[0]->message);
+  EXPECT_EQ(std::tuple(attach.accept_id, attach.tp_name, attach.mapped, int{attach.sync_level},
+                       attach.partner_lu_name, attach.user.has_value()),
+            std::tuple(41u, "ECHO", false, 1, "APPN.LOCAL", false));
+  expect_joined(results[0]->descriptor.get(), delivered[0]->descriptor.get());
+  expect_joined(delivered[0]->descriptor.get(), results[0]->descriptor.get());
 }
 
 TEST_F(BrokerTest, QueuedAttachesGoOldestFirstAndACancelledAcceptGetsNone) {
@@ -133,18 +102,18 @@ TEST_F(BrokerTest, QueuedAttachesGoOldestFirstAndACancelledAcceptGetsNone) {
   ASSERT_TRUE(handle(server, client::AcceptCancel{1}));
   ASSERT_TRUE(handle(allocator, request("Q")));
   ASSERT_TRUE(handle(allocator, request("Q")));
-  EXPECT_TRUE(out_.to<AttachDelivery>(server).empty());
+  EXPECT_TRUE(attaches(server).empty());
   const auto results = out_.to<AllocateResult>(allocator);
   ASSERT_EQ(results.size(), 2u);
 
   ASSERT_TRUE(handle(server, AcceptWait{2, {"Q"}}));
   ASSERT_TRUE(handle(server, AcceptWait{3, {"Q"}}));
-  const auto attaches = out_.to<AttachDelivery>(server);
-  ASSERT_EQ(attaches.size(), 2u);
-  EXPECT_EQ(std::get<AttachDelivery>(attaches[0]->message).accept_id, 2u);
-  EXPECT_EQ(std::get<AttachDelivery>(attaches[1]->message).accept_id, 3u);
-  expect_joined(results[0]->descriptor.get(), attaches[0]->descriptor.get());
-  expect_joined(results[1]->descriptor.get(), attaches[1]->descriptor.get());
+  const auto delivered = out_.to<AttachDelivery>(server);
+  ASSERT_EQ(delivered.size(), 2u);
+  EXPECT_EQ(std::pair(attaches(server)[0].accept_id, attaches(server)[1].accept_id),
+            std::pair(2u, 3u));
+  expect_joined(results[0]->descriptor.get(), delivered[0]->descriptor.get());
+  expect_joined(results[1]->descriptor.get(), delivered[1]->descriptor.get());
   // Nothing is left to expire.
   EXPECT_FALSE(broker_.next_deadline().has_value());
 }
@@ -175,10 +144,10 @@ TEST_F(BrokerTest, QueueTimeOutReachesTheAllocatingSideAsAnAttachFailure) {
   // Then the orderly end, then end of stream: the link reports no loss.
   EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + static_cast<long>(used), bytes.end()),
             std::vector<uint8_t>(4, 0));
-  EXPECT_NE(out_.all_logs().find("SLOW"), std::string::npos);
+  EXPECT_THAT(out_.all_logs(), HasSubstr("SLOW"));
   // An accept that comes too late waits instead of getting the dead attach.
   ASSERT_TRUE(handle(server, AcceptWait{9, {"SLOW"}}));
-  EXPECT_TRUE(out_.to<AttachDelivery>(server).empty());
+  EXPECT_TRUE(attaches(server).empty());
 }
 
 TEST_F(BrokerTest, RefusalsCarryTheAllocationErrorAndAreLoggedWithoutPasswords) {
@@ -218,20 +187,18 @@ TEST_F(BrokerTest, RefusalsCarryTheAllocationErrorAndAreLoggedWithoutPasswords) 
     r.user_id = c.user;
     r.password = c.password;
     ASSERT_TRUE(handle(allocator, r));
-    const auto results = out_.to<AllocateResult>(allocator);
-    const Sent &last = *results.back();
-    const auto &result = std::get<AllocateResult>(last.message);
-    EXPECT_EQ(result.request_id, r.request_id);
-    EXPECT_EQ(result.primary, c.secondary == 0 ? AP_OK : AP_ALLOCATION_ERROR);
-    EXPECT_EQ(result.secondary, c.secondary);
-    EXPECT_EQ(last.descriptor.valid(), c.secondary == 0);
+    const AllocateResult result = last_result(allocator);
+    EXPECT_EQ(
+        std::tuple(result.request_id, result.primary, result.secondary),
+        std::tuple(r.request_id, c.secondary == 0 ? AP_OK : AP_ALLOCATION_ERROR, c.secondary));
+    EXPECT_EQ(out_.to<AllocateResult>(allocator).back()->descriptor.valid(), c.secondary == 0);
   }
   const std::string logs = out_.all_logs();
-  EXPECT_NE(logs.find("NOBODY"), std::string::npos);
-  EXPECT_NE(logs.find("21600810"), std::string::npos);
-  EXPECT_EQ(logs.find("wrong-pw"), std::string::npos);
-  EXPECT_EQ(logs.find("pam-pass"), std::string::npos);
-  EXPECT_EQ(logs.find("secret"), std::string::npos);
+  EXPECT_THAT(logs, HasSubstr("NOBODY"));
+  EXPECT_THAT(logs, HasSubstr("21600810"));
+  EXPECT_THAT(logs, Not(HasSubstr("wrong-pw")));
+  EXPECT_THAT(logs, Not(HasSubstr("pam-pass")));
+  EXPECT_THAT(logs, Not(HasSubstr("secret")));
 }
 
 TEST_F(BrokerTest, SamePassesOnlyAUserThisDaemonVerifiedForTheProcess) {
@@ -245,10 +212,8 @@ TEST_F(BrokerTest, SamePassesOnlyAUserThisDaemonVerifiedForTheProcess) {
   r.user_id = "alice";
   r.password = "secret";
   ASSERT_TRUE(handle(front, r));
-  const auto attaches = out_.to<AttachDelivery>(middle);
-  ASSERT_EQ(attaches.size(), 1u);
-  EXPECT_EQ(std::get<AttachDelivery>(attaches[0]->message).user,
-            std::optional<std::string>("alice"));
+  ASSERT_EQ(attaches(middle).size(), 1u);
+  EXPECT_EQ(attaches(middle)[0].user, std::optional<std::string>("alice"));
 
   // middle allocates on to SECURE with SAME: alice passes on.
   ASSERT_TRUE(handle(back, AcceptWait{2, {"SECURE"}}));
@@ -257,8 +222,7 @@ TEST_F(BrokerTest, SamePassesOnlyAUserThisDaemonVerifiedForTheProcess) {
   same.allocator_user = "alice";
   ASSERT_TRUE(handle(middle, same));
   EXPECT_EQ(last_result(middle).primary, AP_OK);
-  EXPECT_EQ(std::get<AttachDelivery>(out_.to<AttachDelivery>(back).at(0)->message).user,
-            std::optional<std::string>("alice"));
+  EXPECT_EQ(attaches(back).at(0).user, std::optional<std::string>("alice"));
   // front claims alice with SAME, but nobody verified alice for front.
   auto claim = request("SECURE");
   claim.security_type = 1;
@@ -275,9 +239,8 @@ TEST_F(BrokerTest, InvokableTpIsStartedAndTakesItsAttachWhenItAccepts) {
   EXPECT_EQ(out_.launches, std::vector<std::string>{"SINGLE@LOCAL"});
   const ClientId started = join();
   ASSERT_TRUE(handle(started, AcceptWait{7, {"SINGLE"}}));
-  ASSERT_EQ(out_.to<AttachDelivery>(started).size(), 1u);
-  EXPECT_EQ(std::get<AttachDelivery>(out_.to<AttachDelivery>(started)[0]->message).local_lu_alias,
-            "LOCAL");
+  ASSERT_EQ(attaches(started).size(), 1u);
+  EXPECT_EQ(attaches(started)[0].local_lu_alias, "LOCAL");
   // When the instance exits, the attach still queued starts another.
   broker_.instance_exited("SINGLE");
   ASSERT_TRUE(handle(allocator, request("SINGLE")));

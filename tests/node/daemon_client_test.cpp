@@ -1,13 +1,9 @@
 // The node library's side of the daemon connection: requests out, results
 // and attaches in under the process lock, and the end of the path when the
 // daemon dies.
-#include <gtest/gtest.h>
-
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <condition_variable>
-#include <cstring>
 #include <deque>
 #include <mutex>
 
@@ -87,21 +83,17 @@ TEST_F(DaemonClientTest, AllocationAndAttachArriveWithJoinedEnds) {
   const uint32_t refused = allocator->allocate(request_for("NOBODY"));
   auto refusal = allocator_events.take();
   ASSERT_TRUE(refusal);
-  EXPECT_EQ(refusal->id, refused);
-  EXPECT_EQ(refusal->primary, AP_ALLOCATION_ERROR);
-  EXPECT_EQ(refusal->secondary, AP_TP_NAME_NOT_RECOGNIZED);
-  EXPECT_FALSE(refusal->end.valid());
+  EXPECT_EQ(std::tuple(refusal->id, refusal->primary, refusal->secondary, refusal->end.valid()),
+            std::tuple(refused, AP_ALLOCATION_ERROR, AP_TP_NAME_NOT_RECOGNIZED, false));
 
   const uint32_t id = allocator->allocate(request_for("ECHO"));
   EXPECT_NE(id, refused);
   auto result = allocator_events.take();
   auto attach = server_events.take();
   ASSERT_TRUE(result && attach);
-  EXPECT_EQ(result->id, id);
-  EXPECT_EQ(result->primary, AP_OK);
-  EXPECT_TRUE(attach->is_attach);
-  EXPECT_EQ(attach->id, 5u);
-  EXPECT_EQ(attach->tp_name, "ECHO");
+  EXPECT_EQ(std::pair(result->id, result->primary), std::pair(id, uint16_t{AP_OK}));
+  EXPECT_EQ(std::tuple(attach->is_attach, attach->id, attach->tp_name),
+            std::tuple(true, 5u, "ECHO"));
   ASSERT_EQ(::write(result->end.get(), "abc", 3), 3);
   char got[3] = {};
   ASSERT_EQ(::read(attach->end.get(), got, 3), 3);

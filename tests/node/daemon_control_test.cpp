@@ -3,6 +3,7 @@
 // that does not answer the daemon's stats query is shown as such without
 // holding the answer up, and a caller outside the node's owners may look
 // but not change.
+#include <gmock/gmock.h>
 #include <grp.h>
 #include <sys/stat.h>
 
@@ -11,6 +12,9 @@
 
 namespace daemon_test {
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 struct Answer {
   int status = -1;
@@ -46,7 +50,7 @@ TEST(ControlStatus, EscapesNamesAndCutsLongLists) {
   status.processes.push_back(process);
   const std::string tps =
       daemon::render_json(daemon::status_table(status, daemon::StatusView::kTps, 10));
-  EXPECT_NE(tps.find("\"name\":\"A\\\"B\\\\\\u0001\""), std::string::npos) << tps;
+  EXPECT_THAT(tps, HasSubstr("\"name\":\"A\\\"B\\\\\\u0001\""));
   const daemon::Table cut = daemon::status_table(status, daemon::StatusView::kConversations, 2);
   ASSERT_EQ(cut.size(), 2u);
   EXPECT_EQ(cut[1].rows.size(), 2u);
@@ -62,12 +66,12 @@ using DaemonControl = DaemonFixture;
 TEST_F(DaemonControl, AnswersWhatIsWrongAndDoesNotWaitForASilentProcess) {
   const Answer other = control(socket_, {"status"}, client::kControlVersion + 98);
   EXPECT_EQ(other.status, daemon::kControlBadRequest);
-  EXPECT_NE(other.text.find("control version 99"), std::string::npos) << other.text;
-  EXPECT_NE(other.text.find("speaks version 1"), std::string::npos) << other.text;
+  EXPECT_THAT(other.text, HasSubstr("control version 99"));
+  EXPECT_THAT(other.text, HasSubstr("speaks version 1"));
 
   const Answer unknown = control(socket_, {"reboot"});
   EXPECT_EQ(unknown.status, daemon::kControlBadRequest);
-  EXPECT_NE(unknown.text.find("unknown command: reboot"), std::string::npos) << unknown.text;
+  EXPECT_THAT(unknown.text, HasSubstr("unknown command: reboot"));
 
   EXPECT_EQ(control(socket_, {"link", "start"}).text, "no network configured\n");
 
@@ -78,9 +82,8 @@ TEST_F(DaemonControl, AnswersWhatIsWrongAndDoesNotWaitForASilentProcess) {
   const Answer status = control(socket_, {"status", "--json"});
   const auto took = std::chrono::steady_clock::now() - asked;
   EXPECT_EQ(status.status, daemon::kControlOk);
-  EXPECT_NE(status.text.find("\"processes\":1,\"processes_not_answering\":1"), std::string::npos)
-      << status.text;
-  EXPECT_NE(status.text.find("\"answered\":false"), std::string::npos) << status.text;
+  EXPECT_THAT(status.text, HasSubstr("\"processes\":1,\"processes_not_answering\":1"));
+  EXPECT_THAT(status.text, HasSubstr("\"answered\":false"));
   EXPECT_GE(took, daemon::kStatsDeadline);
   EXPECT_LT(took, 5 * daemon::kStatsDeadline);
 }
@@ -104,7 +107,7 @@ TEST_F(DaemonControl, TraceOfOneTpReachesItsProcessesNowAndLater) {
   }
   const Answer told = control(socket_, {"trace", "on", "--tp", "TRACEME", "--file", "/tmp/t.trc"});
   EXPECT_EQ(told.status, daemon::kControlOk);
-  EXPECT_NE(told.text.find("1 process(es) told"), std::string::npos) << told.text;
+  EXPECT_THAT(told.text, HasSubstr("1 process(es) told"));
   const auto now = next_trace(*serving);
   ASSERT_TRUE(now);
   EXPECT_TRUE(now->on);
@@ -152,10 +155,9 @@ TEST_F(DaemonControl, OnlyOwnersChangeAndOnlyRootNamesAFileForOthers) {
       as_user(kNobody, kNobody, socket_,
               {{"trace", "on"}, {"link", "stop", "NETA.NODEB"}, {"tp", "list", "--json"}});
   EXPECT_EQ(outsider.rfind("1 refused: trace on changes the node", 0), 0u) << outsider;
-  EXPECT_NE(outsider.find("\n1 refused: link stop NETA.NODEB changes the node"), std::string::npos)
-      << outsider;
-  EXPECT_NE(outsider.find("you are uid 65534"), std::string::npos) << outsider;
-  EXPECT_NE(outsider.find("\n0 {\"node\":{\"name\":\"TESTNODE\""), std::string::npos) << outsider;
+  EXPECT_THAT(outsider, HasSubstr("\n1 refused: link stop NETA.NODEB changes the node"));
+  EXPECT_THAT(outsider, HasSubstr("you are uid 65534"));
+  EXPECT_THAT(outsider, HasSubstr("\n0 {\"node\":{\"name\":\"TESTNODE\""));
 
   // A member of the socket's group (root's here) may trace a process of root,
   // but not into a file it names: root's process would write it.
@@ -164,10 +166,9 @@ TEST_F(DaemonControl, OnlyOwnersChangeAndOnlyRootNamesAFileForOthers) {
   ASSERT_TRUE(process->send(client::RegisterTp{"TRACEME"}));
   const std::string member = as_user(
       kNobody, 0, socket_, {{"status"}, {"trace", "on", "--tp", "TRACEME", "--file", "/tmp/x"}});
-  EXPECT_NE(member.find("0 trace on for TP TRACEME: 1 process(es) told, file /tmp/x; 1 of another "
-                        "user trace into their own file"),
-            std::string::npos)
-      << member;
+  EXPECT_THAT(member,
+              HasSubstr("0 trace on for TP TRACEME: 1 process(es) told, file /tmp/x; 1 of another "
+                        "user trace into their own file"));
   const auto told = next_trace(*process);
   ASSERT_TRUE(told);
   EXPECT_TRUE(told->on);

@@ -2,19 +2,10 @@
 // starts.  Conversations between processes through the daemon are the
 // end-to-end tests' (tests/e2e).
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <thread>
 
 #include "client/daemon_protocol.h"
-#include "client/message_channel.h"
 #include "core/process_lock.h"
 #include "engine/frame.h"
 #include "engine/socket_link.h"

@@ -24,6 +24,12 @@ std::vector<uint8_t> encoded(const Message &message, bool descriptor = false) {
   encode_message(message, descriptor, out);
   return out;
 }
+// The message of type T that `bytes` hold whole.
+template <typename T>
+T decoded(const std::vector<uint8_t> &bytes) {
+  size_t used = 0;
+  return std::get<T>(decode_message(bytes.data(), bytes.size(), used)->message);
+}
 
 // Records in lists, and byte counts past 32 bits.
 StatsReport stats_report() {
@@ -94,49 +100,31 @@ TEST(DaemonProtocol, EveryMessageDecodesToWhatWasEncoded) {
   // Field values survive, including absent optional text and empty names.
   AllocateRequest plain;
   plain.tp_name = "X";
-  size_t used = 0;
-  const auto bytes = encoded(plain);
-  const auto back =
-      std::get<AllocateRequest>(decode_message(bytes.data(), bytes.size(), used)->message);
-  EXPECT_FALSE(back.allocator_user.has_value());
-  EXPECT_TRUE(back.mapped);
-  EXPECT_EQ(back.tp_name, "X");
-  const auto full = std::get<AllocateRequest>(one_of_each()[6]);
-  const auto full_bytes = encoded(full);
-  const auto full_back = std::get<AllocateRequest>(
-      decode_message(full_bytes.data(), full_bytes.size(), used)->message);
-  EXPECT_EQ(full_back.request_id, 0x01020304u);
-  EXPECT_EQ(full_back.password, "s3cret");
-  EXPECT_EQ(full_back.allocator_user, std::optional<std::string>("bob"));
-  EXPECT_EQ(full_back.sync_level, 1);
-  EXPECT_FALSE(full_back.mapped);
+  const auto back = decoded<AllocateRequest>(encoded(plain));
+  EXPECT_EQ(std::tuple(back.allocator_user.has_value(), back.mapped, back.tp_name),
+            std::tuple(false, true, "X"));
+  const auto full_back = decoded<AllocateRequest>(encoded(one_of_each()[6]));
+  EXPECT_EQ(std::tuple(full_back.request_id, full_back.password, full_back.allocator_user,
+                       int{full_back.sync_level}, full_back.mapped),
+            std::tuple(0x01020304u, "s3cret", std::optional<std::string>("bob"), 1, false));
 }
 
 TEST(DaemonProtocol, StatsReportRecordsSurviveAndALyingCountIsRefused) {
-  const auto bytes = encoded(stats_report());
-  size_t used = 0;
-  const auto back =
-      std::get<StatsReport>(decode_message(bytes.data(), bytes.size(), used)->message);
+  const auto back = decoded<StatsReport>(encoded(stats_report()));
   ASSERT_EQ(back.conversations.size(), 1u);
-  EXPECT_EQ(back.conversations[0].bytes_sent, 5'000'000'001u);
-  EXPECT_EQ(back.conversations[0].partner_tp, "ECHO");
-  EXPECT_EQ(back.tps[0].name, "PAYROLL");
-  EXPECT_EQ(back.sessions[0].in_use, 2u);
+  EXPECT_EQ(std::tuple(back.conversations[0].bytes_sent, back.conversations[0].partner_tp,
+                       back.tps[0].name, back.sessions[0].in_use),
+            std::tuple(uint64_t{5'000'000'001}, "ECHO", "PAYROLL", 2u));
   // A count of 65535 records in a short message: refused before any is made.
-  StatsReport empty;
-  auto lying = encoded(empty);
-  lying[lying.size() - 6] = 0xFF;  // the tps count, followed by two empty counts
-  lying[lying.size() - 5] = 0xFF;
-  EXPECT_THROW(decode_message(lying.data(), lying.size(), used), ProtocolError);
+  auto lying = encoded(StatsReport{});
+  lying[lying.size() - 6] = lying[lying.size() - 5] = 0xFF;  // the tps count; two empty follow
+  EXPECT_THROW(decoded<StatsReport>(lying), ProtocolError);
 }
 
 TEST(DaemonProtocol, HeaderIsBigEndianLengthTypeAndDescriptorCount) {
-  const auto bytes = encoded(AcceptCancel{0x0A0B0C0D}, true);
-  const std::vector<uint8_t> expected = {0, 0, 0, 6, 6, 1, 0x0A, 0x0B, 0x0C, 0x0D};
-  EXPECT_EQ(bytes, expected);
-  const auto text = encoded(RegisterTp{"AB"});
-  const std::vector<uint8_t> expected_text = {0, 0, 0, 6, 3, 0, 0, 2, 'A', 'B'};
-  EXPECT_EQ(text, expected_text);
+  EXPECT_EQ(encoded(AcceptCancel{0x0A0B0C0D}, true),
+            (std::vector<uint8_t>{0, 0, 0, 6, 6, 1, 0x0A, 0x0B, 0x0C, 0x0D}));
+  EXPECT_EQ(encoded(RegisterTp{"AB"}), (std::vector<uint8_t>{0, 0, 0, 6, 3, 0, 0, 2, 'A', 'B'}));
 }
 
 TEST(DaemonProtocol, PartialInputWaitsAndMalformedInputIsRefused) {
@@ -146,11 +134,7 @@ TEST(DaemonProtocol, PartialInputWaitsAndMalformedInputIsRefused) {
     EXPECT_FALSE(decode_message(bytes.data(), cut, used)) << cut;
     EXPECT_EQ(used, 0u);
   }
-  struct Case {
-    const char *what;
-    std::vector<uint8_t> bytes;
-  };
-  const std::vector<Case> bad = {
+  const std::pair<const char *, std::vector<uint8_t>> bad[] = {
       {"length below the header", {0, 0, 0, 1, 3}},
       {"length past the limit", {0, 1, 0, 0}},
       {"type zero", {0, 0, 0, 2, 0, 0}},
@@ -161,8 +145,8 @@ TEST(DaemonProtocol, PartialInputWaitsAndMalformedInputIsRefused) {
       {"bytes after the fields", {0, 0, 0, 7, 6, 0, 0, 0, 0, 1, 0}},
       {"flag neither 0 nor 1", {0, 0, 0, 14, 9, 0, 0, 0, 0, 1, 0, 0, 7, 0, 0, 0, 0, 0}},
   };
-  for (const auto &c : bad) {
-    EXPECT_THROW(decode_message(c.bytes.data(), c.bytes.size(), used), ProtocolError) << c.what;
+  for (const auto &[what, input] : bad) {
+    EXPECT_THROW(decode_message(input.data(), input.size(), used), ProtocolError) << what;
   }
   EXPECT_THROW(encoded(RegisterTp{std::string(70000, 'x')}), ProtocolError);
 
@@ -193,6 +177,16 @@ bool same_file(int a, int b) {
   return ::fstat(a, &sa) == 0 && ::fstat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&
          sa.st_ino == sb.st_ino;
 }
+
+// The message types (variant indexes) of what arrived.
+std::vector<size_t> types_of(const std::vector<ReceivedMessage> &got) {
+  std::vector<size_t> out;
+  for (const auto &m : got) out.push_back(m.message.index());
+  return out;
+}
+const std::vector<size_t> kResultRegisterAttach = {Message(AllocateResult{}).index(),
+                                                   Message(RegisterTp{}).index(),
+                                                   Message(AttachDelivery{}).index()};
 
 // Two ends of a connection and two pipes whose write ends travel over it.
 struct Channels {
@@ -230,10 +224,7 @@ TEST(DaemonProtocol, ChannelPassesDescriptorsWithTheirMessages) {
   ASSERT_TRUE(c.sender.send(attach, c.second[1]));
 
   std::vector<ReceivedMessage> got = c.receive(3);
-  ASSERT_EQ(got.size(), 3u);
-  ASSERT_TRUE(std::holds_alternative<AllocateResult>(got[0].message));
-  ASSERT_TRUE(std::holds_alternative<RegisterTp>(got[1].message));
-  ASSERT_TRUE(std::holds_alternative<AttachDelivery>(got[2].message));
+  ASSERT_EQ(types_of(got), kResultRegisterAttach);
   EXPECT_FALSE(got[1].descriptor.valid());
   // Each descriptor is the write end of the pipe sent with it.
   EXPECT_EQ(through(got[0].descriptor.get(), c.first[0], "one"), "one");
@@ -270,15 +261,11 @@ TEST(DaemonProtocol, ALostDescriptorFailsOnlyItsOwnMessage) {
   ASSERT_TRUE(c.sender.send(attach, c.second[1]));
   for (auto &m : c.receive(1)) got.push_back(std::move(m));
 
-  ASSERT_EQ(got.size(), 3u);
-  ASSERT_TRUE(std::holds_alternative<AllocateResult>(got[0].message));
-  EXPECT_TRUE(got[0].descriptor_lost);
+  ASSERT_EQ(types_of(got), kResultRegisterAttach);
+  EXPECT_EQ(std::tuple(got[0].descriptor_lost, got[1].descriptor_lost, got[2].descriptor_lost),
+            std::tuple(true, false, false));
   EXPECT_FALSE(got[0].descriptor.valid());
-  ASSERT_TRUE(std::holds_alternative<RegisterTp>(got[1].message));
-  EXPECT_FALSE(got[1].descriptor_lost);
-  ASSERT_TRUE(std::holds_alternative<AttachDelivery>(got[2].message));
   EXPECT_EQ(std::get<AttachDelivery>(got[2].message).accept_id, 7u);
-  EXPECT_FALSE(got[2].descriptor_lost);
   ASSERT_TRUE(got[2].descriptor.valid());
   EXPECT_TRUE(same_file(got[2].descriptor.get(), c.second[1]));
 }

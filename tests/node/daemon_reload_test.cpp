@@ -1,15 +1,8 @@
 // snanoded reads its TP definitions again on SIGHUP, keeping the connections
 // it has, and keeps the definitions in use when the new file is unusable.
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <fstream>
 #include <sstream>
-#include <string>
-#include <thread>
 
 #include "client/daemon_protocol.h"
-#include "client/message_channel.h"
 #include "node/daemon_test_support.h"
 #include "snanode/verbs.h"
 

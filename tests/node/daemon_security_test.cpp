@@ -3,16 +3,12 @@
 // point root's logs or configuration somewhere), and what each user still
 // may.  The broker cases run anywhere; the cases with processes of other
 // users need root and are skipped without it.
+#include <gmock/gmock.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <grp.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <functional>
 
 #include "client/daemon_client.h"
@@ -22,6 +18,9 @@
 #include "snanode/verbs.h"
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 using namespace snanode;
 using namespace daemon_test;
@@ -54,55 +53,33 @@ AllocateRequest claiming_alice(AllocateRequest request) {
   return request;
 }
 
-// The broker with clients of several uids, as the daemon sees them.
-class BrokerSecurity : public ::testing::Test {
- protected:
-  static config::InvokableTp tp(const std::string &name) {
-    config::InvokableTp tp;
-    tp.tp_name = name;
-    tp.program = "/bin/true";
-    return tp;
-  }
-  ClientId join(uid_t uid) { return broker_test::join(broker_, next_++, uid); }
-  bool handle(ClientId id, client::Message message) {
-    return broker_test::handle(broker_, id, std::move(message));
-  }
-  AllocateRequest request(const std::string &tp_name) {
-    AllocateRequest r = request_for(tp_name);
-    r.request_id = ++request_id_;
-    return r;
-  }
-  uint32_t last_secondary(ClientId client) {
-    auto results = out_.to<AllocateResult>(client);
-    return results.empty() ? 0xFFFFFFFF
-                           : std::get<AllocateResult>(results.back()->message).secondary;
-  }
-  std::vector<AttachDelivery> attaches(ClientId client) {
-    std::vector<AttachDelivery> found;
-    for (auto *sent : out_.to<AttachDelivery>(client)) {
-      found.push_back(std::get<AttachDelivery>(sent->message));
-    }
-    return found;
-  }
+config::InvokableTp tp(const std::string &name) {
+  config::InvokableTp tp;
+  tp.tp_name = name;
+  tp.program = "/bin/true";
+  return tp;
+}
 
-  config::NodeConfig config_ = [] {
-    config::NodeConfig config;
-    config.local_lus = {{"LOCAL", "APPN.LOCAL", true}};
-    auto secure = tp("SECURE");
-    secure.security_required = true;
-    auto single = tp("SINGLE");
-    single.max_instances = 1;
-    config.tps = {tp("PAYROLL"), secure, tp("DEFAULTS"), single, tp("THIRD")};
-    config.users = {{"alice", "secret"}};
-    config.max_started_tps = 9;
-    return config;
-  }();
-  RecordingOutput out_;
-  // Every invokable TP here belongs to kOwnerUid.
-  daemon::Broker broker_{config_, out_, nullptr,
-                         [](const config::InvokableTp &) { return kOwnerUid; }};
-  ClientId next_ = 1;
-  uint32_t request_id_ = 0;
+// The broker with clients of several uids, as the daemon sees them; every
+// invokable TP here belongs to kOwnerUid.
+class BrokerSecurity : public broker_test::BrokerFixture {
+ protected:
+  BrokerSecurity()
+      : BrokerFixture(
+            [] {
+              config::NodeConfig config;
+              config.local_lus = {{"LOCAL", "APPN.LOCAL", true}};
+              auto secure = tp("SECURE");
+              secure.security_required = true;
+              auto single = tp("SINGLE");
+              single.max_instances = 1;
+              config.tps = {tp("PAYROLL"), secure, tp("DEFAULTS"), single, tp("THIRD")};
+              config.users = {{"alice", "secret"}};
+              config.max_started_tps = 9;
+              return config;
+            }(),
+            nullptr, [](const config::InvokableTp &) { return kOwnerUid; }) {}
+  uint32_t last_secondary(ClientId client) { return last_result(client).secondary; }
 };
 
 TEST_F(BrokerSecurity, AnotherUidTakesNeitherATpsAttachesNorItsVerifiedUser) {
@@ -115,7 +92,7 @@ TEST_F(BrokerSecurity, AnotherUidTakesNeitherATpsAttachesNorItsVerifiedUser) {
   EXPECT_EQ(last_secondary(root), 0u);
   EXPECT_TRUE(attaches(intruder).empty());
   EXPECT_EQ(out_.launches, std::vector<std::string>{"PAYROLL@LOCAL"});
-  EXPECT_NE(out_.all_logs().find("refused TP name PAYROLL"), std::string::npos);
+  EXPECT_THAT(out_.all_logs(), HasSubstr("refused TP name PAYROLL"));
   // The program the node started (its owner's uid) takes it, with alice.
   const ClientId instance = join(kOwnerUid);
   ASSERT_TRUE(handle(instance, AcceptWait{2, {"PAYROLL"}}));
@@ -154,7 +131,7 @@ TEST_F(BrokerSecurity, StartedProgramsAreLimitedAndTheNextQueuedAttachStartsOne)
   // The node runs 9 started programs at most, whatever each TP allows.
   ASSERT_TRUE(handle(root, request("THIRD")));
   EXPECT_EQ(out_.launches.size(), 9u);
-  EXPECT_NE(out_.all_logs().find("the node's limit"), std::string::npos);
+  EXPECT_THAT(out_.all_logs(), HasSubstr("the node's limit"));
 
   // SINGLE's instance takes one attach and ends: the one still queued starts
   // the next instance rather than waiting out its time.
@@ -269,11 +246,11 @@ TEST_F(RootDaemon, RefusesWhatAnotherUserCouldHavePutInItsWay) {
   const std::string tp_rest = "\"\nuser = \"nobody\"\n";
   const fs::path theirs = config("theirs.toml", "[node]\nname = \"THEIRS\"\n", kIntruderUid);
   EXPECT_EQ(start({"--config", theirs}, scratch_.path), 1);
-  EXPECT_NE(output_.find("owned by uid 64102"), std::string::npos) << output_;
+  EXPECT_THAT(output_, HasSubstr("owned by uid 64102"));
 
   const fs::path open_file = config("open.toml", "[node]\n", 0, 0666);
   EXPECT_EQ(start({"--config", open_file}, scratch_.path), 1);
-  EXPECT_NE(output_.find("writable by group or others"), std::string::npos) << output_;
+  EXPECT_THAT(output_, HasSubstr("writable by group or others"));
 
   const fs::path program = scratch_.path / "their-program";
   fs::copy_file("/bin/true", program);
@@ -281,7 +258,7 @@ TEST_F(RootDaemon, RefusesWhatAnotherUserCouldHavePutInItsWay) {
   const fs::path their_program =
       config("program.toml", "[[tp]]\ntp_name = \"T\"\nprogram = \"" + program.string() + tp_rest);
   EXPECT_EQ(start({"--config", their_program}, scratch_.path), 1);
-  EXPECT_NE(output_.find("TP T: program"), std::string::npos) << output_;
+  EXPECT_THAT(output_, HasSubstr("TP T: program"));
 
   const fs::path as_root =
       config("root.toml", "[[tp]]\ntp_name = \"T\"\nprogram = \"/bin/true\"\n");
@@ -289,14 +266,14 @@ TEST_F(RootDaemon, RefusesWhatAnotherUserCouldHavePutInItsWay) {
   // node serves on.
   EXPECT_EQ(start({"--config", as_root}, scratch_.path), -1);
   std::getline(std::ifstream(scratch_.path / "daemon.out"), output_, '\0');
-  EXPECT_NE(output_.find("names no user"), std::string::npos) << output_;
-  EXPECT_NE(output_.find("it will not be started"), std::string::npos) << output_;
+  EXPECT_THAT(output_, HasSubstr("names no user"));
+  EXPECT_THAT(output_, HasSubstr("it will not be started"));
 
   // A socket in a directory another user owns could be taken from under it.
   const fs::path their_dir = scratch_.owned_by("their-dir", kIntruderUid);
   socket_ = (their_dir / "node.sock").string();
   EXPECT_EQ(start({}, scratch_.path), 1);
-  EXPECT_NE(output_.find("socket directory refused"), std::string::npos) << output_;
+  EXPECT_THAT(output_, HasSubstr("socket directory refused"));
 
   // Started in another user's directory, the daemon ignores its snanode.toml.
   socket_ = (scratch_.path / "node.sock").string();

@@ -6,12 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include "core/process_lock.h"
 #include "engine/socket_link.h"
