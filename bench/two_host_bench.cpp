@@ -11,7 +11,9 @@
 // loopback and jumbo paths allow) with RUs of up to 65536, so that a record
 // travels in one RU and one datagram.  Each in a process of its own.
 //
-//   two_host_bench [rounds [megabytes [port_base]]]   default 2000, 64, 12000
+//   two_host_bench [rounds [megabytes [port_base [snanoded]]]]
+//   defaults 2000, 64, 12000 and the daemon built with the bench; another
+//   daemon (an earlier build, say) compares its figures in the same session.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -30,6 +32,7 @@ constexpr const char *kAddress[2] = {"127.0.0.2", "127.0.0.3"};
 constexpr long kPingSize = 100;
 constexpr long kRecord = 32767;
 constexpr const char *kTp = "BENCH";
+std::string snanoded_path = SNANODED_PATH;
 
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -228,7 +231,7 @@ Figures conversations(const bench::fs::path &dir, int rounds, long bytes, uint16
     const bench::fs::path node = dir / (host == 0 ? "a" : "b");
     configs[host] = bench::write_config(node, node_config(host, base, max_btu));
     daemons[host] =
-        bench::start_daemon(SNANODED_PATH, configs[host], node / "snanode.sock", node / "out");
+        bench::start_daemon(snanoded_path, configs[host], node / "snanode.sock", node / "out");
   }
   // The link comes up in a round trip or two after both daemons are there.
   for (int i = 0; i < 500; ++i) {
@@ -311,6 +314,7 @@ int main(int argc, char **argv) {
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 2000;
   const long bytes = (argc > 2 ? std::atol(argv[2]) : 64) * 1024 * 1024;
   const auto base = static_cast<uint16_t>(argc > 3 ? std::atoi(argv[3]) : 12000);
+  if (argc > 4) snanoded_path = argv[4];
   char pattern[] = "/tmp/two-host-bench-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) die("mkdtemp");
   const bench::fs::path dir = pattern;
