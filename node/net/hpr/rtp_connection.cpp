@@ -342,6 +342,10 @@ void RtpConnection::pump(RtpTime now) {
       rate_.note_rate_limited();
       break;
     }
+    // Nothing unacknowledged before this segment: the connection is idle,
+    // not streaming (a stream asks for each reply at once: its replies pace
+    // the rate's growth).
+    const bool idle = send_.in_flight() == 0;
     if (again) {
       send_.retransmitted();
     } else {
@@ -353,12 +357,12 @@ void RtpConnection::pump(RtpTime now) {
     // would ask on nearly every packet, and each answer is a datagram both
     // nodes handle.  The tail of a stream is acknowledged by the reply to an
     // outstanding request, or else by the probe the request timer sends.
-    // The end of a message with nothing after it need not be answered at
-    // once: the partner's answer to the message, if it has one, carries the
-    // status (a turn of a conversation costs two NLPs instead of four).
+    // A whole message from an idle connection need not be answered at once:
+    // the partner's answer to it, if it has one, carries the status (a turn
+    // of a conversation costs two NLPs instead of four).
     send_segment(*segment,
                  again || requests_.empty() || bytes_since_request_ + size >= config_.status_every,
-                 again || !segment->end || send_.has_new_data(), now);
+                 again || !segment->end || send_.has_new_data() || !idle, now);
   }
   finish_close_if_done(now);
 }
