@@ -11,8 +11,9 @@
 // loopback and jumbo paths allow) with RUs of up to 65536, so that a record
 // travels in one RU and one datagram.  Each in a process of its own.
 //
-//   two_host_bench [--hosts-on-cpus] [rounds [megabytes [port_base]]]
-//                                                     default 2000, 64, 12000
+//   two_host_bench [--hosts-on-cpus] [rounds [megabytes [port_base [snanoded]]]]
+//   defaults 2000, 64, 12000 and the daemon built with the bench; another
+//   daemon (an earlier build, say) compares its figures in the same session.
 // --hosts-on-cpus places each "host" on a CPU of its own, as two machines
 // would be: node A's daemon and TP, the UDP echo's client and the TCP writer
 // on CPU 0; node B's daemon and TP, the echo and the TCP reader on CPU 1.
@@ -36,6 +37,7 @@ constexpr const char *kAddress[2] = {"127.0.0.2", "127.0.0.3"};
 constexpr long kPingSize = 100;
 constexpr long kRecord = 32767;
 constexpr const char *kTp = "BENCH";
+std::string snanoded_path = SNANODED_PATH;
 
 bool hosts_on_cpus = false;
 
@@ -249,7 +251,7 @@ Figures conversations(const bench::fs::path &dir, int rounds, long bytes, uint16
     configs[host] = bench::write_config(node, node_config(host, base, max_btu));
     on_host(host);
     daemons[host] =
-        bench::start_daemon(SNANODED_PATH, configs[host], node / "snanode.sock", node / "out");
+        bench::start_daemon(snanoded_path, configs[host], node / "snanode.sock", node / "out");
   }
   // The link comes up in a round trip or two after both daemons are there.
   for (int i = 0; i < 500; ++i) {
@@ -340,6 +342,7 @@ int main(int argc, char **argv) {
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 2000;
   const long bytes = (argc > 2 ? std::atol(argv[2]) : 64) * 1024 * 1024;
   const auto base = static_cast<uint16_t>(argc > 3 ? std::atoi(argv[3]) : 12000);
+  if (argc > 4) snanoded_path = argv[4];
   char pattern[] = "/tmp/two-host-bench-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) die("mkdtemp");
   const bench::fs::path dir = pattern;

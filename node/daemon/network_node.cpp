@@ -100,10 +100,10 @@ Attach attach_of(const client::AllocateRequest &request,
 }  // namespace
 
 NetworkNode::NetworkNode(const config::NodeConfig &config, client::UniqueFd link, Broker &broker,
-                         BrokerOutput &output, const std::string &capture_file)
+                         BrokerOutput &output, const std::string &capture_file, int loop_epoll)
     : config_(config),
       link_(std::move(link)),
-      epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      epoll_(loop_epoll),
       broker_(broker),
       output_(output),
       scoped_captures_(broker) {
@@ -113,10 +113,7 @@ NetworkNode::NetworkNode(const config::NodeConfig &config, client::UniqueFd link
   if (link_.valid()) {
     ::fcntl(link_.get(), F_SETFL, ::fcntl(link_.get(), F_GETFL) | O_NONBLOCK);
     ::fcntl(link_.get(), F_SETFD, FD_CLOEXEC);  // the TPs it starts do not hold the link
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = kLinkToken;
-    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, link_.get(), &event);
+    watch_fd(EPOLL_CTL_ADD, link_.get(), EPOLLIN, kLinkToken);
   }
   if (!capture_file.empty()) {
     std::string error;
@@ -144,10 +141,7 @@ NetworkNode::NetworkNode(const config::NodeConfig &config, client::UniqueFd link
     return;
   }
   for (unsigned i = 0; i < net::ee::kPortCount; ++i) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = kFirstEeToken + i;
-    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, ee_->fds()[i], &event);
+    watch_fd(EPOLL_CTL_ADD, ee_->fds()[i], EPOLLIN, kFirstEeToken + i);
   }
   log("network: control point " + log_safe(config_.network.cp_name) + ", LU " +
       log_safe(manager_->config().lu_name) + " on Enterprise Extender at " +
@@ -372,30 +366,29 @@ void NetworkNode::watch_link() {
   const bool want_out = link_up_ && !link_queue_.empty();
   if (want_out == link_out_watched_ || !link_up_) return;
   link_out_watched_ = want_out;
-  epoll_event event{};
-  event.events = EPOLLIN | (want_out ? EPOLLOUT : 0u);
-  event.data.u64 = kLinkToken;
-  ::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, link_.get(), &event);
+  watch_fd(EPOLL_CTL_MOD, link_.get(), EPOLLIN | (want_out ? EPOLLOUT : 0u), kLinkToken);
 }
 
-void NetworkNode::on_ready() {
-  epoll_event events[32];
-  const int ready = ::epoll_wait(epoll_.get(), events, 32, 0);
-  for (int i = 0; i < ready; ++i) {
-    if (events[i].data.u64 == kLinkToken) {
-      if ((events[i].events & EPOLLOUT) != 0) flush_link();
-      if ((events[i].events & ~uint32_t{EPOLLOUT}) != 0) read_link();
-      continue;
-    }
-    if (ee_ && events[i].data.u64 < kFirstEeToken + net::ee::kPortCount) {
-      ee_->on_readable(ee_->fds()[events[i].data.u64 - kFirstEeToken]);
-      continue;
-    }
-    auto *conversation = reinterpret_cast<RemoteConversation *>(events[i].data.u64);
-    if (conversations_.count(conversation) != 0) conversation->on_ready(events[i].events);
+void NetworkNode::watch_fd(int op, int fd, uint32_t events, uint64_t token) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = token | kTokenTag;
+  ::epoll_ctl(epoll_, op, fd, &event);
+}
+
+void NetworkNode::on_event(uint64_t tagged, uint32_t events) {
+  const uint64_t token = tagged & ~kTokenTag;
+  if (token == kLinkToken) {
+    if ((events & EPOLLOUT) != 0) flush_link();
+    if ((events & ~uint32_t{EPOLLOUT}) != 0) read_link();
+    return;
   }
-  sweep();
-  if (ee_) ee_->flush();
+  if (ee_ && token < kFirstEeToken + net::ee::kPortCount) {
+    ee_->on_readable(ee_->fds()[token - kFirstEeToken]);
+    return;
+  }
+  auto *conversation = reinterpret_cast<RemoteConversation *>(token);
+  if (conversations_.count(conversation) != 0) conversation->on_ready(events);
 }
 
 void NetworkNode::on_biu(const std::string &partner_lu, net::ByteSpan biu) {
@@ -545,7 +538,7 @@ void NetworkNode::link_lost(const std::string &why) {
   link_up_ = false;
   link_queue_.clear();
   log("network: link lost: " + log_safe(why));
-  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, link_.get(), nullptr);
+  ::epoll_ctl(epoll_, EPOLL_CTL_DEL, link_.get(), nullptr);
 }
 
 void NetworkNode::on_timer() {
@@ -586,18 +579,16 @@ std::optional<std::chrono::steady_clock::time_point> NetworkNode::next_deadline(
 void NetworkNode::watch(RemoteConversation &conversation, uint32_t events) {
   auto found = watched_.find(&conversation);
   if (events == 0) {
-    if (found != watched_.end()) ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second, nullptr);
+    if (found != watched_.end()) ::epoll_ctl(epoll_, EPOLL_CTL_DEL, found->second, nullptr);
     if (found != watched_.end()) watched_.erase(found);
     return;
   }
-  epoll_event event{};
-  event.events = events;
-  event.data.u64 = reinterpret_cast<uint64_t>(&conversation);
+  const auto token = reinterpret_cast<uint64_t>(&conversation);
   if (found == watched_.end()) {
-    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, conversation.fd(), &event);
+    watch_fd(EPOLL_CTL_ADD, conversation.fd(), events, token);
     watched_[&conversation] = conversation.fd();
   } else {
-    ::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, found->second, &event);
+    watch_fd(EPOLL_CTL_MOD, found->second, events, token);
   }
 }
 

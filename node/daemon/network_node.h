@@ -42,16 +42,19 @@ class NetworkNode : public net::lu62::BiuTransport,
  public:
   // Takes `link_fd`; without one (invalid), the node runs on Enterprise
   // Extender.  `capture_file` (may be empty) gets every unit or datagram.
+  // The node's descriptors are watched by `loop_epoll`, the daemon loop's
+  // epoll, with tokens for which owns() is true.
   NetworkNode(const config::NodeConfig &config, client::UniqueFd link, Broker &broker,
-              BrokerOutput &output, const std::string &capture_file);
+              BrokerOutput &output, const std::string &capture_file, int loop_epoll);
   ~NetworkNode() override;
   NetworkNode(const NetworkNode &) = delete;
   NetworkNode &operator=(const NetworkNode &) = delete;
 
-  // One descriptor for the daemon's loop: readable when the link or a
-  // conversation's TP end has something to do.
-  int fd() const { return epoll_.get(); }
-  void on_ready();
+  // The loop's tokens of the node's descriptors (the link, the Enterprise
+  // Extender sockets, the conversations' TP ends), and what happened on one;
+  // on_timer() after the events of each pass sends what they queued.
+  static bool owns(uint64_t token) { return (token & kTokenTag) != 0; }
+  void on_event(uint64_t token, uint32_t events);
   void on_timer();
   std::optional<std::chrono::steady_clock::time_point> next_deadline() const;
 
@@ -110,9 +113,14 @@ class NetworkNode : public net::lu62::BiuTransport,
                       bool system_verified);
   void sweep();
 
+  // Set in every token of the node's; the loop's own tokens are small client
+  // ids or checked first.
+  static constexpr uint64_t kTokenTag = uint64_t{1} << 62;
+  void watch_fd(int op, int fd, uint32_t events, uint64_t token);
+
   const config::NodeConfig &config_;
   client::UniqueFd link_;
-  client::UniqueFd epoll_;
+  int epoll_;  // the daemon loop's
   Broker &broker_;
   BrokerOutput &output_;
   std::unique_ptr<net::CaptureWriter> capture_;

@@ -36,7 +36,6 @@ constexpr int kEventsPerWait = 64;
 constexpr uint64_t kSignalsToken = ~uint64_t{0};
 constexpr uint64_t kListenerToken = kSignalsToken - 1;
 constexpr uint64_t kVerifierToken = kSignalsToken - 2;
-constexpr uint64_t kNetworkToken = kSignalsToken - 3;
 
 sockaddr_un socket_address(const std::string &path) {
   sockaddr_un address{};
@@ -136,8 +135,12 @@ bool Server::listen(std::string &error) {
 }
 
 bool Server::attach_link(int link_fd, const std::string &capture_file, std::string &error) {
-  network_ = std::make_unique<NetworkNode>(config_, client::UniqueFd(link_fd), broker_,
-                                           static_cast<BrokerOutput &>(*this), capture_file);
+  // The network's sockets are watched by the loop's own epoll: one wait per
+  // wake-up instead of a second one for the network's set.
+  if (!epoll_.valid()) epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
+  network_ =
+      std::make_unique<NetworkNode>(config_, client::UniqueFd(link_fd), broker_,
+                                    static_cast<BrokerOutput &>(*this), capture_file, epoll_.get());
   if (link_fd < 0 && network_->ee_network() == nullptr) {
     error = network_->network_error();
     network_.reset();
@@ -161,12 +164,11 @@ int Server::run() {
   sigaddset(&handled, SIGCHLD);
   sigaddset(&handled, SIGHUP);
   signals_.reset(::signalfd(-1, &handled, SFD_CLOEXEC));
-  epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
+  if (!epoll_.valid()) epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
   if (!signals_.valid() || !epoll_.valid() ||
       !watch(epoll_.get(), EPOLL_CTL_ADD, signals_.get(), EPOLLIN, kSignalsToken) ||
       !watch(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), EPOLLIN, kListenerToken) ||
-      !watch(epoll_.get(), EPOLL_CTL_ADD, verifier_.ready_fd(), EPOLLIN, kVerifierToken) ||
-      (network_ && !watch(epoll_.get(), EPOLL_CTL_ADD, network_->fd(), EPOLLIN, kNetworkToken))) {
+      !watch(epoll_.get(), EPOLL_CTL_ADD, verifier_.ready_fd(), EPOLLIN, kVerifierToken)) {
     log(std::string("cannot start the event loop: ") + std::strerror(errno));
     return 1;
   }
@@ -216,8 +218,8 @@ void Server::dispatch(uint64_t token, uint32_t events, bool &stopping) {
     accept_client();
   } else if (token == kVerifierToken) {
     verifier_.complete_ready();
-  } else if (token == kNetworkToken) {
-    network_->on_ready();
+  } else if (network_ && NetworkNode::owns(token)) {
+    network_->on_event(token, events);
   } else {
     auto found = clients_.find(token);
     if (found == clients_.end() || unreachable_.count(token) != 0) return;

@@ -48,11 +48,16 @@ Bytes encode_ldlc_command(LdlcKind kind, bool response, uint8_t link_sap, ByteSp
 
 Bytes encode_ui(uint8_t partner_sap, uint8_t own_sap, ByteSpan nlp) {
   Bytes out;
+  encode_ui(partner_sap, own_sap, nlp, out);
+  return out;
+}
+
+void encode_ui(uint8_t partner_sap, uint8_t own_sap, ByteSpan nlp, Bytes &out) {
+  out.clear();
   out.reserve(kLlcSize + nlp.size());
   ByteWriter w(out);
   encode_llc(LlcHeader{partner_sap, static_cast<uint8_t>(own_sap & ~kResponseBit), kLlcUi}, w);
   w.bytes(nlp);
-  return out;
 }
 
 std::optional<LdlcFrame> decode_ldlc(ByteSpan datagram) {

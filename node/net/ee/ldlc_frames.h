@@ -29,6 +29,8 @@ struct LdlcFrame {
 // set on them).
 Bytes encode_ldlc_command(LdlcKind kind, bool response, uint8_t link_sap, ByteSpan info);
 Bytes encode_ui(uint8_t partner_sap, uint8_t own_sap, ByteSpan nlp);
+// The same frame into `out` (cleared first), so that a buffer can be reused.
+void encode_ui(uint8_t partner_sap, uint8_t own_sap, ByteSpan nlp, Bytes &out);
 
 // The frame a datagram holds; nothing for a datagram shorter than an LLC
 // header or with a control byte LDLC does not use.

@@ -363,8 +363,9 @@ void LinkStation::on_ui(ByteSpan nlp, TimePoint now) {
 
 bool LinkStation::send_nlp(Priority priority, ByteSpan nlp) {
   if (state_ != State::kActive || nlp.size() > max_nlp_size()) return false;
-  sink_.send_datagram(port_index_of(priority),
-                      encode_ui(partner_.hpr_sap, config_.local.hpr_sap, nlp));
+  Bytes frame = sink_.take_buffer();
+  encode_ui(partner_.hpr_sap, config_.local.hpr_sap, nlp, frame);
+  sink_.send_datagram(port_index_of(priority), std::move(frame));
   return true;
 }
 

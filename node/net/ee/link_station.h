@@ -53,6 +53,9 @@ class DatagramSink {
   virtual ~DatagramSink() = default;
   // One datagram to the partner's port `port_index` (0..4).
   virtual void send_datagram(unsigned port_index, Bytes datagram) = 0;
+  // A buffer for the next datagram: empty, perhaps with the room of one sent
+  // earlier, so that a busy link does not allocate one per datagram.
+  virtual Bytes take_buffer() { return {}; }
 };
 
 struct LinkStationConfig {

@@ -52,15 +52,39 @@ socklen_t socket_address_size(int family) {
   return family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
 }
 
-Bytes address_of(const sockaddr_storage &storage) {
+// Into `out`, whose room is reused.
+void read_address(const sockaddr_storage &storage, Bytes &out) {
   if (storage.ss_family == AF_INET) {
     const auto *in = reinterpret_cast<const sockaddr_in *>(&storage);
     const auto *p = reinterpret_cast<const uint8_t *>(&in->sin_addr);
-    return Bytes(p, p + 4);
+    out.assign(p, p + 4);
+    return;
   }
   const auto *in6 = reinterpret_cast<const sockaddr_in6 *>(&storage);
   const auto *p = reinterpret_cast<const uint8_t *>(&in6->sin6_addr);
-  return Bytes(p, p + 16);
+  out.assign(p, p + 16);
+}
+
+Bytes address_of(const sockaddr_storage &storage) {
+  Bytes out;
+  read_address(storage, out);
+  return out;
+}
+
+// Buffers of sent datagrams kept for the next ones: enough for a few full
+// batches.
+constexpr size_t kSpareBuffers = 128;
+
+Bytes take_from(std::vector<Bytes> &spare) {
+  if (spare.empty()) return {};
+  Bytes buffer = std::move(spare.back());
+  spare.pop_back();
+  buffer.clear();
+  return buffer;
+}
+
+void keep_in(std::vector<Bytes> &spare, Bytes &buffer) {
+  if (spare.size() < kSpareBuffers && buffer.capacity() != 0) spare.push_back(std::move(buffer));
 }
 
 // The size of the datagrams a received run holds (the whole, when it is one).
@@ -134,6 +158,7 @@ struct UdpEndpoint::Link final : DatagramSink {
         endpoint.dispatching_ > 0 ? endpoint.last_now_ : std::chrono::steady_clock::now();
     endpoint.queue(port_index, address, std::move(datagram), now);
   }
+  Bytes take_buffer() override { return take_from(endpoint.spare_payloads_); }
 
   UdpEndpoint &endpoint;
   Bytes address;
@@ -289,7 +314,8 @@ void UdpEndpoint::collect_removed() {
 }
 
 void UdpEndpoint::queue(unsigned port_index, const Bytes &address, Bytes datagram, TimePoint now) {
-  HeldDatagram held{port_index, address, std::move(datagram)};
+  HeldDatagram held{port_index, take_from(spare_addresses_), std::move(datagram)};
+  held.address.assign(address.begin(), address.end());
   if (!impair_send_.settings().any()) {
     outgoing_.push_back(std::move(held));
     return;
@@ -309,6 +335,10 @@ void UdpEndpoint::flush() {
     }
     send_batch(first, count);
     first += count;
+  }
+  for (HeldDatagram &d : outgoing_) {
+    keep_in(spare_payloads_, d.payload);
+    keep_in(spare_addresses_, d.address);
   }
   outgoing_.clear();
 }
@@ -413,6 +443,7 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
   last_now_ = now;
   Buffers &all = *buffers_;
   Buffers::Messages &b = all.received;
+  Bytes address;  // each sender's, in the same room
   for (;;) {
     for (size_t i = 0; i < kBatch; ++i) {
       b.iovecs[i] = {all.data.data() + i * kReceiveBufferSize, kReceiveBufferSize};
@@ -434,7 +465,7 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
       }
       const ByteSpan whole(all.data.data() + static_cast<size_t>(i) * kReceiveBufferSize,
                            b.headers[i].msg_len);
-      const Bytes address = address_of(b.addresses[i]);
+      read_address(b.addresses[i], address);
       // A run that arrived whole holds datagrams of the size given, the last
       // perhaps shorter.
       const size_t size = std::max<size_t>(1, offloaded_size(b.headers[i].msg_hdr, whole.size()));

@@ -129,6 +129,9 @@ class UdpEndpoint {
   Impairer impair_receive_;
   std::vector<HeldDatagram> outgoing_;
   std::vector<HeldDatagram> ready_;  // scratch for the impairers
+  // Room of datagrams already sent, for those to come.
+  std::vector<Bytes> spare_payloads_;
+  std::vector<Bytes> spare_addresses_;
   Counters counters_;
   int dispatching_ = 0;
   bool removed_ = false;

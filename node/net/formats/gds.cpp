@@ -68,6 +68,13 @@ uint32_t RecordAssembler::start_segment(uint16_t ll) {
   }
   more_segments_ = ll & kLlContinued;
   data_left_ = length - header;
+  // Room for the whole segment at once, growing by at least half: records
+  // arrive in pieces of an RU or less, and growing by each would copy the
+  // record several times.
+  const size_t need = current_.data.size() + data_left_;
+  if (current_.data.capacity() < need) {
+    current_.data.reserve(std::max(need, current_.data.capacity() * 3 / 2));
+  }
   header_have_ = 0;
   state_ = wants_id ? State::kId : State::kData;
   return 0;

@@ -77,14 +77,18 @@ Result<NlpView> decode_nlp(ByteSpan nlp) {
   v.nhdr.time_sensitive = b1 & 0x08;
   v.nhdr.slowdown1 = b1 & 0x04;
   v.nhdr.slowdown2 = b1 & 0x02;
-  while (in.ok() && in.peek() != kAnrEnd && v.nhdr.labels.size() <= kMaxLabelBytes) {
-    v.nhdr.labels.push_back(in.u8());
-  }
+  // The labels run to the X'FF': taken in one piece (an NLP is decoded for
+  // every datagram).
+  const ByteSpan rest = nlp.subspan(in.offset());
+  const auto end =
+      std::find(rest.begin(), rest.begin() + std::min(rest.size(), kMaxLabelBytes + 1), kAnrEnd);
+  const auto labels = static_cast<size_t>(end - rest.begin());
+  if (labels > kMaxLabelBytes || end == rest.end()) return R::refused(decision::kSenseNlpHeader);
+  v.nhdr.labels.assign(rest.begin(), end);
+  in.take(labels);
   in.u8();  // X'FF'
   in.u8();  // reserved
-  if (!in.ok() || v.nhdr.labels.size() > kMaxLabelBytes) {
-    return R::refused(decision::kSenseNlpHeader);
-  }
+  if (!in.ok()) return R::refused(decision::kSenseNlpHeader);
   if (v.nhdr.mode == SwitchingMode::kFunctionRouting) {
     v.nhdr.fr_header = in.u8();
     v.data = in.rest();

@@ -65,6 +65,11 @@ struct RtpConfig {
   size_t window = 2 * 1024 * 1024;
   // A status is requested at least every this many bytes sent.
   size_t status_every = 64 * 1024;
+  // A status request that does not ask for a reply at once (the end of a
+  // message with nothing queued after it: the partner's answer may follow)
+  // is answered on the next NLP this side sends, or alone after this long;
+  // never longer than half of min_rto, so the sender's timer does not run out.
+  RtpDuration status_hold = std::chrono::milliseconds(1);
   // Gaps listed in one status report, at most.
   size_t max_gaps_reported = 64;
   // The longest message a partner may send (a BIU is far smaller).

@@ -82,6 +82,8 @@ RtpConnection::RtpConnection(const RtpConfig &config, RtpEndpoint endpoint, ee::
       rate_(config),
       receive_(config.window, config.max_message),
       last_heard_(now) {
+  nhdr_.priority = endpoint_.priority;
+  nhdr_.labels = endpoint_.anr_labels;
   rate_.set_packet_size(link_.max_nlp_size());
 }
 
@@ -173,20 +175,29 @@ size_t RtpConnection::max_data() const {
 }
 
 // Asks for a status on this NLP: a rate request whose correlator the reply
-// echoes (the setup's ARB segment carries it during setup).
-void RtpConnection::add_request(Thdr &thdr, RtpTime now) {
+// echoes (the setup's ARB segment carries it during setup).  A reply held
+// for the partner shares the ARB segment (request and reply).
+void RtpConnection::add_request(Thdr &thdr, bool reply_asap, RtpTime now, const Arb *reply) {
   thdr.status_requested = true;
+  thdr.reply_asap = reply_asap && !thdr.setup;  // a setup is always answered at once
   if (!thdr.setup) {
     Arb arb;
-    arb.message = ArbMessage::kRateRequest;
+    arb.message = reply != nullptr ? ArbMessage::kBoth : ArbMessage::kRateRequest;
     arb.mode = 1;
     arb.request_correlator = next_correlator_;
-    arb.field1 = rate_.rate();
-    arb.field2 = static_cast<uint32_t>(std::min<size_t>(send_.in_flight(), UINT32_MAX));
+    if (reply != nullptr) {
+      arb.reply_correlator = reply->reply_correlator;
+      arb.rate_action = reply->rate_action;
+      arb.field1 = reply->field1;
+      arb.field2 = reply->field2;
+    } else {
+      arb.field1 = rate_.rate();
+      arb.field2 = static_cast<uint32_t>(std::min<size_t>(send_.in_flight(), UINT32_MAX));
+    }
     append_arb(arb, thdr.options);
   }
   if (requests_.size() >= kMaxRequests) requests_.pop_front();
-  requests_.push_back({next_correlator_, now});
+  requests_.push_back({next_correlator_, now, reply_asap || thdr.setup});
   next_correlator_ = static_cast<uint8_t>((next_correlator_ + 1) & 0xF);
   bytes_since_request_ = 0;
   last_request_ = now;
@@ -194,9 +205,6 @@ void RtpConnection::add_request(Thdr &thdr, RtpTime now) {
 
 void RtpConnection::transmit(Thdr &thdr, ByteSpan data) {
   thdr.optional_segments = !thdr.options.empty();
-  Nhdr nhdr;
-  nhdr.priority = endpoint_.priority;
-  nhdr.labels = endpoint_.anr_labels;
   // The link copies the NLP into its frame: one buffer serves every NLP a
   // thread builds.  Taken out while in use, so that an NLP sent from within
   // send_nlp builds in a buffer of its own.
@@ -204,23 +212,29 @@ void RtpConnection::transmit(Thdr &thdr, ByteSpan data) {
   Bytes nlp = std::move(spare);
   nlp.clear();
   // The headers are a few dozen bytes: one allocation for the whole NLP.
-  nlp.reserve(64 + nhdr.labels.size() + thdr.options.size() + data.size());
-  if (encode_nlp(nhdr, thdr, data, nlp)) {
+  nlp.reserve(64 + nhdr_.labels.size() + thdr.options.size() + data.size());
+  if (encode_nlp(nhdr_, thdr, data, nlp)) {
     ++stats_.nlps_sent;
     (void)link_.send_nlp(endpoint_.priority, nlp);  // a refusal is a loss; RTP recovers
   }
   spare = std::move(nlp);
 }
 
-void RtpConnection::send_segment(RtpSegment &segment, bool request_status, RtpTime now) {
+void RtpConnection::send_segment(RtpSegment &segment, bool request_status, bool reply_asap,
+                                 RtpTime now) {
   Thdr t = base_thdr();
   t.start_of_message = segment.start;
   t.end_of_message = segment.end;
   t.bsn = static_cast<uint32_t>(segment.bsn);
   bytes_since_request_ += segment.data.size();
+  const std::optional<Arb> reply = attach_held_reply(t, segment.data.size(), now);
   // At most 8 requests outstanding, so that a 4-bit correlator never names
   // two of them at once.
-  if ((request_status && requests_.size() < kMaxRequests) || t.setup) add_request(t, now);
+  if ((request_status && requests_.size() < kMaxRequests) || t.setup) {
+    add_request(t, reply_asap, now, reply ? &*reply : nullptr);
+  } else if (reply) {
+    append_arb(*reply, t.options);
+  }
   segment.last_sent = now;
   transmit(t, segment.data);
 }
@@ -230,14 +244,12 @@ void RtpConnection::send_segment(RtpSegment &segment, bool request_status, RtpTi
 void RtpConnection::send_probe(RtpTime now) {
   Thdr t = base_thdr();
   t.bsn = static_cast<uint32_t>(send_.sent_end());
-  add_request(t, now);
+  const std::optional<Arb> reply = attach_held_reply(t, 0, now);
+  add_request(t, true, now, reply ? &*reply : nullptr);
   transmit(t, {});
 }
 
-void RtpConnection::send_status(std::optional<uint8_t> correlator, RtpTime now) {
-  Thdr t = base_thdr();
-  t.status_requested = t.setup;  // a setup NLP always asks
-  t.bsn = static_cast<uint32_t>(send_.sent_end());
+StatusReport RtpConnection::status_report() const {
   StatusReport status;
   // As many gaps as the link's packet holds (each takes 8 bytes).
   const size_t room =
@@ -246,22 +258,64 @@ void RtpConnection::send_status(std::optional<uint8_t> correlator, RtpTime now) 
   status.gap_detected = !status.gaps.empty();
   status.report_number = static_cast<uint16_t>(stats_.status_replies_sent);
   status.received_sequence = static_cast<uint32_t>(receive_.next());
-  append_status(status, t.options);
-  if (correlator) {
-    Arb reply;
-    reply.message = ArbMessage::kRateReply;
-    reply.mode = 1;
-    reply.reply_correlator = *correlator;
-    reply.rate_action = static_cast<uint8_t>(receive_rate_action(slowdown1_seen_, slowdown2_seen_));
-    reply.field1 = static_cast<uint32_t>(std::min<size_t>(receive_.buffered(), UINT32_MAX));
-    reply.field2 =
-        static_cast<uint32_t>(config_.window - std::min(config_.window, receive_.buffered()));
-    append_arb(reply, t.options);
-    slowdown1_seen_ = slowdown2_seen_ = false;
-  }
-  if (t.setup) add_request(t, now);
+  return status;
+}
+
+Arb RtpConnection::rate_reply(uint8_t correlator) {
+  Arb reply;
+  reply.message = ArbMessage::kRateReply;
+  reply.mode = 1;
+  reply.reply_correlator = correlator;
+  reply.rate_action = static_cast<uint8_t>(receive_rate_action(slowdown1_seen_, slowdown2_seen_));
+  reply.field1 = static_cast<uint32_t>(std::min<size_t>(receive_.buffered(), UINT32_MAX));
+  reply.field2 =
+      static_cast<uint32_t>(config_.window - std::min(config_.window, receive_.buffered()));
+  slowdown1_seen_ = slowdown2_seen_ = false;
+  return reply;
+}
+
+void RtpConnection::send_status(std::optional<uint8_t> correlator, RtpTime now) {
+  Thdr t = base_thdr();
+  t.status_requested = t.setup;  // a setup NLP always asks
+  t.bsn = static_cast<uint32_t>(send_.sent_end());
+  append_status(status_report(), t.options);
+  // This status answers a held request too: the newer correlator covers it.
+  if (!correlator && held_reply_) correlator = held_reply_->correlator;
+  held_reply_.reset();
+  if (correlator) append_arb(rate_reply(*correlator), t.options);
+  if (t.setup) add_request(t, true, now);
   ++stats_.status_replies_sent;
   transmit(t, {});
+}
+
+void RtpConnection::hold_status(std::optional<uint8_t> correlator, RtpTime now) {
+  if (!held_reply_) {
+    held_reply_ = HeldReply{correlator, now + std::min(config_.status_hold, config_.min_rto / 2)};
+  } else if (correlator) {
+    held_reply_->correlator = correlator;
+  }
+}
+
+std::optional<Arb> RtpConnection::attach_held_reply(Thdr &t, size_t data_size, RtpTime now) {
+  if (!held_reply_ || t.setup) return std::nullopt;
+  Bytes status;
+  append_status(status_report(), status);
+  constexpr size_t kArbSize = 12;
+  size_t limit = link_.max_nlp_size();
+  if (partner_max_packet_ != 0) limit = std::min<size_t>(limit, partner_max_packet_);
+  const size_t size = 4 + endpoint_.anr_labels.size() + kThdrFixedSize + t.options.size() +
+                      status.size() + kArbSize + data_size;
+  if (size > limit) {
+    // A full packet of data: the reply goes on its own, now.
+    send_status(std::nullopt, now);
+    return std::nullopt;
+  }
+  t.options.insert(t.options.end(), status.begin(), status.end());
+  const std::optional<uint8_t> correlator = held_reply_->correlator;
+  held_reply_.reset();
+  ++stats_.status_replies_sent;
+  if (!correlator) return std::nullopt;
+  return rate_reply(*correlator);
 }
 
 void RtpConnection::pump(RtpTime now) {
@@ -288,6 +342,10 @@ void RtpConnection::pump(RtpTime now) {
       rate_.note_rate_limited();
       break;
     }
+    // Nothing unacknowledged before this segment: the connection is idle,
+    // not streaming (a stream asks for each reply at once: its replies pace
+    // the rate's growth).
+    const bool idle = send_.in_flight() == 0;
     if (again) {
       send_.retransmitted();
     } else {
@@ -299,9 +357,12 @@ void RtpConnection::pump(RtpTime now) {
     // would ask on nearly every packet, and each answer is a datagram both
     // nodes handle.  The tail of a stream is acknowledged by the reply to an
     // outstanding request, or else by the probe the request timer sends.
+    // A whole message from an idle connection need not be answered at once:
+    // the partner's answer to it, if it has one, carries the status (a turn
+    // of a conversation costs two NLPs instead of four).
     send_segment(*segment,
                  again || requests_.empty() || bytes_since_request_ + size >= config_.status_every,
-                 now);
+                 again || !segment->end || send_.has_new_data() || !idle, now);
   }
   finish_close_if_done(now);
 }
@@ -362,7 +423,8 @@ void RtpConnection::on_status(const StatusReport &status, const std::optional<Ar
       return r.correlator == reply->reply_correlator;
     });
     if (answered != requests_.end()) {
-      rate_.on_rtt_sample(now - answered->sent);
+      // A reply the partner could hold measures its wait, not the path.
+      if (answered->timed) rate_.on_rtt_sample(now - answered->sent);
       sent_before = answered->sent;
       request_sent = answered->sent;
       requests_.erase(requests_.begin(), answered + 1);
@@ -431,7 +493,11 @@ void RtpConnection::on_nlp(const NlpView &nlp, RtpTime now) {
     ++stats_.nlps_dropped;
   }
   if (t.last_message) partner_last_message_at_ = receive_.unwrap(t.bsn);
-  if (t.status_requested) send_status(asked, now);
+  if (t.status_requested && !t.reply_asap && !t.setup && state_ == RtpState::kConnected) {
+    hold_status(asked, now);
+  } else if (t.status_requested) {
+    send_status(asked, now);
+  }
   if (receive_.broken()) {
     fail(decision::kSenseProtocol, "the partner sent a message beyond the limit");
     return;
@@ -478,6 +544,7 @@ void RtpConnection::on_timer(RtpTime now) {
     }
     return;
   }
+  if (held_reply_ && now >= held_reply_->due) send_status(std::nullopt, now);
   if (last_message_sent_ && now - last_message_at_ >= last_message_wait_) {
     // Our indicator, or the partner's answer to it, may have been lost.
     send_last_message(now);
@@ -508,6 +575,7 @@ std::optional<RtpTime> RtpConnection::next_deadline() const {
     at = std::min(at, last_heard_ + config_.alive_timer);
   }
   if (pace_at_) at = std::min(at, *pace_at_);
+  if (held_reply_) at = std::min(at, held_reply_->due);
   if (last_message_sent_) at = std::min(at, last_message_at_ + last_message_wait_);
   return at;
 }

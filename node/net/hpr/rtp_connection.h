@@ -106,6 +106,12 @@ class RtpConnection {
   struct Request {
     uint8_t correlator;
     RtpTime sent;
+    bool timed;  // asked for a reply at once: its round trip is a sample
+  };
+  // A status request answered later: on the next NLP sent, or at `due`.
+  struct HeldReply {
+    std::optional<uint8_t> correlator;
+    RtpTime due;
   };
 
   void pump(RtpTime now);
@@ -113,9 +119,17 @@ class RtpConnection {
   size_t max_data() const;
   Thdr base_thdr() const;
   void add_setup_segments(Bytes &options) const;
-  void add_request(Thdr &thdr, RtpTime now);
+  // Asks for a status on `thdr`; a held reply travels in the same ARB segment.
+  void add_request(Thdr &thdr, bool reply_asap, RtpTime now, const Arb *reply = nullptr);
   void transmit(Thdr &thdr, ByteSpan data);
-  void send_segment(RtpSegment &segment, bool request_status, RtpTime now);
+  StatusReport status_report() const;
+  Arb rate_reply(uint8_t correlator);
+  // Puts the held status reply on `thdr` when it fits with `data_size` bytes
+  // of data (else sends it alone now); the rate reply to go in the ARB
+  // segment, if the request had one.
+  std::optional<Arb> attach_held_reply(Thdr &thdr, size_t data_size, RtpTime now);
+  void hold_status(std::optional<uint8_t> correlator, RtpTime now);
+  void send_segment(RtpSegment &segment, bool request_status, bool reply_asap, RtpTime now);
   void send_probe(RtpTime now);
   void send_status(std::optional<uint8_t> correlator, RtpTime now);
   void on_status(const StatusReport &status, const std::optional<Arb> &reply, RtpTime now);
@@ -127,6 +141,7 @@ class RtpConnection {
 
   const RtpConfig &config_;
   RtpEndpoint endpoint_;
+  Nhdr nhdr_;  // the same on every NLP: built once
   ee::NlpLink &link_;
   MessageHandler on_message_;
   bool initiator_;
@@ -147,6 +162,7 @@ class RtpConnection {
   std::deque<Request> requests_;  // status requests not yet answered, oldest first
   uint8_t next_correlator_ = 0;
   size_t bytes_since_request_ = 0;
+  std::optional<HeldReply> held_reply_;
   RtpTime last_request_{};
 
   RtpReassembly receive_;

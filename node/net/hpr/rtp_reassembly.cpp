@@ -66,7 +66,10 @@ void RtpReassembly::deliver(ByteSpan data, bool start, bool end, std::vector<Byt
     message_.insert(message_.end(), data.begin(), data.end());
     if (!end) return;
     complete.push_back(std::move(message_));
-    message_.clear();
+    // The next message is likely the same size (a stream of records): room
+    // for it at once instead of growing segment by segment.
+    message_ = Bytes();
+    message_.reserve(complete.back().size());
   }
   in_message_ = false;
 }
