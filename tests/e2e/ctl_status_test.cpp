@@ -19,7 +19,6 @@
 #include <thread>
 
 #include "cpic.h"
-#include "e2e/ctl_json.h"
 #include "e2e/snanodectl_run.h"
 #include "support/tp_user.h"
 
@@ -145,20 +144,7 @@ class CtlStatus : public ::testing::Test {
     fs::remove_all(dir_);
   }
 
-  // Runs snanodectl; its standard output, and its exit status in `status`.
-  std::string ctl(const std::string &args, int &status) const {
-    auto [code, text] = ctl_test::run_snanodectl(socket_, args);
-    status = code;
-    return text;
-  }
-  Json status_json() const {
-    int status = -1;
-    const std::string text = ctl("status --json", status);
-    EXPECT_EQ(status, 0) << text;
-    auto parsed = ctl_test::JsonParser(text).parse();
-    EXPECT_TRUE(parsed) << "not JSON: " << text;
-    return parsed.value_or(Json{});
-  }
+  Json status_json() const { return ctl_test::run_snanodectl_json(socket_, "status --json"); }
 
   fs::path dir_;
   std::string socket_;
@@ -244,13 +230,9 @@ TEST_F(CtlStatus, ShowsWhatRunsAndWhatWasKilled) {
 
   // The trace of the client alone, switched on while it runs.
   const fs::path trace = dir_ / "client.trc";
-  int rc = -1;
-  const std::string told =
-      ctl("trace on --json --pid " + std::to_string(client_) + " --file " + trace.string(), rc);
-  EXPECT_EQ(rc, 0) << told;
-  const auto answer = ctl_test::JsonParser(told).parse();
-  ASSERT_TRUE(answer) << told;
-  EXPECT_EQ((*answer)["trace"]["processes_told"].number, 1);
+  const std::string trace_on =
+      "trace on --json --pid " + std::to_string(client_) + " --file " + trace.string();
+  EXPECT_EQ(ctl_test::run_snanodectl_json(socket_, trace_on)["trace"]["processes_told"].number, 1);
   status = status_json();
   ASSERT_EQ(rows_of(status, "processes", client_).size(), 1u);
   EXPECT_TRUE((*rows_of(status, "processes", client_)[0])["trace"].flag);

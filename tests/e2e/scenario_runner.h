@@ -206,6 +206,21 @@ inline CM_RETURN_CODE local_tp(void (*f)(unsigned char *, CM_INT32 *, CM_RETURN_
   return rc;
 }
 
+// PROGRAM security for `user` with `password`.
+inline void program_security(Conv &c, const std::string &user, const std::string &password) {
+  REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
+  REQUIRE_EQ(c.name(cmscsu, user), CM_OK);
+  REQUIRE_EQ(c.name(cmscsp, password), CM_OK);
+}
+
+// The user the partner's allocation runs for (cmesui).
+inline std::string user_id(Conv &c) {
+  unsigned char user[11] = {};
+  CM_INT32 length = 0;
+  CHECK_EQ(c.call(cmesui, user, &length), CM_OK);
+  return std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length));
+}
+
 inline Conv accept() {
   Conv c;
   REQUIRE_EQ(c.call(cmaccp), CM_OK);
