@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -130,9 +132,19 @@ class CtlStatus : public ::testing::Test {
               (dir_ / "node.toml").c_str(), static_cast<char *>(nullptr));
       ::_exit(127);
     }
-    for (int tries = 0; tries < 500 && !fs::exists(socket_); ++tries)
-      std::this_thread::sleep_for(10ms);
-    ASSERT_TRUE(fs::exists(socket_));
+    // The socket file appears at bind(), before the daemon listens: only a
+    // connection says it answers.
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socket_.c_str(), sizeof address.sun_path - 1);
+    bool answers = false;
+    for (int tries = 0; tries < 500 && !answers; ++tries) {
+      const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      answers = ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+      ::close(fd);
+      if (!answers) std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(answers);
   }
   void TearDown() override {
     for (const pid_t pid : {server_, client_}) {
