@@ -92,7 +92,7 @@ TEST(TwoHostFailures, SilencedLinkEndsConversationsBothWaysUntilHeardAgain) {
   g_cut_path = [](const Side &b) {
     reload_impairment(b.log_dir.parent_path(), b.daemon, "loss=1");
   };
-  nodes.run(cut_client, cut_server, nodes.children.list[1].pid);
+  nodes.run(cut_client, cut_server);
   EXPECT_GE(occurrences(nodes.dirs[1] / "snanoded.log", "impairment now loss 1,"), 1);
   reload_impairment(nodes.dirs[1], nodes.children.list[1].pid, "loss=0");
   ASSERT_TRUE(link_up(nodes.dirs[0] / "snanoded.log", 2, 15s)) << "see " << nodes.base;

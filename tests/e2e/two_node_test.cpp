@@ -135,6 +135,7 @@ void link_loss_acceptor(Side &side) {
              CM_SEND_RECEIVED);
   Conv second = accept();  // its Attach came alone: node A's TP sent nothing yet
   CHECK_EQ(second.state(), CM_RECEIVE_STATE);
+  side.say('K', "daemon");
   REQUIRE_EQ(::kill(side.daemon, SIGKILL), 0);
   int status = 0;
   ::waitpid(side.daemon, &status, 0);  // not this process's child: returns at once
@@ -286,7 +287,7 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
   nodes.run(unknown_tp, nullptr);
   nodes.run(program_security_allocator, program_security_acceptor);
   nodes.run(bulk_allocator, bulk_acceptor);
-  nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
+  nodes.run(link_loss_allocator, link_loss_acceptor);
   if (::system("command -v tshark >/dev/null 2>&1") != 0) return;
   for (const auto &dir : nodes.dirs) check_capture(dir / "units.pcap");
 }
@@ -345,7 +346,7 @@ TEST(TwoHosts, StreamOnALossyPathAndThePartnerRestarting) {
   nodes.run(allocator, acceptor);
   EXPECT_EQ(fs::file_size(a / "units.pcap"), captured);
   EXPECT_EQ(ctl(a, "capture on").first, 0);
-  nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
+  nodes.run(link_loss_allocator, link_loss_acceptor);
   ASSERT_TRUE(nodes.restart_b()) << "node B did not come back: see " << nodes.base;
   nodes.run(allocator, acceptor);
   if (::system("command -v tshark >/dev/null 2>&1") != 0) return;

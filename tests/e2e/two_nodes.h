@@ -100,12 +100,13 @@ struct TwoNodes {
   }
   // Starts node B's daemon again (two hosts) and waits for the link.
   bool restart_b() {
-    children.doomed.insert("daemon");  // the one killed
     return start_daemon(dirs[1], children) && link_up(dirs[0] / "snanoded.log", 2);
   }
 
   ~TwoNodes() {
-    for (auto &child : children.list) ::kill(child.pid, SIGTERM);
+    for (auto &child : children.list) {
+      if (!child.reaped) ::kill(child.pid, SIGTERM);
+    }
     for (auto &child : children.list) {
       for (const auto until = Clock::now() + 5s; !children.reap(child, WNOHANG);) {
         if (Clock::now() > until) break;
@@ -121,51 +122,10 @@ struct TwoNodes {
 
   // Runs `client` as a TP of node A and `server` (if any) as one of node B
   // serving E2E; every failed check reaches the test.
-  void run(void (*client)(Side &), void (*server)(Side &), pid_t server_daemon = -1) {
-    int report[2], to_server[2], to_client[2];
-    ASSERT_EQ(
-        ::pipe2(report, O_CLOEXEC) | ::pipe2(to_server, O_CLOEXEC) | ::pipe2(to_client, O_CLOEXEC),
-        0);
-    Side a{"client", dirs[0] / "client", -1, report[1], to_client[0], to_server[1]};
-    Side b{"server", dirs[1] / "server", server_daemon, report[1], to_server[0], to_client[1]};
-    if (server == nullptr) a.from_partner = a.to_partner = -1;
-    std::vector<pid_t> sides;
-    auto start = [&](Side &side, const fs::path &dir, void (*body)(Side &)) {
-      fs::create_directories(side.log_dir);
-      std::fflush(nullptr);
-      const pid_t pid = ::fork();
-      if (pid == 0) {
-        enter_node(dir, side, Deploy::kProcesses);
-        run_side(side, body, {"E2E"});
-        std::exit(0);
-      }
-      sides.push_back(pid);
-    };
-    if (server != nullptr) start(b, dirs[1], server);
-    start(a, dirs[0], client);
-    for (int fd : {report[1], to_server[0], to_server[1], to_client[0], to_client[1]}) ::close(fd);
-    std::string text;
-    char buffer[4096];
-    // On a lossy path the RTP rate can fall far (see docs/network.md).
-    const auto limit = port_base != 0 ? 60s : 20s;
-    for (const auto until = Clock::now() + limit; Clock::now() < until;) {
-      pollfd p{report[0], POLLIN, 0};
-      if (::poll(&p, 1, 100) == 0) continue;
-      const ssize_t n = ::read(report[0], buffer, sizeof buffer);
-      if (n <= 0) break;
-      text.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(report[0]);
-    for (pid_t pid : sides) {
-      ::kill(pid, SIGKILL);  // only when they did not end in time
-      int status = 0;
-      ::waitpid(pid, &status, 0);
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a TP ended badly";
-    }
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-      if (line[0] == 'F' || line[0] == 'A') ADD_FAILURE() << line.substr(2);
-    }
+  void run(void (*client)(Side &), void (*server)(Side &)) {
+    Scenario scenario{"two nodes", client, server};
+    scenario.seconds = port_base != 0 ? 60 : 20;  // on a lossy path the RTP rate can fall far
+    run_sides(scenario, Deploy::kProcesses, dirs[0], dirs[1], children);
   }
 };
 
