@@ -9,33 +9,8 @@
 namespace e2e {
 namespace {
 
-// Node A's TP: an aping exchange with `tp` at node B carrying `marker`,
-// begun once a byte arrives on `go`.  Exits with the step that failed.
-[[noreturn]] void ping(const fs::path &dir, const char *tp, const std::string &marker, int go) {
-  ::alarm(60);  // whatever happens, the test is not left waiting
-  char byte = 0;
-  if (go >= 0 && ::read(go, &byte, 1) != 1) std::_Exit(1);
-  Side side{"client", dir / ("client-" + std::string(tp))};
-  fs::create_directories(side.log_dir);
-  enter_node(dir, side, Deploy::kProcesses);
-  t_side = &side;
-  Conv c = initialize_remote(tp, CM_MAPPED_CONVERSATION);
-  if (c.call(cmallc) != CM_OK) std::_Exit(2);
-  if (c.send(std::string("\x01\x00", 2), CM_SEND_AND_PREP_TO_RECEIVE) != CM_OK) std::_Exit(3);
-  if (c.receive_and(CM_SEND_RECEIVED).rc != CM_OK) std::_Exit(4);
-  const std::string record = marker + std::string(200, '.') + marker;
-  if (c.send(record, CM_SEND_AND_PREP_TO_RECEIVE) != CM_OK) std::_Exit(5);
-  if (const Received r = c.receive_and(CM_SEND_RECEIVED); r.rc != CM_OK || r.text != record) {
-    std::_Exit(6);
-  }
-  std::_Exit(c.deallocate() == CM_OK ? 0 : 7);
-}
-
-pid_t start_ping(const fs::path &dir, const char *tp, const char *marker, int go) {
-  std::fflush(nullptr);
-  const pid_t pid = ::fork();
-  if (pid == 0) ping(dir, tp, marker, go);
-  return pid;
+pid_t start_ping(const fs::path &dir, const char *tp, const std::string &marker, int go = -1) {
+  return start_aping(dir, tp, "#INTER", marker + std::string(200, '.') + marker, go);
 }
 
 TEST(CtlCapture, ScopedFilesHoldTheirTpsUnitsOnlyAndOffClosesThem) {
@@ -59,11 +34,9 @@ TEST(CtlCapture, ScopedFilesHoldTheirTpsUnitsOnlyAndOffClosesThem) {
   EXPECT_EQ(status, 0) << out;
   EXPECT_NE(out.find(by_pid.string()), std::string::npos) << out;
   // The status lists each scope with its file.
-  const auto [listed, status_text] = ctl(nodes.dirs[0], "--json status");
-  const auto parsed = ctl_test::JsonParser(status_text).parse();
-  ASSERT_TRUE(listed == 0 && parsed) << status_text;
   std::set<std::string> captures;
-  for (const auto &row : (*parsed)["captures"].items) {
+  const ctl_test::Json status_a = ctl_json(nodes.dirs[0], "status");
+  for (const auto &row : status_a["captures"].items) {
     captures.insert(row["scope"].text + " " + row["name"].text + " " + row["path"].text);
   }
   EXPECT_EQ(captures,
@@ -81,7 +54,7 @@ TEST(CtlCapture, ScopedFilesHoldTheirTpsUnitsOnlyAndOffClosesThem) {
   EXPECT_EQ(status, 0) << out;
   // Off closes the file: PINGONE's next conversation is not in it.
   const auto size = fs::file_size(by_tp);
-  EXPECT_EQ(exit_status(start_ping(nodes.dirs[0], "PINGONE", "MARKONE", -1)), 0);
+  EXPECT_EQ(exit_status(start_ping(nodes.dirs[0], "PINGONE", "MARKONE")), 0);
   EXPECT_EQ(fs::file_size(by_tp), size);
 
   namespace ts = snanode::net::tshark_check;

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +21,6 @@
 #include <thread>
 
 #include "cpic.h"
-#include "e2e/ctl_json.h"
 #include "e2e/snanodectl_run.h"
 #include "support/tp_user.h"
 
@@ -131,9 +132,19 @@ class CtlStatus : public ::testing::Test {
               (dir_ / "node.toml").c_str(), static_cast<char *>(nullptr));
       ::_exit(127);
     }
-    for (int tries = 0; tries < 500 && !fs::exists(socket_); ++tries)
-      std::this_thread::sleep_for(10ms);
-    ASSERT_TRUE(fs::exists(socket_));
+    // The socket file appears at bind(), before the daemon listens: only a
+    // connection says it answers.
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socket_.c_str(), sizeof address.sun_path - 1);
+    bool answers = false;
+    for (int tries = 0; tries < 500 && !answers; ++tries) {
+      const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      answers = ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+      ::close(fd);
+      if (!answers) std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(answers);
   }
   void TearDown() override {
     for (const pid_t pid : {server_, client_}) {
@@ -145,20 +156,7 @@ class CtlStatus : public ::testing::Test {
     fs::remove_all(dir_);
   }
 
-  // Runs snanodectl; its standard output, and its exit status in `status`.
-  std::string ctl(const std::string &args, int &status) const {
-    auto [code, text] = ctl_test::run_snanodectl(socket_, args);
-    status = code;
-    return text;
-  }
-  Json status_json() const {
-    int status = -1;
-    const std::string text = ctl("status --json", status);
-    EXPECT_EQ(status, 0) << text;
-    auto parsed = ctl_test::JsonParser(text).parse();
-    EXPECT_TRUE(parsed) << "not JSON: " << text;
-    return parsed.value_or(Json{});
-  }
+  Json status_json() const { return ctl_test::run_snanodectl_json(socket_, "status --json"); }
 
   fs::path dir_;
   std::string socket_;
@@ -244,13 +242,9 @@ TEST_F(CtlStatus, ShowsWhatRunsAndWhatWasKilled) {
 
   // The trace of the client alone, switched on while it runs.
   const fs::path trace = dir_ / "client.trc";
-  int rc = -1;
-  const std::string told =
-      ctl("trace on --json --pid " + std::to_string(client_) + " --file " + trace.string(), rc);
-  EXPECT_EQ(rc, 0) << told;
-  const auto answer = ctl_test::JsonParser(told).parse();
-  ASSERT_TRUE(answer) << told;
-  EXPECT_EQ((*answer)["trace"]["processes_told"].number, 1);
+  const std::string trace_on =
+      "trace on --json --pid " + std::to_string(client_) + " --file " + trace.string();
+  EXPECT_EQ(ctl_test::run_snanodectl_json(socket_, trace_on)["trace"]["processes_told"].number, 1);
   status = status_json();
   ASSERT_EQ(rows_of(status, "processes", client_).size(), 1u);
   EXPECT_TRUE((*rows_of(status, "processes", client_)[0])["trace"].flag);

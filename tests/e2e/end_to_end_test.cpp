@@ -381,10 +381,7 @@ void refusals_client(Side &side) {
     if (e.rc == CM_OK) side.post();  // the server stops serving IDLE and accepts
     Conv c = initialize(e.tp_name, e.type, e.sync);
     REQUIRE_EQ(c.set(cmscst, e.security), CM_OK);
-    if (e.security == CM_SECURITY_PROGRAM) {
-      REQUIRE_EQ(c.name(cmscsu, "CLERK"), CM_OK);
-      REQUIRE_EQ(c.name(cmscsp, e.password), CM_OK);
-    }
+    if (e.security == CM_SECURITY_PROGRAM) program_security(c, "CLERK", e.password);
     REQUIRE_EQ(c.call(cmallc), CM_OK);             // the refusal comes later...
     CHECK_EQ(c.send(record(e.type, "x")), CM_OK);  // ...not to a send that only buffers
     CHECK_EQ(e.rc == CM_OK ? c.deallocate() : c.receive().rc, e.rc);
@@ -396,10 +393,7 @@ void refusals_server(Side &) {
   REQUIRE_PARTNER();
   CHECK_EQ(local_tp(cmrltp, "IDLE"), CM_OK);
   Conv c = accept();
-  unsigned char user[11] = {};
-  CM_INT32 length = 0;
-  CHECK_EQ(c.call(cmesui, user, &length), CM_OK);
-  CHECK_EQ(std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length)), "CLERK");
+  CHECK_EQ(user_id(c), "CLERK");
   CHECK_DATA(c.receive(), kComplete, "x", CM_NO_STATUS_RECEIVED);
   CHECK_EQ(c.receive().rc, CM_DEALLOCATED_NORMAL);
 }

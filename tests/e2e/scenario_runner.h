@@ -206,6 +206,21 @@ inline CM_RETURN_CODE local_tp(void (*f)(unsigned char *, CM_INT32 *, CM_RETURN_
   return rc;
 }
 
+// PROGRAM security for `user` with `password`.
+inline void program_security(Conv &c, const std::string &user, const std::string &password) {
+  REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
+  REQUIRE_EQ(c.name(cmscsu, user), CM_OK);
+  REQUIRE_EQ(c.name(cmscsp, password), CM_OK);
+}
+
+// The user the partner's allocation runs for (cmesui).
+inline std::string user_id(Conv &c) {
+  unsigned char user[11] = {};
+  CM_INT32 length = 0;
+  CHECK_EQ(c.call(cmesui, user, &length), CM_OK);
+  return std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length));
+}
+
 inline Conv accept() {
   Conv c;
   REQUIRE_EQ(c.call(cmaccp), CM_OK);
@@ -292,6 +307,14 @@ struct Children {
     for (Child &c : list) failed |= reap(c, WNOHANG) && !ended_well(c);
     return failed;
   }
+  // Fails the test for a child that ended badly (not one killed when time was up).
+  void check(const Child &c) const {
+    if (c.reaped && !c.killed && !ended_well(c)) {
+      ADD_FAILURE() << c.role << " ended with "
+                    << (WIFEXITED(c.status) ? "exit status " : "signal ")
+                    << (WIFEXITED(c.status) ? WEXITSTATUS(c.status) : WTERMSIG(c.status));
+    }
+  }
   void kill_all() {
     for (Child &c : list) c.killed = c.killed || (!reap(c, WNOHANG) && ::kill(c.pid, SIGKILL) == 0);
   }
@@ -342,6 +365,92 @@ inline bool start_daemon(const fs::path &dir, Children &children, int link = -1,
   if (pid < 0) return false;
   children.list.push_back({pid, "daemon"});
   return daemon_answers(dir, children);
+}
+
+// Runs the scenario's sides, the client as a user of the node in `dir` and
+// the server of the one in `server_dir`, whose daemons (if any) are all of
+// `children` and go on running; every failed check reaches the test.  The
+// sides are reaped and dropped from `children`.
+inline void run_sides(const Scenario &scenario, Deploy how, const fs::path &dir,
+                      const fs::path &server_dir, Children &children) {
+  // Made after the daemon, so that neither it nor its TPs hold an end.
+  int report[2], to_server[2], to_client[2];
+  ASSERT_EQ(
+      ::pipe2(report, O_CLOEXEC) | ::pipe2(to_server, O_CLOEXEC) | ::pipe2(to_client, O_CLOEXEC),
+      0);
+  const pid_t daemon = children.list.empty() ? -1 : children.list[0].pid;
+  const pid_t server_daemon = children.list.size() > 1 ? children.list.back().pid : daemon;
+  Side client{"client", dir / "client", daemon, report[1], to_client[0], to_server[1]};
+  Side server{"server",  server_dir / "server", server_daemon,
+              report[1], to_server[0],          to_client[1]};
+  if (!scenario.server) client.from_partner = client.to_partner = -1;
+  client.across_nodes = server.across_nodes = dir != server_dir;
+  if (how == Deploy::kThreads) client.log_dir = server.log_dir = dir / "node";
+  for (const Side *side : {&client, &server}) fs::create_directories(side->log_dir);
+
+  auto start = [&](const char *role, Side &side, auto body) {
+    std::fflush(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      enter_node(&side == &server ? server_dir : dir, side, how);
+      body();
+      std::exit(0);
+    }
+    if (pid > 0) children.list.push_back({pid, role});
+    if (pid < 0) ADD_FAILURE() << "cannot fork the " << role;
+  };
+  auto client_side = [&] { run_side(client, scenario.client, scenario.serves); };
+  auto server_side = [&] { run_side(server, scenario.server, scenario.serves); };
+  if (how == Deploy::kThreads) {
+    start("threads", client, [&] {
+      std::thread thread;
+      if (scenario.server) thread = std::thread(server_side);
+      client_side();
+      if (thread.joinable()) thread.join();
+    });
+  } else {
+    if (scenario.server) start("server", server, server_side);
+    start("client", client, client_side);
+  }
+  for (int fd : {report[1], to_server[0], to_server[1], to_client[0], to_client[1]}) ::close(fd);
+
+  // Every report line until the sides have ended, or the time is up; a side
+  // that gave up or a process that failed leaves the others two more seconds.
+  std::string partial;
+  auto until = Clock::now() + std::chrono::seconds(scenario.seconds);
+  for (char buffer[4096];;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+    if (left.count() <= 0) {
+      ADD_FAILURE() << scenario.name << " did not finish in time (" << scenario.seconds
+                    << " s, or 2 s after a side failed)";
+      children.kill_all();
+      break;
+    }
+    pollfd p{report[0], POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(std::min<long>(left.count(), 100))) == 0) {
+      if (children.any_failed()) until = std::min(until, Clock::now() + 2s);
+      continue;
+    }
+    const ssize_t n = ::read(report[0], buffer, sizeof buffer);
+    if (n <= 0) break;
+    partial.append(buffer, static_cast<size_t>(n));
+    for (size_t end; (end = partial.find('\n')) != std::string::npos; partial.erase(0, end + 1)) {
+      const std::string line = partial.substr(0, end);
+      if (line[0] == 'F') ADD_FAILURE() << line.substr(2);
+      if (line[0] == 'A') until = std::min(until, Clock::now() + 2s);
+      if (line[0] == 'K') children.doomed.insert(line.substr(line.find(": ") + 2));
+    }
+  }
+  ::close(report[0]);
+  for (auto it = children.list.begin(); it != children.list.end();) {
+    if (it->role == "daemon") {
+      ++it;
+      continue;
+    }
+    children.reap(*it, 0);
+    children.check(*it);
+    it = children.list.erase(it);
+  }
 }
 
 inline void run(const Scenario &scenario, Deploy how) {
@@ -407,80 +516,10 @@ inline void run(const Scenario &scenario, Deploy how) {
                 link_up(dir / "snanoded.log"))
         << "no daemons or no link: see " << dir;
   }
-  // Made after the daemon, so that neither it nor its TPs hold an end.
-  int report[2], to_server[2], to_client[2];
-  ASSERT_EQ(
-      ::pipe2(report, O_CLOEXEC) | ::pipe2(to_server, O_CLOEXEC) | ::pipe2(to_client, O_CLOEXEC),
-      0);
-  const pid_t daemon = children.list.empty() ? -1 : children.list[0].pid;
-  const pid_t server_daemon = children.list.size() > 1 ? children.list[1].pid : daemon;
-  Side client{"client", dir / "client", daemon, report[1], to_client[0], to_server[1]};
-  Side server{"server",  server_dir / "server", server_daemon,
-              report[1], to_server[0],          to_client[1]};
-  if (!scenario.server) client.from_partner = client.to_partner = -1;
-  client.across_nodes = server.across_nodes = two;
-  if (how == Deploy::kThreads) client.log_dir = server.log_dir = dir / "node";
-  for (const Side *side : {&client, &server}) fs::create_directories(side->log_dir);
-
-  auto start = [&](const char *role, Side &side, auto body) {
-    std::fflush(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      enter_node(&side == &server ? server_dir : dir, side, how);
-      body();
-      std::exit(0);
-    }
-    if (pid > 0) children.list.push_back({pid, role});
-    if (pid < 0) ADD_FAILURE() << "cannot fork the " << role;
-  };
-  auto client_side = [&] { run_side(client, scenario.client, scenario.serves); };
-  auto server_side = [&] { run_side(server, scenario.server, scenario.serves); };
-  if (how == Deploy::kThreads) {
-    start("threads", client, [&] {
-      std::thread thread;
-      if (scenario.server) thread = std::thread(server_side);
-      client_side();
-      if (thread.joinable()) thread.join();
-    });
-  } else {
-    if (scenario.server) start("server", server, server_side);
-    start("client", client, client_side);
-  }
-  for (int fd : {report[1], to_server[0], to_server[1], to_client[0], to_client[1]}) ::close(fd);
-
-  // Every report line until the sides have ended, or the time is up; a side
-  // that gave up or a process that failed leaves the others two more seconds.
-  std::string partial;
-  auto until = Clock::now() + std::chrono::seconds(scenario.seconds);
-  for (char buffer[4096];;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
-    if (left.count() <= 0) {
-      ADD_FAILURE() << scenario.name << " did not finish in time (" << scenario.seconds
-                    << " s, or 2 s after a side failed)";
-      children.kill_all();
-      break;
-    }
-    pollfd p{report[0], POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(std::min<long>(left.count(), 100))) == 0) {
-      if (children.any_failed()) until = std::min(until, Clock::now() + 2s);
-      continue;
-    }
-    const ssize_t n = ::read(report[0], buffer, sizeof buffer);
-    if (n <= 0) break;
-    partial.append(buffer, static_cast<size_t>(n));
-    for (size_t end; (end = partial.find('\n')) != std::string::npos; partial.erase(0, end + 1)) {
-      const std::string line = partial.substr(0, end);
-      if (line[0] == 'F') ADD_FAILURE() << line.substr(2);
-      if (line[0] == 'A') until = std::min(until, Clock::now() + 2s);
-      if (line[0] == 'K') children.doomed.insert(line.substr(line.find(": ") + 2));
-    }
-  }
-  ::close(report[0]);
-  // The sides first; then the daemon is stopped as an operator would.
+  run_sides(scenario, how, dir, server_dir, children);
+  // Then the daemon is stopped as an operator would.
   for (auto it = children.list.rbegin(); it != children.list.rend(); ++it) {
-    if (it->role != "daemon") {
-      children.reap(*it, 0);
-    } else if (!children.reap(*it, WNOHANG)) {
+    if (!children.reap(*it, WNOHANG)) {
       ::kill(it->pid, SIGTERM);
       for (const auto until = Clock::now() + 5s; !children.reap(*it, WNOHANG);) {
         if (Clock::now() > until) {
@@ -490,11 +529,7 @@ inline void run(const Scenario &scenario, Deploy how) {
         std::this_thread::sleep_for(10ms);
       }
     }
-    if (it->reaped && !it->killed && !children.ended_well(*it)) {
-      ADD_FAILURE() << it->role << " ended with "
-                    << (WIFEXITED(it->status) ? "exit status " : "signal ")
-                    << (WIFEXITED(it->status) ? WEXITSTATUS(it->status) : WTERMSIG(it->status));
-    }
+    children.check(*it);
   }
 }
 

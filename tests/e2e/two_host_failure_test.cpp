@@ -6,10 +6,6 @@
 // hangs, and once the path is back new allocations succeed both ways.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-
 #include "e2e/two_nodes.h"
 
 namespace e2e {
@@ -96,7 +92,7 @@ TEST(TwoHostFailures, SilencedLinkEndsConversationsBothWaysUntilHeardAgain) {
   g_cut_path = [](const Side &b) {
     reload_impairment(b.log_dir.parent_path(), b.daemon, "loss=1");
   };
-  nodes.run(cut_client, cut_server, nodes.children.list[1].pid);
+  nodes.run(cut_client, cut_server);
   EXPECT_GE(occurrences(nodes.dirs[1] / "snanoded.log", "impairment now loss 1,"), 1);
   reload_impairment(nodes.dirs[1], nodes.children.list[1].pid, "loss=0");
   ASSERT_TRUE(link_up(nodes.dirs[0] / "snanoded.log", 2, 15s)) << "see " << nodes.base;
@@ -163,7 +159,7 @@ TEST(TwoHostFailures, LinkStoppedAndStartedBySnanodectl) {
   EXPECT_NE(unknown_out.find("no link NETA.NODEX; the links are: NETA.NODEB"), std::string::npos)
       << unknown_out;
   // Stopped once node B's DM is in (the sessions ended when DISC went).
-  const auto link_state = [&] { return network_status(a)["links"].items[0]["state"].text; };
+  const auto link_state = [&] { return ctl_json(a)["links"].items[0]["state"].text; };
   for (const auto until = Clock::now() + 3s; link_state() != "stopped" && Clock::now() < until;) {
     std::this_thread::sleep_for(20ms);
   }
@@ -189,22 +185,13 @@ TEST(TwoHostFailures, DaemonWithoutItsPortsRefusesToStart) {
   const fs::path dir = pattern;
   std::ofstream(dir / "node.toml")
       << node_config(dir, "NODEA", "LUA", "LUB", "NODEB", false, 0, base);
-  const int taken = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_in at{};
-  at.sin_family = AF_INET;
-  at.sin_port = htons(static_cast<uint16_t>(base + 2));
-  ::inet_pton(AF_INET, kHostAddress[0], &at.sin_addr);
-  ASSERT_EQ(::bind(taken, reinterpret_cast<sockaddr *>(&at), sizeof at), 0);
-  const std::string command = "SNANODE_LOG_DIR=" + dir.string() + " timeout 10 " + SNANODED_PATH +
-                              " --foreground --config " + (dir / "node.toml").string() + " 2>&1";
-  FILE *pipe = ::popen(command.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  std::string said;
-  char buffer[4096];
-  for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) said.append(buffer, n);
-  const int status = ::pclose(pipe);
+  const int taken = bind_udp(kHostAddress[0], static_cast<uint16_t>(base + 2));
+  ASSERT_GE(taken, 0);
+  const auto [status, said] =
+      ctl_test::run_command("SNANODE_LOG_DIR=" + dir.string() + " timeout 10 " + SNANODED_PATH +
+                            " --foreground --config " + (dir / "node.toml").string() + " 2>&1");
   ::close(taken);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << said;
+  EXPECT_EQ(status, 1) << said;
   EXPECT_NE(said.find("no Enterprise Extender endpoint on 127.0.0.2 port " + std::to_string(base)),
             std::string::npos)
       << said;

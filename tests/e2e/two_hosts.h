@@ -23,16 +23,21 @@ namespace e2e {
 
 inline constexpr const char *kHostAddress[2] = {"127.0.0.2", "127.0.0.3"};
 
-// Whether UDP port `port` can be bound on `address` now.
-inline bool udp_port_free(const char *address, uint16_t port) {
+// A UDP socket bound to `port` on `address`; -1 when that cannot be.
+inline int bind_udp(const char *address, uint16_t port) {
   const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in at{};
   at.sin_family = AF_INET;
   at.sin_port = htons(port);
   ::inet_pton(AF_INET, address, &at.sin_addr);
-  const bool free = ::bind(fd, reinterpret_cast<sockaddr *>(&at), sizeof at) == 0;
+  if (::bind(fd, reinterpret_cast<sockaddr *>(&at), sizeof at) == 0) return fd;
   ::close(fd);
-  return free;
+  return -1;
+}
+
+inline bool udp_port_free(const char *address, uint16_t port) {
+  const int fd = bind_udp(address, port);
+  return fd >= 0 && ::close(fd) == 0;
 }
 
 // A base whose five ports are free on both addresses (tests running at once

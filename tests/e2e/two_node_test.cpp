@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 
 #include "e2e/two_nodes.h"
 
@@ -83,9 +81,7 @@ void basic_acceptor(Side &) {
 void program_security_allocator(Side &) {
   for (const char *password : {"WRONG", "SECRET"}) {
     Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
-    REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
-    REQUIRE_EQ(c.name(cmscsu, "CLERK"), CM_OK);
-    REQUIRE_EQ(c.name(cmscsp, password), CM_OK);
+    program_security(c, "CLERK", password);
     REQUIRE_EQ(c.call(cmallc), CM_OK);
     if (std::string(password) == "WRONG") {
       // A slow TP's Attach goes alone, and the refusal may then be back
@@ -139,6 +135,7 @@ void link_loss_acceptor(Side &side) {
              CM_SEND_RECEIVED);
   Conv second = accept();  // its Attach came alone: node A's TP sent nothing yet
   CHECK_EQ(second.state(), CM_RECEIVE_STATE);
+  side.say('K', "daemon");
   REQUIRE_EQ(::kill(side.daemon, SIGKILL), 0);
   int status = 0;
   ::waitpid(side.daemon, &status, 0);  // not this process's child: returns at once
@@ -215,9 +212,7 @@ template <bool trusted>
 void verified_back_allocator(Side &) {
   REQUIRE_EQ(local_tp(cmsltp, "BACK"), CM_OK);
   Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
-  REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
-  REQUIRE_EQ(c.name(cmscsu, "CLERK"), CM_OK);
-  REQUIRE_EQ(c.name(cmscsp, "SECRET"), CM_OK);
+  program_security(c, "CLERK", "SECRET");
   REQUIRE_EQ(c.call(cmallc), CM_OK);
   CHECK_EQ(c.send("go", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
   const Received answer = c.receive();
@@ -227,10 +222,7 @@ void verified_back_allocator(Side &) {
   }
   CHECK_DATA(answer, CM_COMPLETE_DATA_RECEIVED, "come back", CM_NO_STATUS_RECEIVED);
   Conv back = accept();
-  unsigned char user[11] = {};
-  CM_INT32 length = 0;
-  CHECK_EQ(back.call(cmesui, user, &length), CM_OK);
-  CHECK_EQ(std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length)), "CLERK");
+  CHECK_EQ(user_id(back), "CLERK");
   CHECK_DATA(back.receive(), CM_COMPLETE_DATA_RECEIVED, "as CLERK", CM_NO_STATUS_RECEIVED);
 }
 
@@ -257,9 +249,7 @@ void verified_back_acceptor(Side &) {
 void pam_allocator(Side &) {
   for (const char *user : {"nobodyhere", "root"}) {
     Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
-    REQUIRE_EQ(c.set(cmscst, CM_SECURITY_PROGRAM), CM_OK);
-    REQUIRE_EQ(c.name(cmscsu, user), CM_OK);
-    REQUIRE_EQ(c.name(cmscsp, "any"), CM_OK);
+    program_security(c, user, "any");
     REQUIRE_EQ(c.call(cmallc), CM_OK);
     CHECK_EQ(c.send("as root", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
     CHECK_EQ(c.receive().rc,
@@ -269,10 +259,7 @@ void pam_allocator(Side &) {
 
 void pam_acceptor(Side &) {
   Conv c = accept();
-  unsigned char user[11] = {};
-  CM_INT32 length = 0;
-  CHECK_EQ(c.call(cmesui, user, &length), CM_OK);
-  CHECK_EQ(std::string(reinterpret_cast<char *>(user), static_cast<size_t>(length)), "root");
+  CHECK_EQ(user_id(c), "root");
   CHECK_DATA(c.receive_and(CM_SEND_RECEIVED), CM_COMPLETE_DATA_RECEIVED, "as root",
              CM_SEND_RECEIVED);
   CHECK_EQ(c.deallocate(), CM_OK);
@@ -282,21 +269,14 @@ void pam_acceptor(Side &) {
 // no expert item.  `port_base`: UDP datagrams on those five ports (tshark
 // knows 12000 to 12004 by itself).
 void check_capture(const fs::path &file, uint16_t port_base = 0) {
-  const std::string capture =
-      file.string() + (port_base != 0 ? ee_ports_for_tshark(port_base) : "");
-  const std::string count = "tshark -r " + capture + " 2>/dev/null | wc -l";
-  const std::string bad = "tshark -r " + capture + " -Y '_ws.malformed || _ws.expert' 2>/dev/null";
-  std::array<char, 4096> out{};
-  FILE *pipe = ::popen(count.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  const size_t n = std::fread(out.data(), 1, out.size() - 1, pipe);
-  ::pclose(pipe);
-  EXPECT_GT(std::atoi(std::string(out.data(), n).c_str()), 10) << capture;
-  pipe = ::popen(bad.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  const size_t m = std::fread(out.data(), 1, out.size() - 1, pipe);
-  EXPECT_EQ(::pclose(pipe), 0) << "tshark could not read " << capture;
-  EXPECT_EQ(std::string(out.data(), m), "") << capture;
+  const std::string read =
+      "tshark -r " + file.string() + (port_base != 0 ? ee_ports_for_tshark(port_base) : "");
+  EXPECT_GT(std::atoi(ctl_test::run_command(read + " 2>/dev/null | wc -l").second.c_str()), 10)
+      << read;
+  const auto [status, bad] =
+      ctl_test::run_command(read + " -Y '_ws.malformed || _ws.expert' 2>/dev/null");
+  EXPECT_EQ(status, 0) << "tshark could not read " << read;
+  EXPECT_EQ(bad, "") << read;
 }
 
 TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
@@ -307,7 +287,7 @@ TEST(TwoNodes, ConversationCrossesTheLinkAndCaptureIsWellFormed) {
   nodes.run(unknown_tp, nullptr);
   nodes.run(program_security_allocator, program_security_acceptor);
   nodes.run(bulk_allocator, bulk_acceptor);
-  nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
+  nodes.run(link_loss_allocator, link_loss_acceptor);
   if (::system("command -v tshark >/dev/null 2>&1") != 0) return;
   for (const auto &dir : nodes.dirs) check_capture(dir / "units.pcap");
 }
@@ -334,11 +314,11 @@ TEST(TwoHosts, StreamOnALossyPathAndThePartnerRestarting) {
     }
     return int64_t{0};
   };
-  ctl_test::Json status = network_status(nodes.dirs[0]);
+  ctl_test::Json status = ctl_json(nodes.dirs[0]);
   for (const auto until = Clock::now() + 5s;
        acknowledged(status) <= 2'000'000 && Clock::now() < until;) {
     std::this_thread::sleep_for(50ms);
-    status = network_status(nodes.dirs[0]);
+    status = ctl_json(nodes.dirs[0]);
   }
   ASSERT_EQ(status["links"].items.size(), 1u);
   EXPECT_EQ(status["links"].items[0]["cp_name"].text, "NETA.NODEB");
@@ -366,7 +346,7 @@ TEST(TwoHosts, StreamOnALossyPathAndThePartnerRestarting) {
   nodes.run(allocator, acceptor);
   EXPECT_EQ(fs::file_size(a / "units.pcap"), captured);
   EXPECT_EQ(ctl(a, "capture on").first, 0);
-  nodes.run(link_loss_allocator, link_loss_acceptor, nodes.children.list[1].pid);
+  nodes.run(link_loss_allocator, link_loss_acceptor);
   ASSERT_TRUE(nodes.restart_b()) << "node B did not come back: see " << nodes.base;
   nodes.run(allocator, acceptor);
   if (::system("command -v tshark >/dev/null 2>&1") != 0) return;
@@ -378,11 +358,8 @@ TEST(TwoNodes, AlreadyVerifiedUsersOnlyFromATrustedPartner) {
     SCOPED_TRACE(trusted ? "node A trusts node B" : "node A does not trust node B");
     TwoNodes nodes(trusted);
     ASSERT_TRUE(nodes.up) << "no daemons: see " << nodes.base;
-    if (trusted) {
-      nodes.run(verified_back_allocator<true>, verified_back_acceptor<true>);
-    } else {
-      nodes.run(verified_back_allocator<false>, verified_back_acceptor<false>);
-    }
+    nodes.run(trusted ? verified_back_allocator<true> : verified_back_allocator<false>,
+              trusted ? verified_back_acceptor<true> : verified_back_acceptor<false>);
   }
 }
 
@@ -395,8 +372,8 @@ TEST(TwoNodes, PasswordsThePartnerNodeLeavesToPam) {
     GTEST_SKIP() << "needs root and /etc/pam.d/runuser with pam_rootok";
   }
   TwoNodes nodes(false,
-                 "[pam]\nenabled = true\nservice = \"runuser\"\n[[user]]\nuser_id = \"root\"\n"
-                 "[[user]]\nuser_id = \"nobodyhere\"\n");
+                 "[pam]\nenabled = true\nservice = \"runuser\"\n[[user]]\n"
+                 "user_id = \"root\"\n[[user]]\nuser_id = \"nobodyhere\"\n");
   ASSERT_TRUE(nodes.up) << "no daemons: see " << nodes.base;
   nodes.run(pam_allocator, pam_acceptor);
 }
@@ -417,23 +394,20 @@ TEST(TwoNodes, CheckExplainsNetworkKeys) {
       {"[[mode]]\nname = \"#INTER\"\npacing_window = 64\n", "pacing_window"},
       {"[network]\nimpair = \"loss=2\"\n", "impair = \"loss=2\": \"loss=2\": a rate is"},
   };
+  const auto check = [&](const std::string &text) {
+    std::ofstream(dir / "node.toml") << text;
+    return ctl_test::run_command(std::string(SNANODED_PATH) + " --check " +
+                                 (dir / "node.toml").string() + " 2>&1");
+  };
   for (const auto &[text, expected] : cases) {
-    std::ofstream(dir / "bad.toml") << text;
-    const std::string command =
-        std::string(SNANODED_PATH) + " --check " + (dir / "bad.toml").string() + " 2>&1";
-    FILE *pipe = ::popen(command.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::array<char, 4096> out{};
-    const std::string said(out.data(), std::fread(out.data(), 1, out.size() - 1, pipe));
-    EXPECT_NE(::pclose(pipe), 0) << text;
+    const auto [status, said] = check(text);
+    EXPECT_NE(status, 0) << text;
     EXPECT_NE(said.find(expected), std::string::npos) << text << "\n" << said;
   }
-  std::ofstream(dir / "good.toml") << "[node]\nnetwork_id = \"NETA\"\n[network]\nenabled = true\n"
-                                      "cp_name = \"NETA.NODEA\"\n" +
-                                          partner;
-  EXPECT_EQ(::system((std::string(SNANODED_PATH) + " --check " + (dir / "good.toml").string() +
-                      " >/dev/null 2>&1")
-                         .c_str()),
+  EXPECT_EQ(check("[node]\nnetwork_id = \"NETA\"\n[network]\nenabled = true\n"
+                  "cp_name = \"NETA.NODEA\"\n" +
+                  partner)
+                .first,
             0);
   fs::remove_all(dir);
 }

@@ -2,8 +2,8 @@
 // link of whole units (a SOCK_SEQPACKET socket pair), or as two hosts on an
 // Enterprise Extender link (127.0.0.2 and 127.0.0.3); a TP of node A and one
 // of node B run against each other, and snanodectl asks either node.  Shared
-// by the two-node tests and the two-host failure tests.  The including target
-// defines SNANODED_PATH and SNANODECTL_PATH.
+// by every two-node and two-host test.  The including target defines
+// SNANODED_PATH, SNANODECTL_PATH and APINGD_PATH.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <array>
 #include <cstdio>
 
-#include "e2e/ctl_json.h"
 #include "e2e/scenario_runner.h"
 #include "e2e/snanodectl_run.h"
 #include "e2e/two_hosts.h"
@@ -21,9 +20,11 @@ namespace e2e {
 inline constexpr int kRuSize = 256;
 
 // `host` 0 or 1: the node is that host of an EE link on ports `base`...
+// `network`: more [network] keys.
 inline std::string node_config(const fs::path &dir, const char *cp, const char *lu,
                                const char *partner, const char *partner_cp,
-                               bool trust_partner = false, int host = -1, uint16_t base = 0) {
+                               bool trust_partner = false, int host = -1, uint16_t base = 0,
+                               const std::string &network = "") {
   std::ostringstream text;
   text << "[node]\nname = \"" << cp << "\"\nnetwork_id = \"NETA\"\nattach_timeout_ms = 5000\n"
        << "socket_path = \"" << (dir / "node.sock").string() << "\"\n"
@@ -32,7 +33,7 @@ inline std::string node_config(const fs::path &dir, const char *cp, const char *
        << (host >= 0 ? host_network_keys(host, base) + "capture = \"" +
                            (dir / "units.pcap").string() + "\"\n"
                      : "")
-       << "[[local_lu]]\nalias = \"" << lu << "\"\nlu_name = \"NETA." << lu << "\"\n"
+       << network << "[[local_lu]]\nalias = \"" << lu << "\"\nlu_name = \"NETA." << lu << "\"\n"
        << "[[partner_lu]]\nalias = \"" << partner << "\"\nlu_name = \"NETA." << partner
        << "\"\nowning_cp = \"NETA." << partner_cp << "\"\n"
        << (trust_partner ? "trust_already_verified = true\n" : "")
@@ -59,16 +60,17 @@ struct TwoNodes {
   // `a_trusts_b`: node A takes users node B verified (already verified).
   // `b_config`: more of node B's configuration.  `hosts`: two hosts on
   // 127.0.0.2 and 127.0.0.3 (skip when `port_base` stays 0); `b_address`
-  // (hosts only): node B's address instead of 127.0.0.3.
+  // (hosts only): node B's address instead of 127.0.0.3.  `network`: more
+  // [network] keys of both nodes; `both_config`: more of both configurations.
   explicit TwoNodes(bool a_trusts_b = false, const std::string &b_config = "", bool hosts = false,
-                    const std::string &b_address = "") {
+                    const std::string &b_address = "", const std::string &network = "",
+                    const std::string &both_config = "") {
     char pattern[] = "/tmp/cpic-2node-XXXXXX";
     if (::mkdtemp(pattern) == nullptr) return;
     base = pattern;
     dirs = {base / "a", base / "b"};
     for (const auto &dir : dirs) fs::create_directories(dir);
     if (hosts && (port_base = free_port_base()) == 0) return;
-    const int host = hosts ? 0 : -1;
     const auto moved = [&](std::string text) {
       for (size_t at; !b_address.empty() && (at = text.find(kHostAddress[1])) != text.npos;) {
         text.replace(at, std::string_view(kHostAddress[1]).size(), b_address);
@@ -76,12 +78,14 @@ struct TwoNodes {
       return text;
     };
     std::ofstream(dirs[0] / "node.toml")
-        << moved(node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB", a_trusts_b, host, port_base));
+        << moved(node_config(dirs[0], "NODEA", "LUA", "LUB", "NODEB", a_trusts_b, hosts ? 0 : -1,
+                             port_base, network))
+        << both_config;
     std::ofstream(dirs[1] / "node.toml")
         << moved(node_config(dirs[1], "NODEB", "LUB", "LUA", "NODEA", false, hosts ? 1 : -1,
-                             port_base))
+                             port_base, network))
         << "[[user]]\nuser_id = \"CLERK\"\npassword = \"SECRET\"\n"
-        << b_config;
+        << b_config << both_config;
     if (hosts) {
       up = start_daemon(dirs[0], children) && start_daemon(dirs[1], children) &&
            link_up(dirs[0] / "snanoded.log");
@@ -96,12 +100,13 @@ struct TwoNodes {
   }
   // Starts node B's daemon again (two hosts) and waits for the link.
   bool restart_b() {
-    children.doomed.insert("daemon");  // the one killed
     return start_daemon(dirs[1], children) && link_up(dirs[0] / "snanoded.log", 2);
   }
 
   ~TwoNodes() {
-    for (auto &child : children.list) ::kill(child.pid, SIGTERM);
+    for (auto &child : children.list) {
+      if (!child.reaped) ::kill(child.pid, SIGTERM);
+    }
     for (auto &child : children.list) {
       for (const auto until = Clock::now() + 5s; !children.reap(child, WNOHANG);) {
         if (Clock::now() > until) break;
@@ -117,51 +122,10 @@ struct TwoNodes {
 
   // Runs `client` as a TP of node A and `server` (if any) as one of node B
   // serving E2E; every failed check reaches the test.
-  void run(void (*client)(Side &), void (*server)(Side &), pid_t server_daemon = -1) {
-    int report[2], to_server[2], to_client[2];
-    ASSERT_EQ(
-        ::pipe2(report, O_CLOEXEC) | ::pipe2(to_server, O_CLOEXEC) | ::pipe2(to_client, O_CLOEXEC),
-        0);
-    Side a{"client", dirs[0] / "client", -1, report[1], to_client[0], to_server[1]};
-    Side b{"server", dirs[1] / "server", server_daemon, report[1], to_server[0], to_client[1]};
-    if (server == nullptr) a.from_partner = a.to_partner = -1;
-    std::vector<pid_t> sides;
-    auto start = [&](Side &side, const fs::path &dir, void (*body)(Side &)) {
-      fs::create_directories(side.log_dir);
-      std::fflush(nullptr);
-      const pid_t pid = ::fork();
-      if (pid == 0) {
-        enter_node(dir, side, Deploy::kProcesses);
-        run_side(side, body, {"E2E"});
-        std::exit(0);
-      }
-      sides.push_back(pid);
-    };
-    if (server != nullptr) start(b, dirs[1], server);
-    start(a, dirs[0], client);
-    for (int fd : {report[1], to_server[0], to_server[1], to_client[0], to_client[1]}) ::close(fd);
-    std::string text;
-    char buffer[4096];
-    // On a lossy path the RTP rate can fall far (see docs/network.md).
-    const auto limit = port_base != 0 ? 60s : 20s;
-    for (const auto until = Clock::now() + limit; Clock::now() < until;) {
-      pollfd p{report[0], POLLIN, 0};
-      if (::poll(&p, 1, 100) == 0) continue;
-      const ssize_t n = ::read(report[0], buffer, sizeof buffer);
-      if (n <= 0) break;
-      text.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(report[0]);
-    for (pid_t pid : sides) {
-      ::kill(pid, SIGKILL);  // only when they did not end in time
-      int status = 0;
-      ::waitpid(pid, &status, 0);
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a TP ended badly";
-    }
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-      if (line[0] == 'F' || line[0] == 'A') ADD_FAILURE() << line.substr(2);
-    }
+  void run(void (*client)(Side &), void (*server)(Side &)) {
+    Scenario scenario{"two nodes", client, server};
+    scenario.seconds = port_base != 0 ? 60 : 20;  // on a lossy path the RTP rate can fall far
+    run_sides(scenario, Deploy::kProcesses, dirs[0], dirs[1], children);
   }
 };
 
@@ -170,12 +134,47 @@ inline std::pair<int, std::string> ctl(const fs::path &dir, const std::string &a
   return ctl_test::run_snanodectl((dir / "node.sock").string(), args);
 }
 
-// What `snanodectl session list --json` says of the node's network.
-inline ctl_test::Json network_status(const fs::path &dir) {
-  const auto [status, out] = ctl(dir, "--json session list");
-  auto parsed = ctl_test::JsonParser(out).parse();
-  EXPECT_TRUE(status == 0 && parsed) << out;
-  return parsed ? *parsed : ctl_test::Json{};
+// What snanodectl says, as JSON, of the node in `dir` (by default of its network).
+inline ctl_test::Json ctl_json(const fs::path &dir, const std::string &args = "session list") {
+  return ctl_test::run_snanodectl_json((dir / "node.sock").string(), "--json " + args);
+}
+
+// Node A's TP, started in a child of the test once a byte comes on `go`
+// (when given): an aping exchange with `tp` at node B on `mode`, the version
+// and then `record` echoed.  With `hold`, it writes a byte to hold[0] once
+// the version came back and goes on when one arrives on hold[1].  Exits with
+// the step that failed.
+inline pid_t start_aping(const fs::path &dir, const char *tp, const char *mode,
+                         const std::string &record, int go = -1, const int *hold = nullptr) {
+  std::fflush(nullptr);
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  ::alarm(60);  // whatever happens, the test is not left waiting
+  char byte = 0;
+  if (go >= 0 && ::read(go, &byte, 1) != 1) std::_Exit(1);
+  Side side{"client", dir / ("client-" + std::string(tp))};
+  fs::create_directories(side.log_dir);
+  enter_node(dir, side, Deploy::kProcesses);
+  t_side = &side;
+  try {
+    Conv c = initialize_remote(tp, CM_MAPPED_CONVERSATION);
+    if (c.name(cmsmn, mode) != CM_OK || c.call(cmallc) != CM_OK) std::_Exit(2);
+    if (c.send(std::string("\x01\x00", 2), CM_SEND_AND_PREP_TO_RECEIVE) != CM_OK) std::_Exit(3);
+    if (const Received r = c.receive_and(CM_SEND_RECEIVED); r.rc != CM_OK || r.text.size() != 2) {
+      std::_Exit(4);
+    }
+    if (hold != nullptr && (::write(hold[0], "+", 1) != 1 || ::read(hold[1], &byte, 1) != 1)) {
+      std::_Exit(5);
+    }
+    if (c.send(record, CM_SEND_AND_PREP_TO_RECEIVE) != CM_OK) std::_Exit(6);
+    if (const Received r = c.receive_and(CM_SEND_RECEIVED, 4000);
+        r.rc != CM_OK || r.text != record) {
+      std::_Exit(7);
+    }
+    std::_Exit(c.deallocate() == CM_OK ? 0 : 8);
+  } catch (const SideAborted &) {
+    std::_Exit(9);
+  }
 }
 
 }  // namespace e2e

@@ -1,10 +1,12 @@
 // Capture files the tests write and hand to tshark: where they go, opening
-// the writer, and the whole BIU of one test session around an RH and RU.
+// the writer, reading one back, and the whole BIU of one test session around
+// an RH and RU.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -12,6 +14,7 @@
 #include <string>
 
 #include "net/capture/pcap_writer.h"
+#include "net/tshark_run.h"
 
 namespace snanode::net::tshark_check {
 
@@ -26,6 +29,17 @@ inline std::unique_ptr<CaptureWriter> open_capture(const std::string &path) {
   auto writer = CaptureWriter::open(path, CaptureEndpoints{}, &error);
   EXPECT_TRUE(writer) << error;
   return writer;
+}
+
+// Writes a capture with `write(writer)`, and returns what tshark prints of it
+// with `options` (standard error dropped); the file is removed.
+template <class Write>
+std::string read_back(const std::string &name, Write write, const std::string &options) {
+  const std::string path = temp_pcap(name);
+  if (auto writer = open_capture(path)) write(*writer);
+  const std::string out = run("tshark -r " + path + " " + options + " 2>/dev/null");
+  std::remove(path.c_str());
+  return out;
 }
 
 inline Bytes read_file(const std::string &path) {

@@ -19,19 +19,16 @@ using namespace std::chrono_literals;
 // Writes `sent` to a capture file (A's datagrams as sent, B's as received)
 // and returns what tshark prints of `fields`, a line per datagram.
 std::string read_back(const std::vector<testing::SentDatagram> &sent, const std::string &fields) {
-  const std::string path = tshark_check::temp_pcap("ee_capture");
-  auto writer = tshark_check::open_capture(path);
-  if (!writer) return {};
-  for (const auto &d : sent) {
-    EXPECT_TRUE(
-        writer->write_datagram(d.from_a ? CaptureDirection::kSent : CaptureDirection::kReceived,
-                               static_cast<uint16_t>(kEePortLlc + d.port_index), d.bytes));
-  }
-  writer.reset();
-  std::string out = tshark_check::run("tshark -r " + path + " -T fields -E separator=/s " + fields +
-                                      " 2>/dev/null");
-  std::remove(path.c_str());
-  return out;
+  return tshark_check::read_back(
+      "ee_capture",
+      [&](CaptureWriter &writer) {
+        for (const auto &d : sent) {
+          EXPECT_TRUE(writer.write_datagram(
+              d.from_a ? CaptureDirection::kSent : CaptureDirection::kReceived,
+              static_cast<uint16_t>(kEePortLlc + d.port_index), d.bytes));
+        }
+      },
+      "-T fields -E separator=/s " + fields);
 }
 
 TEST(EeCapture, ActivationNlpsTestAndDeactivationDecodeAsMeant) {

@@ -24,19 +24,30 @@ struct Node {
   Receiver receiver;
   TimePoint clock{};
   std::vector<unsigned> received_ports;  // port index of every NLP datagram received
-};
 
-// Opens an endpoint, trying a few port bases in case another program holds
-// one; nullptr when the address cannot be bound at all.
-std::unique_ptr<UdpEndpoint> open_endpoint(const std::string &address, uint16_t base,
-                                           const Impairment &impairment = {}) {
-  std::string error;
-  EndpointConfig config;
-  config.local_address = address;
-  config.port_base = base;
-  config.impairment = impairment;
-  return UdpEndpoint::open(config, &error);
-}
+  // Opens the endpoint; false when the address cannot be bound here.
+  bool open(const std::string &address, uint16_t base, const Impairment &impairment = {},
+            uint16_t max_btu = 0) {
+    std::string error;
+    EndpointConfig config;
+    config.local_address = address;
+    config.port_base = base;
+    config.impairment = impairment;
+    config.max_btu = max_btu;
+    endpoint = UdpEndpoint::open(config, &error);
+    receiver.clock = &clock;
+    return endpoint != nullptr;
+  }
+  // A link to `partner` (at `port_base`, 0: this endpoint's) for node `id`.
+  LinkStation *link(const std::string &partner, uint32_t id, const std::string &cp,
+                    NlpReceiver *to = nullptr, uint16_t port_base = 0) {
+    std::string error;
+    LinkStation *station = endpoint->add_link(partner, station_config(id, cp, ""),
+                                              to ? *to : receiver, &error, port_base);
+    EXPECT_TRUE(station) << error;
+    return station;
+  }
+};
 
 uint16_t port_base_for_test(int slot) {
   return static_cast<uint16_t>(20000 + (::getpid() % 3000) * 10 + slot * 5);
@@ -86,20 +97,19 @@ Bytes nlp_with(uint8_t tag) {
 TEST(EeUdpEndpoint, TwoAddressesActivateOnDemandAndCarryEachPriority) {
   const uint16_t base = port_base_for_test(0);
   Node a, b, stranger;
-  a.endpoint = open_endpoint("127.0.0.2", base);
-  b.endpoint = open_endpoint("127.0.0.3", base);
-  stranger.endpoint = open_endpoint("127.0.0.4", base);
-  if (!a.endpoint || !b.endpoint || !stranger.endpoint) {
+  if (!a.open("127.0.0.2", base) || !b.open("127.0.0.3", base) ||
+      !stranger.open("127.0.0.4", base)) {
     GTEST_SKIP() << "127.0.0.2-4 cannot be bound here";
   }
-  for (Node *n : {&a, &b, &stranger}) n->receiver.clock = &n->clock;
 
-  // Each port carries its IP precedence.
+  // Each port carries its IP precedence: LLC and network 6, high 4, medium 2, low 1.
+  const int kPrecedence[kPortCount] = {0xC0, 0xC0, 0x80, 0x40, 0x20};
   for (unsigned i = 0; i < kPortCount; ++i) {
     int tos = -1;
     socklen_t size = sizeof tos;
     ASSERT_EQ(::getsockopt(b.endpoint->fds()[i], IPPROTO_IP, IP_TOS, &tos, &size), 0);
-    EXPECT_EQ(tos, traffic_class_of(i)) << i;
+    EXPECT_EQ(tos, kPrecedence[i]) << i;
+    EXPECT_EQ(traffic_class_of(i), kPrecedence[i]) << i;
   }
 
   // B knows no link: it takes one from 127.0.0.2 when its XID arrives, and
@@ -126,8 +136,7 @@ TEST(EeUdpEndpoint, TwoAddressesActivateOnDemandAndCarryEachPriority) {
   EXPECT_FALSE(
       a.endpoint->add_link("127.0.0.3", station_config(1, "NETA.CPA", ""), a.receiver, &error));
   EXPECT_FALSE(a.endpoint->add_link("::1", station_config(1, "NETA.CPA", ""), a.receiver, &error));
-  LinkStation *stray = stranger.endpoint->add_link("127.0.0.3", station_config(3, "NETA.CPC", ""),
-                                                   stranger.receiver, &error);
+  LinkStation *stray = stranger.link("127.0.0.3", 3, "NETA.CPC");
   ASSERT_TRUE(stray);
 
   to_b->activate(std::chrono::steady_clock::now());
@@ -185,28 +194,13 @@ TEST(EeUdpEndpoint, LargestBtuCarriesWholeDatagramsAndTheSmallerOfferWins) {
   const uint16_t base = port_base_for_test(2);
   constexpr uint16_t kLargest = 65504;  // 65507 bytes of UDP payload with the LLC header
   Node a, b, c;
-  for (auto [node, address, btu] :
-       {std::tuple{&a, "127.0.0.2", kLargest}, std::tuple{&b, "127.0.0.3", kLargest},
-        std::tuple{&c, "127.0.0.4", uint16_t{0}}}) {
-    std::string error;
-    EndpointConfig config;
-    config.local_address = address;
-    config.port_base = base;
-    config.max_btu = btu;
-    node->endpoint = UdpEndpoint::open(config, &error);
-    if (!node->endpoint) GTEST_SKIP() << address << " cannot be bound here: " << error;
-    node->receiver.clock = &node->clock;
+  if (!a.open("127.0.0.2", base, {}, kLargest) || !b.open("127.0.0.3", base, {}, kLargest) ||
+      !c.open("127.0.0.4", base)) {
+    GTEST_SKIP() << "127.0.0.2-4 cannot be bound here";
   }
-  std::string error;
-  LinkStation *a_b =
-      a.endpoint->add_link("127.0.0.3", station_config(1, "NETA.CPA", ""), a.receiver, &error);
-  LinkStation *b_a =
-      b.endpoint->add_link("127.0.0.2", station_config(2, "NETA.CPB", ""), b.receiver, &error);
-  LinkStation *a_c =
-      a.endpoint->add_link("127.0.0.4", station_config(1, "NETA.CPA", ""), a.receiver, &error);
-  LinkStation *c_a =
-      c.endpoint->add_link("127.0.0.2", station_config(3, "NETA.CPC", ""), c.receiver, &error);
-  ASSERT_TRUE(a_b && b_a && a_c && c_a) << error;
+  LinkStation *a_b = a.link("127.0.0.3", 1, "NETA.CPA"), *b_a = b.link("127.0.0.2", 2, "NETA.CPB");
+  LinkStation *a_c = a.link("127.0.0.4", 1, "NETA.CPA"), *c_a = c.link("127.0.0.2", 3, "NETA.CPC");
+  ASSERT_TRUE(a_b && b_a && a_c && c_a);
   a_b->activate(std::chrono::steady_clock::now());
   a_c->activate(std::chrono::steady_clock::now());
   ASSERT_TRUE(run({&a, &b, &c}, [&] {
@@ -262,30 +256,24 @@ struct Answerer : Receiver {
 // intact: every datagram of it is handed up.
 TEST(EeUdpEndpoint, AFlushWhileHandlingAReceivedBatchLosesNothingOfIt) {
   const uint16_t base = port_base_for_test(3);
-  Node a;
+  Node a, b;
   Answerer answerer;
-  a.endpoint = open_endpoint("127.0.0.2", base);
-  std::unique_ptr<UdpEndpoint> b = open_endpoint("127.0.0.3", base);
-  if (!a.endpoint || !b) GTEST_SKIP() << "127.0.0.2-3 cannot be bound here";
-  TimePoint b_clock{};
-  answerer.clock = &b_clock;
-  a.receiver.clock = &a.clock;
-  std::string error;
-  LinkStation *to_b =
-      a.endpoint->add_link("127.0.0.3", station_config(1, "NETA.CPA", ""), a.receiver, &error);
-  answerer.station = b->add_link("127.0.0.2", station_config(2, "NETA.CPB", ""), answerer, &error);
-  answerer.endpoint = b.get();
-  ASSERT_TRUE(to_b && answerer.station) << error;
+  if (!a.open("127.0.0.2", base) || !b.open("127.0.0.3", base)) {
+    GTEST_SKIP() << "127.0.0.2-3 cannot be bound here";
+  }
+  answerer.clock = &b.clock;
+  LinkStation *to_b = a.link("127.0.0.3", 1, "NETA.CPA");
+  answerer.station = b.link("127.0.0.2", 2, "NETA.CPB", &answerer);
+  answerer.endpoint = b.endpoint.get();
+  ASSERT_TRUE(to_b && answerer.station);
   to_b->activate(std::chrono::steady_clock::now());
-  Node b_node;
-  b_node.endpoint = std::move(b);
-  ASSERT_TRUE(run({&a, &b_node}, [&] { return to_b->active() && answerer.station->active(); }));
+  ASSERT_TRUE(run({&a, &b}, [&] { return to_b->active() && answerer.station->active(); }));
   // Eight datagrams of different sizes: eight messages in one send, queued
   // together at B before it reads.
   std::vector<Bytes> sent;
   for (uint8_t i = 0; i < 8; ++i) sent.push_back(nlp_of_size(100 + i * 10u, i));
   for (const Bytes &nlp : sent) ASSERT_TRUE(to_b->send_nlp(Priority::kHigh, nlp));
-  ASSERT_TRUE(run({&a, &b_node}, [&] { return a.receiver.nlps.size() == 8; }));
+  ASSERT_TRUE(run({&a, &b}, [&] { return a.receiver.nlps.size() == 8; }));
   EXPECT_EQ(answerer.nlps, sent);
 }
 
@@ -297,21 +285,17 @@ TEST(EeUdpEndpoint, Ipv6LinkBetweenTwoPortBasesThroughAnImpairedPath) {
   Impairment doubled;
   doubled.duplication = 1;
   doubled.delay = 2ms;
-  a.endpoint = open_endpoint("::1", base, doubled);
-  b.endpoint = open_endpoint("::1", other);
-  if (!a.endpoint || !b.endpoint) GTEST_SKIP() << "::1 cannot be bound here";
-  for (Node *n : {&a, &b}) n->receiver.clock = &n->clock;
+  if (!a.open("::1", base, doubled) || !b.open("::1", other)) {
+    GTEST_SKIP() << "::1 cannot be bound here";
+  }
   int tclass = -1;
   socklen_t size = sizeof tclass;
   ASSERT_EQ(::getsockopt(a.endpoint->fds()[2], IPPROTO_IPV6, IPV6_TCLASS, &tclass, &size), 0);
   EXPECT_EQ(tclass, 0x80);
 
-  std::string error;
-  LinkStation *to_b =
-      a.endpoint->add_link("::1", station_config(1, "NETA.CPA", ""), a.receiver, &error, other);
-  LinkStation *to_a =
-      b.endpoint->add_link("::1", station_config(2, "NETA.CPB", ""), b.receiver, &error, base);
-  ASSERT_TRUE(to_b && to_a) << error;
+  LinkStation *to_b = a.link("::1", 1, "NETA.CPA", nullptr, other);
+  LinkStation *to_a = b.link("::1", 2, "NETA.CPB", nullptr, base);
+  ASSERT_TRUE(to_b && to_a);
   to_a->activate(std::chrono::steady_clock::now());
   ASSERT_TRUE(run({&a, &b}, [&] { return to_a->active() && to_b->active(); }));
   EXPECT_EQ(to_a->max_nlp_size(), 1441u);  // the IPv6 default

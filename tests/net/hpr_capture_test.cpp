@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <random>
 
 #include "net/capture_files.h"
 #include "net/hpr_pipe.h"
@@ -31,9 +32,7 @@ std::vector<Captured> exchange() {
   RtpConfig config;
   test::TwoNodes n(config, 3, 1461);
   std::vector<Captured> out;
-  n.pipe.tap = [&](int from, ByteSpan nlp) {
-    out.push_back({from, Bytes(nlp.begin(), nlp.end())});
-  };
+  n.tap = [&](int from, ByteSpan nlp) { out.push_back({from, Bytes(nlp.begin(), nlp.end())}); };
   EXPECT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, test::make_biu(1, 3000)));
   EXPECT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 1; }, 1s));
   EXPECT_TRUE(n.b.send_biu("NETA.CPA", Priority::kHigh, test::make_biu(2, 200)));
@@ -48,25 +47,22 @@ TEST(HprCapture, TsharkShowsTheSetupDataAndStatusNlpsAsSent) {
   if (!tshark_check::have_tshark()) GTEST_SKIP() << "tshark is not installed";
   const std::vector<Captured> nlps = exchange();
   ASSERT_GE(nlps.size(), 5u);
-  const std::string path = tshark_check::temp_pcap("hpr_capture");
-  {
-    auto writer = tshark_check::open_capture(path);
-    ASSERT_TRUE(writer);
-    for (const Captured &c : nlps) {
-      Bytes datagram = {kHprSap, kHprSap, kLlcUi};
-      datagram.insert(datagram.end(), c.nlp.begin(), c.nlp.end());
-      ASSERT_TRUE(writer->write_datagram(
-          c.from == 0 ? CaptureDirection::kSent : CaptureDirection::kReceived,
-          ee_port(Priority::kHigh), datagram));
-    }
-  }
   const std::string t = " -e sna.nlp.thdr.";
-  const std::string out = tshark_check::run(
-      "tshark -r " + path + " -T fields -E separator='|' -E occurrence=a -e ip.src" + t + "tcid" +
-      t + "setupi" + t + "somi" + t + "eomi" + t + "sri" + t + "osi" + t + "dlf" + t + "bsn" + t +
-      "optional.type" + t + "optional.10.tcid" + t + "optional.0e.rseq" +
-      " -e sna.th.fid -e _ws.expert -e _ws.malformed" + t + "lmi 2>/dev/null");
-  std::remove(path.c_str());
+  const std::string out = tshark_check::read_back(
+      "hpr_capture",
+      [&](CaptureWriter &writer) {
+        for (const Captured &c : nlps) {
+          Bytes datagram = {kHprSap, kHprSap, kLlcUi};
+          datagram.insert(datagram.end(), c.nlp.begin(), c.nlp.end());
+          ASSERT_TRUE(writer.write_datagram(
+              c.from == 0 ? CaptureDirection::kSent : CaptureDirection::kReceived,
+              ee_port(Priority::kHigh), datagram));
+        }
+      },
+      "-T fields -E separator='|' -E occurrence=a -e ip.src" + t + "tcid" + t + "setupi" + t +
+          "somi" + t + "eomi" + t + "sri" + t + "osi" + t + "dlf" + t + "bsn" + t +
+          "optional.type" + t + "optional.10.tcid" + t + "optional.0e.rseq" +
+          " -e sna.th.fid -e _ws.expert -e _ws.malformed" + t + "lmi");
   const std::vector<std::string> lines = split(out, '\n');
   ASSERT_EQ(lines.size(), nlps.size() + 1) << out;
 
@@ -158,7 +154,7 @@ TEST(HprFuzz, MutatedNlpsNeverCrashTheNodeNorGrowItsBuffers) {
       // Exactly the mutant's size, so a read past its end is an ASan report.
       std::unique_ptr<uint8_t[]> exact(new uint8_t[mutant.size() + 1]);
       std::copy(mutant.begin(), mutant.end(), exact.get());
-      n.pipe.inject(to, ByteSpan(exact.get(), mutant.size()));
+      n.inject(to, ByteSpan(exact.get(), mutant.size()));
     };
     for (size_t size = 0; size <= seed.nlp.size(); size += 1 + size / 64) {
       feed(Bytes(seed.nlp.begin(), seed.nlp.begin() + static_cast<std::ptrdiff_t>(size)));

@@ -61,7 +61,7 @@ TEST(HprClasses, EachClassItsOwnConnectionAtItsPriority) {
   TwoNodes n(test_config());
   std::multimap<Priority, std::string> setups;  // NLP priority -> class its setup named
   std::set<Priority> priorities;
-  n.pipe.tap = [&](int from, ByteSpan nlp) {
+  n.tap = [&](int from, ByteSpan nlp) {
     auto decoded = decode_nlp(nlp);
     ASSERT_TRUE(decoded);
     if (from == 0) priorities.insert(decoded->nhdr.priority);
@@ -125,9 +125,9 @@ TEST(HprClasses, ACloseCrossingThePartnersUnitsLosesNone) {
   ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 1; }, 1s));
   n.run_until([] { return false; }, 100ms);
   n.a.close("NETB.CPB", "#INTER");
-  n.pipe.impairment(1).silent = true;
+  n.path(1).silent = true;
   ASSERT_TRUE(n.b.send_biu("NETA.CPA", inter, make_biu(2, 100)));
-  n.pipe.impairment(1).silent = false;
+  n.path(1).silent = false;
   n.run_until([] { return false; }, 3ms);  // A's indicator has reached B
   ASSERT_TRUE(n.b.send_biu("NETA.CPA", inter, make_biu(3, 100)));
   ASSERT_TRUE(n.run_until([&] { return n.seen_a.ended.size() + n.seen_b.ended.size() == 2; }, 5s));

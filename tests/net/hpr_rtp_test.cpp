@@ -25,7 +25,7 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   TwoNodes n(config, 1, 512);
   size_t nlps[2] = {0, 0};
   Bytes setup_copy;
-  n.pipe.tap = [&](int from, ByteSpan) { ++nlps[from]; };
+  n.tap = [&](int from, ByteSpan) { ++nlps[from]; };
   const Bytes big = make_biu(1, 20000);
   ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, big));
   ASSERT_TRUE(n.run_until([&] { return !n.seen_b.bius.empty(); }, 5s));
@@ -70,7 +70,7 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   EXPECT_FALSE(n.a.send_biu("NETC.CPC", Priority::kHigh, big));
   // Closed by A once its last BIU is acknowledged: both sides hear it ended
   // normally, and a late copy of its setup does not bring it back.
-  n.pipe.tap = [&](int from, ByteSpan nlp) {
+  n.tap = [&](int from, ByteSpan nlp) {
     if (from == 0 && nlp.size() > 20 && setup_copy.empty())
       setup_copy.assign(nlp.begin(), nlp.end());
   };
@@ -79,7 +79,7 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   ASSERT_TRUE(n.run_until([&] { return !n.seen_a.ended.empty() && !n.seen_b.ended.empty(); }, 1s));
   EXPECT_EQ(n.seen_a.ended[0].first | n.seen_b.ended[0].first, 0u);
   EXPECT_EQ(n.seen_b.bius.back(), make_biu(4, 100));
-  n.pipe.inject(1, setup_copy);
+  n.inject(1, setup_copy);
   EXPECT_EQ(n.b.connection_count(), 2u);
   // Idle for several alive periods: the probes keep it up.
   n.run_until([] { return false; }, 4 * config.alive_timer);
@@ -89,12 +89,7 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
 TEST(HprRtp, LossDuplicationAndReorderingDeliverEveryByteOnceInOrder) {
   const RtpConfig config = test_config();
   TwoNodes n(config, 20261125, 600);
-  for (int side : {0, 1}) {
-    auto &imp = n.pipe.impairment(side);
-    imp.loss = 0.05;
-    imp.duplicate = 0.01;
-    imp.reorder = 0.05;
-  }
+  for (int side : {0, 1}) n.impair(side, 0.05, 0.01, 0.05);
   std::vector<Bytes> to_b, to_a;
   for (uint32_t i = 0; i < 400; ++i) {
     to_b.push_back(make_biu(i, 15 + (i * 7919) % 3000));
@@ -130,7 +125,7 @@ TEST(HprRtp, RandomLossDoesNotHoldTheRateDown) {
   RtpConfig config = test_config();
   config.max_rate = 16 * 1024 * 1024;
   TwoNodes n(config, 42, 1461);
-  for (int side : {0, 1}) n.pipe.impairment(side).loss = 0.05;
+  for (int side : {0, 1}) n.impair(side, 0.05);
   // Keeps 64 BIUs of 8000 bytes queued beyond what B has received.
   size_t sent = 0;
   n.run_until(
@@ -149,9 +144,9 @@ TEST(HprRtp, RandomLossDoesNotHoldTheRateDown) {
 TEST(HprRtp, RateGrowsWhileThePartnerKeepsUpAndBacksOffAtTheBottleneck) {
   const RtpConfig config = test_config();
   TwoNodes n(config, 7, 1461);
-  auto &imp = n.pipe.impairment(0);
+  test::Path &imp = n.path(0);
   imp.capacity = 4 * 1024 * 1024;  // 4 MB/s, a 64 KB queue
-  imp.delay = 5ms;
+  n.impair(0, 0, 0, 0, 4ms);       // 5 ms with the pipe's own
   size_t sent = 0;
   // Offers 8 MB/s for `rounds` of 10 ms; calls `sample` with the rate after each.
   auto stream = [&](int rounds, const std::function<void(uint32_t)> &sample) {
@@ -208,18 +203,18 @@ TEST(HprRtp, ASilentPartnerFailsTheConnectionWithinTheBound) {
   {
     TwoNodes n(config);
     connected(n);
-    n.pipe.impairment(1).silent = true;
+    n.path(1).silent = true;
     const RtpTime silent_at = n.clock.now();
     ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(2, 5000)));
     ASSERT_TRUE(n.run_until([&] { return !n.seen_a.ended.empty(); }, 30s));
     EXPECT_EQ(n.seen_a.ended[0].first, decision::kSensePathFailure);
     // The bound runs from the last unit heard, which was still on its way.
-    const RtpDuration in_flight = n.pipe.impairment(1).delay;
+    const RtpDuration in_flight = n.path(1).impairer.settings().delay;
     EXPECT_LE(n.seen_a.ended[0].second - silent_at, config.failure_bound() + in_flight);
     EXPECT_GE(n.seen_a.ended[0].second - silent_at, config.failure_timeout);
     EXPECT_EQ(n.a.connection_count(), 0u);
     // The partner answers again: a new connection carries the next BIU.
-    n.pipe.impairment(1).silent = false;
+    n.path(1).silent = false;
     ASSERT_TRUE(n.a.send_biu("NETB.CPB", Priority::kHigh, make_biu(3, 100)));
     ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 3; }, 2s));
     EXPECT_EQ(n.seen_b.bius[2], make_biu(3, 100));
@@ -235,11 +230,11 @@ TEST(HprRtp, ASilentPartnerFailsTheConnectionWithinTheBound) {
     TwoNodes n(config);
     connected(n);
     n.run_until([] { return false; }, 1s);
-    n.pipe.impairment(1).silent = true;
+    n.path(1).silent = true;
     const RtpTime silent_at = n.clock.now();
     ASSERT_TRUE(n.run_until([&] { return !n.seen_a.ended.empty(); }, 30s));
     EXPECT_LE(n.seen_a.ended[0].second - silent_at,
-              config.failure_bound() + n.pipe.impairment(1).delay);
+              config.failure_bound() + n.path(1).impairer.settings().delay);
     EXPECT_GE(n.seen_a.ended[0].second - silent_at, config.failure_bound() - config.alive_timer);
   }
 }

@@ -114,45 +114,36 @@ TEST(NetCapture, TsharkShowsEveryUnitAsTheNodeMeantIt) {
 
   // The same reading flags a BIU cut inside its TH, so an empty column above
   // means the dissector found nothing wrong.
-  const std::string cut_path = temp_pcap("net_capture_cut");
-  {
-    auto writer = open_capture(cut_path);
-    ASSERT_TRUE(writer);
+  const auto cut = [](CaptureWriter &writer) {
     Bytes datagram(golden::kDataDatagram.begin(), golden::kDataDatagram.begin() + 34);
     datagram[24] = 5;  // DLF: the 5 bytes that remain
-    ASSERT_TRUE(writer->write_datagram(kSent, 12002, datagram));
-  }
-  EXPECT_NE(fields(cut_path, "-e _ws.malformed").find("malformed"), std::string::npos);
-  std::remove(cut_path.c_str());
+    ASSERT_TRUE(writer.write_datagram(kSent, 12002, datagram));
+  };
+  EXPECT_NE(read_back("net_capture_cut", cut, "-T fields -e _ws.malformed").find("malformed"),
+            std::string::npos);
 }
 
 TEST(NetCapture, TsharkShowsAnXid3AsTheNodeMeantIt) {
   if (!have_tshark()) GTEST_SKIP() << "tshark is not installed";
-  const std::string path = temp_pcap("net_capture_xid");
-  {
-    auto writer = open_capture(path);
-    ASSERT_TRUE(writer);
+  const auto xid = [](CaptureWriter &writer) {
     Bytes datagram = {kLinkSap, kLinkSap, kLlcXidCommandPoll};
     datagram.insert(datagram.end(), golden::kXid3.begin(), golden::kXid3.end());
-    ASSERT_TRUE(writer->write_datagram(kSent, kEePortLlc, datagram));
-  }
+    ASSERT_TRUE(writer.write_datagram(kSent, kEePortLlc, datagram));
+  };
   const std::string x = " -e sna.xid.", t3 = x + "type3.";
-  EXPECT_EQ(fields(path, "-e udp.dstport -e llc.dsap" + x + "format" + x + "type" + x + "len" + x +
-                             "idblock" + x + "idnum" + t3 + "8" + t3 + "state" + t3 + "10" + t3 +
-                             "negcsup" + t3 + "tg" + t3 + "dlc" + t3 +
-                             "dlen -e sna.control.key -e sna.control.len -e sna.control.0e.type"
-                             " -e sna.control.0e.value -e _ws.expert -e _ws.malformed"),
+  EXPECT_EQ(read_back("net_capture_xid", xid,
+                      "-T fields -E separator='|' -e udp.dstport -e llc.dsap" + x + "format" + x +
+                          "type" + x + "len" + x + "idblock" + x + "idnum" + t3 + "8" + t3 +
+                          "state" + t3 + "10" + t3 + "negcsup" + t3 + "tg" + t3 + "dlc" + t3 +
+                          "dlen -e sna.control.key -e sna.control.len -e sna.control.0e.type"
+                          " -e sna.control.0e.value -e _ws.expert -e _ws.malformed"),
             "12000|0x04|3|2|40|0x0000005d|0x00012345|0x7038|0x0002|0xc0|1|0x00|0x01|11|0x0e|9|0xf4|"
             "NETA.CPA||\n");
-  std::remove(path.c_str());
 }
 
 TEST(NetCapture, TsharkShowsTransportSegmentsAsTheNodeMeantThem) {
   if (!have_tshark()) GTEST_SKIP() << "tshark is not installed";
-  const std::string path = temp_pcap("net_capture_segments");
-  {
-    auto writer = open_capture(path);
-    ASSERT_TRUE(writer);
+  const auto segments = [](CaptureWriter &writer) {
     // Connection setup carrying the BIND: SETUPI with segments X'0D', X'14', X'22', X'10'.
     Nhdr nhdr;
     nhdr.priority = Priority::kNetwork;
@@ -174,7 +165,7 @@ TEST(NetCapture, TsharkShowsTransportSegmentsAsTheNodeMeantThem) {
     Bytes datagram = {kHprSap, kHprSap, kLlcUi};
     ASSERT_TRUE(
         encode_nlp(nhdr, setup, whole_biu(true, 1, from_hex("6b8000"), golden::kBind), datagram));
-    ASSERT_TRUE(writer->write_datagram(kSent, 12001, datagram));
+    ASSERT_TRUE(writer.write_datagram(kSent, 12001, datagram));
     // A status message: one gap, no data.
     Thdr status;
     status.tcid = {8, 7, 6, 5, 4, 3, 2, 1};
@@ -184,9 +175,11 @@ TEST(NetCapture, TsharkShowsTransportSegmentsAsTheNodeMeantThem) {
     append_client_bits(0x8000, status.options);
     datagram = {kHprSap, kHprSap, kLlcUi};
     ASSERT_TRUE(encode_nlp(nhdr, status, {}, datagram));
-    ASSERT_TRUE(writer->write_datagram(kReceived, 12001, datagram));
-  }
-  std::string names = "-e sna.nlp.thdr.setupi -e sna.nlp.thdr.osi -e sna.nlp.thdr.offset";
+    ASSERT_TRUE(writer.write_datagram(kReceived, 12001, datagram));
+  };
+  std::string names =
+      "-T fields -E separator='|' -e sna.nlp.thdr.setupi -e sna.nlp.thdr.osi -e "
+      "sna.nlp.thdr.offset";
   for (const char *o :
        {"type",          "len",          "0d.version",     "0d.arb",       "0d.reliable",
         "14.si.key",     "14.si.refifo", "14.si.maxpsize", "14.si.switch", "14.si.alive",
@@ -197,7 +190,7 @@ TEST(NetCapture, TsharkShowsTransportSegmentsAsTheNodeMeantThem) {
     names +=
         o[0] == '-' ? std::string(" -e ") + (o + 1) : std::string(" -e sna.nlp.thdr.optional.") + o;
   }
-  const std::vector<std::string> lines = split(fields(path, names));
+  const std::vector<std::string> lines = split(read_back("net_capture_segments", segments, names));
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0],
             "1|1|0x0018|0x0d,0x14,0x22,0x10|2,9,5,3|0x0101|1|1|0x83|1|1461|180|30|0x85|0x00|"
@@ -205,7 +198,6 @@ TEST(NetCapture, TsharkShowsTransportSegmentsAsTheNodeMeantThem) {
   EXPECT_EQ(lines[1],
             "0|1|0x000d|0x0e,0x0f|7,1|||||||||||||||||1|1|0x0003|0x0002|0x00001000|"
             "0x8000||");
-  std::remove(path.c_str());
 }
 
 bool contains(const Bytes &haystack, const Bytes &needle) {

@@ -35,11 +35,14 @@ std::string repeat(const std::string &text, size_t times) {
   return out;
 }
 
-std::string rh_hex(const Rh &rh) {
+Bytes rh_bytes(const Rh &rh) {
   Bytes bytes;
   ByteWriter w(bytes);
   encode_rh(rh, w);
-  return to_hex(bytes);
+  return bytes;
+}
+std::string rh_hex(const Rh &rh) {
+  return to_hex(rh_bytes(rh));
 }
 
 Frame frame(FrameType type, uint8_t flags = 0, const std::string &payload = "", uint32_t code = 0) {
@@ -469,7 +472,6 @@ TEST(NetConversationFlows, AttachCarriesSecurityAndTheSessionEndsConversationsWi
 }
 
 using tshark_check::have_tshark;
-using tshark_check::run;
 
 size_t data_bytes_in(const std::vector<Frame> &frames) {
   size_t total = 0;
@@ -491,9 +493,7 @@ TEST(NetConversationFlows, SpoiledUnitsNeverLoopOrMakeUpData) {
       }
       for (int bit = 0; bit < 24; ++bit) {
         spoils.push_back([bit](Unit &u) {
-          Bytes rh;
-          ByteWriter w(rh);
-          encode_rh(u.rh, w);
+          Bytes rh = rh_bytes(u.rh);
           rh[bit / 8] ^= static_cast<uint8_t>(0x80 >> (bit % 8));
           ByteReader in(rh);
           u.rh = decode_rh(in).value();
@@ -522,29 +522,23 @@ TEST(NetConversationFlows, TsharkReadsEveryUnitWithTheIndicatorsMeant) {
     const Pair pair = run_flow(flow);
     all_units.insert(all_units.end(), pair.transcript.begin(), pair.transcript.end());
   }
-  const std::string path = tshark_check::temp_pcap("net_conversation_flows");
-  {
-    auto writer = tshark_check::open_capture(path);
-    ASSERT_TRUE(writer);
-    BiuFraming framing;
-    framing.sent_tcid = {1, 2, 3, 4, 5, 6, 7, 8};
-    framing.received_tcid = {8, 7, 6, 5, 4, 3, 2, 1};
-    uint16_t snf[2][2] = {};
-    for (const Wire &w : all_units) {
-      const int dir = w.dir == AB ? 0 : 1;
-      const uint16_t seq = ++snf[dir][w.unit.expedited ? 1 : 0];
-      Bytes rh;
-      ByteWriter rh_out(rh);
-      encode_rh(w.unit.rh, rh_out);
-      ASSERT_TRUE(writer->write_biu(
-          w.dir == AB ? CaptureDirection::kSent : CaptureDirection::kReceived,
-          tshark_check::whole_biu(w.unit.expedited, seq, rh, w.unit.ru), framing));
-    }
-  }
-  const std::string out = run("tshark -r " + path +
-                              " -T fields -E separator='|' -e sna.rh.0 -e sna.rh.1 -e sna.rh.2"
-                              " -e _ws.expert -e _ws.malformed 2>/dev/null");
-  std::remove(path.c_str());
+  BiuFraming framing;
+  framing.sent_tcid = {1, 2, 3, 4, 5, 6, 7, 8};
+  framing.received_tcid = {8, 7, 6, 5, 4, 3, 2, 1};
+  const std::string out = tshark_check::read_back(
+      "net_conversation_flows",
+      [&](CaptureWriter &writer) {
+        uint16_t snf[2][2] = {};
+        for (const Wire &w : all_units) {
+          const uint16_t seq = ++snf[w.dir == AB ? 0 : 1][w.unit.expedited ? 1 : 0];
+          ASSERT_TRUE(writer.write_biu(
+              w.dir == AB ? CaptureDirection::kSent : CaptureDirection::kReceived,
+              tshark_check::whole_biu(w.unit.expedited, seq, rh_bytes(w.unit.rh), w.unit.ru),
+              framing));
+        }
+      },
+      "-T fields -E separator='|' -e sna.rh.0 -e sna.rh.1 -e sna.rh.2 -e _ws.expert"
+      " -e _ws.malformed");
   const std::vector<std::string> lines = tshark_check::split(out, '\n', true);
   ASSERT_EQ(lines.size(), all_units.size() + 1) << "tshark printed another number of packets";
   EXPECT_EQ(lines.back(), "");

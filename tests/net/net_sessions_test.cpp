@@ -508,8 +508,6 @@ TEST(Sessions, MutatedUnitsFromThePartnerNeverBreakTheManager) {
   EXPECT_GT(sessions_ended, 50u);  // the mutations did reach live sessions
 }
 
-using tshark_check::run;
-
 TEST(Sessions, TsharkReadsEveryUnitTheSessionsExchange) {
   if (!tshark_check::have_tshark()) GTEST_SKIP() << "no tshark";
   Pair p({mode(256, 256, 7, 7, 1, 1)}, {mode(256, 256, 7, 7, 1, 0)});
@@ -521,20 +519,17 @@ TEST(Sessions, TsharkReadsEveryUnitTheSessionsExchange) {
   std::vector<std::pair<int, Bytes>> units = p.pipe.log;
   units.insert(units.end(), paced.pipe.log.begin(), paced.pipe.log.end());
 
-  const std::string path = tshark_check::temp_pcap("net_sessions");
-  {
-    auto writer = tshark_check::open_capture(path);
-    ASSERT_TRUE(writer);
-    for (const auto &[side, biu] : units) {
-      ASSERT_TRUE(writer->write_biu(
-          side == 0 ? CaptureDirection::kSent : CaptureDirection::kReceived, biu, BiuFraming{}));
-    }
-  }
-  const std::string out =
-      run("tshark -r " + path +
-          " -T fields -E separator='|' -e sna.rh.0 -e sna.rh.1 -e sna.rh.2 -e data.data"
-          " -e _ws.expert -e _ws.malformed 2>/dev/null");
-  std::remove(path.c_str());
+  const std::string out = tshark_check::read_back(
+      "net_sessions",
+      [&](CaptureWriter &writer) {
+        for (const auto &[side, biu] : units) {
+          ASSERT_TRUE(
+              writer.write_biu(side == 0 ? CaptureDirection::kSent : CaptureDirection::kReceived,
+                               biu, BiuFraming{}));
+        }
+      },
+      "-T fields -E separator='|' -e sna.rh.0 -e sna.rh.1 -e sna.rh.2 -e data.data"
+      " -e _ws.expert -e _ws.malformed");
   const std::vector<std::string> lines = tshark_check::split(out);
   ASSERT_EQ(lines.size(), units.size()) << out;
   auto count = [&](const std::string &prefix) {
