@@ -23,7 +23,7 @@ TEST(HprStatusHold, ATurnCarriesTheStatusAndAnUnansweredMessageIsAcknowledgedAft
   config.failure_timeout = 3s;
   TwoNodes n(config, 1, 1461);
   Seen seen[2];
-  n.pipe.tap = [&](int from, ByteSpan nlp) {
+  n.tap = [&](int from, ByteSpan nlp) {
     auto view = decode_nlp(nlp);
     ASSERT_TRUE(view);
     ++seen[from].nlps;
