@@ -20,6 +20,15 @@ std::string pattern_text(size_t size, char seed) {
 
 const std::string kLarge = pattern_text(3 * kRuSize + 17, '!');
 
+// The partner's answer to a new conversation, by the verb that reports it:
+// the first send turns the conversation round and the receive gets the
+// answer, unless the Attach went alone (a slow TP's is held only briefly)
+// and the answer is back before the send, which then reports it.
+CM_RETURN_CODE answer_to_first_send(Conv &c, const char *text) {
+  const CM_RETURN_CODE sent = c.send(text, CM_SEND_AND_PREP_TO_RECEIVE);
+  return sent == CM_OK ? c.receive().rc : sent;
+}
+
 // Node A's TP: records, a confirmation, the turn, the answer, the end.
 void allocator(Side &) {
   Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION, CM_CONFIRM);
@@ -84,10 +93,7 @@ void program_security_allocator(Side &) {
     program_security(c, "CLERK", password);
     REQUIRE_EQ(c.call(cmallc), CM_OK);
     if (std::string(password) == "WRONG") {
-      // A slow TP's Attach goes alone, and the refusal may then be back
-      // before the send: that verb reports it.
-      const CM_RETURN_CODE sent = c.send("refused", CM_SEND_AND_PREP_TO_RECEIVE);
-      CHECK_EQ(sent == CM_OK ? c.receive().rc : sent, CM_SECURITY_NOT_VALID);
+      CHECK_EQ(answer_to_first_send(c, "refused"), CM_SECURITY_NOT_VALID);
     } else {
       CHECK_EQ(c.send("verified", CM_SEND_AND_DEALLOCATE), CM_OK);
     }
@@ -200,8 +206,7 @@ void stream_acceptor(Side &) {
 void unknown_tp(Side &) {
   Conv c = initialize_remote("NOSUCHTP", CM_MAPPED_CONVERSATION);
   REQUIRE_EQ(c.call(cmallc), CM_OK);
-  CHECK_EQ(c.send("lost", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
-  CHECK_EQ(c.receive().rc, CM_TPN_NOT_RECOGNIZED);
+  CHECK_EQ(answer_to_first_send(c, "lost"), CM_TPN_NOT_RECOGNIZED);
 }
 
 // Already verified: node A's TP allocates to node B with PROGRAM security
@@ -238,8 +243,7 @@ void verified_back_acceptor(Side &) {
     CHECK_EQ(back.send("as CLERK", CM_SEND_AND_DEALLOCATE), CM_OK);
     return;
   }
-  CHECK_EQ(back.send("x", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
-  CHECK_EQ(back.receive().rc, CM_SECURITY_NOT_VALID);
+  CHECK_EQ(answer_to_first_send(back, "x"), CM_SECURITY_NOT_VALID);
   CHECK_EQ(c.send("refused", CM_SEND_AND_DEALLOCATE), CM_OK);
 }
 
@@ -251,8 +255,7 @@ void pam_allocator(Side &) {
     Conv c = initialize_remote("E2E", CM_MAPPED_CONVERSATION);
     program_security(c, user, "any");
     REQUIRE_EQ(c.call(cmallc), CM_OK);
-    CHECK_EQ(c.send("as root", CM_SEND_AND_PREP_TO_RECEIVE), CM_OK);
-    CHECK_EQ(c.receive().rc,
+    CHECK_EQ(answer_to_first_send(c, "as root"),
              std::string(user) == "root" ? CM_DEALLOCATED_NORMAL : CM_SECURITY_NOT_VALID);
   }
 }
