@@ -2,13 +2,16 @@
 // two session managers joined in memory bind N sessions, N - 1 of them
 // carry a conversation that has begun its bracket, and each iteration
 // allocates the free one and ends its bracket again (no units: the bracket
-// ends before it begins).
+// ends before it begins).  Then with all N busy and room for one more: each
+// iteration binds a session for the allocation (BIND and its response, each
+// side checking its limits) and unbinds it again.
 #include <benchmark/benchmark.h>
 
 #include <deque>
 #include <string>
 #include <vector>
 
+#include "net/formats/wire_decisions.h"
 #include "net/lu62/session_manager.h"
 
 namespace snanode::net::lu62 {
@@ -62,11 +65,10 @@ struct Pair {
   Side a, b;
 };
 
-void allocate_the_free_session(benchmark::State &state) {
-  const auto sessions = static_cast<uint16_t>(state.range(0));
-  Pair pair(sessions);
-  Idle user;
-  std::vector<Session *> held;
+// Binds `sessions` sessions and begins a bracket on each but the last; false
+// (the state told why) when that fails.
+bool bind_sessions(benchmark::State &state, Pair &pair, Idle &user, uint16_t sessions,
+                   std::vector<Session *> &held) {
   for (int i = 0; i < sessions; ++i) {
     pair.a.manager.allocate_session(kLu[1], kMode, [&](Session *session, AllocationOutcome) {
       if (session == nullptr) return;
@@ -75,16 +77,30 @@ void allocate_the_free_session(benchmark::State &state) {
     });
     pair.pump();
   }
-  if (held.size() != sessions) return state.SkipWithError("not every session was bound");
-  // The conversations on all but one have begun their brackets.
+  if (held.size() != sessions) {
+    state.SkipWithError("not every session was bound");
+    return false;
+  }
   Rh rh;
   rh.bci = rh.eci = true;
   rh.set_form(ResponseForm::kRqe1);
   const Bytes data{0x00, 0x05, 0x12, 0xFF, 0x42};
   for (size_t i = 0; i + 1 < held.size(); ++i) {
-    if (!held[i]->send_request(rh, data)) return state.SkipWithError("a bracket did not begin");
+    if (!held[i]->send_request(rh, data)) {
+      state.SkipWithError("a bracket did not begin");
+      return false;
+    }
   }
   pair.pump();
+  return true;
+}
+
+void allocate_the_free_session(benchmark::State &state) {
+  const auto sessions = static_cast<uint16_t>(state.range(0));
+  Pair pair(sessions);
+  Idle user;
+  std::vector<Session *> held;
+  if (!bind_sessions(state, pair, user, sessions, held)) return;
   held.back()->release();
   for (auto _ : state) {
     Session *got = nullptr;
@@ -96,6 +112,31 @@ void allocate_the_free_session(benchmark::State &state) {
   }
 }
 BENCHMARK(allocate_the_free_session)->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
+
+void bind_a_session_beside_busy_ones(benchmark::State &state) {
+  const auto sessions = static_cast<uint16_t>(state.range(0));
+  Pair pair(sessions + 1);
+  Idle user;
+  std::vector<Session *> held;
+  // N + 1 bound, brackets begun on N and the free one unbound: none is free
+  // and the limit leaves room for one.
+  if (!bind_sessions(state, pair, user, sessions + 1, held)) return;
+  held.back()->unbind(decision::kUnbindNormal, 0);
+  pair.pump();
+  const size_t before = pair.a.manager.held_sessions();
+  for (auto _ : state) {
+    Session *got = nullptr;
+    pair.a.manager.allocate_session(kLu[1], kMode,
+                                    [&](Session *session, AllocationOutcome) { got = session; });
+    pair.pump();
+    if (got == nullptr) return state.SkipWithError("no session bound");
+    got->attach_user(&user);
+    got->unbind(decision::kUnbindNormal, 0);
+    pair.pump();
+  }
+  if (pair.a.manager.held_sessions() != before) state.SkipWithError("sessions left over");
+}
+BENCHMARK(bind_a_session_beside_busy_ones)->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
 
 }  // namespace
 }  // namespace snanode::net::lu62

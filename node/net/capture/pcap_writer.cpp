@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "net/ee/ip_precedence.h"
 #include "net/formats/biu.h"
 #include "net/formats/fmh5.h"
 #include "net/formats/wire_decisions.h"
@@ -34,21 +35,6 @@ uint32_t ones_sum(ByteSpan bytes, uint32_t sum = 0) {
 uint16_t fold(uint32_t sum) {
   while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
   return static_cast<uint16_t>(~sum);
-}
-
-// IP precedence by traffic type (the port's place from the base): X'C0' for
-// LLC commands and network priority, X'80' high, X'40' medium, X'20' low.
-uint8_t tos_of(uint16_t port, uint16_t base) {
-  switch (port - base) {
-    case 2:
-      return 0x80;
-    case 3:
-      return 0x40;
-    case 4:
-      return 0x20;
-    default:
-      return 0xC0;
-  }
 }
 
 }  // namespace
@@ -142,7 +128,8 @@ bool CaptureWriter::write_datagram(CaptureDirection direction, uint16_t port, By
   packet.reserve(total);
   ByteWriter w(packet);
   w.u8(0x45);
-  w.u8(tos_of(port, endpoints_.port_base));
+  // What the endpoint's socket for that port is set to send.
+  w.u8(ee::traffic_class_of(static_cast<unsigned>(port - endpoints_.port_base)));
   w.u16(total);
   w.u16(++ip_id_);
   w.u16(0);  // fragmentation allowed, as EE asks

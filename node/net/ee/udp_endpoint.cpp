@@ -106,10 +106,8 @@ std::string errno_text(const std::string &what) {
 
 }  // namespace
 
-uint8_t traffic_class_of(unsigned port_index) {
-  static constexpr uint8_t kClasses[kPortCount] = {0xC0, 0xC0, 0x80, 0x40, 0x20};
-  return port_index < kPortCount ? kClasses[port_index] : 0;
-}
+static_assert(traffic_class_of(kPortCount - 1) != 0 && traffic_class_of(kPortCount) == 0,
+              "a precedence for each port");
 
 std::optional<Bytes> parse_ip_address(std::string_view text) {
   const std::string copy(text);

@@ -30,6 +30,7 @@
 #include <string_view>
 
 #include "net/ee/impairment.h"
+#include "net/ee/ip_precedence.h"
 #include "net/ee/link_station.h"
 
 namespace snanode::net::ee {
@@ -43,10 +44,6 @@ struct EndpointConfig {
   // IPv6); a loopback or jumbo-frame path may take up to a whole datagram.
   uint16_t max_btu = 0;
 };
-
-// The IP precedence (IPv4 TOS byte, IPv6 traffic class) of a port: X'C0' for
-// LLC commands and network priority, X'80' high, X'40' medium, X'20' low.
-uint8_t traffic_class_of(unsigned port_index);
 
 // The raw bytes of a numeric IPv4 (4 bytes) or IPv6 (16 bytes) address;
 // nothing when `text` is neither.

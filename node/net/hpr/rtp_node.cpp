@@ -80,6 +80,7 @@ RtpConnection::MessageHandler RtpNode::deliver_to(Entry &entry) {
 RtpNode::Entry *RtpNode::open(Port &port, ServiceClass cos) {
   auto entry = std::make_unique<Entry>();
   entry->port = &port;
+  entry->cos_name = cos.name;
   entry->connection = std::make_unique<RtpConnection>(
       config_.rtp,
       RtpEndpoint{config_.cp_name, cos.priority, port.anr_labels, std::string(cos.name)}, port.link,
@@ -94,16 +95,26 @@ RtpNode::Entry *RtpNode::open(Port &port, ServiceClass cos) {
 bool RtpNode::send_biu(std::string_view partner_cp, ServiceClass cos, ByteSpan biu) {
   Port *port = find_port(partner_cp);
   if (!port) return false;
+  if (!waiting_.empty()) {
+    auto waiting = waiting_.find({port, std::string(cos.name)});
+    if (waiting != waiting_.end()) {
+      waiting->second.bius.emplace_back(biu.begin(), biu.end());
+      return true;
+    }
+  }
   ++depth_;
-  auto sender = senders_.find({port, std::string(cos.name)});
-  Entry *entry = sender != senders_.end() && !sender->second->connection->ended()
-                     ? sender->second
-                     : open(*port, cos);
-  entry->last_biu = clock_.now();
-  entry->connection->send_message(biu, entry->last_biu);
+  send_now(*port, cos, biu);
   --depth_;
   reap();
   return true;
+}
+
+void RtpNode::send_now(Port &port, ServiceClass cos, ByteSpan biu) {
+  auto sender = senders_.find({&port, std::string(cos.name)});
+  Entry *entry = sender != senders_.end() && !sender->second->connection->ended() ? sender->second
+                                                                                  : open(port, cos);
+  entry->last_biu = clock_.now();
+  entry->connection->send_message(biu, entry->last_biu);
 }
 
 void RtpNode::on_nlp(Port &port, ByteSpan bytes) {
@@ -127,6 +138,7 @@ void RtpNode::on_nlp(Port &port, ByteSpan bytes) {
                                   : offer->cos_name;
       auto created = std::make_unique<Entry>();
       created->port = &port;
+      created->cos_name = cos;
       created->setup_key = t.tcid;
       created->last_biu = clock_.now();
       created->connection = std::make_unique<RtpConnection>(
@@ -169,12 +181,28 @@ void RtpNode::close(std::string_view partner_cp, std::string_view cos_name) {
   reap();
 }
 
-// A closing connection takes no more BIUs: it leaves the senders, so the
-// next BIU for its class opens a new one.
+// A closing connection takes no more BIUs: it leaves the senders, and
+// until it has ended the BIUs for its class wait (release_waiting()).
 void RtpNode::start_close(Entry &entry) {
   entry.closing = true;
-  std::erase_if(senders_, [&](const auto &kv) { return kv.second == &entry; });
+  entry.closed_as_sender =
+      std::erase_if(senders_, [&](const auto &kv) { return kv.second == &entry; }) > 0;
+  if (entry.closed_as_sender) ++waiting_[{entry.port, entry.cos_name}].closing;
   entry.connection->close(clock_.now());
+}
+
+// A connection that failed may have lost what was in flight on it, and the
+// sessions it carried are gone: what waited behind it goes too.
+void RtpNode::release_waiting(const Entry &ended) {
+  auto found = waiting_.find({ended.port, ended.cos_name});
+  if (found == waiting_.end()) return;
+  Waiting &waiting = found->second;
+  waiting.failed = waiting.failed || ended.connection->state() == RtpState::kFailed;
+  if (--waiting.closing > 0) return;
+  const std::vector<Bytes> bius = waiting.failed ? std::vector<Bytes>{} : std::move(waiting.bius);
+  waiting_.erase(found);
+  const ServiceClass cos{ended.cos_name, ended.connection->priority()};
+  for (const Bytes &biu : bius) send_now(*ended.port, cos, biu);
 }
 
 bool RtpNode::idle_closable(const Entry &entry) const {
@@ -256,6 +284,12 @@ void RtpNode::reap() {
     }
     std::erase_if(senders_, [&](const auto &kv) { return kv.second == entry.get(); });
   }
+  // Before the listener hears of the ends: what it sends then goes after.
+  ++depth_;
+  for (const auto &entry : ended) {
+    if (entry->closed_as_sender) release_waiting(*entry);
+  }
+  --depth_;
   // The listener may send again (opening new connections) from here.
   for (const auto &entry : ended) {
     const RtpConnection &c = *entry->connection;

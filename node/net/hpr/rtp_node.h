@@ -81,8 +81,9 @@ class RtpNode {
 
   // Ends the connection this node sends on to `partner_cp` for `cos_name`
   // once what is queued on it is acknowledged (the partner sees the last
-  // message indicator); the listener hears of it with sense 0.  The next BIU
-  // for that class opens a new one.
+  // message indicator); the listener hears of it with sense 0.  BIUs sent
+  // for that class meanwhile wait for it to end, then go on a new connection
+  // in order (or are dropped with it if it fails instead).
   void close(std::string_view partner_cp, std::string_view cos_name);
   void close(std::string_view partner_cp, Priority priority) {
     close(partner_cp, usual_class(priority).name);
@@ -110,14 +111,29 @@ class RtpNode {
     std::unique_ptr<RtpConnection> connection;
     std::optional<Tcid> setup_key;  // the partner's TCID, for a connection it set up
     RtpTime last_biu{};             // the last BIU sent or delivered on it
+    std::string cos_name;           // the class it carries
     bool closing = false;           // closed by this node, ending once acknowledged
+    bool closed_as_sender = false;  // it was what this node sent on for its class
   };
   using SenderKey = std::pair<Port *, std::string>;
+  // BIUs for a class whose sender this node closed, held until every such
+  // connection has ended: their data is then acknowledged, so nothing sent
+  // later on a new connection can overtake it.
+  struct Waiting {
+    int closing = 0;  // connections of the class closed but not yet ended
+    bool failed = false;
+    std::vector<Bytes> bius;
+  };
 
   void on_nlp(Port &port, ByteSpan bytes);
   void on_link_inactive(Port &port, std::string_view why);
   Port *find_port(std::string_view partner_cp) const;
   Entry *open(Port &port, ServiceClass cos);
+  // Sends on the class's sender, opening one if there is none.
+  void send_now(Port &port, ServiceClass cos, ByteSpan biu);
+  // An ended connection this node closed as a sender: the BIUs waiting for
+  // its class go out once none is left closing.
+  void release_waiting(const Entry &ended);
   void start_close(Entry &entry);
   bool idle_closable(const Entry &entry) const;
   Tcid next_tcid();
@@ -135,6 +151,7 @@ class RtpNode {
   std::map<std::pair<Port *, Tcid>, Entry *> by_setup_key_;
   // What this node sends on, by partner and class name.
   std::map<SenderKey, Entry *> senders_;
+  std::map<SenderKey, Waiting> waiting_;
   // Setup keys of connections that ended: a late copy of their setup NLP
   // must not open a connection again (the partner never reuses a TCID).
   std::set<std::pair<Port *, Tcid>> ended_setups_;

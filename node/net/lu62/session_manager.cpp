@@ -47,23 +47,28 @@ SessionManager::ModeState &SessionManager::state(const Key &key) {
 }
 
 SessionManager::Counts SessionManager::count(const Key &key) const {
-  Counts counts;
-  for (const auto &[address, session] : sessions_) {
-    if (session->state() != SessionState::kActive || session->partner() != key.first ||
-        session->mode() != key.second) {
-      continue;
+  auto it = modes_.find(key);
+  if (it == modes_.end()) return {};
+  Counts counts = it->second.held;
+  // A bid ends unheard when the partner's bracket begins first.
+  for (const Session *session : it->second.bidding) {
+    if (session->state() == SessionState::kActive && session->bracket() == Bracket::kBidding) {
+      ++counts.bids;
     }
-    ++counts.total;
-    ++(session->params().local_winner ? counts.local_winners : counts.partner_winners);
-    if (session->bracket() == Bracket::kBidding) ++counts.bids;
-  }
-  for (const auto &[address, pending] : pending_binds_) {
-    if (pending.key != key) continue;
-    ++counts.total;
-    ++counts.pending_binds;
-    ++(pending.sent.primary_contention_winner ? counts.local_winners : counts.partner_winners);
   }
   return counts;
+}
+
+void SessionManager::tally(Counts &counts, bool local_winner, int delta) {
+  counts.total = static_cast<uint16_t>(counts.total + delta);
+  uint16_t &winners = local_winner ? counts.local_winners : counts.partner_winners;
+  winners = static_cast<uint16_t>(winners + delta);
+}
+
+void SessionManager::tally_bind(const PendingBind &pending, int delta) {
+  Counts &held = state(pending.key).held;
+  tally(held, pending.sent.primary_contention_winner, delta);
+  held.pending_binds = static_cast<uint16_t>(held.pending_binds + delta);
 }
 
 void SessionManager::allocate_session(const std::string &partner, const std::string &mode,
@@ -155,7 +160,10 @@ void SessionManager::serve(const Key &key) {
   size_t bids = losers.empty() ? 0 : count(key).bids;
   for (Session *session : losers) {
     if (ms.queue.empty()) return;
-    if (session->free() && bids < ms.queue.size() && session->bid()) ++bids;
+    if (session->free() && bids < ms.queue.size() && session->bid()) {
+      ++bids;
+      ms.bidding.push_back(session);
+    }
   }
   if (ms.queue.empty()) return;
   const Counts counts = count(key);
@@ -190,7 +198,7 @@ bool SessionManager::bind_new(const Key &key) {
   rh.set_form(ResponseForm::kRqd1);
   Bytes biu;
   encode_biu(Fid5Th{.expedited = true, .snf = 1, .session_address = address}, rh, ru, biu);
-  pending_binds_[address] = {key, std::move(bind)};
+  tally_bind(pending_binds_[address] = {key, std::move(bind)}, 1);
   transport_.send_biu(key.first, key.second, biu);
   return true;
 }
@@ -248,6 +256,7 @@ void SessionManager::on_bind_response(const BiuView &unit) {
   auto it = pending_binds_.find(unit.th.session_address);
   PendingBind pending = std::move(it->second);
   pending_binds_.erase(it);
+  tally_bind(pending, -1);
   ModeState &ms = state(pending.key);
   if (unit.rh.rti) {
     Result<NegativeResponse> rsp = decode_negative_response(unit.ru);
@@ -273,7 +282,9 @@ Session &SessionManager::add_session(const SessionAddress &address, const Key &k
   auto session = std::make_unique<Session>(*this, address, key.first, key.second, params);
   Session &ref = *session;
   sessions_[address] = std::move(session);
-  state(key).between.insert(address);
+  ModeState &ms = state(key);
+  ms.between.insert(address);
+  tally(ms.held, params.local_winner, 1);
   return ref;
 }
 
@@ -306,8 +317,12 @@ void SessionManager::on_path_lost(const std::string &partner, uint32_t sense) {
     ms.limits_known = ms.cnos_running = false;
     fail_queue(ms, AllocationOutcome::kPathLost);
   }
-  std::erase_if(pending_binds_,
-                [&](const auto &entry) { return entry.second.key.first == partner; });
+  std::erase_if(pending_binds_, [&](const auto &entry) {
+    const PendingBind &pending = entry.second;
+    if (pending.key.first != partner) return false;
+    tally_bind(pending, -1);
+    return true;
+  });
   for (auto &[address, session] : sessions_) {
     if (session->partner() == partner) session->lost(sense);
   }
@@ -394,6 +409,7 @@ void SessionManager::on_partner_bracket(Session &session) {
 void SessionManager::on_bid_result(Session &session, bool granted) {
   const Key key{session.partner(), session.mode()};
   ModeState &ms = state(key);
+  std::erase(ms.bidding, &session);
   if (!granted) {
     // Wait for the winner's bracket on this session to end; meanwhile another
     // session may do.
@@ -406,9 +422,15 @@ void SessionManager::on_bid_result(Session &session, bool granted) {
 }
 
 void SessionManager::on_ended(Session &session, uint32_t) {
-  ending_.insert(session.address());
+  const Key key{session.partner(), session.mode()};
+  // One that ends while unbinding tells again.
+  if (ending_.insert(session.address()).second) {
+    ModeState &ms = state(key);
+    tally(ms.held, session.params().local_winner, -1);
+    std::erase(ms.bidding, &session);
+  }
   bid_refused_.erase(session.address());
-  serve({session.partner(), session.mode()});
+  serve(key);
 }
 
 void SessionManager::sweep() {

@@ -102,6 +102,13 @@ class SessionManager : public SessionHost, public CnosOwner {
     AllocateCallback callback;
     Clock::time_point deadline;
   };
+  struct Counts {
+    uint16_t total = 0;
+    uint16_t local_winners = 0;
+    uint16_t partner_winners = 0;
+    uint16_t bids = 0;
+    uint16_t pending_binds = 0;
+  };
   struct ModeState {
     SessionLimits limits;
     bool limits_known = false;
@@ -110,17 +117,18 @@ class SessionManager : public SessionHost, public CnosOwner {
     // Every active session of the mode between brackets, and perhaps some
     // that have begun one since: where serve() looks for a free session.
     std::set<SessionAddress> between;
+    // The active sessions and the BINDs awaiting their response (no bids),
+    // kept as they come and go: binding a session must not cost more the
+    // more sessions the LU holds.  A session counts until it tells of its
+    // end.
+    Counts held;
+    // Sessions whose bid awaits its result (at most as many as allocations
+    // waited); count() takes those still bidding.
+    std::vector<const Session *> bidding;
   };
   struct PendingBind {
     Key key;
     Bind sent;
-  };
-  struct Counts {
-    uint16_t total = 0;
-    uint16_t local_winners = 0;
-    uint16_t partner_winners = 0;
-    uint16_t bids = 0;
-    uint16_t pending_binds = 0;
   };
 
   // SessionHost
@@ -138,6 +146,9 @@ class SessionManager : public SessionHost, public CnosOwner {
 
   ModeState &state(const Key &key);
   Counts count(const Key &key) const;
+  // One session or BIND more (`delta` 1) or less (-1) in `counts`.
+  static void tally(Counts &counts, bool local_winner, int delta);
+  void tally_bind(const PendingBind &pending, int delta);
   void serve(const Key &key);
   bool bind_new(const Key &key);
   void give(Session &session, ModeState &state);
