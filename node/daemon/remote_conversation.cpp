@@ -3,7 +3,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include <cerrno>
+#include <cstring>
 
 #include "engine/byte_pool.h"
 #include "snanode/verbs.h"
@@ -154,7 +154,7 @@ void RemoteConversation::apply(Output out) {
   // While the attach logic decides, frames wait for the TP that may come.
   const bool tp_to_come = tp_end_.valid() || attach_pending_;
   if (tp_to_come) {
-    for (const engine::Frame &frame : out.frames) engine::encode_frame(frame, out_);
+    for (engine::Frame &frame : out.frames) queue_frame(std::move(frame));
   }
   if (out.failure) {
     // The TP's next verb learns which failure it is; then its end closes.
@@ -162,7 +162,7 @@ void RemoteConversation::apply(Output out) {
       engine::Frame failure;
       failure.type = engine::FrameType::kFailure;
       failure.code = *out.failure;
-      engine::encode_frame(failure, out_);
+      queue_frame(std::move(failure));
     }
     cut_ = true;
   }
@@ -179,11 +179,22 @@ void RemoteConversation::apply(Output out) {
     if (session_ != nullptr && session_->user() == this) session_->attach_user(nullptr);
     session_ = nullptr;
     if (!cut_ && !orderly_end_queued_ && tp_to_come) {
-      out_.insert(out_.end(), std::begin(engine::kOrderlyEnd), std::end(engine::kOrderlyEnd));
+      engine::Outgoing end;
+      std::memcpy(end.head, engine::kOrderlyEnd, sizeof engine::kOrderlyEnd);
+      end.head_size = sizeof engine::kOrderlyEnd;
+      out_.push_back(std::move(end));
       orderly_end_queued_ = true;
     }
   }
   flush();
+}
+
+void RemoteConversation::queue_frame(engine::Frame &&frame) {
+  engine::Outgoing out;
+  engine::encode_frame_header(frame, out.head);
+  out.head_size = engine::kFrameHeaderSize;
+  out.body = std::move(frame.payload);
+  out_.push_back(std::move(out));
 }
 
 void RemoteConversation::flush() {
@@ -195,31 +206,21 @@ void RemoteConversation::flush() {
     out_.clear();
     return;
   }
-  size_t sent = 0;
-  while (sent < out_.size()) {
-    const ssize_t n =
-        ::send(tp_end_.get(), out_.data() + sent, out_.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n > 0) {
-      sent += static_cast<size_t>(n);
-      continue;
-    }
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    // The TP's end is gone; what the TP sent before it closed still counts
-    // (a deallocation, say), so it is read before the end is judged.
-    out_.clear();
+  if (out_.write(tp_end_.get()) == engine::OutputQueue::Written::kFailed) {
+    // The TP's end is gone (the queue dropped what it held); what the TP
+    // sent before it closed still counts (a deallocation, say), so it is
+    // read before the end is judged.
     tp_write_failed_ = true;
     // Inside read_frames, it reads on to the end itself.
     if (!reading_ && !tp_stream_ended_) read_frames(/*to_the_end=*/true);
     return;
   }
-  out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(sent));
   if (out_.empty() && (orderly_end_queued_ || cut_)) close_tp_end();
   update_receive_ready();
 }
 
 void RemoteConversation::update_receive_ready() {
-  const bool ready = out_.size() < kTpBacklogLimit;
+  const bool ready = out_.bytes() < kTpBacklogLimit;
   if (ready == receive_ready_ || session_ == nullptr) return;
   receive_ready_ = ready;
   session_->set_receive_ready(ready);

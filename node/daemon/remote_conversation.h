@@ -17,6 +17,7 @@
 
 #include "client/message_channel.h"
 #include "engine/frame_reader.h"
+#include "engine/output_queue.h"
 #include "net/lu62/conversation_translator.h"
 #include "net/lu62/session.h"
 
@@ -64,6 +65,8 @@ class RemoteConversation : public net::lu62::SessionUser {
 
  private:
   void apply(net::lu62::Output out);
+  // Queues a frame for the TP: its payload is written from where it lies.
+  void queue_frame(engine::Frame &&frame);
   void read_frames(bool to_the_end = false);
   void flush();
   void close_tp_end();
@@ -81,7 +84,7 @@ class RemoteConversation : public net::lu62::SessionUser {
   AttachHandler on_attach_;
   Finished on_finished_;
   engine::FrameReader reader_;
-  std::vector<uint8_t> out_;  // encoded frames not yet taken by the TP's end
+  engine::OutputQueue out_;  // frames not yet taken by the TP's end
   bool tp_stream_ended_ = false;
   bool attach_pending_ = false;   // the attach logic has not answered yet
   bool tp_write_failed_ = false;  // the TP's end refused a write: it has gone

@@ -49,14 +49,18 @@ OutputQueue::Written OutputQueue::write(int fd) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Written::kSocketFull;
     if (n < 0) {
-      queue_.clear();
-      front_written_ = 0;
-      bytes_ = 0;
+      clear();
       return Written::kFailed;
     }
     consume(static_cast<size_t>(n));
   }
   return Written::kAll;
+}
+
+void OutputQueue::clear() {
+  queue_.clear();
+  front_written_ = 0;
+  bytes_ = 0;
 }
 
 void OutputQueue::consume(size_t written) {

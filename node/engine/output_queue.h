@@ -36,6 +36,9 @@ class OutputQueue {
   // peer is gone) drops everything queued.
   Written write(int fd);
 
+  // Drops everything queued, written in part or not.
+  void clear();
+
   bool empty() const { return queue_.empty(); }
   size_t bytes() const { return bytes_.load(); }
 

@@ -485,7 +485,9 @@ void RtpConnection::on_nlp(const NlpView &nlp, RtpTime now) {
   slowdown2_seen_ |= nlp.nhdr.slowdown2;
 
   if (status) on_status(*status, reply, now);
-  std::vector<Bytes> complete;
+  // Completed messages may view the NLP's own bytes: they are handed up
+  // before this returns, while the datagram is still in its buffer.
+  RtpReassembly::Completed complete;
   if (nlp.data.empty()) {
     receive_.note_stream_end(t.bsn);
   } else if (receive_.accept(t.bsn, nlp.data, t.start_of_message, t.end_of_message, complete) ==
@@ -502,7 +504,7 @@ void RtpConnection::on_nlp(const NlpView &nlp, RtpTime now) {
     fail(decision::kSenseProtocol, "the partner sent a message beyond the limit");
     return;
   }
-  for (const Bytes &message : complete) {
+  for (const ByteSpan message : complete.messages) {
     on_message_(message);
     if (ended()) return;
   }

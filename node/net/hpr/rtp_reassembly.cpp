@@ -5,7 +5,7 @@
 namespace snanode::net::hpr {
 
 RtpReassembly::Outcome RtpReassembly::accept(uint32_t wire_bsn, ByteSpan data, bool start, bool end,
-                                             std::vector<Bytes> &complete) {
+                                             Completed &complete) {
   // Where the data lies relative to what was delivered, in the 32-bit
   // sequence space (so the stream may wrap).
   const int64_t at = offset_of(wire_bsn);
@@ -36,17 +36,18 @@ RtpReassembly::Outcome RtpReassembly::accept(uint32_t wire_bsn, ByteSpan data, b
     pending_.emplace_hint(after, bsn, Piece{Bytes(data.begin(), data.end()), start, end});
     return Outcome::kAccepted;
   }
-  deliver(data, start, end, complete);
+  deliver(data, nullptr, start, end, complete);
   while (!pending_.empty() && pending_.begin()->first == next_) {
     Piece next = std::move(pending_.begin()->second);
     pending_.erase(pending_.begin());
     buffered_ -= next.data.size();
-    deliver(next.data, next.start, next.end, complete);
+    deliver(next.data, &next.data, next.start, next.end, complete);
   }
   return Outcome::kAccepted;
 }
 
-void RtpReassembly::deliver(ByteSpan data, bool start, bool end, std::vector<Bytes> &complete) {
+void RtpReassembly::deliver(ByteSpan data, Bytes *owned, bool start, bool end,
+                            Completed &complete) {
   next_ += data.size();
   if (start) {
     // A start inside an unfinished message: the sender abandoned it.
@@ -60,16 +61,24 @@ void RtpReassembly::deliver(ByteSpan data, bool start, bool end, std::vector<Byt
     in_message_ = false;
     return;
   }
-  if (start && end) {
-    complete.emplace_back(data.begin(), data.end());  // a whole message: copied once
+  if (start && end && owned == nullptr) {
+    // A whole message in the caller's NLP: passed up as it lies there.
+    complete.messages.push_back(data);
+  } else if (start && end) {
+    complete.storage.push_back(std::move(*owned));
+    complete.messages.emplace_back(complete.storage.back());
   } else {
     message_.insert(message_.end(), data.begin(), data.end());
     if (!end) return;
-    complete.push_back(std::move(message_));
+    const size_t size = message_.size();
+    complete.storage.push_back(std::move(message_));
+    // A moved vector keeps its buffer, so this view survives the storage
+    // growing.
+    complete.messages.emplace_back(complete.storage.back());
     // The next message is likely the same size (a stream of records): room
     // for it at once instead of growing segment by segment.
     message_ = Bytes();
-    message_.reserve(complete.back().size());
+    message_.reserve(size);
   }
   in_message_ = false;
 }

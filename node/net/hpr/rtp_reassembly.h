@@ -18,11 +18,20 @@ class RtpReassembly {
 
   RtpReassembly(size_t window, size_t max_message) : window_(window), max_message_(max_message) {}
 
+  // Messages completed by one accept(), in order.  A whole message that
+  // arrived in order in one NLP is a view of that NLP's data (no copy); the
+  // others are held in `storage`.  Valid while `storage` and the data passed
+  // to accept() are.
+  struct Completed {
+    std::vector<ByteSpan> messages;
+    std::vector<Bytes> storage;
+  };
+
   // One NLP's data.  Completed messages are appended to `complete`.  kRefused
   // for data beyond the window or overlapping other data at another offset
   // (no honest sender does either); a message longer than max_message marks
   // the stream broken().
-  Outcome accept(uint32_t bsn, ByteSpan data, bool start, bool end, std::vector<Bytes> &complete);
+  Outcome accept(uint32_t bsn, ByteSpan data, bool start, bool end, Completed &complete);
   // A data-less NLP tells where the sender's stream ends: anything below that
   // not yet here is reported missing.
   void note_stream_end(uint32_t bsn);
@@ -47,7 +56,9 @@ class RtpReassembly {
     bool start = false;
     bool end = false;
   };
-  void deliver(ByteSpan data, bool start, bool end, std::vector<Bytes> &complete);
+  // `owned`: the buffered piece that `data` views, which a whole message
+  // takes over; null for the caller's own NLP data.
+  void deliver(ByteSpan data, Bytes *owned, bool start, bool end, Completed &complete);
   int64_t offset_of(uint32_t bsn) const {
     return static_cast<int32_t>(bsn - static_cast<uint32_t>(next_));
   }
