@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "config/class_of_service.h"
 #include "core/log_files.h"
@@ -444,11 +445,10 @@ std::pair<bool, std::string> NetworkNode::scoped_capture(bool on,
   }
   // Next to the node's capture file when one is configured, else with the
   // daemon's log: both are places the node already writes to.
-  const size_t slash = capture_path_.rfind('/');
-  const std::string directory = capture_path_.empty()        ? log_directory()
-                                : slash == std::string::npos ? std::string(".")
-                                : slash == 0                 ? std::string("/")
-                                                             : capture_path_.substr(0, slash);
+  const std::string parent = std::filesystem::path(capture_path_).parent_path().string();
+  const std::string directory = capture_path_.empty() ? log_directory()
+                                : parent.empty()      ? std::string(".")
+                                                      : parent;
   auto answer = scoped_captures_.control(
       on, option, value, directory,
       link_.valid() ? net::CaptureEndpoints{} : EeNetwork::capture_endpoints(config_));

@@ -164,12 +164,22 @@ size_t RtpConnection::header_size() const {
   } else if (!initiator_ && !confirmed_) {
     options += kConnectionIdSize;
   }
-  return 4 + endpoint_.anr_labels.size() + kThdrFixedSize + options;
+  return fixed_header_size() + options;
+}
+
+// The NHDR and the THDR without its optional segments.
+size_t RtpConnection::fixed_header_size() const {
+  return 4 + endpoint_.anr_labels.size() + kThdrFixedSize;
+}
+
+// The largest NLP both the link and the partner take.
+size_t RtpConnection::packet_limit() const {
+  const size_t limit = link_.max_nlp_size();
+  return partner_max_packet_ != 0 ? std::min<size_t>(limit, partner_max_packet_) : limit;
 }
 
 size_t RtpConnection::max_data() const {
-  size_t limit = link_.max_nlp_size();
-  if (partner_max_packet_ != 0) limit = std::min<size_t>(limit, partner_max_packet_);
+  const size_t limit = packet_limit();
   const size_t header = header_size();
   return limit > header ? limit - header : 0;
 }
@@ -301,11 +311,8 @@ std::optional<Arb> RtpConnection::attach_held_reply(Thdr &t, size_t data_size, R
   Bytes status;
   append_status(status_report(), status);
   constexpr size_t kArbSize = 12;
-  size_t limit = link_.max_nlp_size();
-  if (partner_max_packet_ != 0) limit = std::min<size_t>(limit, partner_max_packet_);
-  const size_t size = 4 + endpoint_.anr_labels.size() + kThdrFixedSize + t.options.size() +
-                      status.size() + kArbSize + data_size;
-  if (size > limit) {
+  const size_t size = fixed_header_size() + t.options.size() + status.size() + kArbSize + data_size;
+  if (size > packet_limit()) {
     // A full packet of data: the reply goes on its own, now.
     send_status(std::nullopt, now);
     return std::nullopt;

@@ -116,6 +116,8 @@ class RtpConnection {
 
   void pump(RtpTime now);
   size_t header_size() const;
+  size_t fixed_header_size() const;
+  size_t packet_limit() const;
   size_t max_data() const;
   Thdr base_thdr() const;
   void add_setup_segments(Bytes &options) const;
