@@ -11,9 +11,18 @@
 // loopback and jumbo paths allow) with RUs of up to 65536, so that a record
 // travels in one RU and one datagram.  Each in a process of its own.
 //
-//   two_host_bench [--hosts-on-cpus] [rounds [megabytes [port_base [snanoded]]]]
-//   defaults 2000, 64, 12000 and the daemon built with the bench; another
-//   daemon (an earlier build, say) compares its figures in the same session.
+// Each figure is taken in `reps` blocks, each block right beside a block of
+// its baseline (which goes first alternates), after one untimed block of
+// each: the ratio of each pair is taken, and the median of those is
+// reported with the lowest and highest.  The machine's load changes from
+// second to second (the baselines themselves swing by a factor of two on a
+// small VM); a ratio of neighbouring blocks is what travels.
+//
+//   two_host_bench [--hosts-on-cpus] [--reps N]
+//                  [rounds [megabytes [port_base [snanoded]]]]
+//   defaults 5 repetitions of 2000 rounds and 64 MB, ports from 12000 and
+//   the daemon built with the bench; another daemon (an earlier build, say)
+//   compares its figures in the same session.
 // --hosts-on-cpus places each "host" on a CPU of its own, as two machines
 // would be: node A's daemon and TP, the UDP echo's client and the TCP writer
 // on CPU 0; node B's daemon and TP, the echo and the TCP reader on CPU 1.
@@ -111,12 +120,14 @@ double udp_ping_pong(int rounds, uint16_t port) {
 double tcp_stream(long bytes, uint16_t port) {
   const int listener = bound_socket(SOCK_STREAM, kAddress[1], port);
   ::listen(listener, 1);
+  // Allocated before the fork: the caller may have threads (the library's),
+  // and a child of a threaded process must not allocate.
+  std::vector<char> data(kRecord, 's');
   const pid_t sink = ::fork();
   if (sink == 0) {
     on_host(1);
     const int fd = ::accept(listener, nullptr, nullptr);
-    std::vector<char> buffer(kRecord);
-    while (::read(fd, buffer.data(), buffer.size()) > 0) {
+    while (::read(fd, data.data(), data.size()) > 0) {
     }
     (void)!::write(fd, "A", 1);
     ::_exit(0);
@@ -125,7 +136,6 @@ double tcp_stream(long bytes, uint16_t port) {
   const int fd = bound_socket(SOCK_STREAM, kAddress[0], 0);
   sockaddr_in to = address_of(kAddress[1], port);
   if (::connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0) die("TCP connect");
-  std::vector<char> data(kRecord, 's');
   const auto start = Clock::now();
   for (long sent = 0; sent < bytes; sent += kRecord) {
     if (!bench::write_all(fd, data.data(), data.size())) die("TCP write");
@@ -235,15 +245,55 @@ std::string node_config(int host, uint16_t base, unsigned max_btu) {
   return text.str();
 }
 
-struct Figures {
-  double ping = 0;  // seconds per round trip
-  double rate = 0;  // bytes per second streamed
+constexpr int kMaxReps = 64;
+
+// Each repetition's figures, the conversation's beside its baseline's.
+struct Samples {
+  int reps = 0;
+  double udp[kMaxReps] = {};     // seconds per UDP round trip
+  double ping[kMaxReps] = {};    // seconds per conversation round trip
+  double tcp[kMaxReps] = {};     // bytes per second of the TCP stream
+  double stream[kMaxReps] = {};  // bytes per second of the conversation's
 };
 
+// Seconds per round trip of `rounds` 100-byte records and their echoes.
+double ping_block(Conv &echo, int rounds) {
+  std::vector<unsigned char> record(kPingSize, 'c'), buffer(kRecord);
+  long last = 0;
+  const auto start = Clock::now();
+  for (int i = 0; i < rounds; ++i) {
+    send_as(echo, CM_SEND_AND_PREP_TO_RECEIVE, record.data(), kPingSize);
+    if (receive_turn(echo, buffer, last) != 1 || last != kPingSize) die("the echo is wrong");
+  }
+  return seconds_since(start) / rounds;
+}
+
+// Bytes per second of `bytes` in 32767-byte records, buffered, then the turn
+// and the partner's one-byte answer.
+double stream_block(Conv &stream, long bytes) {
+  std::vector<unsigned char> record(kRecord, 'c'), buffer(kRecord);
+  long last = 0;
+  CM_RETURN_CODE rc;
+  const auto start = Clock::now();
+  CM_SEND_TYPE buffered = CM_BUFFER_DATA;
+  cmsst(stream.id, &buffered, &rc);
+  for (long sent = 0; sent < bytes; sent += kRecord) {
+    CM_INT32 length = kRecord;
+    CM_REQUEST_TO_SEND_RECEIVED rts;
+    cmsend(stream.id, record.data(), &length, &rts, &rc);
+    check("CMSEND", rc);
+  }
+  cmptr(stream.id, &rc);
+  check("CMPTR", rc);
+  if (receive_turn(stream, buffer, last) != 1) die("no answer to the stream");
+  return static_cast<double>(bytes / kRecord * kRecord) / seconds_since(start);
+}
+
 // Two daemons joined by a link whose nodes offer `max_btu` (0: the default),
-// a TP on each: the ping-pong and the stream between them.
-Figures conversations(const bench::fs::path &dir, int rounds, long bytes, uint16_t base,
-                      unsigned max_btu) {
+// a TP on each: the ping-pong and the stream between them, each block beside
+// one of its baseline.
+Samples conversations(const bench::fs::path &dir, int rounds, long bytes, uint16_t base,
+                      unsigned max_btu, int reps) {
   pid_t daemons[2];
   bench::fs::path configs[2];
   for (int host = 0; host < 2; ++host) {
@@ -271,70 +321,102 @@ Figures conversations(const bench::fs::path &dir, int rounds, long bytes, uint16
   }
   ::setenv("SNANODE_CONFIG", configs[0].c_str(), 1);
   on_host(0);
-  Figures figures;
+  Samples samples;
+  samples.reps = reps;
+  // Ports of the baselines, a new pair per block.
+  auto port = static_cast<uint16_t>(base + 100);
   Conv echo = allocate();
-  std::vector<unsigned char> record(kRecord, 'c'), buffer(kRecord);
-  long last = 0;
-  auto start = Clock::now();
-  for (int i = 0; i < rounds; ++i) {
-    send_as(echo, CM_SEND_AND_PREP_TO_RECEIVE, record.data(), kPingSize);
-    if (receive_turn(echo, buffer, last) != 1 || last != kPingSize) die("the echo is wrong");
+  ping_block(echo, rounds / 4 + 1);
+  udp_ping_pong(rounds / 4 + 1, port++);
+  for (int rep = 0; rep < reps; ++rep) {
+    if (rep % 2 == 0) samples.udp[rep] = udp_ping_pong(rounds, port++);
+    samples.ping[rep] = ping_block(echo, rounds);
+    if (rep % 2 == 1) samples.udp[rep] = udp_ping_pong(rounds, port++);
   }
-  figures.ping = seconds_since(start) / rounds;
   CM_RETURN_CODE rc;
   cmdeal(echo.id, &rc);
   check("CMDEAL", rc);
 
   Conv stream = allocate();
-  start = Clock::now();
-  CM_SEND_TYPE buffered = CM_BUFFER_DATA;
-  cmsst(stream.id, &buffered, &rc);
-  for (long sent = 0; sent < bytes; sent += kRecord) {
-    CM_INT32 length = kRecord;
-    CM_REQUEST_TO_SEND_RECEIVED rts;
-    cmsend(stream.id, record.data(), &length, &rts, &rc);
-    check("CMSEND", rc);
+  stream_block(stream, bytes / 4 + kRecord);
+  tcp_stream(bytes / 4 + kRecord, port++);
+  for (int rep = 0; rep < reps; ++rep) {
+    if (rep % 2 == 0) samples.tcp[rep] = tcp_stream(bytes, port++);
+    samples.stream[rep] = stream_block(stream, bytes);
+    if (rep % 2 == 1) samples.tcp[rep] = tcp_stream(bytes, port++);
   }
-  cmptr(stream.id, &rc);
-  check("CMPTR", rc);
-  if (receive_turn(stream, buffer, last) != 1) die("no answer to the stream");
-  figures.rate = static_cast<double>(bytes / kRecord * kRecord) / seconds_since(start);
   cmdeal(stream.id, &rc);
   ::waitpid(server, nullptr, 0);
   for (pid_t daemon : daemons) bench::stop_daemon(daemon);
   bench::fs::remove_all(dir / "a");
   bench::fs::remove_all(dir / "b");
-  return figures;
+  return samples;
 }
 
 // conversations() in a child of its own: the library keeps its daemon and
 // configuration for the life of a process, and each run has its own.
-Figures conversations_apart(const bench::fs::path &dir, int rounds, long bytes, uint16_t base,
-                            unsigned max_btu) {
+Samples conversations_apart(const bench::fs::path &dir, int rounds, long bytes, uint16_t base,
+                            unsigned max_btu, int reps) {
   int pipe_fds[2];
   if (::pipe(pipe_fds) != 0) die("pipe");
   std::fflush(nullptr);
   const pid_t child = ::fork();
   if (child == 0) {
     ::close(pipe_fds[0]);
-    const Figures figures = conversations(dir, rounds, bytes, base, max_btu);
-    if (!bench::write_all(pipe_fds[1], &figures, sizeof figures)) ::_exit(1);
+    const Samples samples = conversations(dir, rounds, bytes, base, max_btu, reps);
+    if (!bench::write_all(pipe_fds[1], &samples, sizeof samples)) ::_exit(1);
     ::_exit(0);
   }
   ::close(pipe_fds[1]);
-  Figures figures;
-  const bool got = bench::read_all(pipe_fds[0], &figures, sizeof figures);
+  Samples samples;
+  const bool got = bench::read_all(pipe_fds[0], &samples, sizeof samples);
   ::close(pipe_fds[0]);
   ::waitpid(child, nullptr, 0);
   if (!got) die("a conversation run failed");
-  return figures;
+  return samples;
+}
+
+// The median of `n` figures, and the lowest and highest.
+struct Spread {
+  double median, low, high;
+};
+Spread spread(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  const size_t n = v.size();
+  return {n % 2 == 1 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2, v.front(), v.back()};
+}
+
+void report(const char *name, const Samples &s) {
+  std::vector<double> udp, ping, ping_ratio, tcp, stream, stream_ratio;
+  for (int i = 0; i < s.reps; ++i) {
+    udp.push_back(s.udp[i] * 1e6);
+    ping.push_back(s.ping[i] * 1e6);
+    ping_ratio.push_back(s.ping[i] / s.udp[i]);
+    tcp.push_back(s.tcp[i] / 1e6);
+    stream.push_back(s.stream[i] / 1e6);
+    stream_ratio.push_back(s.stream[i] / s.tcp[i]);
+  }
+  const Spread pr = spread(ping_ratio), sr = spread(stream_ratio);
+  std::printf("%s:\n  ping-pong %.1f us, UDP %.1f us: ratio %.2f (%.2f-%.2f)\n", name,
+              spread(ping).median, spread(udp).median, pr.median, pr.low, pr.high);
+  std::printf("  stream %.0f MB/s, TCP %.0f MB/s: ratio %.2f (%.2f-%.2f)\n", spread(stream).median,
+              spread(tcp).median, sr.median, sr.low, sr.high);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc > 1 && std::strcmp(argv[1], "--hosts-on-cpus") == 0) {
-    hosts_on_cpus = true;
+  int reps = 5;
+  for (;;) {
+    if (argc > 1 && std::strcmp(argv[1], "--hosts-on-cpus") == 0) {
+      hosts_on_cpus = true;
+    } else if (argc > 2 && std::strcmp(argv[1], "--reps") == 0) {
+      reps = std::clamp(std::atoi(argv[2]), 1, kMaxReps);
+      --argc;
+      ++argv;
+    } else {
+      break;
+    }
     --argc;
     ++argv;
   }
@@ -347,25 +429,19 @@ int main(int argc, char **argv) {
   if (::mkdtemp(pattern) == nullptr) die("mkdtemp");
   const bench::fs::path dir = pattern;
 
-  const double udp = udp_ping_pong(rounds, static_cast<uint16_t>(base + 100));
-  const double tcp = tcp_stream(bytes, static_cast<uint16_t>(base + 101));
   constexpr unsigned kLargestBtu = 65504;
-  const Figures standard = conversations_apart(dir, rounds, bytes, base, 0);
-  const Figures large =
-      conversations_apart(dir, rounds, bytes, static_cast<uint16_t>(base + 10), kLargestBtu);
+  const Samples standard = conversations_apart(dir, rounds, bytes, base, 0, reps);
+  const Samples large =
+      conversations_apart(dir, rounds, bytes, static_cast<uint16_t>(base + 10), kLargestBtu, reps);
 
-  std::printf("two hosts (127.0.0.2, 127.0.0.3)%s, load %s\n",
-              hosts_on_cpus ? ", each on a CPU of its own" : "", bench::load_average().c_str());
   std::printf(
-      "UDP ping-pong, %ld bytes, %d rounds: %.1f us; TCP stream, %ld-byte writes, %ld MB: "
-      "%.1f MB/s\n",
-      kPingSize, rounds, udp * 1e6, kRecord, bytes >> 20, tcp / 1e6);
-  const std::pair<const char *, Figures> links[] = {{"max BTU 1461 (default)", standard},
-                                                    {"max BTU 65504", large}};
-  for (const auto &[name, f] : links) {
-    std::printf("%s: ping-pong %.1f us, ratio to UDP %.2f; stream %.1f MB/s, ratio to TCP %.2f\n",
-                name, f.ping * 1e6, f.ping / udp, f.rate / 1e6, f.rate / tcp);
-  }
+      "two hosts (127.0.0.2, 127.0.0.3)%s, load %s\n"
+      "%d repetitions: %d rounds of %ld bytes (against a UDP echo), %ld MB in %ld-byte records "
+      "(against a TCP stream); medians, ratio range in brackets\n",
+      hosts_on_cpus ? ", each on a CPU of its own" : "", bench::load_average().c_str(), reps,
+      rounds, kPingSize, bytes >> 20, kRecord);
+  report("max BTU 1461 (default)", standard);
+  report("max BTU 65504", large);
   bench::fs::remove_all(dir);
   return 0;
 }
