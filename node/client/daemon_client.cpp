@@ -68,8 +68,7 @@ bool dispatch(DaemonClient::Shared &shared, ReceivedMessage &received) {
     if (received.descriptor_lost) {
       report_lost_descriptor(shared, result->request_id, "allocation");
     }
-    shared.events.allocated(result->request_id, result->primary, result->secondary,
-                            std::move(received.descriptor));
+    shared.events.allocated(*result, std::move(received.descriptor));
     return true;
   }
   if (auto *attach = std::get_if<AttachDelivery>(&received.message)) {

@@ -30,10 +30,9 @@ inline constexpr uint32_t kLostDescriptorProblem = 0x10040004;
 class DaemonEvents {
  public:
   virtual ~DaemonEvents() = default;
-  // The daemon answered allocation `request_id`: primary 0 with the
-  // allocating side's end, or the allocation error.
-  virtual void allocated(uint32_t request_id, uint16_t primary, uint32_t secondary,
-                         UniqueFd end) = 0;
+  // The daemon answered an allocation: primary 0 with the allocating side's
+  // end, or the allocation error.
+  virtual void allocated(const AllocateResult &result, UniqueFd end) = 0;
   // An attach for a receive-allocate that waits, with the attached side's end.
   virtual void attached(AttachDelivery attach, UniqueFd end) = 0;
   // The daemon asks what the process's engine holds (for snanodectl); the

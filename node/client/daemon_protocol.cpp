@@ -39,12 +39,12 @@ void fields(Io &io, AllocateRequest &m) {
 }
 template <class Io>
 void fields(Io &io, AllocateResult &m) {
-  io(m.request_id), io(m.primary), io(m.secondary);
+  io(m.request_id), io(m.primary), io(m.secondary), io(m.via_node);
 }
 template <class Io>
 void fields(Io &io, AttachDelivery &m) {
   io(m.accept_id), io(m.tp_name), io(m.mapped), io(m.sync_level), io(m.user), io(m.mode);
-  io(m.partner_lu_name), io(m.local_lu_alias);
+  io(m.partner_lu_name), io(m.local_lu_alias), io(m.via_node);
 }
 
 template <class Io>

@@ -25,7 +25,7 @@ namespace snanode::client {
 // the daemon asks processes for their conversations (stats-query) and
 // switches their trace (trace-control); control connections (snanodectl).
 // A library of version 1 would misread both, so it is refused at the hello.
-inline constexpr uint32_t kProtocolVersion = 2;
+inline constexpr uint32_t kProtocolVersion = 3;
 // The version of the words of a control request (see ControlRequest).
 inline constexpr uint32_t kControlVersion = 1;
 inline constexpr size_t kMessageHeaderSize = 6;
@@ -88,6 +88,9 @@ struct AllocateResult {
   uint32_t request_id = 0;
   uint16_t primary = 0;
   uint32_t secondary = 0;
+  // The partner is on another node: the other side of the passed end is the
+  // daemon's, not the partner TP's.
+  bool via_node = false;
 };
 
 // Daemon to client: an attach for a waiting accept, with the attached side's
@@ -101,6 +104,7 @@ struct AttachDelivery {
   std::string mode;
   std::string partner_lu_name;  // the allocating side's LU
   std::string local_lu_alias;   // the LU the attach arrives at
+  bool via_node = false;        // as in AllocateResult
 };
 
 // Control tool to daemon, the first and only message of a control connection

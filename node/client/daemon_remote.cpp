@@ -42,9 +42,8 @@ uint32_t DaemonRemote::allocate(const AllocateRequest &request) {
   return client_->allocate(request);
 }
 
-void DaemonRemote::allocated(uint32_t request_id, uint16_t primary, uint32_t secondary,
-                             UniqueFd end) {
-  engine_.remote_allocated(request_id, primary, secondary, std::move(end));
+void DaemonRemote::allocated(const AllocateResult &result, UniqueFd end) {
+  engine_.remote_allocated(result, std::move(end));
 }
 
 void DaemonRemote::attached(AttachDelivery attach, UniqueFd end) {

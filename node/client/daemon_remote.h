@@ -39,7 +39,7 @@ class DaemonRemote : public engine::RemoteNode, private DaemonEvents {
   explicit DaemonRemote(engine::Engine &engine) : engine_(engine) {}
 
   // DaemonEvents
-  void allocated(uint32_t request_id, uint16_t primary, uint32_t secondary, UniqueFd end) override;
+  void allocated(const AllocateResult &result, UniqueFd end) override;
   void attached(AttachDelivery attach, UniqueFd end) override;
   StatsReport report() override;
   void trace(const TraceControl &control) override;

@@ -331,7 +331,9 @@ uint32_t Broker::attach_from_network(const client::AllocateRequest &request, cli
     return refusal;
   }
   log_request("attach from the network", 0, request, "accepted");
-  offer(pending_attach(request, outcome.user, std::move(end), 0));
+  PendingAttach attach = pending_attach(request, outcome.user, std::move(end), 0);
+  attach.info.via_node = true;  // the daemon holds the other side of the end
+  offer(std::move(attach));
   return 0;
 }
 

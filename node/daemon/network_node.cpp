@@ -172,7 +172,9 @@ bool NetworkNode::allocate(ClientId client, const client::AllocateRequest &reque
   const config::PartnerLu *partner = remote_partner(request.partner_lu);
   if (partner == nullptr) return false;
   auto answer = [this, client, request](uint16_t primary, uint32_t secondary, int fd) {
-    return output_.send(client, client::AllocateResult{request.request_id, primary, secondary}, fd);
+    return output_.send(
+        client, client::AllocateResult{request.request_id, primary, secondary, /*via_node=*/true},
+        fd);
   };
   if (!reachable(partner->lu_name)) {
     answer(AP_ALLOCATION_ERROR, AP_ALLOCATION_FAILURE_RETRY, -1);

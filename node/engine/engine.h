@@ -67,10 +67,9 @@ class Engine : private ConversationHost {
   // Routes to and from the node daemon; nullptr: TPs of this process only.
   // The engine tells a new daemon the names and accepts it already has.
   void set_remote(RemoteNode *remote);
-  // The daemon's answer to allocation `request_id`: primary 0 with the
-  // allocating side's end of the conversation, or the allocation error.
-  void remote_allocated(uint32_t request_id, uint16_t primary, uint32_t secondary,
-                        client::UniqueFd end);
+  // The daemon's answer to an allocation: primary 0 with the allocating
+  // side's end of the conversation, or the allocation error.
+  void remote_allocated(const client::AllocateResult &result, client::UniqueFd end);
   // An attach from the daemon, with the attached side's end.
   void remote_attached(client::AttachDelivery attach, client::UniqueFd end);
 
@@ -183,7 +182,8 @@ class Engine : private ConversationHost {
   // sessions.
   void reap();
   uint32_t next_conv_id();
-  std::unique_ptr<Link> socket_link(client::UniqueFd end);
+  // `via_node`: the other side of the end is the daemon's (see SocketPeer).
+  std::unique_ptr<Link> socket_link(client::UniqueFd end, bool via_node);
 
   config::NodeConfig config_;
   Directory directory_;

@@ -160,9 +160,10 @@ void Engine::add_conversation(NAP_ALLOCATE &vcb, const AllocateRequest &request,
   put_result(vcb.hdr, AP_OK);
 }
 
-void Engine::remote_allocated(uint32_t request_id, uint16_t primary, uint32_t secondary,
-                              client::UniqueFd end) {
-  auto found = remote_allocates_.find(request_id);
+void Engine::remote_allocated(const client::AllocateResult &result, client::UniqueFd end) {
+  const uint16_t primary = result.primary;
+  const uint32_t secondary = result.secondary;
+  auto found = remote_allocates_.find(result.request_id);
   if (found == remote_allocates_.end()) return;  // from before the path ended
   WaitingAllocate waiting = std::move(found->second);
   remote_allocates_.erase(found);
@@ -193,7 +194,7 @@ void Engine::remote_allocated(uint32_t request_id, uint16_t primary, uint32_t se
   ConversationHost &host = *this;
   std::unique_ptr<Conversation> own;
   if (primary == AP_OK) {
-    own = std::make_unique<Conversation>(setup, socket_link(std::move(end)), host);
+    own = std::make_unique<Conversation>(setup, socket_link(std::move(end), result.via_node), host);
   } else {
     // Refused by the daemon: as with a refusal at attach, the allocating TP
     // learns it on its next verb that sends or waits.
@@ -256,9 +257,10 @@ void Engine::attach(AttachInfo info, std::unique_ptr<Conversation> half, bool se
                tp != nullptr ? tp->queue_timeout_ms : config_.attach_timeout_ms);
 }
 
-std::unique_ptr<Link> Engine::socket_link(client::UniqueFd end) {
+std::unique_ptr<Link> Engine::socket_link(client::UniqueFd end, bool via_node) {
   if (hooks_.socket_link) return hooks_.socket_link(std::move(end));
-  return make_socket_link(end.release());
+  return make_socket_link(end.release(), nullptr,
+                          via_node ? SocketPeer::kNode : SocketPeer::kPartner);
 }
 
 void Engine::queue_attach(PendingAttach attach, uint32_t timeout_ms) {
@@ -292,7 +294,8 @@ void Engine::remote_attached(client::AttachDelivery attach, client::UniqueFd end
       AttachInfo{attach.tp_name, attach.mapped,          attach.sync_level,    attach.user,
                  attach.mode,    attach.partner_lu_name, attach.local_lu_alias};
   ConversationHost &host = *this;
-  pending.half = std::make_unique<Conversation>(setup, socket_link(std::move(end)), host);
+  pending.half =
+      std::make_unique<Conversation>(setup, socket_link(std::move(end), attach.via_node), host);
   auto accept = std::find_if(accepts_.begin(), accepts_.end(), [&](const WaitingAccept &waiting) {
     return waiting.accept_id == attach.accept_id;
   });

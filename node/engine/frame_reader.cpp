@@ -1,5 +1,6 @@
 #include "engine/frame_reader.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -69,8 +70,17 @@ void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool
 
 ssize_t FrameReader::receive(int fd, uint8_t *into, size_t size, bool wait) {
   for (;;) {
+    if (wait) await_input(fd);
     const ssize_t n = received(::recv(fd, into, size, wait ? 0 : MSG_DONTWAIT));
     if (n >= 0 || end_ != End::kNone) return n;
+  }
+}
+
+void FrameReader::await_input(int fd) const {
+  if (!poll_before_waiting_) return;
+  // Input, an error or a hang-up ends the poll; the read then reports which.
+  pollfd polled{fd, POLLIN, 0};
+  while (::poll(&polled, 1, -1) < 0 && errno == EINTR) {
   }
 }
 
@@ -137,6 +147,7 @@ bool FrameReader::read_landing(int fd, const Landing &landing, std::vector<Frame
     message.msg_iovlen = count;
     // Past the first read the frame is known to be on its way: wait for it.
     const bool block = first ? wait : true;
+    if (block && first) await_input(fd);
     ssize_t n;
     do {
       n = received(::recvmsg(fd, &message, block ? 0 : MSG_DONTWAIT));

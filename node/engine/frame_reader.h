@@ -46,6 +46,10 @@ class FrameReader {
   // when the reader is not between frames (nothing was read then).
   bool read_landing(int fd, const Landing &landing, std::vector<Frame> &frames, bool wait);
 
+  // A read that waits first polls the socket for input alone (see
+  // SocketPeer in socket_link.h), then reads.
+  void set_poll_before_waiting(bool on) { poll_before_waiting_ = on; }
+
   End end() const { return end_; }
   // When a read last found the socket empty.
   std::chrono::steady_clock::time_point emptied_at() const { return emptied_at_; }
@@ -56,6 +60,8 @@ class FrameReader {
   ssize_t receive(int fd, uint8_t *into, size_t size, bool wait);
   // Takes a read's result as receive() does: the bytes, 0, or -1.
   ssize_t received(ssize_t n);
+  // Before a read that may wait: polls for input alone when so set.
+  void await_input(int fd) const;
   // `hold_data`: the start of an incomplete DATA frame stays in `rest_` for
   // read_landing() rather than going into a payload of its own.
   void decode(const uint8_t *bytes, size_t size, std::vector<Frame> &frames,
@@ -66,6 +72,7 @@ class FrameReader {
   size_t partial_filled_ = 0;
   End end_ = End::kNone;
   bool landed_large_ = false;  // the last record landed was large
+  bool poll_before_waiting_ = false;
   std::chrono::steady_clock::time_point emptied_at_;
 };
 

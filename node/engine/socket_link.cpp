@@ -80,7 +80,10 @@ class State : public ReactorEndpoint,
               public LinkReader,
               public std::enable_shared_from_this<State> {
  public:
-  State(int fd, RunLocked run_locked) : fd_(fd), run_locked_(std::move(run_locked)) {}
+  State(int fd, RunLocked run_locked, SocketPeer peer)
+      : fd_(fd), run_locked_(std::move(run_locked)) {
+    reader_.set_poll_before_waiting(peer == SocketPeer::kNode);
+  }
   ~State() override { ::close(fd_); }
 
   void start() {
@@ -632,10 +635,10 @@ void set_socket_link_stall_limit(std::chrono::milliseconds limit) {
   g_stall_limit_ms = limit.count();
 }
 
-std::unique_ptr<Link> make_socket_link(int fd, RunLocked run_locked) {
+std::unique_ptr<Link> make_socket_link(int fd, RunLocked run_locked, SocketPeer peer) {
   static std::once_flag exit_handler;
   std::call_once(exit_handler, [] { std::atexit(write_out_at_exit); });
-  auto state = std::make_shared<State>(fd, std::move(run_locked));
+  auto state = std::make_shared<State>(fd, std::move(run_locked), peer);
   state->start();
   return std::make_unique<SocketLink>(std::move(state));
 }

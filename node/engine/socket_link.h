@@ -44,9 +44,24 @@ void set_socket_link_stall_limit(std::chrono::milliseconds limit);
 // Runs `work` holding the node's lock.
 using RunLocked = std::function<void(const std::function<void()> &work)>;
 
+// Who holds the other end of the socket: the partner's process, or the node
+// daemon carrying the conversation to a partner on another node.
+//
+// A thread asleep in recv(2) on a Unix stream socket is woken, to find
+// nothing, each time the other end reads what this end sent (the kernel wakes
+// the socket's sleepers for room to write).  Where the other end is the
+// daemon, that is every request a TP sends and then waits to hear answered,
+// and the daemon, often on the same CPU, is preempted by the TP it woke for
+// nothing: on such an end a waiting reader polls for input alone before it
+// reads.  Where the partner's process holds the other end, the early wake-up
+// of a TP on an idle CPU has measured as a gain (it is up and running when its
+// answer comes), so the reader sleeps in recv(2) there.
+enum class SocketPeer : uint8_t { kPartner, kNode };
+
 // Takes ownership of `fd`, a connected stream socket.  Without `run_locked`
 // the node's lock is the process lock.
-std::unique_ptr<Link> make_socket_link(int fd, RunLocked run_locked = nullptr);
+std::unique_ptr<Link> make_socket_link(int fd, RunLocked run_locked = nullptr,
+                                       SocketPeer peer = SocketPeer::kPartner);
 
 // Writes one frame and the orderly end to a socket end that never gets a
 // link (an attach the node refused after the allocating side got its end).

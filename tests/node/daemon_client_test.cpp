@@ -32,9 +32,9 @@ struct Event {
 
 class RecordingEvents : public client::DaemonEvents {
  public:
-  void allocated(uint32_t request_id, uint16_t primary, uint32_t secondary, UniqueFd end) override {
+  void allocated(const client::AllocateResult &r, UniqueFd end) override {
     EXPECT_TRUE(process_lock_held());
-    push({false, request_id, primary, secondary, "", std::move(end)});
+    push({false, r.request_id, r.primary, r.secondary, "", std::move(end)});
   }
   void attached(client::AttachDelivery attach, UniqueFd end) override {
     EXPECT_TRUE(process_lock_held());

@@ -66,6 +66,7 @@ std::vector<Message> one_of_each() {
   attach.mode = "#BATCH";
   attach.partner_lu_name = "APPN.LOCAL";
   attach.local_lu_alias = "LOCAL2";
+  attach.via_node = true;
   return {Hello{kProtocolVersion, 4242, 1000},
           Welcome{kProtocolVersion, "NODE1"},
           RegisterTp{"ECHO"},
@@ -73,7 +74,7 @@ std::vector<Message> one_of_each() {
           AcceptWait{9, {"A", "", std::string(64, 'Z')}},
           AcceptCancel{9},
           allocate,
-          AllocateResult{0x01020304, 0x0300, 0x21600810},
+          AllocateResult{0x01020304, 0x0300, 0x21600810, true},
           attach,
           ControlRequest{kControlVersion, 5, {"trace", "on", "--tp", "PAYROLL"}},
           ControlReply{5, 1, true, "refused"},

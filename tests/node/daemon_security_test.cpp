@@ -341,7 +341,7 @@ TEST_F(RootDaemon, AnIntruderInTheSocketGroupGetsNoAttachAndNoUser) {
 }
 
 class NoEvents : public client::DaemonEvents {
-  void allocated(uint32_t, uint16_t, uint32_t, client::UniqueFd) override {}
+  void allocated(const client::AllocateResult &, client::UniqueFd) override {}
   void attached(client::AttachDelivery, client::UniqueFd) override {}
 };
 

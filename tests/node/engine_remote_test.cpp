@@ -92,7 +92,7 @@ TEST(EngineRemote, AllocationsNobodyHereServesGoToTheDaemonWithTheirSecurity) {
             std::tuple("ELSEWHERE", false, 1, 2, "CLERK", "SECRET", "#INTER", "APPN.LOCAL"));
 
   FarEnd far;
-  h.run([&](Engine &e) { e.remote_allocated(1, AP_OK, 0, far.near()); });
+  h.run([&](Engine &e) { e.remote_allocated({1, AP_OK, 0}, far.near()); });
   ASSERT_TRUE(h.completed(&vcb));
   ASSERT_EQ(vcb.hdr.primary_rc, AP_OK);
   const Conv a{tp, vcb.hdr.conv_id, false};
@@ -113,7 +113,7 @@ TEST(EngineRemote, ARefusalShowsOnTheNextVerbAndAGivenUpAllocationIsAbended) {
   NAP_ALLOCATE refused = EngineHarness::allocate_vcb(tp, AllocateOptions{});
   ASSERT_FALSE(h.submit(&refused));
   h.run([&](Engine &e) {
-    e.remote_allocated(1, AP_ALLOCATION_ERROR, AP_TP_NAME_NOT_RECOGNIZED, {});
+    e.remote_allocated({1, AP_ALLOCATION_ERROR, AP_TP_NAME_NOT_RECOGNIZED}, {});
   });
   ASSERT_TRUE(h.completed(&refused));
   ASSERT_EQ(refused.hdr.primary_rc, AP_OK);
@@ -129,7 +129,7 @@ TEST(EngineRemote, ARefusalShowsOnTheNextVerbAndAGivenUpAllocationIsAbended) {
   ASSERT_TRUE(h.completed(&abandoned));
   EXPECT_EQ(abandoned.hdr.primary_rc, AP_CANCELLED);
   FarEnd far;
-  h.run([&](Engine &e) { e.remote_allocated(2, AP_OK, 0, far.near()); });
+  h.run([&](Engine &e) { e.remote_allocated({2, AP_OK, 0}, far.near()); });
   const Frame abend = far.receive();
   EXPECT_EQ(abend.type, FrameType::kDeallocate);
   EXPECT_EQ(abend.flags, static_cast<uint8_t>(snanode::engine::DeallocKind::kAbend));
