@@ -211,6 +211,10 @@ void EeNetwork::send_biu(std::string_view partner_lu, std::string_view mode, net
   transport_->send_biu(partner_lu, mode, biu);
 }
 
+void EeNetwork::send_biu(std::string_view partner_lu, std::string_view mode, net::Bytes &&biu) {
+  transport_->send_biu_buffer(partner_lu, mode, std::move(biu));
+}
+
 bool EeNetwork::reachable(const std::string &partner_lu) {
   using State = net::ee::LinkStation::State;
   auto cp = cp_of_lu_.find(partner_lu);

@@ -57,6 +57,8 @@ class EeNetwork : private net::hpr::RtpNodeListener {
 
   // A unit of a session on `mode`: on the connection of the mode's class.
   void send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu);
+  // The same, keeping `biu`'s buffer (moved from) until the partner has it.
+  void send_biu(std::string_view partner_lu, std::string_view mode, net::Bytes &&biu);
   // Whether a new session with `partner_lu` may be tried now: its link is
   // active or activating, or it is a "demand" link, which this starts
   // activating.  A link the operator stopped reaches nobody.

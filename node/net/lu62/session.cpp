@@ -38,16 +38,17 @@ Session::Session(SessionHost &host, const SessionAddress &address, std::string p
       send_expedited_snf_(params.primary ? 1 : 0) {}
 
 void Session::transmit(const Fid5Th &th, const Rh &rh, ByteSpan ru) {
-  // One buffer for all of a thread's sessions, so that a BIU is not
-  // allocated anew each time.  Taken out while in use: a unit sent from
-  // within host_.transmit (a response to what arrived meanwhile) finds it
+  // The host may keep the BIU's buffer until the partner has it, instead of
+  // copying it; one it leaves here serves the next BIU of the thread's
+  // sessions.  Taken out while in use: a unit sent from within
+  // host_.transmit_buffer (a response to what arrived meanwhile) finds it
   // empty and uses one of its own.
   thread_local Bytes spare;
   Bytes biu = std::move(spare);
   biu.clear();
   encode_biu(th, rh, ru, biu);
-  host_.transmit(*this, biu);
-  spare = std::move(biu);
+  host_.transmit_buffer(*this, std::move(biu));
+  spare = std::move(biu);  // empty when it was kept
 }
 
 void Session::answer(const Rh &request, bool expedited, uint16_t snf, std::optional<uint8_t> code,
