@@ -77,7 +77,7 @@ class EeNetwork : private net::hpr::RtpNodeListener {
   // The links and the RTP connections on them, for snanodectl.
   void add_status(Table &table) const;
   // Where datagrams are captured from now on (null: nowhere).
-  void set_capture(net::CaptureWriter *capture) { capture_ = capture; }
+  void set_capture(net::CaptureWriter *capture);
 
   // The capture addresses for a configuration (IPv4 only; zeros otherwise).
   static net::CaptureEndpoints capture_endpoints(const config::NodeConfig &config);
@@ -107,6 +107,7 @@ class EeNetwork : private net::hpr::RtpNodeListener {
   std::map<std::string, std::string, std::less<>> cp_of_lu_;  // partner LU -> owning CP
   size_t connections_logged_ = 0;
   net::CaptureWriter *capture_ = nullptr;
+  uint16_t port_base_ = 0;  // as the endpoint was opened
 };
 
 }  // namespace snanode::daemon
