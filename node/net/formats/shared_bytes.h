@@ -3,6 +3,11 @@
 // that the span stays valid for as long as anyone still holds it (a datagram
 // queued for the next flush, held back by the impairer, ...) even when the
 // layer that made it has let go of it meanwhile.
+//
+// A buffer whose last share goes returns to its thread's pool for the next
+// message: a stream would otherwise allocate a fresh buffer per message, and
+// the allocator, handing memory back to the system as the window of
+// unacknowledged messages drains, would fault it in again page by page.
 #pragma once
 
 #include <memory>
@@ -12,6 +17,15 @@
 namespace snanode::net {
 
 using SharedBuffer = std::shared_ptr<const Bytes>;
+
+// An empty buffer, with the room of one used before when the pool has one.
+Bytes pooled_buffer();
+// Returns a buffer's room to the pool (or frees it when the pool is full).
+void recycle_buffer(Bytes &&buffer);
+// A copy of `bytes` in a pooled buffer.
+Bytes pooled_copy(ByteSpan bytes);
+// `bytes`, shared; its room returns to the pool with the last share.
+SharedBuffer share_buffer(Bytes &&bytes);
 
 struct SharedSpan {
   SharedBuffer owner;  // null: empty

@@ -372,7 +372,7 @@ void RtpConnection::pump(RtpTime now) {
 
 void RtpConnection::send_message(ByteSpan message, RtpTime now) {
   if (ended() || closing_) return;
-  send_message(Bytes(message.begin(), message.end()), now);
+  send_message(pooled_copy(message), now);
 }
 
 void RtpConnection::send_message(Bytes &&message, RtpTime now) {

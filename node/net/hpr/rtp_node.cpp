@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "net/formats/shared_bytes.h"
 #include "net/hpr/rtp_decisions.h"
 
 namespace snanode::net::hpr {
@@ -93,7 +94,7 @@ RtpNode::Entry *RtpNode::open(Port &port, ServiceClass cos) {
 }
 
 bool RtpNode::send_biu(std::string_view partner_cp, ServiceClass cos, ByteSpan biu) {
-  return send_biu(partner_cp, cos, Bytes(biu.begin(), biu.end()));
+  return send_biu(partner_cp, cos, pooled_copy(biu));
 }
 
 bool RtpNode::send_biu(std::string_view partner_cp, ServiceClass cos, Bytes &&biu) {
@@ -312,8 +313,7 @@ void RtpBiuTransport::set_class(std::string mode, std::string cos_name, Priority
 }
 
 void RtpBiuTransport::send_biu(std::string_view partner_lu, std::string_view mode, ByteSpan biu) {
-  if (routes_.contains(partner_lu))
-    send_biu_buffer(partner_lu, mode, Bytes(biu.begin(), biu.end()));
+  if (routes_.contains(partner_lu)) send_biu_buffer(partner_lu, mode, pooled_copy(biu));
 }
 
 void RtpBiuTransport::send_biu_buffer(std::string_view partner_lu, std::string_view mode,

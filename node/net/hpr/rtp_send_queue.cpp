@@ -5,13 +5,13 @@
 namespace snanode::net::hpr {
 
 void RtpSendQueue::push_message(ByteSpan message) {
-  push_message(Bytes(message.begin(), message.end()));
+  push_message(pooled_copy(message));
 }
 
 void RtpSendQueue::push_message(Bytes &&message) {
   if (message.empty()) return;
   waiting_bytes_ += message.size();
-  waiting_.push_back({std::make_shared<const Bytes>(std::move(message)), 0});
+  waiting_.push_back({share_buffer(std::move(message)), 0});
 }
 
 RtpSegment *RtpSendQueue::cut(size_t max_data) {
