@@ -112,18 +112,8 @@ std::unique_ptr<EeNetwork> EeNetwork::open(const config::NodeConfig &config,
                (from_environment ? "SNANODE_IMPAIR" : "[network] impair") +
                " in effect: " + net::ee::impairment_text(*impairment));
   }
-  // The capture can be switched on and off while the node runs, so the
-  // observer is always there and asks where to write.
-  network->capture_ = capture;
-  const uint16_t base = static_cast<uint16_t>(settings.port_base);
-  EeNetwork *self = network.get();
-  network->endpoint_->set_observer(
-      [self, base](bool sent, const net::Bytes &, unsigned port_index, net::ByteSpan data) {
-        if (self->capture_ == nullptr) return;
-        self->capture_->write_datagram(
-            sent ? net::CaptureDirection::kSent : net::CaptureDirection::kReceived,
-            static_cast<uint16_t>(base + port_index), data);
-      });
+  network->port_base_ = static_cast<uint16_t>(settings.port_base);
+  network->set_capture(capture);
   net::hpr::RtpNodeListener &listener = *network;
   network->rtp_ = std::make_unique<net::hpr::RtpNode>(
       net::hpr::RtpNodeConfig{settings.cp_name, net::hpr::RtpConfig{}, random_instance(),
@@ -207,8 +197,28 @@ std::optional<std::chrono::steady_clock::time_point> EeNetwork::next_deadline() 
   return next;
 }
 
+// The endpoint observes datagrams only while they are captured: an observer
+// needs each datagram whole, which the endpoint otherwise sends in pieces.
+void EeNetwork::set_capture(net::CaptureWriter *capture) {
+  capture_ = capture;
+  if (capture == nullptr) {
+    endpoint_->set_observer(nullptr);
+    return;
+  }
+  const uint16_t base = port_base_;
+  endpoint_->set_observer([capture, base](bool sent, const net::Bytes &, unsigned port_index,
+                                          net::ByteSpan data) {
+    capture->write_datagram(sent ? net::CaptureDirection::kSent : net::CaptureDirection::kReceived,
+                            static_cast<uint16_t>(base + port_index), data);
+  });
+}
+
 void EeNetwork::send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu) {
   transport_->send_biu(partner_lu, mode, biu);
+}
+
+void EeNetwork::send_biu(std::string_view partner_lu, std::string_view mode, net::Bytes &&biu) {
+  transport_->send_biu_buffer(partner_lu, mode, std::move(biu));
 }
 
 bool EeNetwork::reachable(const std::string &partner_lu) {

@@ -57,6 +57,8 @@ class EeNetwork : private net::hpr::RtpNodeListener {
 
   // A unit of a session on `mode`: on the connection of the mode's class.
   void send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu);
+  // The same, keeping `biu`'s buffer (moved from) until the partner has it.
+  void send_biu(std::string_view partner_lu, std::string_view mode, net::Bytes &&biu);
   // Whether a new session with `partner_lu` may be tried now: its link is
   // active or activating, or it is a "demand" link, which this starts
   // activating.  A link the operator stopped reaches nobody.
@@ -75,7 +77,7 @@ class EeNetwork : private net::hpr::RtpNodeListener {
   // The links and the RTP connections on them, for snanodectl.
   void add_status(Table &table) const;
   // Where datagrams are captured from now on (null: nowhere).
-  void set_capture(net::CaptureWriter *capture) { capture_ = capture; }
+  void set_capture(net::CaptureWriter *capture);
 
   // The capture addresses for a configuration (IPv4 only; zeros otherwise).
   static net::CaptureEndpoints capture_endpoints(const config::NodeConfig &config);
@@ -105,6 +107,7 @@ class EeNetwork : private net::hpr::RtpNodeListener {
   std::map<std::string, std::string, std::less<>> cp_of_lu_;  // partner LU -> owning CP
   size_t connections_logged_ = 0;
   net::CaptureWriter *capture_ = nullptr;
+  uint16_t port_base_ = 0;  // as the endpoint was opened
 };
 
 }  // namespace snanode::daemon

@@ -235,6 +235,60 @@ TEST(EeUdpEndpoint, LargestBtuCarriesWholeDatagramsAndTheSmallerOfferWins) {
   EXPECT_EQ(a.endpoint->counters().offloaded, burst.size());
 }
 
+// `nlp` as the RTP layer hands it down: its first `head` bytes written after
+// the link's room, the rest a piece of a buffer that only the link keeps.
+bool send_in_pieces(LinkStation &station, const Bytes &nlp, size_t head) {
+  Bytes front = station.start_nlp();
+  front.insert(front.end(), nlp.begin(), nlp.begin() + static_cast<std::ptrdiff_t>(head));
+  SharedSpan tail(std::make_shared<const Bytes>(nlp), head, nlp.size() - head);
+  return station.send_nlp_pieces(Priority::kMedium, std::move(front), tail);
+}
+
+// NLPs whose data is a separate piece leave as the datagrams built whole
+// would: a run with segmentation offload, a whole-datagram NLP, one without
+// data, and pieces the impairer holds back after their sender let go.
+TEST(EeUdpEndpoint, NlpsSentInPiecesLeaveAsTheSameDatagrams) {
+  const uint16_t base = port_base_for_test(4);
+  Node a, b;
+  if (!a.open("127.0.0.2", base, {}, 65504) || !b.open("127.0.0.3", base)) {
+    GTEST_SKIP() << "127.0.0.2-3 cannot be bound here";
+  }
+  std::vector<Bytes> observed;  // what A's observer saw leave
+  a.endpoint->set_observer([&](bool sent, const Bytes &, unsigned port, ByteSpan datagram) {
+    if (sent && port == port_index_of(Priority::kMedium)) {
+      observed.emplace_back(datagram.begin() + kLlcSize, datagram.end());
+    }
+  });
+  LinkStation *to_b = a.link("127.0.0.3", 1, "NETA.CPA"),
+              *to_a = b.link("127.0.0.2", 2, "NETA.CPB");
+  ASSERT_TRUE(to_b && to_a);
+  to_b->activate(std::chrono::steady_clock::now());
+  ASSERT_TRUE(run({&a, &b}, [&] { return to_b->active() && to_a->active(); }));
+
+  std::vector<Bytes> burst;
+  for (uint8_t i = 0; i < 20; ++i) burst.push_back(nlp_of_size(i < 19 ? 1461 : 700, i));
+  burst.push_back(nlp_of_size(40, 0x33));
+  for (const Bytes &nlp : burst) ASSERT_TRUE(send_in_pieces(*to_b, nlp, 32));
+  EXPECT_TRUE(send_in_pieces(*to_b, burst.back(), burst.back().size()));  // no data piece
+  burst.push_back(burst.back());
+  EXPECT_FALSE(send_in_pieces(*to_b, nlp_of_size(1462, 0), 32));  // over the BTU
+  ASSERT_TRUE(run({&a, &b}, [&] { return b.receiver.nlps.size() == burst.size(); }));
+  EXPECT_EQ(b.receiver.nlps, burst);
+  EXPECT_EQ(observed, burst);
+  EXPECT_EQ(a.endpoint->counters().offloaded, 22u);  // the run of 20 and the last two
+
+  // The impairer holds the pieces for a while and sends each twice.
+  Impairment doubled;
+  doubled.duplication = 1;
+  doubled.delay = 2ms;
+  a.endpoint->set_impairment(doubled);
+  b.receiver.nlps.clear();
+  const Bytes large = nlp_of_size(1400, 0x77);
+  ASSERT_TRUE(send_in_pieces(*to_b, large, 32));
+  ASSERT_TRUE(run({&a, &b}, [&] { return b.receiver.nlps.size() == 2; }));
+  EXPECT_EQ(b.receiver.nlps, std::vector<Bytes>(2, large));
+}
+
 // A receiver that answers the first NLP at once with a burst of its own and
 // sends it before returning, as the daemon does when a message is handed up.
 struct Answerer : Receiver {

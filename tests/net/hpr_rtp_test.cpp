@@ -59,8 +59,14 @@ TEST(HprRtp, SetupSegmentationAndReplyOnOneConnection) {
   transport.set_class("#INTER", "#INTER", Priority::kHigh);
   transport.send_biu("NETB.LUB", "#INTER", make_biu(5, 40));
   transport.send_biu("NETB.NOBODY", "#INTER", make_biu(6, 40));
-  ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 2; }, 1s));
+  // A BIU handed down in its buffer is queued in that buffer, not a copy.
+  Bytes handed = make_biu(7, 3000);
+  transport.send_biu_buffer("NETB.LUB", "#INTER", std::move(handed));
+  EXPECT_TRUE(handed.empty());
+  ASSERT_TRUE(n.run_until([&] { return n.seen_b.bius.size() == 3; }, 1s));
   n.run_until([] { return false; }, 100ms);
+  EXPECT_EQ(n.seen_b.bius.back(), make_biu(7, 3000));
+  n.seen_b.bius.pop_back();
   EXPECT_EQ(n.seen_b.bius.back(), make_biu(5, 40));
   n.seen_b.bius.pop_back();
   // Another priority is another connection; a partner with no link is refused.

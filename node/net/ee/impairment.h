@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "net/formats/byte_io.h"
+#include "net/formats/shared_bytes.h"
 
 namespace snanode::net::ee {
 
@@ -56,6 +57,8 @@ struct HeldDatagram {
   unsigned port_index = 0;
   Bytes address;  // the partner's address, as the endpoint keys it
   Bytes payload;
+  SharedSpan tail{};  // what follows the payload when sent in two pieces
+  size_t size() const { return payload.size() + tail.size; }
 };
 
 class Impairer {

@@ -53,11 +53,16 @@ Bytes encode_ui(uint8_t partner_sap, uint8_t own_sap, ByteSpan nlp) {
 }
 
 void encode_ui(uint8_t partner_sap, uint8_t own_sap, ByteSpan nlp, Bytes &out) {
-  out.clear();
+  out.resize(kLlcSize);
   out.reserve(kLlcSize + nlp.size());
-  ByteWriter w(out);
-  encode_llc(LlcHeader{partner_sap, static_cast<uint8_t>(own_sap & ~kResponseBit), kLlcUi}, w);
-  w.bytes(nlp);
+  put_ui_header(partner_sap, own_sap, out.data());
+  out.insert(out.end(), nlp.begin(), nlp.end());
+}
+
+void put_ui_header(uint8_t partner_sap, uint8_t own_sap, uint8_t *at) {
+  at[0] = partner_sap;
+  at[1] = static_cast<uint8_t>(own_sap & ~kResponseBit);  // the C/R bit is never set on UI
+  at[2] = kLlcUi;
 }
 
 std::optional<LdlcFrame> decode_ldlc(ByteSpan datagram) {

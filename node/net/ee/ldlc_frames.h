@@ -31,6 +31,8 @@ Bytes encode_ldlc_command(LdlcKind kind, bool response, uint8_t link_sap, ByteSp
 Bytes encode_ui(uint8_t partner_sap, uint8_t own_sap, ByteSpan nlp);
 // The same frame into `out` (cleared first), so that a buffer can be reused.
 void encode_ui(uint8_t partner_sap, uint8_t own_sap, ByteSpan nlp, Bytes &out);
+// A UI frame's header alone, into the kLlcSize bytes at `at`.
+void put_ui_header(uint8_t partner_sap, uint8_t own_sap, uint8_t *at);
 
 // The frame a datagram holds; nothing for a datagram shorter than an LLC
 // header or with a control byte LDLC does not use.

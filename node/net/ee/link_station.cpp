@@ -369,6 +369,22 @@ bool LinkStation::send_nlp(Priority priority, ByteSpan nlp) {
   return true;
 }
 
+Bytes LinkStation::start_nlp() {
+  Bytes head = sink_.take_buffer();
+  head.assign(kLlcSize, 0);  // the UI frame's header, filled when sent
+  return head;
+}
+
+bool LinkStation::send_nlp_pieces(Priority priority, Bytes head, const SharedSpan &data) {
+  if (state_ != State::kActive || head.size() < kLlcSize ||
+      head.size() - kLlcSize + data.size > max_nlp_size()) {
+    return false;
+  }
+  put_ui_header(partner_.hpr_sap, config_.local.hpr_sap, head.data());
+  sink_.send_datagram_pieces(port_index_of(priority), std::move(head), data);
+  return true;
+}
+
 size_t LinkStation::max_nlp_size() const {
   return negotiated_known_ ? negotiated_.max_btu : config_.local.max_btu;
 }

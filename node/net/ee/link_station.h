@@ -53,6 +53,13 @@ class DatagramSink {
   virtual ~DatagramSink() = default;
   // One datagram to the partner's port `port_index` (0..4).
   virtual void send_datagram(unsigned port_index, Bytes datagram) = 0;
+  // The datagram `head` followed by `tail`, sent as two pieces where the
+  // sink can (the tail is then kept, not copied, until it has left).
+  virtual void send_datagram_pieces(unsigned port_index, Bytes head, const SharedSpan &tail) {
+    const ByteSpan bytes = tail.bytes();
+    head.insert(head.end(), bytes.begin(), bytes.end());
+    send_datagram(port_index, std::move(head));
+  }
   // A buffer for the next datagram: empty, perhaps with the room of one sent
   // earlier, so that a busy link does not allocate one per datagram.
   virtual Bytes take_buffer() { return {}; }
@@ -105,6 +112,8 @@ class LinkStation final : public NlpLink {
 
   // NlpLink
   bool send_nlp(Priority priority, ByteSpan nlp) override;
+  Bytes start_nlp() override;
+  bool send_nlp_pieces(Priority priority, Bytes head, const SharedSpan &data) override;
   size_t max_nlp_size() const override;
 
  private:

@@ -14,6 +14,7 @@
 
 #include "net/formats/byte_io.h"
 #include "net/formats/nlp.h"
+#include "net/formats/shared_bytes.h"
 
 namespace snanode::net::ee {
 
@@ -24,6 +25,16 @@ class NlpLink {
   // datagram the kernel cannot take now is dropped, as the network may drop
   // it; RTP recovers.  Returns false when the link is not active.
   virtual bool send_nlp(Priority priority, ByteSpan nlp) = 0;
+  // The same without copying: the NLP's headers are appended to a buffer
+  // from start_nlp() (which may hold room for the link's own header in
+  // front, for it to fill), and its data follows as a piece of its own that
+  // the link keeps until the datagram has left.
+  virtual Bytes start_nlp() { return {}; }
+  virtual bool send_nlp_pieces(Priority priority, Bytes head, const SharedSpan &data) {
+    const ByteSpan tail = data.bytes();
+    head.insert(head.end(), tail.begin(), tail.end());
+    return send_nlp(priority, head);
+  }
   // The largest NLP the link carries (negotiated in the XID exchange).  RTP
   // segments messages to fit.
   virtual size_t max_nlp_size() const = 0;

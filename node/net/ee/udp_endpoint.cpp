@@ -152,9 +152,12 @@ struct UdpEndpoint::Link final : DatagramSink {
         port_base(port_base),
         station(config, *this, receiver) {}
   void send_datagram(unsigned port_index, Bytes datagram) override {
+    send_datagram_pieces(port_index, std::move(datagram), {});
+  }
+  void send_datagram_pieces(unsigned port_index, Bytes head, const SharedSpan &tail) override {
     const TimePoint now =
         endpoint.dispatching_ > 0 ? endpoint.last_now_ : std::chrono::steady_clock::now();
-    endpoint.queue(port_index, address, std::move(datagram), now);
+    endpoint.queue(port_index, address, std::move(head), tail, now);
   }
   Bytes take_buffer() override { return take_from(endpoint.spare_payloads_); }
 
@@ -172,7 +175,8 @@ struct UdpEndpoint::Buffers {
   };
   struct Messages {
     std::array<mmsghdr, kBatch> headers{};
-    std::array<iovec, kBatch> iovecs{};
+    // Two for each datagram sent (its head and its tail); one received.
+    std::array<iovec, 2 * kBatch> iovecs{};
     std::array<sockaddr_storage, kBatch> addresses{};
     std::array<Control, kBatch> controls{};
   };
@@ -182,6 +186,7 @@ struct UdpEndpoint::Buffers {
   Messages received;
   Messages sent;
   std::array<size_t, kBatch> segments{};  // datagrams in each message sent
+  std::array<size_t, kBatch> firsts{};    // the index in outgoing_ of each one's first
   std::vector<uint8_t> data = std::vector<uint8_t>(kBatch * kReceiveBufferSize);
 };
 
@@ -311,8 +316,9 @@ void UdpEndpoint::collect_removed() {
   removed_ = false;
 }
 
-void UdpEndpoint::queue(unsigned port_index, const Bytes &address, Bytes datagram, TimePoint now) {
-  HeldDatagram held{port_index, take_from(spare_addresses_), std::move(datagram)};
+void UdpEndpoint::queue(unsigned port_index, const Bytes &address, Bytes datagram,
+                        const SharedSpan &tail, TimePoint now) {
+  HeldDatagram held{port_index, take_from(spare_addresses_), std::move(datagram), tail};
   held.address.assign(address.begin(), address.end());
   if (!impair_send_.settings().any()) {
     outgoing_.push_back(std::move(held));
@@ -338,7 +344,7 @@ void UdpEndpoint::flush() {
     keep_in(spare_payloads_, d.payload);
     keep_in(spare_addresses_, d.address);
   }
-  outgoing_.clear();
+  outgoing_.clear();  // lets go of the tails: the kernel has copied them
 }
 
 // How many datagrams from outgoing_[at] on (at most `limit`) can go as one
@@ -347,19 +353,36 @@ void UdpEndpoint::flush() {
 size_t UdpEndpoint::offload_run(size_t at, size_t limit) const {
   if (!offload_) return 1;
   const HeldDatagram &d = outgoing_[at];
-  const size_t size = d.payload.size();
+  const size_t size = d.size();
   size_t run = 1, bytes = size;
   while (run < limit && run < kMaxSegments) {
     const HeldDatagram &next = outgoing_[at + run];
-    if (next.address != d.address || next.payload.size() > size ||
-        bytes + next.payload.size() > kMaxOffloadBytes) {
+    if (next.address != d.address || next.size() > size || bytes + next.size() > kMaxOffloadBytes) {
       break;
     }
-    bytes += next.payload.size();
+    bytes += next.size();
     ++run;
-    if (next.payload.size() < size) break;  // only the last may be shorter
+    if (next.size() < size) break;  // only the last may be shorter
   }
   return run;
+}
+
+// The iovecs of one datagram at `out`: its head, and its tail when it has
+// one.  Returns how many.
+size_t UdpEndpoint::gather(HeldDatagram &d, iovec *out) {
+  out[0] = {d.payload.data(), d.payload.size()};
+  if (d.tail.empty()) return 1;
+  const ByteSpan tail = d.tail.bytes();
+  out[1] = {const_cast<uint8_t *>(tail.data()), tail.size()};
+  return 2;
+}
+
+ByteSpan UdpEndpoint::whole(const HeldDatagram &d) {
+  if (d.tail.empty()) return d.payload;
+  observed_.assign(d.payload.begin(), d.payload.end());
+  const ByteSpan tail = d.tail.bytes();
+  observed_.insert(observed_.end(), tail.begin(), tail.end());
+  return observed_;
 }
 
 void UdpEndpoint::send_batch(size_t first, size_t count) {
@@ -368,8 +391,10 @@ void UdpEndpoint::send_batch(size_t first, size_t count) {
   const unsigned port_index = outgoing_[first].port_index;
   // Each message is one datagram or a run sent with segmentation offload:
   // the kernel cuts the run into the same datagrams, so what the partner
-  // receives does not change; it is one send instead of many.
-  size_t messages = 0;
+  // receives does not change; it is one send instead of many.  The kernel
+  // cuts at the segment size whatever the iovecs, so a datagram's head and
+  // tail may be iovecs of their own.
+  size_t messages = 0, iovecs = 0;
   for (size_t i = 0; i < count; ++messages) {
     const HeldDatagram &d = outgoing_[first + i];
     const size_t run = offload_run(first + i, count - i);
@@ -377,17 +402,18 @@ void UdpEndpoint::send_batch(size_t first, size_t count) {
     const uint16_t base = found != links_.end() ? found->second->port_base : config_.port_base;
     b.addresses[messages] =
         socket_address(family_, d.address, static_cast<uint16_t>(base + port_index));
+    const size_t first_iovec = iovecs;
     for (size_t k = i; k < i + run; ++k) {
       HeldDatagram &x = outgoing_[first + k];
-      b.iovecs[k] = {x.payload.data(), x.payload.size()};
-      if (observer_) observer_(true, x.address, port_index, x.payload);
+      iovecs += gather(x, &b.iovecs[iovecs]);
+      if (observer_) observer_(true, x.address, port_index, whole(x));
     }
     mmsghdr &h = b.headers[messages];
     h = {};
     h.msg_hdr.msg_name = &b.addresses[messages];
     h.msg_hdr.msg_namelen = socket_address_size(family_);
-    h.msg_hdr.msg_iov = &b.iovecs[i];
-    h.msg_hdr.msg_iovlen = run;
+    h.msg_hdr.msg_iov = &b.iovecs[first_iovec];
+    h.msg_hdr.msg_iovlen = iovecs - first_iovec;
     if (run > 1) {
       h.msg_hdr.msg_control = b.controls[messages].bytes;
       h.msg_hdr.msg_controllen = CMSG_SPACE(sizeof(uint16_t));
@@ -395,11 +421,12 @@ void UdpEndpoint::send_batch(size_t first, size_t count) {
       c->cmsg_level = SOL_UDP;
       c->cmsg_type = UDP_SEGMENT;
       c->cmsg_len = CMSG_LEN(sizeof(uint16_t));
-      const auto size = static_cast<uint16_t>(d.payload.size());
+      const auto size = static_cast<uint16_t>(d.size());
       std::memcpy(CMSG_DATA(c), &size, sizeof size);
       counters_.offloaded += run;
     }
     all.segments[messages] = run;
+    all.firsts[messages] = first + i;
     i += run;
   }
   size_t done = 0;
@@ -412,10 +439,14 @@ void UdpEndpoint::send_batch(size_t first, size_t count) {
         // The path cannot offload (no checksum offload, an older kernel):
         // these datagrams one by one, and all from now on.
         offload_ = false;
-        const msghdr &m = b.headers[done].msg_hdr;
-        for (size_t k = 0; k < m.msg_iovlen; ++k) {
-          const bool ok = ::sendto(fds_[port_index], m.msg_iov[k].iov_base, m.msg_iov[k].iov_len, 0,
-                                   static_cast<const sockaddr *>(m.msg_name), m.msg_namelen) >= 0;
+        msghdr one = b.headers[done].msg_hdr;
+        one.msg_control = nullptr;
+        one.msg_controllen = 0;
+        for (size_t k = 0; k < all.segments[done]; ++k) {
+          iovec pieces[2];
+          one.msg_iov = pieces;
+          one.msg_iovlen = gather(outgoing_[all.firsts[done] + k], pieces);
+          const bool ok = ::sendmsg(fds_[port_index], &one, 0) >= 0;
           ++(ok ? counters_.sent : counters_.send_failed);
         }
         ++done;

@@ -108,9 +108,12 @@ class UdpEndpoint {
  private:
   struct Link;
   UdpEndpoint(const EndpointConfig &config, int family, Bytes local);
-  void queue(unsigned port_index, const Bytes &address, Bytes datagram, TimePoint now);
+  void queue(unsigned port_index, const Bytes &address, Bytes datagram, const SharedSpan &tail,
+             TimePoint now);
   void deliver(unsigned port_index, const Bytes &address, ByteSpan payload, TimePoint now);
   size_t offload_run(size_t at, size_t limit) const;
+  static size_t gather(HeldDatagram &d, struct iovec *out);
+  ByteSpan whole(const HeldDatagram &d);
   void send_batch(size_t first, size_t count);
   void collect_removed();
 
@@ -129,6 +132,7 @@ class UdpEndpoint {
   // Room of datagrams already sent, for those to come.
   std::vector<Bytes> spare_payloads_;
   std::vector<Bytes> spare_addresses_;
+  Bytes observed_;  // a datagram sent in pieces, whole for the observer
   Counters counters_;
   int dispatching_ = 0;
   bool removed_ = false;

@@ -39,6 +39,12 @@ Result<LlcHeader> decode_llc(ByteReader &in) {
 }
 
 Status encode_nlp(const Nhdr &nhdr, const Thdr &t, ByteSpan data, Bytes &out) {
+  const Status status = encode_nlp_headers(nhdr, t, data.size(), out);
+  if (status) ByteWriter(out).bytes(data);
+  return status;
+}
+
+Status encode_nlp_headers(const Nhdr &nhdr, const Thdr &t, size_t data_size, Bytes &out) {
   if (std::find(nhdr.labels.begin(), nhdr.labels.end(), kAnrEnd) != nhdr.labels.end() ||
       nhdr.labels.size() > kMaxLabelBytes || t.options.size() % 4 != 0 ||
       (kThdrFixedSize + t.options.size()) / 4 > 0xFFFF) {
@@ -46,10 +52,7 @@ Status encode_nlp(const Nhdr &nhdr, const Thdr &t, ByteSpan data, Bytes &out) {
   }
   ByteWriter w(out);
   encode_nhdr(nhdr, w);
-  if (nhdr.mode == SwitchingMode::kFunctionRouting) {
-    w.bytes(data);
-    return {};
-  }
+  if (nhdr.mode == SwitchingMode::kFunctionRouting) return {};
   w.bytes(t.tcid);
   w.u8(static_cast<uint8_t>((t.setup ? 0x40 : 0) | (t.start_of_message ? 0x20 : 0) |
                             (t.end_of_message ? 0x10 : 0) | (t.status_requested ? 0x08 : 0) |
@@ -57,10 +60,9 @@ Status encode_nlp(const Nhdr &nhdr, const Thdr &t, ByteSpan data, Bytes &out) {
   w.u8(static_cast<uint8_t>((t.last_message ? 0x80 : 0) | (t.connection_qualifier ? 0x08 : 0) |
                             (t.optional_segments ? 0x04 : 0)));
   w.u16(static_cast<uint16_t>((kThdrFixedSize + t.options.size()) / 4));
-  w.u32(static_cast<uint32_t>(data.size()));
+  w.u32(static_cast<uint32_t>(data_size));
   w.u32(t.bsn);
   w.bytes(t.options);
-  w.bytes(data);
   return {};
 }
 

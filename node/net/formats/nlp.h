@@ -75,6 +75,9 @@ Result<LlcHeader> decode_llc(ByteReader &in);
 // Appends NHDR, THDR (ANR mode; DLF is data.size()) and data.  Refuses labels
 // holding X'FF' and options that are not whole 4-byte words.
 Status encode_nlp(const Nhdr &nhdr, const Thdr &thdr, ByteSpan data, Bytes &out);
+// The same NLP's headers alone, for `data_size` bytes of data that follow
+// them on the wire but are not copied here.
+Status encode_nlp_headers(const Nhdr &nhdr, const Thdr &thdr, size_t data_size, Bytes &out);
 Result<NlpView> decode_nlp(ByteSpan nlp);
 
 }  // namespace snanode::net

@@ -213,21 +213,17 @@ void RtpConnection::add_request(Thdr &thdr, bool reply_asap, RtpTime now, const 
   last_request_ = now;
 }
 
-void RtpConnection::transmit(Thdr &thdr, ByteSpan data) {
+void RtpConnection::transmit(Thdr &thdr, const SharedSpan &data) {
   thdr.optional_segments = !thdr.options.empty();
-  // The link copies the NLP into its frame: one buffer serves every NLP a
-  // thread builds.  Taken out while in use, so that an NLP sent from within
-  // send_nlp builds in a buffer of its own.
-  thread_local Bytes spare;
-  Bytes nlp = std::move(spare);
-  nlp.clear();
-  // The headers are a few dozen bytes: one allocation for the whole NLP.
-  nlp.reserve(64 + nhdr_.labels.size() + thdr.options.size() + data.size());
-  if (encode_nlp(nhdr_, thdr, data, nlp)) {
+  // Only the headers are written here: the data goes to the link as the
+  // queue holds it, and leaves as a piece of the datagram of its own.
+  Bytes head = link_.start_nlp();
+  head.reserve(head.size() + 64 + nhdr_.labels.size() + thdr.options.size());
+  if (encode_nlp_headers(nhdr_, thdr, data.size, head)) {
     ++stats_.nlps_sent;
-    (void)link_.send_nlp(endpoint_.priority, nlp);  // a refusal is a loss; RTP recovers
+    // A refusal is a loss; RTP recovers.
+    (void)link_.send_nlp_pieces(endpoint_.priority, std::move(head), data);
   }
-  spare = std::move(nlp);
 }
 
 void RtpConnection::send_segment(RtpSegment &segment, bool request_status, bool reply_asap,
@@ -236,8 +232,8 @@ void RtpConnection::send_segment(RtpSegment &segment, bool request_status, bool 
   t.start_of_message = segment.start;
   t.end_of_message = segment.end;
   t.bsn = static_cast<uint32_t>(segment.bsn);
-  bytes_since_request_ += segment.data.size();
-  const std::optional<Arb> reply = attach_held_reply(t, segment.data.size(), now);
+  bytes_since_request_ += segment.data.size;
+  const std::optional<Arb> reply = attach_held_reply(t, segment.data.size, now);
   // At most 8 requests outstanding, so that a 4-bit correlator never names
   // two of them at once.
   if ((request_status && requests_.size() < kMaxRequests) || t.setup) {
@@ -256,7 +252,7 @@ void RtpConnection::send_probe(RtpTime now) {
   t.bsn = static_cast<uint32_t>(send_.sent_end());
   const std::optional<Arb> reply = attach_held_reply(t, 0, now);
   add_request(t, true, now, reply ? &*reply : nullptr);
-  transmit(t, {});
+  transmit(t, SharedSpan{});
 }
 
 StatusReport RtpConnection::status_report() const {
@@ -295,7 +291,7 @@ void RtpConnection::send_status(std::optional<uint8_t> correlator, RtpTime now) 
   if (correlator) append_arb(rate_reply(*correlator), t.options);
   if (t.setup) add_request(t, true, now);
   ++stats_.status_replies_sent;
-  transmit(t, {});
+  transmit(t, SharedSpan{});
 }
 
 void RtpConnection::hold_status(std::optional<uint8_t> correlator, RtpTime now) {
@@ -333,7 +329,7 @@ void RtpConnection::pump(RtpTime now) {
     const bool again = segment != nullptr;
     size_t size = 0;
     if (again) {
-      size = segment->data.size();
+      size = segment->data.size;
     } else if (send_.has_new_data() && send_.in_flight() < window_) {
       size = send_.next_cut_size(max_data());
     } else {
@@ -376,7 +372,12 @@ void RtpConnection::pump(RtpTime now) {
 
 void RtpConnection::send_message(ByteSpan message, RtpTime now) {
   if (ended() || closing_) return;
-  send_.push_message(message);
+  send_message(pooled_copy(message), now);
+}
+
+void RtpConnection::send_message(Bytes &&message, RtpTime now) {
+  if (ended() || closing_) return;
+  send_.push_message(std::move(message));
   pump(now);
 }
 
@@ -405,7 +406,7 @@ void RtpConnection::send_last_message(RtpTime now) {
   Thdr t = base_thdr();
   t.last_message = true;
   t.bsn = static_cast<uint32_t>(send_.sent_end());
-  transmit(t, {});
+  transmit(t, SharedSpan{});
   last_message_at_ = now;
 }
 

@@ -75,6 +75,7 @@ class RtpConnection {
 
   // Queues one message (a BIU) and sends what the rate allows.
   void send_message(ByteSpan message, RtpTime now);
+  void send_message(Bytes &&message, RtpTime now);
   void on_nlp(const NlpView &nlp, RtpTime now);
   void on_timer(RtpTime now);
   std::optional<RtpTime> next_deadline() const;
@@ -123,7 +124,7 @@ class RtpConnection {
   void add_setup_segments(Bytes &options) const;
   // Asks for a status on `thdr`; a held reply travels in the same ARB segment.
   void add_request(Thdr &thdr, bool reply_asap, RtpTime now, const Arb *reply = nullptr);
-  void transmit(Thdr &thdr, ByteSpan data);
+  void transmit(Thdr &thdr, const SharedSpan &data);
   StatusReport status_report() const;
   Arb rate_reply(uint8_t correlator);
   // Puts the held status reply on `thdr` when it fits with `data_size` bytes

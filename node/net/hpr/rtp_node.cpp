@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "net/formats/shared_bytes.h"
 #include "net/hpr/rtp_decisions.h"
 
 namespace snanode::net::hpr {
@@ -93,28 +94,33 @@ RtpNode::Entry *RtpNode::open(Port &port, ServiceClass cos) {
 }
 
 bool RtpNode::send_biu(std::string_view partner_cp, ServiceClass cos, ByteSpan biu) {
+  return send_biu(partner_cp, cos, pooled_copy(biu));
+}
+
+bool RtpNode::send_biu(std::string_view partner_cp, ServiceClass cos, Bytes &&biu) {
   Port *port = find_port(partner_cp);
   if (!port) return false;
   if (!waiting_.empty()) {
     auto waiting = waiting_.find({port, std::string(cos.name)});
     if (waiting != waiting_.end()) {
-      waiting->second.bius.emplace_back(biu.begin(), biu.end());
+      waiting->second.bius.push_back(std::move(biu));
       return true;
     }
   }
   ++depth_;
-  send_now(*port, cos, biu);
+  send_now(*port, cos, std::move(biu));
   --depth_;
   reap();
   return true;
 }
 
-void RtpNode::send_now(Port &port, ServiceClass cos, ByteSpan biu) {
+// The connection's send queue keeps the BIU's buffer until it is acknowledged.
+void RtpNode::send_now(Port &port, ServiceClass cos, Bytes &&biu) {
   auto sender = senders_.find({&port, std::string(cos.name)});
   Entry *entry = sender != senders_.end() && !sender->second->connection->ended() ? sender->second
                                                                                   : open(port, cos);
   entry->last_biu = clock_.now();
-  entry->connection->send_message(biu, entry->last_biu);
+  entry->connection->send_message(std::move(biu), entry->last_biu);
 }
 
 void RtpNode::on_nlp(Port &port, ByteSpan bytes) {
@@ -199,10 +205,10 @@ void RtpNode::release_waiting(const Entry &ended) {
   Waiting &waiting = found->second;
   waiting.failed = waiting.failed || ended.connection->state() == RtpState::kFailed;
   if (--waiting.closing > 0) return;
-  const std::vector<Bytes> bius = waiting.failed ? std::vector<Bytes>{} : std::move(waiting.bius);
+  std::vector<Bytes> bius = waiting.failed ? std::vector<Bytes>{} : std::move(waiting.bius);
   waiting_.erase(found);
   const ServiceClass cos{ended.cos_name, ended.connection->priority()};
-  for (const Bytes &biu : bius) send_now(*ended.port, cos, biu);
+  for (Bytes &biu : bius) send_now(*ended.port, cos, std::move(biu));
 }
 
 bool RtpNode::idle_closable(const Entry &entry) const {
@@ -307,13 +313,18 @@ void RtpBiuTransport::set_class(std::string mode, std::string cos_name, Priority
 }
 
 void RtpBiuTransport::send_biu(std::string_view partner_lu, std::string_view mode, ByteSpan biu) {
+  if (routes_.contains(partner_lu)) send_biu_buffer(partner_lu, mode, pooled_copy(biu));
+}
+
+void RtpBiuTransport::send_biu_buffer(std::string_view partner_lu, std::string_view mode,
+                                      Bytes &&biu) {
   auto route = routes_.find(partner_lu);
   if (route == routes_.end()) return;
   auto cos = classes_.find(mode);
   (void)node_.send_biu(route->second,
                        cos != classes_.end() ? ServiceClass{cos->second.first, cos->second.second}
                                              : usual_class(Priority::kMedium),
-                       biu);
+                       std::move(biu));
 }
 
 }  // namespace snanode::net::hpr

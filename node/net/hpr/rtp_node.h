@@ -75,6 +75,8 @@ class RtpNode {
   // Sends one BIU on the connection to `partner_cp` for `cos`, opening it if
   // there is none.  False when no link reaches the partner.
   bool send_biu(std::string_view partner_cp, ServiceClass cos, ByteSpan biu);
+  // The same, keeping `biu`'s buffer (moved from when sent) rather than a copy.
+  bool send_biu(std::string_view partner_cp, ServiceClass cos, Bytes &&biu);
   bool send_biu(std::string_view partner_cp, Priority priority, ByteSpan biu) {
     return send_biu(partner_cp, usual_class(priority), biu);
   }
@@ -130,7 +132,7 @@ class RtpNode {
   Port *find_port(std::string_view partner_cp) const;
   Entry *open(Port &port, ServiceClass cos);
   // Sends on the class's sender, opening one if there is none.
-  void send_now(Port &port, ServiceClass cos, ByteSpan biu);
+  void send_now(Port &port, ServiceClass cos, Bytes &&biu);
   // An ended connection this node closed as a sender: the BIUs waiting for
   // its class go out once none is left closing.
   void release_waiting(const Entry &ended);
@@ -169,6 +171,7 @@ class RtpBiuTransport : public lu62::BiuTransport {
   void route(std::string partner_lu, std::string partner_cp);
   void set_class(std::string mode, std::string cos_name, Priority priority);
   void send_biu(std::string_view partner_lu, std::string_view mode, ByteSpan biu) override;
+  void send_biu_buffer(std::string_view partner_lu, std::string_view mode, Bytes &&biu) override;
 
  private:
   RtpNode &node_;

@@ -5,27 +5,26 @@
 namespace snanode::net::hpr {
 
 void RtpSendQueue::push_message(ByteSpan message) {
+  push_message(pooled_copy(message));
+}
+
+void RtpSendQueue::push_message(Bytes &&message) {
   if (message.empty()) return;
-  waiting_.push_back({Bytes(message.begin(), message.end()), 0});
   waiting_bytes_ += message.size();
+  waiting_.push_back({share_buffer(std::move(message)), 0});
 }
 
 RtpSegment *RtpSendQueue::cut(size_t max_data) {
   if (waiting_.empty() || max_data == 0) return nullptr;
   Waiting &w = waiting_.front();
-  const size_t size = std::min(max_data, w.bytes.size() - w.offset);
+  const size_t whole = w.bytes->size();
+  const size_t size = std::min(max_data, whole - w.offset);
   RtpSegment segment;
   segment.bsn = sent_end_;
   segment.start = w.offset == 0;
-  const bool whole = w.offset == 0 && size == w.bytes.size();
-  if (whole) {
-    segment.data = std::move(w.bytes);  // the message fits one segment: no copy
-  } else {
-    segment.data.assign(w.bytes.begin() + static_cast<std::ptrdiff_t>(w.offset),
-                        w.bytes.begin() + static_cast<std::ptrdiff_t>(w.offset + size));
-  }
+  segment.data = SharedSpan(w.bytes, w.offset, size);
   w.offset += size;
-  segment.end = whole || w.offset == w.bytes.size();
+  segment.end = w.offset == whole;
   if (segment.end) waiting_.pop_front();
   waiting_bytes_ -= size;
   sent_end_ += size;
@@ -42,7 +41,7 @@ void RtpSendQueue::acknowledge(uint32_t sequence) {
   const uint64_t upto = unwrap(sequence);
   if (upto <= acknowledged_) return;
   acknowledged_ = upto;
-  while (!unacked_.empty() && unacked_.front().bsn + unacked_.front().data.size() <= upto) {
+  while (!unacked_.empty() && unacked_.front().bsn + unacked_.front().data.size <= upto) {
     unacked_.pop_front();
   }
 }
@@ -51,15 +50,15 @@ RtpTime RtpSendQueue::mark_missing(uint32_t wire_begin, uint32_t wire_end, RtpTi
                                    size_t &newly_missing) {
   const uint64_t begin = unwrap(wire_begin);
   const uint64_t end = begin + static_cast<uint32_t>(wire_end - wire_begin);
-  auto it = std::lower_bound(
-      unacked_.begin(), unacked_.end(), begin,
-      [](const RtpSegment &s, uint64_t at) { return s.bsn + s.data.size() <= at; });
+  auto it =
+      std::lower_bound(unacked_.begin(), unacked_.end(), begin,
+                       [](const RtpSegment &s, uint64_t at) { return s.bsn + s.data.size <= at; });
   RtpTime latest{};
   for (; it != unacked_.end() && it->bsn < end; ++it) {
     if (it->queued_for_retransmission || it->last_sent >= sent_before) continue;
     it->queued_for_retransmission = true;
     retransmit_.push_back(it->bsn);
-    newly_missing += it->data.size();
+    newly_missing += it->data.size;
     latest = std::max(latest, it->last_sent);
   }
   return latest;

@@ -12,13 +12,16 @@
 #include <vector>
 
 #include "net/formats/byte_io.h"
+#include "net/formats/shared_bytes.h"
 #include "net/hpr/rtp_config.h"
 
 namespace snanode::net::hpr {
 
 struct RtpSegment {
   uint64_t bsn = 0;
-  Bytes data;
+  // A piece of the message it was cut from, which the datagrams carrying
+  // it share rather than copy.
+  SharedSpan data;
   bool start = false;  // SOMI
   bool end = false;    // EOMI
   RtpTime last_sent{};
@@ -28,6 +31,7 @@ struct RtpSegment {
 class RtpSendQueue {
  public:
   void push_message(ByteSpan message);
+  void push_message(Bytes &&message);
 
   bool has_new_data() const { return !waiting_.empty(); }
   size_t waiting_bytes() const { return waiting_bytes_; }
@@ -35,7 +39,7 @@ class RtpSendQueue {
   size_t next_cut_size(size_t max_data) const {
     return waiting_.empty()
                ? 0
-               : std::min(max_data, waiting_.front().bytes.size() - waiting_.front().offset);
+               : std::min(max_data, waiting_.front().bytes->size() - waiting_.front().offset);
   }
   // Cuts the next segment of at most `max_data` bytes from the waiting
   // messages and keeps it as unacknowledged; nullptr when nothing waits.
@@ -62,7 +66,7 @@ class RtpSendQueue {
 
  private:
   struct Waiting {
-    Bytes bytes;
+    SharedBuffer bytes;
     size_t offset = 0;
   };
   std::deque<Waiting> waiting_;

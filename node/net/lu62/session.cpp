@@ -2,6 +2,7 @@
 
 #include "net/formats/control_rus.h"
 #include "net/formats/sense_codes.h"
+#include "net/formats/shared_bytes.h"
 #include "net/formats/wire_decisions.h"
 
 namespace snanode::net::lu62 {
@@ -38,16 +39,12 @@ Session::Session(SessionHost &host, const SessionAddress &address, std::string p
       send_expedited_snf_(params.primary ? 1 : 0) {}
 
 void Session::transmit(const Fid5Th &th, const Rh &rh, ByteSpan ru) {
-  // One buffer for all of a thread's sessions, so that a BIU is not
-  // allocated anew each time.  Taken out while in use: a unit sent from
-  // within host_.transmit (a response to what arrived meanwhile) finds it
-  // empty and uses one of its own.
-  thread_local Bytes spare;
-  Bytes biu = std::move(spare);
-  biu.clear();
+  // The host may keep the BIU's buffer until the partner has it, instead of
+  // copying it; a buffer it leaves here goes back to the pool.
+  Bytes biu = pooled_buffer();
   encode_biu(th, rh, ru, biu);
-  host_.transmit(*this, biu);
-  spare = std::move(biu);
+  host_.transmit_buffer(*this, std::move(biu));
+  recycle_buffer(std::move(biu));  // nothing when it was kept
 }
 
 void Session::answer(const Rh &request, bool expedited, uint16_t snf, std::optional<uint8_t> code,

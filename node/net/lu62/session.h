@@ -45,6 +45,8 @@ class SessionHost {
  public:
   virtual ~SessionHost() = default;
   virtual void transmit(Session &session, ByteSpan biu) = 0;
+  // The same from a buffer the host may keep (see BiuTransport).
+  virtual void transmit_buffer(Session &session, Bytes &&biu) { transmit(session, biu); }
   virtual void on_bracket_free(Session &session) = 0;
   // The partner began a bracket (an accepted bid or BB); the host attaches a user.
   virtual void on_partner_bracket(Session &session) = 0;

@@ -391,6 +391,11 @@ void SessionManager::transmit(Session &session, ByteSpan biu) {
   transport_.send_biu(session.partner(), session.mode(), biu);
 }
 
+void SessionManager::transmit_buffer(Session &session, Bytes &&biu) {
+  if (observer_) observer_->on_unit(session, true, biu);
+  transport_.send_biu_buffer(session.partner(), session.mode(), std::move(biu));
+}
+
 void SessionManager::on_bracket_free(Session &session) {
   bid_refused_.erase(session.address());
   const Key key{session.partner(), session.mode()};

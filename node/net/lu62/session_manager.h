@@ -133,6 +133,7 @@ class SessionManager : public SessionHost, public CnosOwner {
 
   // SessionHost
   void transmit(Session &session, ByteSpan biu) override;
+  void transmit_buffer(Session &session, Bytes &&biu) override;
   void on_bracket_free(Session &session) override;
   void on_partner_bracket(Session &session) override;
   void on_bid_result(Session &session, bool granted) override;

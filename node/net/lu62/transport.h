@@ -18,6 +18,12 @@ class BiuTransport {
  public:
   virtual ~BiuTransport() = default;
   virtual void send_biu(std::string_view partner_lu, std::string_view mode, ByteSpan biu) = 0;
+  // The same BIU in a buffer the transport may keep (moved from) instead of
+  // copying it, down to the queue it waits in until acknowledged.  One that
+  // cannot keep it sends a copy and leaves the buffer to the caller.
+  virtual void send_biu_buffer(std::string_view partner_lu, std::string_view mode, Bytes &&biu) {
+    send_biu(partner_lu, mode, ByteSpan(biu));
+  }
 };
 
 class Clock {
