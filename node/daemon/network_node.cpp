@@ -352,6 +352,12 @@ void NetworkNode::send_biu(std::string_view partner_lu, std::string_view mode, n
   flush_link();
 }
 
+void NetworkNode::send_biu_buffer(std::string_view partner_lu, std::string_view mode,
+                                  net::Bytes &&biu) {
+  if (!ee_) return send_biu(partner_lu, mode, net::ByteSpan(biu));
+  ee_->send_biu(partner_lu, mode, std::move(biu));
+}
+
 void NetworkNode::flush_link() {
   while (link_up_ && !link_queue_.empty()) {
     const net::Bytes &biu = link_queue_.front();

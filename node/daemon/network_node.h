@@ -79,6 +79,8 @@ class NetworkNode : public net::lu62::BiuTransport,
  private:
   // BiuTransport
   void send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu) override;
+  void send_biu_buffer(std::string_view partner_lu, std::string_view mode,
+                       net::Bytes &&biu) override;
   // Clock
   time_point now() const override { return std::chrono::steady_clock::now(); }
   // IncomingConversations
