@@ -81,9 +81,7 @@ class State : public ReactorEndpoint,
               public std::enable_shared_from_this<State> {
  public:
   State(int fd, RunLocked run_locked, SocketPeer peer)
-      : fd_(fd), run_locked_(std::move(run_locked)) {
-    reader_.set_poll_before_waiting(peer == SocketPeer::kNode);
-  }
+      : fd_(fd), run_locked_(std::move(run_locked)), peer_is_node_(peer == SocketPeer::kNode) {}
   ~State() override { ::close(fd_); }
 
   void start() {
@@ -104,6 +102,7 @@ class State : public ReactorEndpoint,
 
   void send(Frame &&frame, bool more) {
     if (!open_ || write_failed_.load()) return;
+    note_sent();
     Outgoing out;
     encode_frame_header(frame, out.head);
     out.head_size = kFrameHeaderSize;
@@ -120,6 +119,7 @@ class State : public ReactorEndpoint,
   // this thread as room comes (`may_wait`) or copied into the queue.
   void send_data(uint8_t flags, const uint8_t *data, size_t size, bool may_wait) {
     if (!open_ || write_failed_.load()) return;
+    note_sent();
     Outgoing head;
     encode_frame_header(FrameHeader{FrameType::kData, flags, 0, static_cast<uint32_t>(size)},
                         head.head);
@@ -513,10 +513,20 @@ class State : public ReactorEndpoint,
     return false;
   }
 
+  // What this end sends may wake a reader waiting on it for nothing when the
+  // daemon reads it (see SocketPeer): noted for the next read that waits.
+  void note_sent() {
+    if (peer_is_node_) sent_since_wait_.store(true, std::memory_order_relaxed);
+  }
+
   // The input's owner reads.
   void read_socket(std::vector<Frame> &frames, bool to_the_end, bool wait = false,
                    const Landing *landing = nullptr) {
     if (input_ended_.load()) return;
+    // Only a wait that follows a send polls first: a receiver taking a stream
+    // sends nothing the daemon could wake it with, and a poll per wait would
+    // be a system call per record for nothing.
+    if (wait) reader_.set_poll_before_waiting(sent_since_wait_.exchange(false));
     if (landing == nullptr || !reader_.read_landing(fd_, *landing, frames, wait)) {
       reader_.read(fd_, frames, to_the_end, wait);
     }
@@ -562,6 +572,8 @@ class State : public ReactorEndpoint,
   bool closing_ = false;
   bool retired_ = false;
   Clock::time_point exit_progress_;  // the last write at exit (zero: none yet)
+  const bool peer_is_node_;
+  std::atomic<bool> sent_since_wait_{false};  // see note_sent
   std::atomic<bool> write_failed_{false};
   std::atomic<int> senders_waiting_{0};
   std::condition_variable_any drained_;  // waited on with the process lock

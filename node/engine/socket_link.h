@@ -52,10 +52,12 @@ using RunLocked = std::function<void(const std::function<void()> &work)>;
 // the socket's sleepers for room to write).  Where the other end is the
 // daemon, that is every request a TP sends and then waits to hear answered,
 // and the daemon, often on the same CPU, is preempted by the TP it woke for
-// nothing: on such an end a waiting reader polls for input alone before it
-// reads.  Where the partner's process holds the other end, the early wake-up
-// of a TP on an idle CPU has measured as a gain (it is up and running when its
-// answer comes), so the reader sleeps in recv(2) there.
+// nothing: on such an end a reader that waits after sending polls for input
+// alone before it reads (one that only receives, a stream, goes straight to
+// recv(2): the poll would cost a system call per record).  Where the
+// partner's process holds the other end, the early wake-up of a TP on an idle
+// CPU has measured as a gain (it is up and running when its answer comes), so
+// the reader sleeps in recv(2) there.
 enum class SocketPeer : uint8_t { kPartner, kNode };
 
 // Takes ownership of `fd`, a connected stream socket.  Without `run_locked`
