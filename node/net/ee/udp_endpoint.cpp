@@ -14,7 +14,12 @@
 namespace snanode::net::ee {
 namespace {
 
+// Datagrams read by one recvmmsg.
 constexpr size_t kBatch = 32;
+// Datagrams sent by one sendmmsg: a pass of the loop queues up to a quarter
+// of a megabyte from a streaming TP (some 180 frames of the default BTU), and
+// a smaller batch would also cut offloaded runs short at its end.
+constexpr size_t kSendBatch = 256;
 
 // The receiving direction draws from its own sequence, so that loss in one
 // direction does not mirror the other's.
@@ -173,20 +178,21 @@ struct UdpEndpoint::Buffers {
   struct Control {
     alignas(cmsghdr) uint8_t bytes[CMSG_SPACE(sizeof(int))];
   };
+  template <size_t N>
   struct Messages {
-    std::array<mmsghdr, kBatch> headers{};
+    std::array<mmsghdr, N> headers{};
     // Two for each datagram sent (its head and its tail); one received.
-    std::array<iovec, 2 * kBatch> iovecs{};
-    std::array<sockaddr_storage, kBatch> addresses{};
-    std::array<Control, kBatch> controls{};
+    std::array<iovec, 2 * N> iovecs{};
+    std::array<sockaddr_storage, N> addresses{};
+    std::array<Control, N> controls{};
   };
   // Separate for sending: a datagram handed up while a received batch is
   // being gone through may lead to a flush(), which must not overwrite the
   // headers of the datagrams still to come.
-  Messages received;
-  Messages sent;
-  std::array<size_t, kBatch> segments{};  // datagrams in each message sent
-  std::array<size_t, kBatch> firsts{};    // the index in outgoing_ of each one's first
+  Messages<kBatch> received;
+  Messages<kSendBatch> sent;
+  std::array<size_t, kSendBatch> segments{};  // datagrams in each message sent
+  std::array<size_t, kSendBatch> firsts{};    // the index in outgoing_ of each one's first
   std::vector<uint8_t> data = std::vector<uint8_t>(kBatch * kReceiveBufferSize);
 };
 
@@ -333,7 +339,7 @@ void UdpEndpoint::flush() {
   size_t first = 0;
   while (first < outgoing_.size()) {
     size_t count = 1;
-    while (first + count < outgoing_.size() && count < kBatch &&
+    while (first + count < outgoing_.size() && count < kSendBatch &&
            outgoing_[first + count].port_index == outgoing_[first].port_index) {
       ++count;
     }
@@ -387,7 +393,7 @@ ByteSpan UdpEndpoint::whole(const HeldDatagram &d) {
 
 void UdpEndpoint::send_batch(size_t first, size_t count) {
   Buffers &all = *buffers_;
-  Buffers::Messages &b = all.sent;
+  auto &b = all.sent;
   const unsigned port_index = outgoing_[first].port_index;
   // Each message is one datagram or a run sent with segmentation offload:
   // the kernel cuts the run into the same datagrams, so what the partner
@@ -471,7 +477,7 @@ void UdpEndpoint::on_readable(int fd, TimePoint now) {
   ++dispatching_;
   last_now_ = now;
   Buffers &all = *buffers_;
-  Buffers::Messages &b = all.received;
+  auto &b = all.received;
   Bytes address;  // each sender's, in the same room
   for (;;) {
     for (size_t i = 0; i < kBatch; ++i) {
