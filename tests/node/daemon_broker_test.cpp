@@ -92,6 +92,17 @@ TEST_F(BrokerTest, AllocationReachesAWaitingAcceptWithJoinedEnds) {
             std::tuple(41u, "ECHO", false, 1, "APPN.LOCAL", false));
   expect_joined(results[0]->descriptor.get(), delivered[0]->descriptor.get());
   expect_joined(delivered[0]->descriptor.get(), results[0]->descriptor.get());
+  // Both ends joined here; only an attach from the network has the daemon
+  // at the other side of its end.
+  EXPECT_FALSE(result.via_node || attach.via_node);
+  ASSERT_TRUE(handle(server, AcceptWait{42, {"ECHO"}}));
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  ::close(ends[1]);
+  EXPECT_EQ(broker_.attach_from_network(request("ECHO"), client::UniqueFd(ends[0]), true), 0u);
+  const auto networked = out_.to<AttachDelivery>(server);
+  ASSERT_EQ(networked.size(), 2u);
+  EXPECT_TRUE(std::get<AttachDelivery>(networked[1]->message).via_node);
 }
 
 TEST_F(BrokerTest, QueuedAttachesGoOldestFirstAndACancelledAcceptGetsNone) {
