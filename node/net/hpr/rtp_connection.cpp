@@ -370,11 +370,6 @@ void RtpConnection::pump(RtpTime now) {
   finish_close_if_done(now);
 }
 
-void RtpConnection::send_message(ByteSpan message, RtpTime now) {
-  if (ended() || closing_) return;
-  send_message(pooled_copy(message), now);
-}
-
 void RtpConnection::send_message(Bytes &&message, RtpTime now) {
   if (ended() || closing_) return;
   send_.push_message(std::move(message));

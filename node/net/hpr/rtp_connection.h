@@ -73,8 +73,8 @@ class RtpConnection {
   RtpConnection(const RtpConnection &) = delete;
   RtpConnection &operator=(const RtpConnection &) = delete;
 
-  // Queues one message (a BIU) and sends what the rate allows.
-  void send_message(ByteSpan message, RtpTime now);
+  // Queues one message (a BIU), keeping its buffer until the partner has it,
+  // and sends what the rate allows.
   void send_message(Bytes &&message, RtpTime now);
   void on_nlp(const NlpView &nlp, RtpTime now);
   void on_timer(RtpTime now);

@@ -4,10 +4,6 @@
 
 namespace snanode::net::hpr {
 
-void RtpSendQueue::push_message(ByteSpan message) {
-  push_message(pooled_copy(message));
-}
-
 void RtpSendQueue::push_message(Bytes &&message) {
   if (message.empty()) return;
   waiting_bytes_ += message.size();

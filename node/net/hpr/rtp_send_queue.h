@@ -30,7 +30,6 @@ struct RtpSegment {
 
 class RtpSendQueue {
  public:
-  void push_message(ByteSpan message);
   void push_message(Bytes &&message);
 
   bool has_new_data() const { return !waiting_.empty(); }
