@@ -160,9 +160,7 @@ struct UdpEndpoint::Link final : DatagramSink {
     send_datagram_pieces(port_index, std::move(datagram), {});
   }
   void send_datagram_pieces(unsigned port_index, Bytes head, const SharedSpan &tail) override {
-    const TimePoint now =
-        endpoint.dispatching_ > 0 ? endpoint.last_now_ : std::chrono::steady_clock::now();
-    endpoint.queue(port_index, address, std::move(head), tail, now);
+    endpoint.queue(port_index, address, std::move(head), tail);
   }
   Bytes take_buffer() override { return take_from(endpoint.spare_payloads_); }
 
@@ -323,13 +321,16 @@ void UdpEndpoint::collect_removed() {
 }
 
 void UdpEndpoint::queue(unsigned port_index, const Bytes &address, Bytes datagram,
-                        const SharedSpan &tail, TimePoint now) {
+                        const SharedSpan &tail) {
   HeldDatagram held{port_index, take_from(spare_addresses_), std::move(datagram), tail};
   held.address.assign(address.begin(), address.end());
   if (!impair_send_.settings().any()) {
     outgoing_.push_back(std::move(held));
     return;
   }
+  // Only the impairer's delays need the time: a stream's datagrams do not
+  // read the clock one by one.
+  const TimePoint now = dispatching_ > 0 ? last_now_ : std::chrono::steady_clock::now();
   impair_send_.push(std::move(held), now, outgoing_);
 }
 

@@ -108,8 +108,7 @@ class UdpEndpoint {
  private:
   struct Link;
   UdpEndpoint(const EndpointConfig &config, int family, Bytes local);
-  void queue(unsigned port_index, const Bytes &address, Bytes datagram, const SharedSpan &tail,
-             TimePoint now);
+  void queue(unsigned port_index, const Bytes &address, Bytes datagram, const SharedSpan &tail);
   void deliver(unsigned port_index, const Bytes &address, ByteSpan payload, TimePoint now);
   size_t offload_run(size_t at, size_t limit) const;
   static size_t gather(HeldDatagram &d, struct iovec *out);

@@ -4,6 +4,7 @@
 #include "net/formats/control_rus.h"
 #include "net/formats/fmh7.h"
 #include "net/formats/sense_codes.h"
+#include "net/formats/shared_bytes.h"
 #include "net/formats/wire_decisions.h"
 #include "net/lu62/conversation_codes.h"
 #include "net/lu62/conversation_translator.h"
@@ -171,6 +172,10 @@ void ConversationTranslator::start_chain() {
 void ConversationTranslator::append_data(const Frame &frame, Output &out) {
   if (!holder_) return;  // the engine never sends data without the turn
   start_chain();
+  // The chain's bytes leave as the last RU's buffer, which the session gives
+  // back to the pool once sent: the next record's come from there rather
+  // than from a fresh allocation.
+  if (pending_.capacity() == 0) pending_ = pooled_buffer();
   // Room for the record and its segment headers at once: grown a header at a
   // time, a large record would be copied into ever larger buffers.
   pending_.reserve(pending_.size() + frame.payload.size() + frame.payload.size() / 8192 + 8);

@@ -147,7 +147,11 @@ void Session::send_request_to_send() {
 
 Status Session::send_unit(const Rh &rh, Bytes ru, bool expedited) {
   if (!rh.response) {
-    if (!expedited) return send_request(rh, std::move(ru));
+    if (!expedited) {
+      const Status status = send_request(rh, std::move(ru));
+      recycle_buffer(std::move(ru));  // nothing when the session holds it
+      return status;
+    }
     Result<Signal> signal = decode_signal(ru);
     if (!signal) return {signal.sense()};
     send_request_to_send();
