@@ -2,6 +2,7 @@
 // connect to its Unix socket; it brokers their allocations and attaches and
 // starts invokable TPs.  See docs/daemon.md.
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -165,6 +166,12 @@ int main(int argc, char **argv) {
   ::sigprocmask(SIG_BLOCK, &handled, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   snanode::raise_open_file_limit();
+  // A stream frees and allocates its records' buffers thousands of times a
+  // second.  With the allocator's default, the top of the heap goes back to
+  // the system whenever 128 KB of it are free and is faulted in again page by
+  // page a moment later: a receiving daemon spent about a tenth of its CPU
+  // so.  Up to 32 MB of freed heap are kept for reuse instead.
+  ::mallopt(M_TRIM_THRESHOLD, 32 << 20);
 
   snanode::daemon::Server server(config, socket_path, foreground);
   std::string error;
