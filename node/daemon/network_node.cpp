@@ -386,6 +386,13 @@ void NetworkNode::watch_fd(int op, int fd, uint32_t events, uint64_t token) {
 }
 
 void NetworkNode::on_event(uint64_t tagged, uint32_t events) {
+  struct EventTime {
+    std::optional<time_point> &time;
+    explicit EventTime(std::optional<time_point> &t) : time(t) {
+      time = std::chrono::steady_clock::now();
+    }
+    ~EventTime() { time.reset(); }
+  } held(event_time_);
   const uint64_t token = tagged & ~kTokenTag;
   if (token == kLinkToken) {
     if ((events & EPOLLOUT) != 0) flush_link();

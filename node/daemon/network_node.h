@@ -81,8 +81,12 @@ class NetworkNode : public net::lu62::BiuTransport,
   void send_biu(std::string_view partner_lu, std::string_view mode, net::ByteSpan biu) override;
   void send_biu_buffer(std::string_view partner_lu, std::string_view mode,
                        net::Bytes &&biu) override;
-  // Clock
-  time_point now() const override { return std::chrono::steady_clock::now(); }
+  // Clock: while an event is handled, the time it began.  One reading serves
+  // all its work: a batch of datagrams, or a TP's records, read the clock
+  // packet by packet otherwise (a tenth of a receiving daemon's own time).
+  time_point now() const override {
+    return event_time_ ? *event_time_ : std::chrono::steady_clock::now();
+  }
   // IncomingConversations
   void on_partner_bracket(net::lu62::Session &session) override;
   // UnitObserver: set only while a scoped capture is on.
@@ -158,6 +162,7 @@ class NetworkNode : public net::lu62::BiuTransport,
   // data to travel with, oldest first.
   std::deque<std::pair<std::chrono::steady_clock::time_point, RemoteConversation *>> attach_due_;
   bool path_lost_reported_ = false;   // the sessions heard of the link's loss
+  std::optional<time_point> event_time_;  // see now()
   std::unique_ptr<EeNetwork> ee_;     // the Enterprise Extender network, without a link fd
   std::string network_error_;         // why ee_ could not be opened
   std::set<std::string> paths_lost_;  // partner LUs whose sessions must end (from sweep)
