@@ -86,13 +86,12 @@ class ByteWriter {
   size_t size() const { return out_.size(); }
   void u8(uint8_t value) { out_.push_back(value); }
   void u16(uint16_t value) {
-    const uint8_t field[2] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-    out_.insert(out_.end(), field, field + 2);
+    out_.push_back(static_cast<uint8_t>(value >> 8));
+    out_.push_back(static_cast<uint8_t>(value));
   }
   void u32(uint32_t value) {
-    const uint8_t field[4] = {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
-                              static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-    out_.insert(out_.end(), field, field + 4);
+    u16(static_cast<uint16_t>(value >> 16));
+    u16(static_cast<uint16_t>(value));
   }
   void bytes(ByteSpan data) { out_.insert(out_.end(), data.begin(), data.end()); }
   void patch_u8(size_t at, uint8_t value) { out_[at] = value; }
