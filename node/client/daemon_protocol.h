@@ -25,7 +25,9 @@ namespace snanode::client {
 // the daemon asks processes for their conversations (stats-query) and
 // switches their trace (trace-control); control connections (snanodectl).
 // A library of version 1 would misread both, so it is refused at the hello.
-inline constexpr uint32_t kProtocolVersion = 3;
+// 3: allocate-result and attach say "via node".  4: a TP's end the daemon
+// holds takes large records through a ring (engine/record_ring.h).
+inline constexpr uint32_t kProtocolVersion = 4;
 // The version of the words of a control request (see ControlRequest).
 inline constexpr uint32_t kControlVersion = 1;
 inline constexpr size_t kMessageHeaderSize = 6;

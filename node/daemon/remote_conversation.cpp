@@ -29,6 +29,7 @@ RemoteConversation::RemoteConversation(net::lu62::ConversationTranslator transla
       watch_(std::move(watch)),
       on_attach_(std::move(on_attach)),
       on_finished_(std::move(on_finished)) {
+  reader_.set_takes_descriptors(true);  // the ring a TP may offer
   session.attach_user(this);
   update_watch();
 }
@@ -75,19 +76,25 @@ void RemoteConversation::send_attach() {
 void RemoteConversation::read_frames(bool to_the_end) {
   reading_ = true;
   std::vector<engine::Frame> frames;
+  bool broken = false;  // the TP broke the ring's rules: its stream is broken
   do {
     frames.clear();
     // Once a write has failed the TP has gone: what it sent is read to the end.
     reader_.read(tp_end_.get(), frames, to_the_end || tp_write_failed_, false, kTpReadBudget);
     for (engine::Frame &frame : frames) {
-      apply(translator_.on_frame(frame));
+      if (!ring_.take(frame, reader_)) {
+        broken = true;
+        break;
+      }
+      if (frame.type != engine::FrameType::kRing) apply(translator_.on_frame(frame));
       // The translator copied what it needs: the buffer goes back to the pool
       // so the next frame's is not allocated and zero-filled again.
       engine::give_back_buffer(std::move(frame.payload));
     }
-  } while (tp_write_failed_ && !frames.empty() && reader_.end() == engine::FrameReader::End::kNone);
+  } while (!broken && tp_write_failed_ && !frames.empty() &&
+           reader_.end() == engine::FrameReader::End::kNone);
   reading_ = false;
-  if (reader_.end() == engine::FrameReader::End::kNone && !tp_write_failed_) return;
+  if (!broken && reader_.end() == engine::FrameReader::End::kNone && !tp_write_failed_) return;
   tp_stream_ended_ = true;
   // The TP has gone: without a deallocation first, its partner hears of a
   // conversation failure.
@@ -228,6 +235,7 @@ void RemoteConversation::update_receive_ready() {
 
 void RemoteConversation::close_tp_end() {
   if (!tp_end_.valid()) return;
+  ring_.close();
   watched_ = 0;
   watch_(*this, 0);
   tp_end_.reset();

@@ -18,6 +18,7 @@
 #include "client/message_channel.h"
 #include "engine/frame_reader.h"
 #include "engine/output_queue.h"
+#include "engine/record_ring.h"
 #include "net/lu62/conversation_translator.h"
 #include "net/lu62/session.h"
 
@@ -85,6 +86,7 @@ class RemoteConversation : public net::lu62::SessionUser {
   Finished on_finished_;
   engine::FrameReader reader_;
   engine::OutputQueue out_;  // frames not yet taken by the TP's end
+  engine::RingIntake ring_;  // large records the TP sends through memory
   bool tp_stream_ended_ = false;
   bool attach_pending_ = false;   // the attach logic has not answered yet
   bool tp_write_failed_ = false;  // the TP's end refused a write: it has gone

@@ -16,7 +16,7 @@ uint32_t get_u32(const uint8_t *in) {
 
 bool known_type(uint8_t type) {
   return type >= static_cast<uint8_t>(FrameType::kData) &&
-         type <= static_cast<uint8_t>(FrameType::kFailure);
+         type <= static_cast<uint8_t>(FrameType::kRing);
 }
 
 }  // namespace

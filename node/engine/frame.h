@@ -33,12 +33,19 @@ enum class FrameType : uint8_t {
   // to a partner on another node failed.  A link that simply breaks says
   // only "no retry".  New in daemon protocol version 2.
   kFailure = 10,
+  // TP to node daemon: the ring of record_ring.h, whose descriptor comes with
+  // this frame; payload: u32 the ring's size.  New in daemon protocol
+  // version 4.  A TP's end ignores one.
+  kRing = 11,
 };
 
 // DATA flag: a control frame (turn, confirm, error, deallocation) follows at
 // once.  The receiver holds its waiting verb until that frame is in, so data
 // and the status sent with it are received together.
 inline constexpr uint8_t kDataMoreFollows = 1;
+// DATA flag, TP to node daemon: the record is in the ring (record_ring.h);
+// the payload says where.
+inline constexpr uint8_t kDataInRing = 2;
 
 enum class ConfirmKind : uint8_t { kPlain = 0, kChangeDirection = 1, kDeallocate = 2 };
 enum class SendErrorKind : uint8_t { kNoTruncation = 0, kTruncation = 1, kPurging = 2 };

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -71,9 +72,38 @@ void FrameReader::read(int fd, std::vector<Frame> &frames, bool to_the_end, bool
 ssize_t FrameReader::receive(int fd, uint8_t *into, size_t size, bool wait) {
   for (;;) {
     if (wait) await_input(fd);
-    const ssize_t n = received(::recv(fd, into, size, wait ? 0 : MSG_DONTWAIT));
+    const int flags = wait ? 0 : MSG_DONTWAIT;
+    const ssize_t n =
+        received(takes_descriptors_ ? receive_taking_descriptors(fd, into, size, flags)
+                                    : ::recv(fd, into, size, flags));
     if (n >= 0 || end_ != End::kNone) return n;
   }
+}
+
+ssize_t FrameReader::receive_taking_descriptors(int fd, uint8_t *into, size_t size, int flags) {
+  iovec piece{into, size};
+  alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
+  msghdr message{};
+  message.msg_iov = &piece;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  const ssize_t n = ::recvmsg(fd, &message, flags | MSG_CMSG_CLOEXEC);
+  if (n < 0) return n;
+  for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+    if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+    const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; ++i) {
+      int passed;
+      std::memcpy(&passed, CMSG_DATA(c) + i * sizeof(int), sizeof passed);
+      if (descriptor_.valid()) {
+        ::close(passed);
+      } else {
+        descriptor_.reset(passed);
+      }
+    }
+  }
+  return n;
 }
 
 void FrameReader::await_input(int fd) const {

@@ -16,6 +16,7 @@
 #include <optional>
 #include <vector>
 
+#include "client/unique_fd.h"
 #include "engine/frame.h"
 #include "engine/link.h"
 
@@ -50,6 +51,13 @@ class FrameReader {
   // SocketPeer in socket_link.h), then reads.
   void set_poll_before_waiting(bool on) { poll_before_waiting_ = on; }
 
+  // Takes in a descriptor passed with what it reads (the node daemon's
+  // reader of a TP's end: the ring of record_ring.h).  One is kept until
+  // taken; any other closes as it arrives, as every descriptor does on a
+  // reader not so set.
+  void set_takes_descriptors(bool on) { takes_descriptors_ = on; }
+  client::UniqueFd take_descriptor() { return std::move(descriptor_); }
+
   End end() const { return end_; }
   // When a read last found the socket empty.
   std::chrono::steady_clock::time_point emptied_at() const { return emptied_at_; }
@@ -58,6 +66,8 @@ class FrameReader {
   // recv without blocking: the bytes read, 0 when there were none, -1 once
   // the stream has ended.
   ssize_t receive(int fd, uint8_t *into, size_t size, bool wait);
+  // recvmsg(2) that keeps a descriptor passed with the bytes.
+  ssize_t receive_taking_descriptors(int fd, uint8_t *into, size_t size, int flags);
   // Takes a read's result as receive() does: the bytes, 0, or -1.
   ssize_t received(ssize_t n);
   // Before a read that may wait: polls for input alone when so set.
@@ -73,6 +83,8 @@ class FrameReader {
   End end_ = End::kNone;
   bool landed_large_ = false;  // the last record landed was large
   bool poll_before_waiting_ = false;
+  bool takes_descriptors_ = false;
+  client::UniqueFd descriptor_;
   std::chrono::steady_clock::time_point emptied_at_;
 };
 

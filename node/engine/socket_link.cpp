@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -22,6 +23,7 @@
 #include "engine/frame_reader.h"
 #include "engine/link_reactor.h"
 #include "engine/output_queue.h"
+#include "engine/record_ring.h"
 
 namespace snanode::engine {
 namespace {
@@ -120,11 +122,19 @@ class State : public ReactorEndpoint,
   void send_data(uint8_t flags, const uint8_t *data, size_t size, bool may_wait) {
     if (!open_ || write_failed_.load()) return;
     note_sent();
+    std::unique_lock<std::mutex> hold(out_mutex_);
+    // A large record to the daemon that the ring takes leaves as a reference
+    // to where it lies there, sent (and waited for) as the record would be.
+    uint8_t reference[kRingReferenceSize];
+    if (peer_is_node_ && size >= kRingRecordMin && place_in_ring_locked(data, size, reference)) {
+      flags |= kDataInRing;
+      data = reference;
+      size = kRingReferenceSize;
+    }
     Outgoing head;
     encode_frame_header(FrameHeader{FrameType::kData, flags, 0, static_cast<uint32_t>(size)},
                         head.head);
     head.head_size = kFrameHeaderSize;
-    std::unique_lock<std::mutex> hold(out_mutex_);
     if (!queue_.empty() || blocked_) {
       head.body = take_buffer(size);
       if (size > 0) std::memcpy(head.body.data(), data, size);
@@ -408,6 +418,43 @@ class State : public ReactorEndpoint,
     if (!more && !blocked_) write_queue_locked();
   }
 
+  // Copies a large record for the daemon into the ring (record_ring.h) when
+  // it has room, and says where in `reference`.  The ring is offered with the
+  // first such record; its descriptor travels with the offer's first byte, so
+  // only while nothing is queued before it.  False: the record goes inline.
+  // (Waiting for room in the ring instead, woken by the daemon, made a stream
+  // slower: on a shared CPU the records that go inline meanwhile keep both
+  // sides busy.)  `out_mutex_` is held.
+  bool place_in_ring_locked(const uint8_t *data, size_t size,
+                            uint8_t (&reference)[kRingReferenceSize]) {
+    if (!ring_) {
+      if (no_ring_ || !queue_.empty() || blocked_ || partial_out_) return false;
+      std::optional<RingWriter> ring = RingWriter::create();
+      if (!ring) {
+        no_ring_ = true;
+        return false;
+      }
+      uint8_t offer[RingWriter::kOfferSize];
+      const ssize_t n = ring->send_offer(fd_, offer);
+      if (n <= 0) {
+        // A full socket: offered with a later record.  Anything else, the
+        // link is failing or cannot pass descriptors: inline from now on.
+        if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) no_ring_ = true;
+        return false;
+      }
+      if (static_cast<size_t>(n) < sizeof offer) {
+        Outgoing rest;
+        rest.body.assign(offer + n, offer + sizeof offer);
+        enqueue_locked(std::move(rest), false);
+      }
+      ring_.emplace(std::move(*ring));
+    }
+    const std::optional<RingReference> placed = ring_->place(data, size);
+    if (!placed) return false;
+    encode_ring_reference(*placed, reference);
+    return true;
+  }
+
   // `out_mutex_` is held.
   void write_queue_locked() {
     if (partial_out_) return;  // a frame is half written from its sender's buffer
@@ -561,9 +608,11 @@ class State : public ReactorEndpoint,
   // Output, guarded by out_mutex_.
   std::mutex out_mutex_;
   OutputQueue queue_;
-  bool blocked_ = false;       // the socket was full: the reactor writes when it is not
-  bool self_writing_ = false;  // ... unless a verb's thread writes it
-  bool partial_out_ = false;   // send_data is writing a frame straight from its caller
+  bool blocked_ = false;            // the socket was full: the reactor writes when it is not
+  bool self_writing_ = false;       // ... unless a verb's thread writes it
+  bool partial_out_ = false;        // send_data is writing a frame straight from its caller
+  std::optional<RingWriter> ring_;  // on an end the daemon holds, once offered
+  bool no_ring_ = false;            // the ring could not be made or offered
   bool input_attached_ = false;
   bool input_wanted_ = true;
   bool reading_here_ = false;

@@ -150,10 +150,10 @@ void link_loss_acceptor(Side &side) {
   CHECK_EQ(c.send("after") == CM_OK && c.call(cmptr) == CM_OK && c.receive().rc == CM_OK, false);
 }
 
-// Far more than the daemons and sockets hold for a TP that does not read yet:
+// Far more than the daemons, sockets and ring hold for a TP that does not read yet:
 // pacing stops node A's daemon, which stops reading its TP, so the sender
 // cannot finish before B reads; every byte still arrives.
-constexpr int kBulkRecords = 140;
+constexpr int kBulkRecords = 200;
 constexpr size_t kBulkSize = 30000;
 
 void bulk_allocator(Side &side) {

@@ -1,0 +1,251 @@
+// Large records from a TP to its daemon through the shared ring: what the
+// TP's link sends, and what the daemon's side accepts from a TP it cannot
+// trust.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "core/process_lock.h"
+#include "engine/frame_reader.h"
+#include "engine/record_ring.h"
+#include "engine/socket_link.h"
+
+namespace {
+
+using namespace snanode::engine;
+
+struct SocketPair {
+  SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
+  ~SocketPair() {
+    for (int fd : fds) {
+      if (fd >= 0) ::close(fd);
+    }
+  }
+  int fds[2] = {-1, -1};
+};
+
+std::vector<uint8_t> record_of(size_t size, uint8_t seed) {
+  std::vector<uint8_t> bytes(size);
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 13);
+  return bytes;
+}
+
+// The daemon's end: reads frames as the daemon does, each through the intake.
+struct DaemonEnd {
+  explicit DaemonEnd(int fd) : fd(fd) { reader.set_takes_descriptors(true); }
+  // Reads until `count` frames are in (or a second passes without any);
+  // false as soon as the intake refuses one.
+  bool read(size_t count) {
+    while (frames.size() < count) {
+      pollfd polled{fd, POLLIN, 0};
+      if (::poll(&polled, 1, 1000) <= 0) return true;
+      std::vector<Frame> got;
+      reader.read(fd, got, false);
+      for (Frame &frame : got) {
+        const bool in_ring = frame.type == FrameType::kData && (frame.flags & kDataInRing) != 0;
+        if (!intake.take(frame, reader)) return false;
+        if (frame.type == FrameType::kRing) continue;
+        ring_records += in_ring ? 1 : 0;
+        frames.push_back(std::move(frame));
+      }
+    }
+    return true;
+  }
+  int fd;
+  FrameReader reader;
+  RingIntake intake;
+  std::vector<Frame> frames;
+  size_t ring_records = 0;
+};
+
+void send_raw(int fd, const std::vector<uint8_t> &bytes, int passing = -1) {
+  iovec piece{const_cast<uint8_t *>(bytes.data()), bytes.size()};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_iov = &piece;
+  message.msg_iovlen = 1;
+  if (passing >= 0) {
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr *c = CMSG_FIRSTHDR(&message);
+    c->cmsg_level = SOL_SOCKET;
+    c->cmsg_type = SCM_RIGHTS;
+    c->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(c), &passing, sizeof(int));
+  }
+  ASSERT_EQ(::sendmsg(fd, &message, 0), static_cast<ssize_t>(bytes.size()));
+}
+
+std::vector<uint8_t> frame_bytes(FrameType type, uint8_t flags, const std::vector<uint8_t> &body) {
+  Frame frame;
+  frame.type = type;
+  frame.flags = flags;
+  frame.payload = body;
+  std::vector<uint8_t> out;
+  encode_frame(frame, out);
+  return out;
+}
+
+std::vector<uint8_t> size_field(uint32_t size) {
+  return {static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
+          static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)};
+}
+
+std::vector<uint8_t> reference(uint64_t end, uint32_t length) {
+  uint8_t out[kRingReferenceSize];
+  encode_ring_reference({end, length}, out);
+  return {out, out + kRingReferenceSize};
+}
+
+// A memory file as a TP could make one: `seals` added, `size` bytes.
+int memory_file(unsigned seals, off_t size) {
+  const int fd = ::memfd_create("test-ring", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  EXPECT_GE(fd, 0);
+  EXPECT_EQ(::ftruncate(fd, size), 0);
+  if (seals != 0) {
+    EXPECT_EQ(::fcntl(fd, F_ADD_SEALS, seals), 0);
+  }
+  return fd;
+}
+
+// Records to the daemon go through the ring while it has room and inline
+// when it has none, small ones always inline, all arriving in order and
+// whole; room the daemon has read is used again.
+TEST(RecordRing, TpLinkSendsLargeRecordsThroughTheRingInOrder) {
+  SocketPair pair;
+  std::unique_ptr<Link> tp(make_socket_link(pair.fds[0], nullptr, SocketPeer::kNode));
+  pair.fds[0] = -1;  // the link owns it
+  DaemonEnd daemon(pair.fds[1]);
+  std::vector<std::vector<uint8_t>> sent;
+  const auto send = [&](size_t size) {
+    sent.push_back(record_of(size, static_cast<uint8_t>(sent.size())));
+    snanode::ProcessLockGuard lock;
+    tp->send_data(0, sent.back().data(), sent.back().size(), false);
+  };
+  // More than the ring holds before the daemon reads anything.
+  size_t large = 0;
+  for (size_t i = 0; i < 3 * kRingDataSize / 32767; ++i) {
+    const size_t size = i % 3 == 0 ? 100 : 32767 - i;
+    large += size >= kRingRecordMin ? 1 : 0;
+    send(size);
+  }
+  ASSERT_TRUE(daemon.read(sent.size()));
+  const size_t through_ring = daemon.ring_records;
+  EXPECT_GE(through_ring, kRingDataSize / 32767 - 1);
+  EXPECT_LT(through_ring, large);  // the rest found the ring full
+  // Read and released: the ring takes the next ones again.
+  for (size_t i = 0; i < 6; ++i) send(kRingRecordMin + i);
+  ASSERT_TRUE(daemon.read(sent.size()));
+  EXPECT_EQ(daemon.ring_records, through_ring + 6);
+  ASSERT_EQ(daemon.frames.size(), sent.size());
+  for (size_t i = 0; i < sent.size(); ++i) {
+    EXPECT_EQ(daemon.frames[i].payload, sent[i]) << i;
+    EXPECT_EQ(daemon.frames[i].flags, 0) << i;
+  }
+  snanode::ProcessLockGuard lock;
+  tp.reset();
+}
+
+// Each way a TP can break the ring's rules is refused, on a daemon that
+// carries on; a well-made ring is taken, once.
+TEST(RecordRing, DaemonRefusesWhatDoesNotHoldUp) {
+  const uint32_t size = RingWriter::file_size();
+  struct Case {
+    const char *what;
+    int passed;  // -1: none
+    std::vector<uint8_t> frame;
+  };
+  int pipe_ends[2];
+  ASSERT_EQ(::pipe(pipe_ends), 0);
+  ::close(pipe_ends[1]);
+  const std::vector<uint8_t> offer = frame_bytes(FrameType::kRing, 0, size_field(size));
+  const std::vector<Case> cases = {
+      {"a record in no ring", -1, frame_bytes(FrameType::kData, kDataInRing, reference(100, 100))},
+      {"an offer without a descriptor", -1, offer},
+      {"a pipe", pipe_ends[0], offer},
+      {"a file that can shrink", memory_file(F_SEAL_GROW, size), offer},
+      {"a file that can grow", memory_file(F_SEAL_SHRINK, size), offer},
+      {"a file of another size", memory_file(F_SEAL_SHRINK | F_SEAL_GROW, size * 2),
+       frame_bytes(FrameType::kRing, 0, size_field(size * 2))},
+      {"a size that is not the file's", memory_file(F_SEAL_SHRINK | F_SEAL_GROW, size),
+       frame_bytes(FrameType::kRing, 0, size_field(size + 1))},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    SocketPair pair;
+    DaemonEnd daemon(pair.fds[1]);
+    send_raw(pair.fds[0], c.frame, c.passed);
+    if (c.passed >= 0) ::close(c.passed);
+    EXPECT_FALSE(daemon.read(1));
+  }
+
+  // A good ring, offered as a TP's link offers it; then references to it.
+  SocketPair pair;
+  DaemonEnd daemon(pair.fds[1]);
+  std::optional<RingWriter> ring = RingWriter::create();
+  ASSERT_TRUE(ring);
+  uint8_t offer_bytes[RingWriter::kOfferSize];
+  ASSERT_EQ(ring->send_offer(pair.fds[0], offer_bytes), ssize_t{RingWriter::kOfferSize});
+  const std::vector<uint8_t> record = record_of(20000, 5);
+  const std::optional<RingReference> placed = ring->place(record.data(), record.size());
+  ASSERT_TRUE(placed);
+  send_raw(pair.fds[0],
+           frame_bytes(FrameType::kData, kDataInRing, reference(placed->end, placed->length)));
+  ASSERT_TRUE(daemon.read(1));
+  ASSERT_EQ(daemon.frames.size(), 1u);
+  EXPECT_EQ(daemon.frames[0].payload, record);
+
+  const uint64_t data = kRingDataSize;
+  const std::vector<std::pair<const char *, std::vector<uint8_t>>> bad = {
+      {"empty", reference(50, 0)},
+      {"larger than the ring", reference(data * 3, data + 1)},
+      {"across the ring's end", reference(data + 10, 20)},
+      {"ending before it starts", reference(5, 10)},
+      {"a reference cut short", std::vector<uint8_t>(kRingReferenceSize - 1, 0)},
+  };
+  for (const auto &[what, body] : bad) {
+    SCOPED_TRACE(what);
+    Frame frame;
+    frame.flags = kDataInRing;
+    frame.payload = body;
+    EXPECT_FALSE(daemon.intake.take(frame, daemon.reader));
+  }
+  // A second offer, however good.
+  std::optional<RingWriter> other = RingWriter::create();
+  ASSERT_TRUE(other);
+  ASSERT_EQ(other->send_offer(pair.fds[0], offer_bytes), ssize_t{RingWriter::kOfferSize});
+  EXPECT_FALSE(daemon.read(2));
+}
+
+// The writer never overwrites what the daemon has not released, and a
+// record that would run past the ring's end starts at its beginning.
+TEST(RecordRing, WriterKeepsToTheRoomReleased) {
+  SocketPair pair;
+  DaemonEnd daemon(pair.fds[1]);
+  std::optional<RingWriter> ring = RingWriter::create();
+  ASSERT_TRUE(ring);
+  uint8_t offer_bytes[RingWriter::kOfferSize];
+  ASSERT_EQ(ring->send_offer(pair.fds[0], offer_bytes), ssize_t{RingWriter::kOfferSize});
+  const std::vector<uint8_t> record = record_of(100000, 1);
+  std::vector<RingReference> placed;
+  for (size_t i = 0; i < 2 * kRingDataSize / record.size(); ++i) {
+    if (auto ref = ring->place(record.data(), record.size())) placed.push_back(*ref);
+  }
+  ASSERT_EQ(placed.size(), kRingDataSize / record.size());
+  // The daemon takes the first: the next one wraps to the start, where it was.
+  send_raw(pair.fds[0],
+           frame_bytes(FrameType::kData, kDataInRing, reference(placed[0].end, placed[0].length)));
+  ASSERT_TRUE(daemon.read(1));
+  const std::optional<RingReference> wrapped = ring->place(record.data(), record.size());
+  ASSERT_TRUE(wrapped);
+  EXPECT_EQ((wrapped->end - wrapped->length) % kRingDataSize, 0u);
+  EXPECT_FALSE(ring->place(record.data(), record.size()));
+  EXPECT_FALSE(ring->place(record.data(), 0));
+}
+
+}  // namespace
