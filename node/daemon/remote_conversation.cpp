@@ -75,7 +75,7 @@ void RemoteConversation::send_attach() {
 
 void RemoteConversation::read_frames(bool to_the_end) {
   reading_ = true;
-  std::vector<engine::Frame> frames;
+  std::vector<engine::Frame> &frames = frames_;
   bool broken = false;  // the TP broke the ring's rules: its stream is broken
   do {
     frames.clear();
@@ -93,6 +93,7 @@ void RemoteConversation::read_frames(bool to_the_end) {
     }
   } while (!broken && tp_write_failed_ && !frames.empty() &&
            reader_.end() == engine::FrameReader::End::kNone);
+  frames.clear();
   reading_ = false;
   if (!broken && reader_.end() == engine::FrameReader::End::kNone && !tp_write_failed_) return;
   tp_stream_ended_ = true;

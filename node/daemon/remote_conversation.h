@@ -85,8 +85,9 @@ class RemoteConversation : public net::lu62::SessionUser {
   AttachHandler on_attach_;
   Finished on_finished_;
   engine::FrameReader reader_;
-  engine::OutputQueue out_;  // frames not yet taken by the TP's end
-  engine::RingIntake ring_;  // large records the TP sends through memory
+  std::vector<engine::Frame> frames_;  // read_frames' batch, kept for its room
+  engine::OutputQueue out_;            // frames not yet taken by the TP's end
+  engine::RingIntake ring_;            // large records the TP sends through memory
   bool tp_stream_ended_ = false;
   bool attach_pending_ = false;   // the attach logic has not answered yet
   bool tp_write_failed_ = false;  // the TP's end refused a write: it has gone

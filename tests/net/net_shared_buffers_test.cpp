@@ -1,6 +1,6 @@
 // Shared buffers: a span stays valid while any share of its buffer is held,
 // and the room of the last share comes back for the next message (a large
-// one does not stay with the pool).
+// one, or a small one, does not stay with the pool).
 #include <gtest/gtest.h>
 
 #include "net/formats/shared_bytes.h"
@@ -33,6 +33,19 @@ TEST(NetSharedBuffers, TheLastShareReturnsTheRoomToThePool) {
   EXPECT_EQ(copy.data(), room);
   share_buffer(Bytes(1024 * 1024)).reset();
   EXPECT_EQ(pooled_buffer().capacity(), 0u);
+
+  // Nor is a small one; a request takes the latest that is large enough,
+  // however recently a smaller one came back.
+  recycle_buffer(Bytes(1024));
+  EXPECT_EQ(pooled_buffer().capacity(), 0u);
+  Bytes large(32 * 1024);
+  const uint8_t *large_room = large.data();
+  recycle_buffer(std::move(large));
+  recycle_buffer(Bytes(8 * 1024));
+  const Bytes fits = pooled_buffer(20000);
+  EXPECT_EQ(fits.data(), large_room);
+  EXPECT_EQ(pooled_buffer().capacity(), 8u * 1024);
+  EXPECT_GE(pooled_buffer(5000).capacity(), 5000u);  // none left: a new one
 }
 
 }  // namespace

@@ -18,8 +18,9 @@ namespace snanode::net {
 
 using SharedBuffer = std::shared_ptr<const Bytes>;
 
-// An empty buffer, with the room of one used before when the pool has one.
-Bytes pooled_buffer();
+// An empty buffer with room for `at_least` bytes: one used before when the
+// pool has one that large among its latest.
+Bytes pooled_buffer(size_t at_least = 0);
 // Returns a buffer's room to the pool (or frees it when the pool is full).
 void recycle_buffer(Bytes &&buffer);
 // A copy of `bytes` in a pooled buffer.

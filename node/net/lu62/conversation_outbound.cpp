@@ -175,7 +175,7 @@ void ConversationTranslator::append_data(const Frame &frame, Output &out) {
   // The chain's bytes leave as the last RU's buffer, which the session gives
   // back to the pool once sent: the next record's come from there rather
   // than from a fresh allocation.
-  if (pending_.capacity() == 0) pending_ = pooled_buffer();
+  if (pending_.capacity() == 0) pending_ = pooled_buffer(frame.payload.size() + 16);
   // Room for the record and its segment headers at once: grown a header at a
   // time, a large record would be copied into ever larger buffers.
   pending_.reserve(pending_.size() + frame.payload.size() + frame.payload.size() / 8192 + 8);

@@ -41,7 +41,7 @@ Session::Session(SessionHost &host, const SessionAddress &address, std::string p
 void Session::transmit(const Fid5Th &th, const Rh &rh, ByteSpan ru) {
   // The host may keep the BIU's buffer until the partner has it, instead of
   // copying it; a buffer it leaves here goes back to the pool.
-  Bytes biu = pooled_buffer();
+  Bytes biu = pooled_buffer(kFid5ThSize + kRhSize + ru.size());
   encode_biu(th, rh, ru, biu);
   host_.transmit_buffer(*this, std::move(biu));
   recycle_buffer(std::move(biu));  // nothing when it was kept
