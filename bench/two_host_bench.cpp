@@ -416,6 +416,11 @@ int main(int argc, char **argv) {
       reps = std::clamp(std::atoi(argv[2]), 1, kMaxReps);
       --argc;
       ++argv;
+    } else if (argc > 1 && argv[1][0] == '-') {
+      std::fprintf(stderr,
+                   "usage: two_host_bench [--hosts-on-cpus] [--reps N] "
+                   "[rounds [megabytes [port_base [snanoded]]]]\n");
+      return 2;
     } else {
       break;
     }
