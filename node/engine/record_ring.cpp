@@ -13,6 +13,7 @@
 #include <cstring>
 #include <utility>
 
+#include "client/message_channel.h"
 #include "engine/byte_pool.h"
 #include "engine/frame.h"
 #include "engine/frame_reader.h"
@@ -93,21 +94,9 @@ ssize_t RingWriter::send_offer(int socket, uint8_t (&frame)[kOfferSize]) const {
   for (int i = 0; i < 4; ++i) {
     frame[kFrameHeaderSize + i] = static_cast<uint8_t>(file_size() >> (24 - 8 * i));
   }
-  iovec piece{frame, kOfferSize};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_iov = &piece;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr *passed = CMSG_FIRSTHDR(&message);
-  passed->cmsg_level = SOL_SOCKET;
-  passed->cmsg_type = SCM_RIGHTS;
-  passed->cmsg_len = CMSG_LEN(sizeof(int));
-  std::memcpy(CMSG_DATA(passed), &fd_, sizeof(int));
   ssize_t n;
   do {
-    n = ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    n = client::send_passing(socket, frame, kOfferSize, fd_, MSG_DONTWAIT);
   } while (n < 0 && errno == EINTR);
   return n;
 }
