@@ -6,14 +6,6 @@
 namespace snanode::engine {
 namespace {
 
-void put_u32(uint8_t *out, uint32_t value) {
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
-}
-
-uint32_t get_u32(const uint8_t *in) {
-  return (uint32_t{in[0]} << 24) | (uint32_t{in[1]} << 16) | (uint32_t{in[2]} << 8) | in[3];
-}
-
 bool known_type(uint8_t type) {
   return type >= static_cast<uint8_t>(FrameType::kData) &&
          type <= static_cast<uint8_t>(FrameType::kRing);

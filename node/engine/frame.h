@@ -72,6 +72,14 @@ struct FrameHeader {
   uint32_t payload_size = 0;
 };
 
+// A big-endian u32, as every length and code on the stream is.
+inline void put_u32(uint8_t *out, uint32_t value) {
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+}
+inline uint32_t get_u32(const uint8_t *in) {
+  return (uint32_t{in[0]} << 24) | (uint32_t{in[1]} << 16) | (uint32_t{in[2]} << 8) | in[3];
+}
+
 // Writes the header of `frame` (or of a frame that `header` describes); its
 // payload follows it on the stream.
 void encode_frame_header(const Frame &frame, uint8_t (&out)[kFrameHeaderSize]);

@@ -29,16 +29,6 @@ std::atomic_ref<uint64_t> released_position(uint8_t *map) {
   return std::atomic_ref<uint64_t>(*reinterpret_cast<uint64_t *>(map));
 }
 
-void put_u64(uint8_t *at, uint64_t value) {
-  for (int i = 7; i >= 0; --i, value >>= 8) at[i] = static_cast<uint8_t>(value);
-}
-
-uint64_t get_u64(const uint8_t *at) {
-  uint64_t value = 0;
-  for (int i = 0; i < 8; ++i) value = value << 8 | at[i];
-  return value;
-}
-
 uint8_t *map_ring(int fd) {
   void *map = ::mmap(nullptr, RingWriter::file_size(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   return map == MAP_FAILED ? nullptr : static_cast<uint8_t *>(map);
@@ -52,15 +42,16 @@ void unmap_ring(int fd, uint8_t *map) {
 }  // namespace
 
 void encode_ring_reference(const RingReference &ref, uint8_t (&out)[kRingReferenceSize]) {
-  put_u64(out, ref.end);
-  for (int i = 0; i < 4; ++i) out[8 + i] = static_cast<uint8_t>(ref.length >> (24 - 8 * i));
+  put_u32(out, static_cast<uint32_t>(ref.end >> 32));
+  put_u32(out + 4, static_cast<uint32_t>(ref.end));
+  put_u32(out + 8, ref.length);
 }
 
 std::optional<RingReference> decode_ring_reference(std::span<const uint8_t> payload) {
   if (payload.size() != kRingReferenceSize) return std::nullopt;
   RingReference ref;
-  ref.end = get_u64(payload.data());
-  for (int i = 0; i < 4; ++i) ref.length = ref.length << 8 | payload[8 + i];
+  ref.end = uint64_t{get_u32(payload.data())} << 32 | get_u32(payload.data() + 4);
+  ref.length = get_u32(payload.data() + 8);
   return ref;
 }
 
@@ -91,9 +82,7 @@ ssize_t RingWriter::send_offer(int socket, uint8_t (&frame)[kOfferSize]) const {
   uint8_t head[kFrameHeaderSize];
   encode_frame_header(FrameHeader{FrameType::kRing, 0, 0, 4}, head);
   std::memcpy(frame, head, kFrameHeaderSize);
-  for (int i = 0; i < 4; ++i) {
-    frame[kFrameHeaderSize + i] = static_cast<uint8_t>(file_size() >> (24 - 8 * i));
-  }
+  put_u32(frame + kFrameHeaderSize, file_size());
   ssize_t n;
   do {
     n = client::send_passing(socket, frame, kOfferSize, fd_, MSG_DONTWAIT);
@@ -162,9 +151,8 @@ bool RingIntake::take(Frame &frame, FrameReader &reader) {
   if (frame.type == FrameType::kRing) {
     client::UniqueFd offered = reader.take_descriptor();
     if (ring_ || !offered.valid() || frame.payload.size() != 4) return false;
-    const uint32_t size = uint32_t{frame.payload[0]} << 24 | uint32_t{frame.payload[1]} << 16 |
-                          uint32_t{frame.payload[2]} << 8 | frame.payload[3];
-    std::optional<RingReader> adopted = RingReader::adopt(offered.release(), size);
+    std::optional<RingReader> adopted =
+        RingReader::adopt(offered.release(), get_u32(frame.payload.data()));
     if (!adopted) return false;
     ring_.emplace(std::move(*adopted));
     return true;

@@ -88,8 +88,9 @@ std::vector<uint8_t> frame_bytes(FrameType type, uint8_t flags, const std::vecto
 }
 
 std::vector<uint8_t> size_field(uint32_t size) {
-  return {static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
-          static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)};
+  std::vector<uint8_t> field(4);
+  put_u32(field.data(), size);
+  return field;
 }
 
 std::vector<uint8_t> reference(uint64_t end, uint32_t length) {
